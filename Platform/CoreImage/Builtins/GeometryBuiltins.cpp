@@ -1,0 +1,3 @@
+#include "CoreImage/Builtins/BuiltinFilter.h"
+
+void registerGeometryBuiltins() {}

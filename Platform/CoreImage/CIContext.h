@@ -1,0 +1,55 @@
+// CIContext: the renderer. Splits a requested rectangle into tiles, propagates regions of
+// interest down the graph, runs tiles on a thread pool, and converts working pixels to the
+// requested format at the edge.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "CoreGraphics/CGGeometry.h"
+#include "CoreImage/CIImage.h"
+
+class CIRenderError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+enum class CIRenderFormat {
+  RGBA8,   // sRGB-encoded (or raw when colour management is off), straight alpha
+  RGBA16,  // as RGBA8, 16 bits per component
+  RGBAf,   // working space, premultiplied, 32-bit float
+};
+
+struct CIContextOptions {
+  bool colorManagement = true;
+  int threads = 0;   // 0: one per core
+  int tileSize = 0;  // 0: chosen per render
+  // Called with the fraction done (0..1), from any thread, at most once per tile; 1 always last.
+  std::function<void(double)> progress;
+};
+
+class CIContext {
+ public:
+  explicit CIContext(CIContextOptions options = {});
+  static std::shared_ptr<CIContext> contextWithOptions(CIContextOptions options = {}) {
+    return std::make_shared<CIContext>(std::move(options));
+  }
+  const CIContextOptions& options() const { return options_; }
+
+  // Renders `bounds` (made integral) of the image into `buffer`, whose row 0 is the top row.
+  // A null `bounds` means the image's extent. Throws CIRenderError for an infinite extent
+  // without bounds, a nil image, or a buffer too small.
+  void render(const CIImage& image, void* buffer, std::ptrdiff_t rowBytes, const CGRect& bounds,
+              CIRenderFormat format) const;
+
+  // Renders to a file through ImageIO in strips; the type comes from the extension (.png,
+  // .jpg/.jpeg, .webp). Throws CIRenderError with a one-line reason on failure.
+  void writeToFile(const CIImage& image, const std::string& path, const CGRect& bounds, double quality = 0.9) const;
+
+ private:
+  CIContextOptions options_;
+};

@@ -1,0 +1,82 @@
+// The node contract of the image graph. A CIImage is a handle to an immutable ImageNode; a node
+// knows its extent, its inputs, which region of each input it needs for a given output region,
+// and how to produce an output region from those input regions. The renderer (CIContext) asks
+// nothing else.
+//
+// Pixel space: pixel (x, y) covers [x, x+1) × [y, y+1) of the image plane, y grows upwards.
+// Tiles hold premultiplied RGBA float in the working space (linear light, sRGB primaries, or
+// the encoded values when colour management is off); row 0 of a tile is its bottom row.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "CoreGraphics/CGGeometry.h"
+#include "CoreImage/CIImage.h"
+#include "Foundation/Object.h"
+
+// An integral, half-open pixel rectangle. Infinite extents are clamped to ±kPixelLimit.
+struct PixelRect {
+  static constexpr std::int64_t kPixelLimit = std::int64_t{1} << 40;
+  std::int64_t x = 0, y = 0, width = 0, height = 0;
+
+  bool empty() const { return width <= 0 || height <= 0; }
+  std::int64_t maxX() const { return x + width; }
+  std::int64_t maxY() const { return y + height; }
+  PixelRect intersection(const PixelRect& o) const;
+  PixelRect unionWith(const PixelRect& o) const;
+  PixelRect outset(std::int64_t dx, std::int64_t dy) const { return {x - dx, y - dy, width + 2 * dx, height + 2 * dy}; }
+  PixelRect offset(std::int64_t dx, std::int64_t dy) const { return {x + dx, y + dy, width, height}; }
+  CGRect cgRect() const { return CGRectMake(double(x), double(y), double(width), double(height)); }
+  // The smallest pixel rectangle that covers r (CGRectIntegral, clamped); empty for null.
+  static PixelRect covering(const CGRect& r);
+  bool operator==(const PixelRect&) const = default;
+};
+
+struct PixelTile {
+  float* pixels = nullptr;    // 4 floats per pixel
+  PixelRect rect;
+  std::ptrdiff_t stride = 0;  // floats per row
+  float* row(std::int64_t y) const { return pixels + (y - rect.y) * stride; }
+  float* at(std::int64_t x, std::int64_t y) const { return row(y) + (x - rect.x) * 4; }
+};
+
+struct ConstPixelTile {
+  const float* pixels = nullptr;
+  PixelRect rect;
+  std::ptrdiff_t stride = 0;
+  const float* row(std::int64_t y) const { return pixels + (y - rect.y) * stride; }
+  const float* at(std::int64_t x, std::int64_t y) const { return row(y) + (x - rect.x) * 4; }
+};
+
+// What a node may need to know about the render it takes part in.
+struct RenderInfo {
+  bool colorManaged = true;  // false: all arithmetic runs on the encoded values
+};
+
+class ImageNode : public Object {
+ public:
+  explicit ImageNode(CGRect extent, std::vector<CIImage> inputs = {})
+      : extent_(extent), inputs_(std::move(inputs)) {}
+
+  const CGRect& extent() const { return extent_; }
+  const std::vector<CIImage>& inputs() const { return inputs_; }
+
+  // The region of input `index` needed to produce `rect` of this node. One-to-one by default.
+  virtual PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const;
+  // Produce out.rect. `out` arrives cleared to transparent. in[i] covers exactly
+  // regionOfInterest(i, out.rect), transparent wherever input i has no pixels.
+  virtual void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const = 0;
+  // A short name for graph dumps ("crop", "transform", "CIGaussianBlur"...).
+  virtual std::string name() const = 0;
+
+  std::string className() const override { return "CIImage"; }
+  std::string description() const override;
+
+ private:
+  CGRect extent_;
+  std::vector<CIImage> inputs_;
+};
