@@ -1,0 +1,4 @@
+// The assertion handler lives with the exceptions it raises.
+#pragma once
+
+#include "Foundation/NSException.h"
