@@ -1,0 +1,425 @@
+// CGImageSource: format detection, header properties, full decodes and bounded thumbnails.
+#include "ImageIO/CGImageSource.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <new>
+#include <sys/stat.h>
+
+#include "ImageIO/ImageIOCodecs.h"
+
+using namespace imageio_detail;
+
+namespace {
+
+std::atomic<std::uint64_t> gMaximumPixelCount{268'435'456};
+thread_local std::string tCreateError;
+
+enum class Format { JPEG, PNG, WebP };
+
+bool detectFormat(const std::vector<std::uint8_t>& b, Format& format) {
+  static const std::uint8_t kPNG[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  if (b.size() >= 3 && b[0] == 0xff && b[1] == 0xd8 && b[2] == 0xff) {
+    format = Format::JPEG;
+    return true;
+  }
+  if (b.size() >= 8 && std::memcmp(b.data(), kPNG, 8) == 0) {
+    format = Format::PNG;
+    return true;
+  }
+  if (b.size() >= 12 && std::memcmp(b.data(), "RIFF", 4) == 0 && std::memcmp(b.data() + 8, "WEBP", 4) == 0) {
+    format = Format::WebP;
+    return true;
+  }
+  return false;
+}
+
+std::string humanSize(std::uint64_t bytes) {
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, "%.1f MiB", static_cast<double>(bytes) / (1024.0 * 1024.0));
+  return buffer;
+}
+
+bool optionBool(const Dictionary& options, const char* key) {
+  auto it = options.find(key);
+  return it != options.end() && it->second.boolValue();
+}
+
+double optionNumber(const Dictionary& options, const char* key) {
+  auto it = options.find(key);
+  return it != options.end() ? it->second.doubleValue() : 0.0;
+}
+
+// Collects a whole image.
+class ImageSink final : public RowSink {
+ public:
+  bool begin(std::size_t width, std::size_t height, int bits) override {
+    image_ = std::make_shared<CGImage>();
+    image_->width = width;
+    image_->height = height;
+    image_->bitsPerComponent = bits;
+    image_->bytesPerRow = width * 4 * static_cast<std::size_t>(bits / 8);
+    try {
+      image_->pixels.resize(image_->bytesPerRow * height);
+    } catch (const std::bad_alloc&) {
+      image_.reset();
+      return false;
+    }
+    return true;
+  }
+  std::uint8_t* rows(std::size_t firstRow, std::size_t, std::size_t& bytesPerRow) override {
+    bytesPerRow = image_->bytesPerRow;
+    return image_->row(firstRow);
+  }
+  bool commit(std::size_t, std::size_t) override { return true; }
+  std::size_t maxStripRows() const override { return 32; }
+  std::shared_ptr<CGImage> take() { return std::move(image_); }
+
+ private:
+  std::shared_ptr<CGImage> image_;
+};
+
+// Hands strips to a consumer, through one reusable strip buffer.
+class StripSink final : public RowSink {
+ public:
+  explicit StripSink(const CGImageSourceStripConsumer& consumer) : consumer_(consumer) {}
+  bool begin(std::size_t width, std::size_t height, int bits) override {
+    width_ = width;
+    height_ = height;
+    bits_ = bits;
+    bytesPerRow_ = width * 4 * static_cast<std::size_t>(bits / 8);
+    return true;
+  }
+  std::uint8_t* rows(std::size_t, std::size_t rowCount, std::size_t& bytesPerRow) override {
+    bytesPerRow = bytesPerRow_;
+    try {
+      if (buffer_.size() < rowCount * bytesPerRow_) buffer_.resize(rowCount * bytesPerRow_);
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+    return buffer_.data();
+  }
+  bool commit(std::size_t firstRow, std::size_t rowCount) override {
+    // A whole-image commit (interlaced PNG, WebP) is passed on in ordinary strips.
+    const std::size_t step = std::max<std::size_t>(rowCount > maxStripRows() ? maxStripRows() : rowCount, 1);
+    for (std::size_t done = 0; done < rowCount; done += step) {
+      CGImageSourceStrip strip;
+      strip.width = width_;
+      strip.height = height_;
+      strip.bitsPerComponent = bits_;
+      strip.firstRow = firstRow + done;
+      strip.rowCount = std::min(step, rowCount - done);
+      strip.bytesPerRow = bytesPerRow_;
+      strip.rows = buffer_.data() + done * bytesPerRow_;
+      if (!consumer_(strip)) return false;
+    }
+    return true;
+  }
+  std::size_t maxStripRows() const override { return 64; }
+
+ private:
+  const CGImageSourceStripConsumer& consumer_;
+  std::size_t width_ = 0, height_ = 0, bytesPerRow_ = 0;
+  int bits_ = 8;
+  std::vector<std::uint8_t> buffer_;
+};
+
+}  // namespace
+
+namespace imageio_detail {
+
+std::uint64_t maximumPixelCount() { return gMaximumPixelCount.load(std::memory_order_relaxed); }
+
+std::string checkPixelLimit(std::size_t width, std::size_t height) {
+  const std::uint64_t limit = maximumPixelCount();
+  const bool over = width != 0 && height > limit / width;  // width * height > limit, without overflow
+  if (!over) return "";
+  return "image of " + std::to_string(width) + "x" + std::to_string(height) +
+         " pixels is over the pixel limit of " + std::to_string(limit);
+}
+
+}  // namespace imageio_detail
+
+class CGImageSource {
+ public:
+  CGImageSource(std::vector<std::uint8_t> bytes, Format format) : bytes_(std::move(bytes)), format_(format) {
+    headerOK_ = readHeader(info_, headerError_);
+  }
+
+  Format format() const { return format_; }
+  bool headerOK() const { return headerOK_; }
+  const HeaderInfo& info() const { return info_; }
+  const std::string& headerError() const { return headerError_; }
+
+  bool decode(const DecodeRequest& request, RowSink& sink, std::string& error) const {
+    const std::uint8_t* d = bytes_.data();
+    const std::size_t n = bytes_.size();
+    switch (format_) {
+      case Format::JPEG: return decodeJPEG(d, n, request, sink, error);
+      case Format::PNG: return decodePNG(d, n, sink, error);
+      case Format::WebP: return decodeWebP(d, n, request, sink, error);
+    }
+    return false;
+  }
+
+  void setError(std::string e) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lastError_ = std::move(e);
+  }
+  std::string lastError() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastError_;
+  }
+
+  std::atomic<int> lastScaleDenominator{0};
+
+ private:
+  bool readHeader(HeaderInfo& info, std::string& error) const {
+    const std::uint8_t* d = bytes_.data();
+    const std::size_t n = bytes_.size();
+    switch (format_) {
+      case Format::JPEG: return readJPEGHeader(d, n, info, error);
+      case Format::PNG: return readPNGHeader(d, n, info, error);
+      case Format::WebP: return readWebPHeader(d, n, info, error);
+    }
+    return false;
+  }
+
+  std::vector<std::uint8_t> bytes_;
+  Format format_;
+  HeaderInfo info_;
+  bool headerOK_ = false;
+  std::string headerError_;
+  mutable std::mutex mutex_;
+  std::string lastError_;
+};
+
+std::uint64_t CGImageSourceGetMaximumPixelCount() { return maximumPixelCount(); }
+void CGImageSourceSetMaximumPixelCount(std::uint64_t count) { gMaximumPixelCount.store(count); }
+
+std::string CGImageSourceGetCreateError() { return tCreateError; }
+
+CGImageSourceRef CGImageSourceCreateWithData(std::vector<std::uint8_t> bytes, const Dictionary&) {
+  tCreateError.clear();
+  if (bytes.size() > kCGImageSourceMaximumFileSize) {
+    tCreateError = "data of " + humanSize(bytes.size()) + " is over the 1 GiB limit";
+    return nullptr;
+  }
+  Format format;
+  if (!detectFormat(bytes, format)) {
+    tCreateError = bytes.empty() ? "file is empty" : "not a JPEG, PNG or WebP image";
+    return nullptr;
+  }
+  return std::make_shared<CGImageSource>(std::move(bytes), format);
+}
+
+CGImageSourceRef CGImageSourceCreateWithURL(const std::string& pathOrFileURL, const Dictionary& options) {
+  tCreateError.clear();
+  std::string path = pathOrFileURL;
+  if (path.rfind("file://", 0) == 0) {
+    path = path.substr(7);
+    // Percent-escapes of a file URL.
+    std::string decoded;
+    for (std::size_t i = 0; i < path.size(); ++i) {
+      if (path[i] == '%' && i + 2 < path.size() && std::isxdigit(static_cast<unsigned char>(path[i + 1])) &&
+          std::isxdigit(static_cast<unsigned char>(path[i + 2]))) {
+        decoded.push_back(static_cast<char>(std::stoi(path.substr(i + 1, 2), nullptr, 16)));
+        i += 2;
+      } else {
+        decoded.push_back(path[i]);
+      }
+    }
+    path = decoded;
+  }
+  struct stat st {};
+  if (path.empty() || ::stat(path.c_str(), &st) != 0) {
+    tCreateError = "no such file: " + path;
+    return nullptr;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    tCreateError = "not a regular file: " + path;
+    return nullptr;
+  }
+  if (static_cast<std::uint64_t>(st.st_size) > kCGImageSourceMaximumFileSize) {
+    tCreateError = "file of " + humanSize(static_cast<std::uint64_t>(st.st_size)) + " is over the 1 GiB limit: " + path;
+    return nullptr;
+  }
+  std::vector<std::uint8_t> bytes;
+  {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) {
+      tCreateError = "cannot read file: " + path;
+      return nullptr;
+    }
+    try {
+      bytes.resize(static_cast<std::size_t>(st.st_size));
+    } catch (const std::bad_alloc&) {
+      std::fclose(f);
+      tCreateError = "out of memory reading " + path;
+      return nullptr;
+    }
+    const std::size_t got = bytes.empty() ? 0 : std::fread(bytes.data(), 1, bytes.size(), f);
+    std::fclose(f);
+    if (got != bytes.size()) {
+      tCreateError = "cannot read file: " + path;
+      return nullptr;
+    }
+  }
+  auto source = CGImageSourceCreateWithData(std::move(bytes), options);
+  if (!source) tCreateError = tCreateError + ": " + path;
+  return source;
+}
+
+std::size_t CGImageSourceGetCount(const CGImageSourceRef& source) {
+  return source && source->headerOK() ? 1 : 0;
+}
+
+std::string CGImageSourceGetType(const CGImageSourceRef& source) {
+  if (!source) return "";
+  switch (source->format()) {
+    case Format::JPEG: return kUTTypeJPEG;
+    case Format::PNG: return kUTTypePNG;
+    case Format::WebP: return kUTTypeWebP;
+  }
+  return "";
+}
+
+std::string CGImageSourceGetLastError(const CGImageSourceRef& source) {
+  if (!source) return CGImageSourceGetCreateError();
+  return source->lastError();
+}
+
+namespace {
+
+bool checkIndex(const CGImageSourceRef& source, std::size_t index) {
+  if (!source) return false;
+  if (!source->headerOK()) {
+    source->setError(source->headerError());
+    return false;
+  }
+  if (index != 0) {
+    source->setError("no image at index " + std::to_string(index));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+Dictionary CGImageSourceCopyPropertiesAtIndex(const CGImageSourceRef& source, std::size_t index,
+                                              const Dictionary& options) {
+  Dictionary p;
+  if (!checkIndex(source, index)) return p;
+  const HeaderInfo& info = source->info();
+  p[kCGImagePropertyPixelWidth] = Value::integer(static_cast<std::int64_t>(info.width));
+  p[kCGImagePropertyPixelHeight] = Value::integer(static_cast<std::int64_t>(info.height));
+  p[kCGImagePropertyOrientation] = Value::integer(info.orientation);
+  p[kCGImagePropertyColorModel] = Value(info.colorModel);
+  p[kCGImagePropertyHasAlpha] = Value::boolean(info.hasAlpha);
+  p[kCGImagePropertyDepth] = Value::integer(info.depth);
+  p[kCGImagePropertyIsIndexed] = Value::boolean(info.isIndexed);
+  p[kCGImagePropertyIsProgressive] = Value::boolean(info.isProgressive);
+  p[kCGImagePropertyHasICCProfile] = Value::boolean(info.hasICCProfile);
+  if (!info.profileName.empty()) p[kCGImagePropertyProfileName] = Value(info.profileName);
+  p[kCGImagePropertyFileType] = Value(CGImageSourceGetType(source));
+  if (options.count(kQVDecodeScaleDenominator))
+    p[kQVDecodeScaleDenominator] = Value::integer(source->lastScaleDenominator.load());
+  return p;
+}
+
+namespace {
+
+CGImageRef decodeWhole(const CGImageSourceRef& source, const DecodeRequest& request) {
+  ImageSink sink;
+  std::string error;
+  if (!source->decode(request, sink, error)) {
+    source->setError(error == "stopped" ? "out of memory" : error);
+    return nullptr;
+  }
+  auto image = sink.take();
+  if (!image) {
+    source->setError("out of memory");
+    return nullptr;
+  }
+  const HeaderInfo& info = source->info();
+  image->hasAlpha = info.hasAlpha;
+  image->colorModel = info.colorModel == "Gray" ? "Gray" : "RGB";
+  source->setError("");
+  return image;
+}
+
+}  // namespace
+
+CGImageRef CGImageSourceCreateImageAtIndex(const CGImageSourceRef& source, std::size_t index, const Dictionary&) {
+  if (!checkIndex(source, index)) return nullptr;
+  return decodeWhole(source, DecodeRequest{});
+}
+
+CGImageRef CGImageSourceCreateThumbnailAtIndex(const CGImageSourceRef& source, std::size_t index,
+                                               const Dictionary& options) {
+  if (!checkIndex(source, index)) return nullptr;
+  const HeaderInfo& info = source->info();
+  const double requested = optionNumber(options, kCGImageSourceThumbnailMaxPixelSize);
+  const std::size_t larger = std::max(info.width, info.height);
+  // The thumbnail's size in the file's own orientation: the larger side becomes the requested
+  // size (never more than the image), the other keeps the aspect ratio.
+  std::size_t targetWidth = info.width, targetHeight = info.height;
+  if (std::isfinite(requested) && requested >= 1 && requested < static_cast<double>(larger)) {
+    const double maxSide = std::floor(requested);
+    const double scale = maxSide / static_cast<double>(larger);
+    auto side = [&](std::size_t s) {
+      if (s == larger) return static_cast<std::size_t>(maxSide);
+      return std::max<std::size_t>(1, static_cast<std::size_t>(std::lround(static_cast<double>(s) * scale)));
+    };
+    targetWidth = side(info.width);
+    targetHeight = side(info.height);
+    if (info.width == info.height) targetWidth = targetHeight = static_cast<std::size_t>(maxSide);
+  }
+  DecodeRequest request;
+  if (source->format() == Format::JPEG) {
+    // The largest SIMD-accelerated DCT reduction that keeps the decoded larger side at least
+    // the requested size; the rest is left to the resampler.
+    const std::size_t wanted = std::max(targetWidth, targetHeight);
+    for (int d : {8, 4, 2}) {
+      if ((larger + static_cast<std::size_t>(d) - 1) / static_cast<std::size_t>(d) >= wanted) {
+        request.scaleDenominator = d;
+        break;
+      }
+    }
+  } else if (source->format() == Format::WebP) {
+    request.targetWidth = targetWidth;
+    request.targetHeight = targetHeight;
+  }
+  source->lastScaleDenominator.store(request.scaleDenominator);
+  CGImageRef image = decodeWhole(source, request);
+  if (!image) return nullptr;
+  if (image->width != targetWidth || image->height != targetHeight) {
+    image = CGImageCreateScaled(image, targetWidth, targetHeight);
+    if (!image) {
+      source->setError("out of memory");
+      return nullptr;
+    }
+  }
+  if (optionBool(options, kCGImageSourceCreateThumbnailWithTransform) && info.orientation != 1)
+    image = CGImageCreateByApplyingOrientation(image, info.orientation);
+  return image;
+}
+
+bool CGImageSourceDecodeStripsAtIndex(const CGImageSourceRef& source, std::size_t index,
+                                      const CGImageSourceStripConsumer& consumer) {
+  if (!checkIndex(source, index)) return false;
+  StripSink sink(consumer);
+  std::string error;
+  if (!source->decode(DecodeRequest{}, sink, error)) {
+    source->setError(error);
+    return false;
+  }
+  source->setError("");
+  return true;
+}

@@ -1,0 +1,64 @@
+// The decoders behind CGImageSource: one per format, each answering the header and decoding
+// rows into a RowSink. Private to ImageIO.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace imageio_detail {
+
+struct HeaderInfo {
+  std::size_t width = 0, height = 0;
+  int depth = 8;                   // bits per component in the file
+  int outputBits = 8;              // bits per component of decoded rows (8 or 16)
+  std::string colorModel = "RGB";  // "RGB", "Gray" or "CMYK"
+  bool hasAlpha = false;
+  bool isIndexed = false;
+  bool isProgressive = false;
+  bool isAnimated = false;
+  int orientation = 1;
+  bool hasICCProfile = false;
+  std::string profileName;  // "" when none
+};
+
+// Where a decoder puts its rows. begin() is called once with the decoded size; then for each
+// strip the decoder asks for a buffer, fills it and commits it. A false return stops decoding.
+class RowSink {
+ public:
+  virtual ~RowSink() = default;
+  virtual bool begin(std::size_t width, std::size_t height, int bitsPerComponent) = 0;
+  // A buffer for rows [firstRow, firstRow + rowCount), rowCount <= maxStripRows() unless the
+  // decoder needs the whole image at once (interlaced PNG), bytesPerRow apart.
+  virtual std::uint8_t* rows(std::size_t firstRow, std::size_t rowCount, std::size_t& bytesPerRow) = 0;
+  virtual bool commit(std::size_t firstRow, std::size_t rowCount) = 0;
+  virtual std::size_t maxStripRows() const { return 16; }
+};
+
+struct DecodeRequest {
+  int scaleDenominator = 1;                        // JPEG: 1, 2, 4 or 8
+  std::size_t targetWidth = 0, targetHeight = 0;  // WebP: scaled decode when non-zero
+};
+
+// Each returns false with a one-line reason in `error`.
+bool readJPEGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error);
+bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
+                std::string& error);
+bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error);
+bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error);
+bool readWebPHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error);
+bool decodeWebP(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
+                std::string& error);
+
+// Helpers shared by the decoders.
+std::uint64_t maximumPixelCount();
+// "" when width * height is within the limit, else the reason.
+std::string checkPixelLimit(std::size_t width, std::size_t height);
+// Orientation (1-8) from EXIF data, which may start with "Exif\0\0" or directly with the TIFF
+// header; 1 when absent or unreadable.
+int exifOrientation(const std::uint8_t* data, std::size_t size);
+// The description of an ICC profile, "" when it cannot be read.
+std::string iccProfileDescription(const std::uint8_t* data, std::size_t size);
+
+}  // namespace imageio_detail

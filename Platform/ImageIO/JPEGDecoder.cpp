@@ -1,0 +1,252 @@
+// JPEG decoding through libjpeg-turbo: header properties, full and DCT-scaled decodes.
+//
+// Errors never leave libjpeg through exit(): the error manager keeps the message and jumps
+// back with longjmp. Only trivially destructible locals live between setjmp and any libjpeg
+// call, as longjmp does not run destructors. Warnings that mean the data is damaged (premature
+// end, bad Huffman codes, unexpected markers) are treated as errors, so a truncated file is
+// refused instead of being decoded with a grey bottom.
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <jpeglib.h>
+#include <jerror.h>
+
+#include "ImageIO/ImageIOCodecs.h"
+
+namespace imageio_detail {
+
+namespace {
+
+// A progressive file may hold many scans; a scan bomb holds thousands of tiny ones.
+constexpr int kMaximumScans = 500;
+
+struct ErrorManager {
+  jpeg_error_mgr pub;
+  std::jmp_buf jump;
+  char message[JMSG_LENGTH_MAX + 64];
+  jpeg_progress_mgr progress;
+};
+
+[[noreturn]] void failWith(j_common_ptr cinfo) {
+  auto* err = reinterpret_cast<ErrorManager*>(cinfo->err);
+  char buffer[JMSG_LENGTH_MAX];
+  (*cinfo->err->format_message)(cinfo, buffer);
+  std::snprintf(err->message, sizeof err->message, "%s", buffer);
+  std::longjmp(err->jump, 1);
+}
+
+void errorExit(j_common_ptr cinfo) { failWith(cinfo); }
+
+void emitMessage(j_common_ptr cinfo, int level) {
+  if (level != -1) return;  // trace messages
+  switch (cinfo->err->msg_code) {
+    case JWRN_JPEG_EOF:
+    case JWRN_HIT_MARKER:
+    case JWRN_HUFF_BAD_CODE:
+    case JWRN_MUST_RESYNC:
+    case JWRN_NOT_SEQUENTIAL:
+      failWith(cinfo);
+    default:
+      cinfo->err->num_warnings++;  // harmless (extraneous bytes, odd Adobe transform...)
+  }
+}
+
+void outputMessage(j_common_ptr) {}
+
+void progressMonitor(j_common_ptr cinfo) {
+  if (!cinfo->is_decompressor) return;
+  auto* d = reinterpret_cast<j_decompress_ptr>(cinfo);
+  if (d->input_scan_number > kMaximumScans) {
+    auto* err = reinterpret_cast<ErrorManager*>(cinfo->err);
+    std::snprintf(err->message, sizeof err->message, "progressive JPEG has more than %d scans", kMaximumScans);
+    std::longjmp(err->jump, 1);
+  }
+}
+
+// Owns the decompressor so that every path, including a jump back from libjpeg, destroys it.
+struct Decompressor {
+  jpeg_decompress_struct cinfo;
+  ErrorManager err;
+  bool created = false;
+  Decompressor() {
+    std::memset(&cinfo, 0, sizeof cinfo);
+    std::memset(&err, 0, sizeof err);
+  }
+  ~Decompressor() {
+    if (created) jpeg_destroy_decompress(&cinfo);
+  }
+  Decompressor(const Decompressor&) = delete;
+  Decompressor& operator=(const Decompressor&) = delete;
+};
+
+// Sets up the error manager, the memory source and the markers to keep. Must be called after
+// setjmp(d.err.jump).
+void openDecompressor(Decompressor& d, const std::uint8_t* data, std::size_t size) {
+  d.cinfo.err = jpeg_std_error(&d.err.pub);
+  d.err.pub.error_exit = errorExit;
+  d.err.pub.emit_message = emitMessage;
+  d.err.pub.output_message = outputMessage;
+  jpeg_create_decompress(&d.cinfo);
+  d.created = true;
+  d.err.progress.progress_monitor = progressMonitor;
+  d.cinfo.progress = &d.err.progress;
+  // Coefficient buffers of progressive files are the only large allocations inside libjpeg;
+  // with no backing store, going over this budget is an error rather than a swap storm.
+  const std::uint64_t budget = maximumPixelCount() * 8 + (std::uint64_t{64} << 20);
+  d.cinfo.mem->max_memory_to_use = static_cast<long>(budget > 0x7fffffffffffULL ? 0x7fffffffffffULL : budget);
+  jpeg_mem_src(&d.cinfo, data, static_cast<unsigned long>(size));
+  jpeg_save_markers(&d.cinfo, JPEG_APP0 + 1, 0xffff);
+  jpeg_save_markers(&d.cinfo, JPEG_APP0 + 2, 0xffff);
+}
+
+void fillHeaderInfo(Decompressor& d, HeaderInfo& info) {
+  jpeg_decompress_struct& c = d.cinfo;
+  info.width = c.image_width;
+  info.height = c.image_height;
+  info.depth = c.data_precision;
+  info.outputBits = 8;
+  info.hasAlpha = false;
+  info.isProgressive = c.progressive_mode != 0;
+  switch (c.jpeg_color_space) {
+    case JCS_GRAYSCALE: info.colorModel = "Gray"; break;
+    case JCS_CMYK:
+    case JCS_YCCK: info.colorModel = "CMYK"; break;
+    default: info.colorModel = "RGB"; break;
+  }
+  for (jpeg_saved_marker_ptr m = c.marker_list; m; m = m->next) {
+    if (m->marker == JPEG_APP0 + 1 && m->data_length >= 6 && std::memcmp(m->data, "Exif\0\0", 6) == 0) {
+      info.orientation = exifOrientation(m->data, m->data_length);
+      break;
+    }
+  }
+  JOCTET* icc = nullptr;
+  unsigned int iccLength = 0;
+  if (jpeg_read_icc_profile(&c, &icc, &iccLength) && icc) {
+    info.hasICCProfile = true;
+    info.profileName = iccProfileDescription(icc, iccLength);
+    if (info.profileName.empty()) info.profileName = "Embedded ICC profile";
+    std::free(icc);
+  }
+}
+
+// Adobe files store CMYK inverted; both kinds become RGB with the naive K-multiplied formula.
+void cmykRowsToRGBA(std::uint8_t* row, std::size_t width, bool inverted) {
+  for (std::size_t x = 0; x < width; ++x) {
+    std::uint8_t* p = row + 4 * x;
+    unsigned c = p[0], m = p[1], y = p[2], k = p[3];
+    if (!inverted) {
+      c = 255 - c;
+      m = 255 - m;
+      y = 255 - y;
+      k = 255 - k;
+    }
+    p[0] = static_cast<std::uint8_t>((c * k + 127) / 255);
+    p[1] = static_cast<std::uint8_t>((m * k + 127) / 255);
+    p[2] = static_cast<std::uint8_t>((y * k + 127) / 255);
+    p[3] = 255;
+  }
+}
+
+}  // namespace
+
+bool readJPEGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
+  Decompressor d;
+  if (setjmp(d.err.jump)) {
+    error = std::string("corrupt JPEG: ") + d.err.message;
+    return false;
+  }
+  openDecompressor(d, data, size);
+  jpeg_read_header(&d.cinfo, TRUE);
+  fillHeaderInfo(d, info);
+  if (info.width == 0 || info.height == 0) {
+    error = "corrupt JPEG: zero image size";
+    return false;
+  }
+  error = checkPixelLimit(info.width, info.height);
+  return error.empty();
+}
+
+bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
+                std::string& error) {
+  Decompressor d;
+  // Written between setjmp and a possible longjmp, read after it: volatile.
+  volatile bool sinkStopped = false;
+  if (setjmp(d.err.jump)) {
+    error = std::string("corrupt JPEG: ") + d.err.message;
+    return false;
+  }
+  openDecompressor(d, data, size);
+  jpeg_read_header(&d.cinfo, TRUE);
+  jpeg_decompress_struct& c = d.cinfo;
+  if (c.image_width == 0 || c.image_height == 0) {
+    error = "corrupt JPEG: zero image size";
+    return false;
+  }
+  {
+    const std::string limit = checkPixelLimit(c.image_width, c.image_height);
+    if (!limit.empty()) {
+      error = limit;
+      return false;
+    }
+  }
+  const bool cmyk = c.jpeg_color_space == JCS_CMYK || c.jpeg_color_space == JCS_YCCK;
+  const bool inverted = cmyk && c.saw_Adobe_marker;
+  c.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
+  const int denom = request.scaleDenominator;
+  c.scale_num = 1;
+  c.scale_denom = (denom == 2 || denom == 4 || denom == 8) ? static_cast<unsigned>(denom) : 1;
+  jpeg_start_decompress(&c);
+  if (c.output_components != 4) {
+    error = "unsupported JPEG colour space";
+    return false;
+  }
+  const std::size_t width = c.output_width, height = c.output_height;
+  if (!sink.begin(width, height, 8)) {
+    error = "stopped";
+    return false;
+  }
+  const std::size_t strip = sink.maxStripRows() < 1 ? 1 : sink.maxStripRows();
+  JSAMPROW rowPointers[64];
+  while (c.output_scanline < height) {
+    const std::size_t first = c.output_scanline;
+    std::size_t count = height - first;
+    if (count > strip) count = strip;
+    if (count > 64) count = 64;
+    std::size_t bytesPerRow = 0;
+    std::uint8_t* rows = sink.rows(first, count, bytesPerRow);
+    if (!rows) {
+      sinkStopped = true;
+      break;
+    }
+    for (std::size_t i = 0; i < count; ++i) rowPointers[i] = rows + i * bytesPerRow;
+    std::size_t done = 0;
+    while (done < count) {
+      const JDIMENSION got = jpeg_read_scanlines(&c, rowPointers + done, static_cast<JDIMENSION>(count - done));
+      if (got == 0) break;
+      done += got;
+    }
+    if (done == 0) {
+      error = "corrupt JPEG: no rows decoded";
+      return false;
+    }
+    if (cmyk)
+      for (std::size_t i = 0; i < done; ++i) cmykRowsToRGBA(rows + i * bytesPerRow, width, inverted);
+    if (!sink.commit(first, done)) {
+      sinkStopped = true;
+      break;
+    }
+  }
+  if (sinkStopped) {
+    jpeg_abort_decompress(&c);
+    error = "stopped";
+    return false;
+  }
+  jpeg_finish_decompress(&c);
+  return true;
+}
+
+}  // namespace imageio_detail

@@ -1,0 +1,205 @@
+// PNG decoding through libpng: 1-16 bit grey, grey+alpha, RGB, RGBA and palette images, tRNS,
+// interlaced files. Rows come out as RGBA at 8 bits, or 16 bits (native-endian) for 16-bit
+// files.
+//
+// libpng reports errors through a callback that keeps the message and jumps back with
+// longjmp; only trivially destructible locals live between setjmp and libpng calls.
+#include <csetjmp>
+#include <cstdio>
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include <png.h>
+
+#include "ImageIO/ImageIOCodecs.h"
+
+namespace imageio_detail {
+
+namespace {
+
+// Ancillary chunks (text, profiles) larger than this are refused instead of allocated.
+constexpr png_alloc_size_t kMaximumChunkBytes = 32u << 20;
+
+struct Reader {
+  const std::uint8_t* data = nullptr;
+  std::size_t size = 0, offset = 0;
+  char message[256] = {0};
+};
+
+void readData(png_structp png, png_bytep out, png_size_t length) {
+  auto* r = static_cast<Reader*>(png_get_io_ptr(png));
+  if (length > r->size - r->offset) png_error(png, "file is truncated");
+  std::memcpy(out, r->data + r->offset, length);
+  r->offset += length;
+}
+
+void errorFn(png_structp png, png_const_charp message) {
+  auto* r = static_cast<Reader*>(png_get_error_ptr(png));
+  std::snprintf(r->message, sizeof r->message, "%s", message ? message : "unknown error");
+  png_longjmp(png, 1);
+}
+
+void warningFn(png_structp, png_const_charp) {}
+
+struct ReadStruct {
+  png_structp png = nullptr;
+  png_infop info = nullptr;
+  Reader reader;
+  ~ReadStruct() {
+    if (png) png_destroy_read_struct(&png, info ? &info : nullptr, nullptr);
+  }
+};
+
+// Creates the read structures; false when out of memory.
+bool open(ReadStruct& s, const std::uint8_t* data, std::size_t size) {
+  s.reader.data = data;
+  s.reader.size = size;
+  s.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &s.reader, errorFn, warningFn);
+  if (!s.png) return false;
+  s.info = png_create_info_struct(s.png);
+  if (!s.info) return false;
+  png_set_read_fn(s.png, &s.reader, readData);
+  // Our own pixel limit is checked from IHDR; libpng's default of 1,000,000 per side would
+  // refuse legitimate long strips first.
+  png_set_user_limits(s.png, 0x7fffffff, 0x7fffffff);
+  png_set_chunk_malloc_max(s.png, kMaximumChunkBytes);
+  png_set_chunk_cache_max(s.png, 1000);
+  return true;
+}
+
+void fillHeaderInfo(ReadStruct& s, HeaderInfo& info) {
+  png_uint_32 w = 0, h = 0;
+  int bitDepth = 0, colorType = 0, interlace = 0;
+  png_get_IHDR(s.png, s.info, &w, &h, &bitDepth, &colorType, &interlace, nullptr, nullptr);
+  info.width = w;
+  info.height = h;
+  info.depth = bitDepth;
+  info.outputBits = bitDepth == 16 ? 16 : 8;
+  info.isIndexed = colorType == PNG_COLOR_TYPE_PALETTE;
+  info.isProgressive = interlace != PNG_INTERLACE_NONE;
+  info.colorModel = (colorType & PNG_COLOR_MASK_COLOR) ? "RGB" : "Gray";
+  info.hasAlpha = (colorType & PNG_COLOR_MASK_ALPHA) || png_get_valid(s.png, s.info, PNG_INFO_tRNS);
+  png_charp name = nullptr;
+  int compression = 0;
+  png_bytep profile = nullptr;
+  png_uint_32 profileLength = 0;
+  if (png_get_iCCP(s.png, s.info, &name, &compression, &profile, &profileLength) && profile) {
+    info.hasICCProfile = true;
+    info.profileName = iccProfileDescription(profile, profileLength);
+    if (info.profileName.empty() && name && *name) info.profileName = name;
+    if (info.profileName.empty()) info.profileName = "Embedded ICC profile";
+  } else if (png_get_valid(s.png, s.info, PNG_INFO_sRGB)) {
+    info.profileName = "sRGB IEC61966-2.1";
+  }
+#ifdef PNG_eXIf_SUPPORTED
+  png_uint_32 exifLength = 0;
+  png_bytep exif = nullptr;
+  if (png_get_eXIf_1(s.png, s.info, &exifLength, &exif) && exif && exifLength > 0)
+    info.orientation = exifOrientation(exif, exifLength);
+#endif
+}
+
+}  // namespace
+
+bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
+  ReadStruct s;
+  if (!open(s, data, size)) {
+    error = "out of memory";
+    return false;
+  }
+  if (setjmp(png_jmpbuf(s.png))) {
+    error = std::string("corrupt PNG: ") + s.reader.message;
+    return false;
+  }
+  png_read_info(s.png, s.info);
+  fillHeaderInfo(s, info);
+  error = checkPixelLimit(info.width, info.height);
+  return error.empty();
+}
+
+bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error) {
+  ReadStruct s;
+  if (!open(s, data, size)) {
+    error = "out of memory";
+    return false;
+  }
+  volatile bool stopped = false;
+  if (setjmp(png_jmpbuf(s.png))) {
+    error = std::string("corrupt PNG: ") + s.reader.message;
+    return false;
+  }
+  png_read_info(s.png, s.info);
+  png_uint_32 w = 0, h = 0;
+  int bitDepth = 0, colorType = 0, interlace = 0;
+  png_get_IHDR(s.png, s.info, &w, &h, &bitDepth, &colorType, &interlace, nullptr, nullptr);
+  {
+    const std::string limit = checkPixelLimit(w, h);
+    if (!limit.empty()) {
+      error = limit;
+      return false;
+    }
+  }
+  const bool sixteen = bitDepth == 16;
+  // Palette to RGB, grey below 8 bits to 8, tRNS to an alpha channel.
+  png_set_expand(s.png);
+  if (!(colorType & PNG_COLOR_MASK_COLOR)) png_set_gray_to_rgb(s.png);
+  if (!(colorType & PNG_COLOR_MASK_ALPHA) && !png_get_valid(s.png, s.info, PNG_INFO_tRNS))
+    png_set_add_alpha(s.png, sixteen ? 0xffff : 0xff, PNG_FILLER_AFTER);
+  if (sixteen) {
+    const std::uint16_t probe = 1;
+    std::uint8_t first = 0;
+    std::memcpy(&first, &probe, 1);
+    if (first == 1) png_set_swap(s.png);  // PNG stores big-endian samples
+  }
+  const int passes = png_set_interlace_handling(s.png);
+  png_read_update_info(s.png, s.info);
+  const std::size_t bytesPerPixel = sixteen ? 8 : 4;
+  if (png_get_rowbytes(s.png, s.info) != std::size_t{w} * bytesPerPixel) {
+    error = "unsupported PNG layout";
+    return false;
+  }
+  if (!sink.begin(w, h, sixteen ? 16 : 8)) {
+    error = "stopped";
+    return false;
+  }
+  if (passes > 1) {
+    // Interlaced: every pass touches every row, so the whole image is needed at once.
+    std::size_t bytesPerRow = 0;
+    std::uint8_t* rows = sink.rows(0, h, bytesPerRow);
+    if (!rows) {
+      error = "stopped";
+      return false;
+    }
+    for (int pass = 0; pass < passes; ++pass)
+      for (png_uint_32 y = 0; y < h; ++y) png_read_row(s.png, rows + y * bytesPerRow, nullptr);
+    if (!sink.commit(0, h)) {
+      error = "stopped";
+      return false;
+    }
+  } else {
+    const std::size_t strip = sink.maxStripRows() < 1 ? 1 : sink.maxStripRows();
+    for (std::size_t first = 0; first < h; first += strip) {
+      const std::size_t count = std::min<std::size_t>(strip, h - first);
+      std::size_t bytesPerRow = 0;
+      std::uint8_t* rows = sink.rows(first, count, bytesPerRow);
+      if (!rows) {
+        stopped = true;
+        break;
+      }
+      for (std::size_t i = 0; i < count; ++i) png_read_row(s.png, rows + i * bytesPerRow, nullptr);
+      if (!sink.commit(first, count)) {
+        stopped = true;
+        break;
+      }
+    }
+  }
+  if (stopped) {
+    error = "stopped";
+    return false;
+  }
+  // The end chunks are not needed and a damaged trailer must not refuse good pixels.
+  return true;
+}
+
+}  // namespace imageio_detail

@@ -1,0 +1,130 @@
+// WebP decoding through libwebp: WebPGetFeatures for the header, RGBA decode, and libwebp's own
+// scaled decode for thumbnails. EXIF and ICCP chunks of extended files are found by walking
+// the RIFF container.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <webp/decode.h>
+
+#include "ImageIO/ImageIOCodecs.h"
+
+namespace imageio_detail {
+
+namespace {
+
+std::uint32_t le32(const std::uint8_t* p) {
+  return std::uint32_t{p[0]} | (std::uint32_t{p[1]} << 8) | (std::uint32_t{p[2]} << 16) | (std::uint32_t{p[3]} << 24);
+}
+
+const char* statusText(VP8StatusCode status) {
+  switch (status) {
+    case VP8_STATUS_OUT_OF_MEMORY: return "out of memory";
+    case VP8_STATUS_INVALID_PARAM: return "invalid parameter";
+    case VP8_STATUS_BITSTREAM_ERROR: return "bitstream error";
+    case VP8_STATUS_UNSUPPORTED_FEATURE: return "unsupported feature";
+    case VP8_STATUS_SUSPENDED: return "suspended";
+    case VP8_STATUS_USER_ABORT: return "aborted";
+    case VP8_STATUS_NOT_ENOUGH_DATA: return "file is truncated";
+    default: return "error";
+  }
+}
+
+// Walks the chunks after the "RIFF....WEBP" header of an extended file.
+void readChunks(const std::uint8_t* data, std::size_t size, HeaderInfo& info) {
+  if (size < 12) return;
+  std::size_t offset = 12;
+  while (offset + 8 <= size) {
+    const std::uint8_t* chunk = data + offset;
+    const std::size_t length = le32(chunk + 4);
+    if (length > size - offset - 8) return;
+    const std::uint8_t* payload = chunk + 8;
+    if (std::memcmp(chunk, "ICCP", 4) == 0) {
+      info.hasICCProfile = true;
+      info.profileName = iccProfileDescription(payload, length);
+      if (info.profileName.empty()) info.profileName = "Embedded ICC profile";
+    } else if (std::memcmp(chunk, "EXIF", 4) == 0) {
+      info.orientation = exifOrientation(payload, length);
+    }
+    offset += 8 + length + (length & 1);
+  }
+}
+
+}  // namespace
+
+bool readWebPHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
+  WebPBitstreamFeatures features;
+  const VP8StatusCode status = WebPGetFeatures(data, size, &features);
+  if (status != VP8_STATUS_OK) {
+    error = std::string("corrupt WebP: ") + statusText(status);
+    return false;
+  }
+  info.width = static_cast<std::size_t>(features.width);
+  info.height = static_cast<std::size_t>(features.height);
+  info.depth = 8;
+  info.outputBits = 8;
+  info.colorModel = "RGB";
+  info.hasAlpha = features.has_alpha != 0;
+  info.isAnimated = features.has_animation != 0;
+  readChunks(data, size, info);
+  if (info.width == 0 || info.height == 0) {
+    error = "corrupt WebP: zero image size";
+    return false;
+  }
+  error = checkPixelLimit(info.width, info.height);
+  return error.empty();
+}
+
+bool decodeWebP(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
+                std::string& error) {
+  HeaderInfo info;
+  if (!readWebPHeader(data, size, info, error)) return false;
+  if (info.isAnimated) {
+    error = "animated WebP images are not supported";
+    return false;
+  }
+  WebPDecoderConfig config;
+  if (!WebPInitDecoderConfig(&config)) {
+    error = "libwebp version mismatch";
+    return false;
+  }
+  std::size_t width = info.width, height = info.height;
+  if (request.targetWidth > 0 && request.targetHeight > 0 &&
+      (request.targetWidth != width || request.targetHeight != height)) {
+    config.options.use_scaling = 1;
+    config.options.scaled_width = static_cast<int>(request.targetWidth);
+    config.options.scaled_height = static_cast<int>(request.targetHeight);
+    width = request.targetWidth;
+    height = request.targetHeight;
+  }
+  if (!sink.begin(width, height, 8)) {
+    error = "stopped";
+    return false;
+  }
+  // libwebp decodes the whole picture in one call: into the sink's buffer when it can hold it
+  // all, as the whole-image sink does.
+  std::size_t bytesPerRow = 0;
+  std::uint8_t* rows = sink.rows(0, height, bytesPerRow);
+  if (!rows) {
+    error = "stopped";
+    return false;
+  }
+  config.output.colorspace = MODE_RGBA;
+  config.output.is_external_memory = 1;
+  config.output.u.RGBA.rgba = rows;
+  config.output.u.RGBA.stride = static_cast<int>(bytesPerRow);
+  config.output.u.RGBA.size = bytesPerRow * height;
+  const VP8StatusCode status = WebPDecode(data, size, &config);
+  WebPFreeDecBuffer(&config.output);
+  if (status != VP8_STATUS_OK) {
+    error = std::string("corrupt WebP: ") + statusText(status);
+    return false;
+  }
+  if (!sink.commit(0, height)) {
+    error = "stopped";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace imageio_detail
