@@ -1,0 +1,547 @@
+#include "CoreImage/Builtins/BlurKernels.h"
+
+#include "CoreImage/Builtins/BlurNode.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+// The hot loops are compiled twice on x86-64, for AVX2 and for the baseline, and the loader
+// picks one per process; every tile of a render therefore runs the same code.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__)
+#define QV_BLUR_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define QV_BLUR_CLONES
+#endif
+
+namespace qv::blur {
+namespace {
+
+constexpr float kInvQuantum = 4194304.0f;  // 1 / kGridQuantum
+
+// Rounds a value onto the summation grid (towards zero): clamp, scale, truncate, scale back.
+// Floats of magnitude >= 2 are already on the grid, so the result is exact.
+inline float onGrid(float v) {
+  v = (v == v) ? v : 0.0f;
+  v = v < -kGridLimit ? -kGridLimit : v;
+  v = v > kGridLimit ? kGridLimit : v;
+  return float(std::int32_t(v * kInvQuantum)) * kGridQuantum;
+}
+
+struct Scratch {
+  std::vector<float> rows, rowA, rowB, stripA, stripB;
+  std::vector<double> sums;
+};
+
+template <class T>
+T* sized(std::vector<T>& v, std::size_t n) {
+  if (v.size() < n) v.resize(n);
+  return v.data();
+}
+
+QV_BLUR_CLONES void copyOnGrid(const float* in, float* out, std::int64_t n) {
+  for (std::int64_t i = 0; i < n; ++i) out[i] = onGrid(in[i]);
+}
+
+// One extended-box pass along a row of nOut + 2·support pixels.
+QV_BLUR_CLONES void boxRow(const float* in, float* out, std::int64_t nOut, int l, float edge) {
+  const int off = edge > 0 ? 1 : 0;
+  const double norm = 1.0 / (2.0 * l + 1.0 + 2.0 * double(edge));
+  const double e = edge;
+  double s[4] = {0, 0, 0, 0};
+  for (int k = 0; k <= 2 * l; ++k)
+    for (int c = 0; c < 4; ++c) s[c] += in[(k + off) * 4 + c];
+  for (std::int64_t j = 0; j < nOut; ++j) {
+    double v[4];
+    if (off) {
+      const float* a = in + j * 4;
+      const float* b = in + (j + 2 * l + 2) * 4;
+      for (int c = 0; c < 4; ++c) v[c] = s[c] + e * (double(a[c]) + double(b[c]));
+    } else {
+      for (int c = 0; c < 4; ++c) v[c] = s[c];
+    }
+    for (int c = 0; c < 4; ++c) out[j * 4 + c] = onGrid(float(v[c] * norm));
+    if (j + 1 < nOut) {
+      const float* add = in + (j + off + 2 * l + 1) * 4;
+      const float* sub = in + (j + off) * 4;
+      for (int c = 0; c < 4; ++c) s[c] += double(add[c]) - double(sub[c]);
+    }
+  }
+}
+
+QV_BLUR_CLONES void firRow(const float* in, float* out, std::int64_t nOut, const float* taps, int nTaps) {
+  for (std::int64_t j = 0; j < nOut; ++j) {
+    float v[4] = {0, 0, 0, 0};
+    const float* p = in + j * 4;
+    for (int k = 0; k < nTaps; ++k)
+      for (int c = 0; c < 4; ++c) v[c] += taps[k] * p[k * 4 + c];
+    for (int c = 0; c < 4; ++c) out[j * 4 + c] = onGrid(v[c]);
+  }
+}
+
+// One extended-box pass down a strip of nf floats; nOut output rows.
+QV_BLUR_CLONES void boxColumns(const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
+                               std::int64_t nOut, std::int64_t nf, int l, float edge, double* sums) {
+  const int off = edge > 0 ? 1 : 0;
+  const double norm = 1.0 / (2.0 * l + 1.0 + 2.0 * double(edge));
+  const double e = edge;
+  for (std::int64_t i = 0; i < nf; ++i) sums[i] = 0;
+  for (int k = 0; k <= 2 * l; ++k) {
+    const float* r = in + (k + off) * inStride;
+    for (std::int64_t i = 0; i < nf; ++i) sums[i] += r[i];
+  }
+  for (std::int64_t j = 0; j < nOut; ++j) {
+    float* o = out + j * outStride;
+    if (off) {
+      const float* a = in + j * inStride;
+      const float* b = in + (j + 2 * l + 2) * inStride;
+      for (std::int64_t i = 0; i < nf; ++i) o[i] = onGrid(float((sums[i] + e * (double(a[i]) + double(b[i]))) * norm));
+    } else {
+      for (std::int64_t i = 0; i < nf; ++i) o[i] = onGrid(float(sums[i] * norm));
+    }
+    if (j + 1 < nOut) {
+      const float* add = in + (j + off + 2 * l + 1) * inStride;
+      const float* sub = in + (j + off) * inStride;
+      for (std::int64_t i = 0; i < nf; ++i) sums[i] += double(add[i]) - double(sub[i]);
+    }
+  }
+}
+
+QV_BLUR_CLONES void firColumns(const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
+                               std::int64_t nOut, std::int64_t nf, const float* taps, int nTaps) {
+  for (std::int64_t j = 0; j < nOut; ++j) {
+    float* o = out + j * outStride;
+    const float* r0 = in + j * inStride;
+    for (std::int64_t i = 0; i < nf; ++i) o[i] = taps[0] * r0[i];
+    for (int k = 1; k < nTaps; ++k) {
+      const float* r = in + (j + k) * inStride;
+      const float t = taps[k];
+      for (std::int64_t i = 0; i < nf; ++i) o[i] += t * r[i];
+    }
+    for (std::int64_t i = 0; i < nf; ++i) o[i] = onGrid(o[i]);
+  }
+}
+
+void runRowPass(const Pass1D& p, const float* in, float* out, std::int64_t nOut) {
+  if (p.fir)
+    firRow(in, out, nOut, p.taps.data(), int(p.taps.size()));
+  else
+    boxRow(in, out, nOut, p.l, p.edge);
+}
+
+void runColumnPass(const Pass1D& p, const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
+                   std::int64_t nOut, std::int64_t nf, double* sums) {
+  if (p.fir)
+    firColumns(in, inStride, out, outStride, nOut, nf, p.taps.data(), int(p.taps.size()));
+  else
+    boxColumns(in, inStride, out, outStride, nOut, nf, p.l, p.edge, sums);
+}
+
+Pass1D extendedBox(double variance) {
+  // Largest integer half-width l whose plain box variance stays below the target, then the
+  // end-tap weight that makes the variance exact.
+  Pass1D p;
+  const double L = std::sqrt(12.0 * variance + 1.0);
+  const int l = std::max(0, int(std::floor((L - 1.0) / 2.0)));
+  double a = (2.0 * l + 1.0) * (l * (l + 1.0) - 3.0 * variance) / (6.0 * (variance - (l + 1.0) * (l + 1.0)));
+  a = std::clamp(a, 0.0, 1.0);
+  p.l = l;
+  p.edge = float(a);
+  return p;
+}
+
+}  // namespace
+
+int SeparablePlan::supportX() const {
+  int s = 0;
+  for (const auto& p : horizontal) s += p.support();
+  return s;
+}
+
+int SeparablePlan::supportY() const {
+  int s = 0;
+  for (const auto& p : vertical) s += p.support();
+  return s;
+}
+
+SeparablePlan planGaussian(double sigma) {
+  SeparablePlan plan;
+  if (!(sigma >= kIdentitySigma)) return plan;  // also NaN
+  sigma = std::min(sigma, kMaxSigma);
+  Pass1D pass;
+  if (sigma < kFirSigma) {
+    const int r = int(std::ceil(3.0 * sigma));
+    pass.fir = true;
+    pass.taps.resize(std::size_t(2 * r + 1));
+    double sum = 0;
+    for (int k = -r; k <= r; ++k) sum += std::exp(-0.5 * k * k / (sigma * sigma));
+    for (int k = -r; k <= r; ++k) pass.taps[std::size_t(k + r)] = float(std::exp(-0.5 * k * k / (sigma * sigma)) / sum);
+    plan.horizontal = {pass};
+  } else {
+    pass = extendedBox(sigma * sigma / 3.0);
+    plan.horizontal = {pass, pass, pass};
+  }
+  plan.vertical = plan.horizontal;
+  return plan;
+}
+
+SeparablePlan planBox(int rx, int ry) {
+  SeparablePlan plan;
+  if (rx > 0) {
+    Pass1D p;
+    p.l = rx;
+    plan.horizontal.push_back(p);
+  }
+  if (ry > 0) {
+    Pass1D p;
+    p.l = ry;
+    plan.vertical.push_back(p);
+  }
+  return plan;
+}
+
+void applySeparable(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan) {
+  thread_local Scratch scratch;
+  const std::int64_t W = out.rect.width, H = out.rect.height;
+  if (W <= 0 || H <= 0) return;
+  const int sx = plan.supportX(), sy = plan.supportY();
+  const std::int64_t rowsH = H + 2 * sy;
+  const std::int64_t nIn = W + 2 * sx;
+
+  // Along x: each input row through the horizontal passes into `rows` (W wide, rowsH tall).
+  float* rows = sized(scratch.rows, std::size_t(rowsH * W * 4));
+  float* rowA = sized(scratch.rowA, std::size_t(nIn * 4));
+  float* rowB = sized(scratch.rowB, std::size_t(nIn * 4));
+  for (std::int64_t r = 0; r < rowsH; ++r) {
+    const float* src = in.at(out.rect.x - sx, out.rect.y - sy + r);
+    float* dstRow = rows + r * W * 4;
+    if (plan.horizontal.empty()) {
+      copyOnGrid(src, dstRow, W * 4);
+      continue;
+    }
+    copyOnGrid(src, rowA, nIn * 4);
+    const float* cur = rowA;
+    std::int64_t n = nIn;
+    for (std::size_t i = 0; i < plan.horizontal.size(); ++i) {
+      const Pass1D& p = plan.horizontal[i];
+      const std::int64_t nOut = n - 2 * p.support();
+      float* dst = i + 1 == plan.horizontal.size() ? dstRow : (cur == rowA ? rowB : rowA);
+      runRowPass(p, cur, dst, nOut);
+      cur = dst;
+      n = nOut;
+    }
+  }
+
+  // Along y: strips of columns narrow enough to stay in cache through all vertical passes.
+  const std::int64_t stripPx = 64;
+  float* stripA = sized(scratch.stripA, std::size_t(rowsH * stripPx * 4));
+  float* stripB = sized(scratch.stripB, std::size_t(rowsH * stripPx * 4));
+  double* sums = sized(scratch.sums, std::size_t(stripPx * 4));
+  for (std::int64_t x0 = 0; x0 < W; x0 += stripPx) {
+    const std::int64_t nf = std::min(stripPx, W - x0) * 4;
+    float* outBase = out.row(out.rect.y) + x0 * 4;
+    if (plan.vertical.empty()) {
+      for (std::int64_t j = 0; j < H; ++j) std::memcpy(outBase + j * out.stride, rows + j * W * 4 + x0 * 4, std::size_t(nf) * sizeof(float));
+      continue;
+    }
+    const float* cur = rows + x0 * 4;
+    std::ptrdiff_t curStride = W * 4;
+    std::int64_t n = rowsH;
+    for (std::size_t i = 0; i < plan.vertical.size(); ++i) {
+      const Pass1D& p = plan.vertical[i];
+      const std::int64_t nOut = n - 2 * p.support();
+      const bool last = i + 1 == plan.vertical.size();
+      float* dst = last ? outBase : (cur == stripA ? stripB : stripA);
+      const std::ptrdiff_t dstStride = last ? out.stride : stripPx * 4;
+      runColumnPass(p, cur, curStride, dst, dstStride, nOut, nf, sums);
+      cur = dst;
+      curStride = dstStride;
+      n = nOut;
+    }
+  }
+}
+
+// ---- Discs ----
+
+int discSupport(double r) { return r >= 0 ? int(std::floor(r)) : 0; }
+
+namespace {
+
+QV_BLUR_CLONES void prefixRow(const float* in, double* prefix, std::int64_t n) {
+  double s[4] = {0, 0, 0, 0};
+  for (int c = 0; c < 4; ++c) prefix[c] = 0;
+  for (std::int64_t i = 0; i < n; ++i)
+    for (int c = 0; c < 4; ++c) {
+      s[c] += double(onGrid(in[i * 4 + c]));
+      prefix[(i + 1) * 4 + c] = s[c];
+    }
+}
+
+// acc[j] += weight · (prefix[j + hi] − prefix[j + lo]) per channel, for nf floats.
+QV_BLUR_CLONES void accumulateSpan(double* acc, const double* prefix, std::int64_t nf, std::int64_t lo, std::int64_t hi,
+                                   double weight) {
+  const double* a = prefix + hi * 4;
+  const double* b = prefix + lo * 4;
+  for (std::int64_t i = 0; i < nf; ++i) acc[i] += weight * (a[i] - b[i]);
+}
+
+}  // namespace
+
+void discBlur(const ConstPixelTile& in, const PixelTile& out, double r, double ringAmount, double ringSize) {
+  const std::int64_t W = out.rect.width, H = out.rect.height;
+  if (W <= 0 || H <= 0) return;
+  const int R = discSupport(r);
+  ringAmount = std::max(0.0, std::isfinite(ringAmount) ? ringAmount : 0.0);
+  const double rIn = std::clamp(r * (1.0 - (std::isfinite(ringSize) ? ringSize : 0.0)), -1.0, r);
+  const std::int64_t win = W + 2 * R;
+  const std::int64_t rowsIn = H + 2 * R;
+  std::vector<double> prefix(std::size_t(rowsIn * (win + 1) * 4));
+  for (std::int64_t k = 0; k < rowsIn; ++k)
+    prefixRow(in.at(out.rect.x - R, out.rect.y - R + k), prefix.data() + k * (win + 1) * 4, win);
+
+  // Half-widths of the disc (and of the inner disc) per row offset, and the total weight.
+  std::vector<int> half(std::size_t(2 * R + 1)), halfIn(std::size_t(2 * R + 1), -1);
+  double total = 0;
+  for (int dy = -R; dy <= R; ++dy) {
+    const double q = r * r - double(dy) * dy;
+    const int h = q >= 0 ? int(std::floor(std::sqrt(q))) : -1;
+    half[std::size_t(dy + R)] = h;
+    total += (1.0 + ringAmount) * (2 * h + 1);
+    const double qi = rIn * rIn - double(dy) * dy;
+    if (ringAmount > 0 && rIn >= 0 && qi >= 0) {
+      const int hi = int(std::floor(std::sqrt(qi)));
+      halfIn[std::size_t(dy + R)] = hi;
+      total -= ringAmount * (2 * hi + 1);
+    }
+  }
+  const double norm = total > 0 ? 1.0 / total : 0.0;
+
+  std::vector<double> acc(std::size_t(W * 4));
+  for (std::int64_t j = 0; j < H; ++j) {
+    std::fill(acc.begin(), acc.end(), 0.0);
+    for (int dy = -R; dy <= R; ++dy) {
+      const double* p = prefix.data() + (j + R + dy) * (win + 1) * 4;
+      const int h = half[std::size_t(dy + R)];
+      if (h >= 0) accumulateSpan(acc.data(), p, W * 4, R - h, R + h + 1, 1.0 + ringAmount);
+      const int hi = halfIn[std::size_t(dy + R)];
+      if (hi >= 0) accumulateSpan(acc.data(), p, W * 4, R - hi, R + hi + 1, -ringAmount);
+    }
+    float* o = out.row(out.rect.y + j);
+    for (std::int64_t i = 0; i < W * 4; ++i) o[i] = float(acc[std::size_t(i)] * norm);
+  }
+}
+
+// ---- Morphology ----
+
+namespace {
+
+template <bool Max>
+inline float extremum(float a, float b) {
+  if constexpr (Max)
+    return a > b ? a : b;
+  else
+    return a < b ? a : b;
+}
+
+// van Herk / Gil-Werman running extremum over windows of 2h+1 pixels: three comparisons per
+// value whatever the window. in has nOut + 2h pixels; out[j] = extremum of in[j .. j+2h].
+// combine: out = extremum(out, result) instead of out = result.
+template <bool Max>
+void slidingRow(const float* in, float* out, std::int64_t nOut, int h, bool combine, float* g, float* hb) {
+  const std::int64_t nIn = nOut + 2 * std::int64_t(h);
+  const std::int64_t w = 2 * std::int64_t(h) + 1;
+  if (h == 0) {
+    for (std::int64_t i = 0; i < nOut * 4; ++i) out[i] = combine ? extremum<Max>(out[i], in[i]) : in[i];
+    return;
+  }
+  for (std::int64_t i = 0; i < nIn; ++i)
+    for (int c = 0; c < 4; ++c)
+      g[i * 4 + c] = (i % w == 0) ? in[i * 4 + c] : extremum<Max>(g[(i - 1) * 4 + c], in[i * 4 + c]);
+  for (std::int64_t i = nIn - 1; i >= 0; --i)
+    for (int c = 0; c < 4; ++c)
+      hb[i * 4 + c] = (i % w == w - 1 || i == nIn - 1) ? in[i * 4 + c] : extremum<Max>(hb[(i + 1) * 4 + c], in[i * 4 + c]);
+  for (std::int64_t j = 0; j < nOut; ++j)
+    for (int c = 0; c < 4; ++c) {
+      const float v = extremum<Max>(hb[j * 4 + c], g[(j + 2 * h) * 4 + c]);
+      out[j * 4 + c] = combine ? extremum<Max>(out[j * 4 + c], v) : v;
+    }
+}
+
+template <bool Max>
+void discExtremum(const ConstPixelTile& in, const PixelTile& out, double r) {
+  const std::int64_t W = out.rect.width, H = out.rect.height;
+  const int R = discSupport(r);
+  std::vector<float> g(std::size_t((W + 2 * R) * 4)), hb(g.size());
+  for (std::int64_t j = 0; j < H; ++j) {
+    float* o = out.row(out.rect.y + j);
+    bool first = true;
+    for (int dy = -R; dy <= R; ++dy) {
+      const double q = r * r - double(dy) * dy;
+      if (q < 0) continue;
+      const int h = int(std::floor(std::sqrt(q)));
+      slidingRow<Max>(in.at(out.rect.x - h, out.rect.y + j + dy), o, W, h, !first, g.data(), hb.data());
+      first = false;
+    }
+  }
+}
+
+template <bool Max>
+void rectExtremum(const ConstPixelTile& in, const PixelTile& out, int rx, int ry) {
+  const std::int64_t W = out.rect.width, H = out.rect.height;
+  const std::int64_t rows = H + 2 * std::int64_t(ry);
+  std::vector<float> t(std::size_t(rows * W * 4));
+  std::vector<float> g(std::size_t((W + 2 * rx) * 4)), hb(g.size());
+  for (std::int64_t k = 0; k < rows; ++k)
+    slidingRow<Max>(in.at(out.rect.x - rx, out.rect.y - ry + k), t.data() + k * W * 4, W, rx, false, g.data(),
+                    hb.data());
+  // Along y, the same scheme on whole rows.
+  const std::int64_t nf = W * 4;
+  const std::int64_t w = 2 * std::int64_t(ry) + 1;
+  std::vector<float> gr(t.size()), hr(t.size());
+  for (std::int64_t k = 0; k < rows; ++k) {
+    const float* src = t.data() + k * nf;
+    float* gk = gr.data() + k * nf;
+    if (k % w == 0)
+      std::memcpy(gk, src, std::size_t(nf) * sizeof(float));
+    else
+      for (std::int64_t i = 0; i < nf; ++i) gk[i] = extremum<Max>(gk[i - nf], src[i]);
+  }
+  for (std::int64_t k = rows - 1; k >= 0; --k) {
+    const float* src = t.data() + k * nf;
+    float* hk = hr.data() + k * nf;
+    if (k % w == w - 1 || k == rows - 1)
+      std::memcpy(hk, src, std::size_t(nf) * sizeof(float));
+    else
+      for (std::int64_t i = 0; i < nf; ++i) hk[i] = extremum<Max>(hk[i + nf], src[i]);
+  }
+  for (std::int64_t j = 0; j < H; ++j) {
+    float* o = out.row(out.rect.y + j);
+    const float* a = hr.data() + j * nf;
+    const float* b = gr.data() + (j + 2 * ry) * nf;
+    for (std::int64_t i = 0; i < nf; ++i) o[i] = extremum<Max>(a[i], b[i]);
+  }
+}
+
+}  // namespace
+
+void morphologyDisc(const ConstPixelTile& in, const PixelTile& out, double r, bool maximum) {
+  if (out.rect.empty()) return;
+  if (maximum)
+    discExtremum<true>(in, out, r);
+  else
+    discExtremum<false>(in, out, r);
+}
+
+void morphologyRect(const ConstPixelTile& in, const PixelTile& out, int rx, int ry, bool maximum) {
+  if (out.rect.empty()) return;
+  if (maximum)
+    rectExtremum<true>(in, out, rx, ry);
+  else
+    rectExtremum<false>(in, out, rx, ry);
+}
+
+// ---- Median ----
+
+void median3x3(const ConstPixelTile& in, const PixelTile& out) {
+  auto sort2 = [](float& a, float& b) {
+    const float lo = std::min(a, b), hi = std::max(a, b);
+    a = lo;
+    b = hi;
+  };
+  for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
+    float* o = out.row(y);
+    const float* rows[3] = {in.at(out.rect.x - 1, y - 1), in.at(out.rect.x - 1, y), in.at(out.rect.x - 1, y + 1)};
+    for (std::int64_t x = 0; x < out.rect.width; ++x)
+      for (int c = 0; c < 4; ++c) {
+        float p[9];
+        for (int dy = 0; dy < 3; ++dy)
+          for (int dx = 0; dx < 3; ++dx) p[dy * 3 + dx] = rows[dy][(x + dx) * 4 + c];
+        // Paeth's 19-exchange median-of-nine network.
+        sort2(p[1], p[2]), sort2(p[4], p[5]), sort2(p[7], p[8]);
+        sort2(p[0], p[1]), sort2(p[3], p[4]), sort2(p[6], p[7]);
+        sort2(p[1], p[2]), sort2(p[4], p[5]), sort2(p[7], p[8]);
+        sort2(p[0], p[3]), sort2(p[5], p[8]), sort2(p[4], p[7]);
+        sort2(p[3], p[6]), sort2(p[1], p[4]), sort2(p[2], p[5]);
+        sort2(p[4], p[7]), sort2(p[4], p[2]), sort2(p[6], p[4]);
+        sort2(p[4], p[2]);
+        o[x * 4 + c] = p[4];
+      }
+  }
+}
+
+// ---- Sampling ----
+
+void sampleBilinear(const ConstPixelTile& in, double x, double y, float* rgba) {
+  const double fx = x - 0.5, fy = y - 0.5;
+  const double x0f = std::floor(fx), y0f = std::floor(fy);
+  const float wx = float(fx - x0f), wy = float(fy - y0f);
+  rgba[0] = rgba[1] = rgba[2] = rgba[3] = 0;
+  if (!(std::fabs(x0f) < 1e15 && std::fabs(y0f) < 1e15)) return;
+  const std::int64_t x0 = std::int64_t(x0f), y0 = std::int64_t(y0f);
+  const float w[4] = {(1 - wx) * (1 - wy), wx * (1 - wy), (1 - wx) * wy, wx * wy};
+  const std::int64_t px[4] = {x0, x0 + 1, x0, x0 + 1};
+  const std::int64_t py[4] = {y0, y0, y0 + 1, y0 + 1};
+  for (int k = 0; k < 4; ++k) {
+    if (w[k] == 0) continue;
+    if (px[k] < in.rect.x || px[k] >= in.rect.maxX() || py[k] < in.rect.y || py[k] >= in.rect.maxY()) continue;
+    const float* p = in.at(px[k], py[k]);
+    for (int c = 0; c < 4; ++c) rgba[c] += w[k] * p[c];
+  }
+}
+
+}  // namespace qv::blur
+
+namespace qv::blur {
+
+ConstPixelTile coverRegion(const ConstPixelTile& in, const PixelRect& need, std::vector<float>& storage) {
+  if (need.empty() || (in.pixels != nullptr && in.rect.contains(need))) return in;
+  storage.assign(std::size_t(need.width * need.height * 4), 0.0f);
+  ConstPixelTile t{storage.data(), need, need.width * 4};
+  if (in.pixels != nullptr) {
+    const PixelRect common = need.intersection(in.rect);
+    for (std::int64_t y = common.y; y < common.maxY(); ++y)
+      std::memcpy(storage.data() + ((y - need.y) * need.width + (common.x - need.x)) * 4, in.at(common.x, y),
+                  std::size_t(common.width * 4) * sizeof(float));
+  }
+  return t;
+}
+
+}  // namespace qv::blur
+
+// ---- The node ----
+
+
+namespace qv::blur {
+
+CGRect growExtent(const CGRect& extent, double dx, double dy) {
+  if (CGRectIsNull(extent) || CGRectIsInfinite(extent) || CGRectIsEmpty(extent)) return extent;
+  return CGRectInset(extent, -dx, -dy);
+}
+
+PixelRect BlurNode::active(const PixelRect& rect) const {
+  if (CGRectIsInfinite(extent())) return rect;
+  return rect.intersection(PixelRect::covering(extent()));
+}
+
+PixelRect BlurNode::regionOfInterest(std::size_t index, const PixelRect& rect) const {
+  const PixelRect a = active(rect);
+  if (a.empty()) return PixelRect{rect.x, rect.y, 0, 0};
+  return roi_(index, a);
+}
+
+void BlurNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+  const PixelRect a = active(out.rect);
+  if (a.empty()) return;
+  PixelTile sub{out.at(a.x, a.y), a, out.stride};
+  std::vector<std::vector<float>> storage(in.size());
+  std::vector<ConstPixelTile> tiles(in.size());
+  for (std::size_t i = 0; i < in.size(); ++i) tiles[i] = coverRegion(in[i], roi_(i, a), storage[i]);
+  render_(sub, tiles);
+}
+
+CIImage BlurNode::make(std::string name, CGRect extent, std::vector<CIImage> inputs, int sx, int sy, RenderFn render) {
+  RoiFn roi = [sx, sy](std::size_t, const PixelRect& r) { return r.outset(sx, sy); };
+  return CIImage(std::make_shared<BlurNode>(std::move(name), extent, std::move(inputs), std::move(roi), std::move(render)));
+}
+
+}  // namespace qv::blur

@@ -1,0 +1,85 @@
+// Pixel routines of the blur, morphology and distortion built-ins. Each works on premultiplied
+// RGBA float tiles in absolute pixel coordinates: `in` must cover `out.rect` grown by the
+// routine's support, and every output pixel is a function of the input pixels alone, never of
+// where the tile starts. Running sums are kept exact for that reason: values are first rounded
+// to a fixed grid (kGridQuantum) and summed in double precision, where sums of grid values up
+// to 2^53 quanta are exact, so a sum slid along a row equals the sum taken directly.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "CoreImage/ImageNode.h"
+
+namespace qv::blur {
+
+// The grid on which running sums are exact, and the magnitude values are clamped to (NaN
+// reads as 0). 2^-22 is 1/4 000 000, far below one step of a 16-bit encoded value.
+inline constexpr float kGridQuantum = 1.0f / 4194304.0f;  // 2^-22
+inline constexpr float kGridLimit = 1024.0f;
+
+// One 1-D pass of a separable filter: either a box of 2l+1 taps with weight 1 plus two end
+// taps of weight `edge` at ±(l+1) (the "extended box"; edge 0 is a plain box), normalised to
+// a sum of 1; or an explicit symmetric FIR.
+struct Pass1D {
+  bool fir = false;
+  int l = 0;
+  float edge = 0;
+  std::vector<float> taps;  // FIR: 2*support+1 weights, centre in the middle
+  int support() const { return fir ? int(taps.size() / 2) : (edge > 0 ? l + 1 : l); }
+};
+
+// A separable filter: passes along x, then along y.
+struct SeparablePlan {
+  std::vector<Pass1D> horizontal, vertical;
+  int supportX() const;
+  int supportY() const;
+  bool identity() const { return horizontal.empty() && vertical.empty(); }
+};
+
+// Gaussian of standard deviation sigma. Below 0.16 the plan is the identity; up to kFirSigma
+// an exact FIR truncated at ceil(3 sigma); above, three extended box passes per axis whose
+// variance is exactly sigma^2 (Gwosdek et al., "Theoretical foundations of Gaussian
+// convolution by extended box filtering") and whose cost does not depend on sigma. Sigma is
+// capped at kMaxSigma to bound the region a tile reads.
+inline constexpr double kIdentitySigma = 0.16;
+inline constexpr double kFirSigma = 3.0;
+inline constexpr double kMaxSigma = 500.0;
+SeparablePlan planGaussian(double sigma);
+// A plain box of (2rx+1) × (2ry+1) pixels.
+SeparablePlan planBox(int rx, int ry);
+
+void applySeparable(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
+
+// Mean over the disc of radius r: pixel offsets with dx² + dy² <= r². When ringAmount is not
+// 0, the annulus r·(1 − ringSize) < |d| <= r weighs 1 + ringAmount instead of 1 (a bokeh
+// kernel with a bright rim). Support: discSupport(r).
+int discSupport(double r);
+void discBlur(const ConstPixelTile& in, const PixelTile& out, double r, double ringAmount = 0, double ringSize = 0);
+
+// Per-channel maximum (or minimum) over the disc of radius r (offsets with dx² + dy² <= r²).
+void morphologyDisc(const ConstPixelTile& in, const PixelTile& out, double r, bool maximum);
+// Per-channel maximum (or minimum) over a (2rx+1) × (2ry+1) rectangle.
+void morphologyRect(const ConstPixelTile& in, const PixelTile& out, int rx, int ry, bool maximum);
+
+// Per-channel median of the 3×3 neighbourhood. Support 1.
+void median3x3(const ConstPixelTile& in, const PixelTile& out);
+
+// Bilinear sample at a point of the image plane (pixel (i, j) has its centre at (i + ½, j + ½));
+// transparent outside the tile.
+void sampleBilinear(const ConstPixelTile& in, double x, double y, float* rgba);
+
+// `in` itself when it covers `need`; otherwise a copy of it over `need` in `storage`,
+// transparent where `in` has no pixels.
+ConstPixelTile coverRegion(const ConstPixelTile& in, const PixelRect& need, std::vector<float>& storage);
+
+// A scratch tile owned by the caller.
+struct TileBuffer {
+  std::vector<float> pixels;
+  PixelRect rect;
+  explicit TileBuffer(const PixelRect& r) : pixels(std::size_t(r.width * r.height * 4), 0.0f), rect(r) {}
+  PixelTile tile() { return PixelTile{pixels.data(), rect, rect.width * 4}; }
+  ConstPixelTile constTile() const { return ConstPixelTile{pixels.data(), rect, rect.width * 4}; }
+};
+
+}  // namespace qv::blur

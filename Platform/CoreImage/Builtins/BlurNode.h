@@ -1,0 +1,42 @@
+// The graph node behind the blur, morphology and distortion built-ins: an extent, inputs, a
+// region-of-interest rule and a render function. The node computes only the part of a tile
+// inside its extent (the rest stays transparent) and hands the render function input tiles
+// that cover exactly the region of interest of that part.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "CoreImage/Builtins/BlurKernels.h"
+#include "CoreImage/ImageNode.h"
+
+namespace qv::blur {
+
+// A grown extent: infinite, null and empty extents stay as they are.
+CGRect growExtent(const CGRect& extent, double dx, double dy);
+
+class BlurNode final : public ImageNode {
+ public:
+  using RoiFn = std::function<PixelRect(std::size_t index, const PixelRect& rect)>;
+  using RenderFn = std::function<void(const PixelTile& out, std::span<const ConstPixelTile> in)>;
+
+  BlurNode(std::string name, CGRect extent, std::vector<CIImage> inputs, RoiFn roi, RenderFn render)
+      : ImageNode(extent, std::move(inputs)), name_(std::move(name)), roi_(std::move(roi)), render_(std::move(render)) {}
+
+  PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
+  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  std::string name() const override { return name_; }
+
+  // A node whose every input is read over the output rectangle grown by (sx, sy).
+  static CIImage make(std::string name, CGRect extent, std::vector<CIImage> inputs, int sx, int sy, RenderFn render);
+
+ private:
+  PixelRect active(const PixelRect& rect) const;
+  std::string name_;
+  RoiFn roi_;
+  RenderFn render_;
+};
+
+}  // namespace qv::blur
