@@ -1,3 +1,259 @@
-#include "CoreImage/Builtins/BuiltinFilter.h"
+// The generator built-ins: CIConstantColorGenerator, CILinearGradient, CIRadialGradient,
+// CIRandomGenerator and CICheckerboardGenerator. Every one has an infinite extent and takes no
+// image. Colours are interpolated as premultiplied working-space colours (linear light, or the
+// encoded values when the render has colour management off), sampled at pixel centres
+// (x + 0.5, y + 0.5). A nil colour input reads as clear (0 0 0 0).
+#include <cmath>
+#include <cstdint>
 
-void registerGeneratorBuiltins() {}
+#include "CoreImage/Builtins/BuiltinFilter.h"
+#include "CoreImage/Builtins/ColorNodeSupport.h"
+#include "CoreImage/ColorSpace.h"
+
+using namespace qv::builtins;
+
+namespace {
+
+using RGBA = std::array<float, 4>;
+
+RGBA working(const CIColorRef& c, const RenderInfo& info) {
+  if (!c) return {0, 0, 0, 0};
+  return workingColor(*c, info.colorManaged);
+}
+
+inline void mixInto(float* o, const RGBA& c0, const RGBA& c1, float t) {
+  for (int c = 0; c < 4; ++c) o[c] = c0[c] + (c1[c] - c0[c]) * t;
+}
+
+// t = clamp(dot(p − p0, p1 − p0) / |p1 − p0|², 0, 1). With p0 == p1 every point lies "at and
+// beyond" point 1 and takes colour 1.
+class LinearGradientNode final : public ImageNode {
+ public:
+  LinearGradientNode(CGPoint p0, CGPoint p1, CIColorRef c0, CIColorRef c1)
+      : ImageNode(CGRectInfinite), p0_(p0), p1_(p1), c0_(std::move(c0)), c1_(std::move(c1)) {}
+  void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const override {
+    const RGBA c0 = working(c0_, info), c1 = working(c1_, info);
+    const double dx = p1_.x - p0_.x, dy = p1_.y - p0_.y, len2 = dx * dx + dy * dy;
+    forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
+      if (!(len2 > 0)) {
+        for (std::size_t i = 0; i < n; ++i) mixInto(o + 4 * i, c0, c1, 1.0f);
+        return;
+      }
+      const double py = (static_cast<double>(y) + 0.5 - p0_.y) * dy;
+      for (std::size_t i = 0; i < n; ++i) {
+        const double px = (static_cast<double>(x0) + static_cast<double>(i) + 0.5 - p0_.x) * dx;
+        const double t = std::clamp((px + py) / len2, 0.0, 1.0);
+        mixInto(o + 4 * i, c0, c1, static_cast<float>(t));
+      }
+    });
+  }
+  std::string name() const override { return "CILinearGradient"; }
+
+ private:
+  CGPoint p0_, p1_;
+  CIColorRef c0_, c1_;
+};
+
+// d = |p − centre|, t = clamp((d − r0) / (r1 − r0), 0, 1). With r0 == r1 the gradient is a hard
+// step: colour 0 inside the circle, colour 1 on and beyond it.
+class RadialGradientNode final : public ImageNode {
+ public:
+  RadialGradientNode(CGPoint centre, double r0, double r1, CIColorRef c0, CIColorRef c1)
+      : ImageNode(CGRectInfinite), centre_(centre), r0_(r0), r1_(r1), c0_(std::move(c0)), c1_(std::move(c1)) {}
+  void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const override {
+    const RGBA c0 = working(c0_, info), c1 = working(c1_, info);
+    const double span = r1_ - r0_;
+    forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
+      const double dy = static_cast<double>(y) + 0.5 - centre_.y;
+      for (std::size_t i = 0; i < n; ++i) {
+        const double dx = static_cast<double>(x0) + static_cast<double>(i) + 0.5 - centre_.x;
+        const double d = std::sqrt(dx * dx + dy * dy);
+        const double t = span != 0 ? std::clamp((d - r0_) / span, 0.0, 1.0) : (d < r0_ ? 0.0 : 1.0);
+        mixInto(o + 4 * i, c0, c1, static_cast<float>(t));
+      }
+    });
+  }
+  std::string name() const override { return "CIRadialGradient"; }
+
+ private:
+  CGPoint centre_;
+  double r0_, r1_;
+  CIColorRef c0_, c1_;
+};
+
+inline std::uint64_t splitmix64(std::uint64_t z) {
+  z += 0x9E3779B97F4A7C15ull;
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+  return z ^ (z >> 31);
+}
+
+// Four independent values, uniform in [0, 1], that depend only on the pixel's position: any
+// tiling of a render gives the same pixels. The values are stored as they are, as premultiplied
+// working-space components (so colour may exceed alpha); callers take a channel as grey and set
+// alpha themselves, through a colour matrix.
+class RandomNode final : public ImageNode {
+ public:
+  RandomNode() : ImageNode(CGRectInfinite) {}
+  void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo&) const override {
+    constexpr float kScale = 1.0f / 16777215.0f;  // 24-bit values onto [0, 1]
+    forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
+      const std::uint64_t rowKey = splitmix64(static_cast<std::uint64_t>(y) * 0xD1B54A32D192ED03ull);
+      for (std::size_t i = 0; i < n; ++i) {
+        const std::uint64_t x = static_cast<std::uint64_t>(x0 + static_cast<std::int64_t>(i));
+        const std::uint64_t h1 = splitmix64(rowKey ^ x);
+        const std::uint64_t h2 = splitmix64(h1 ^ 0x5851F42D4C957F2Dull);
+        o[4 * i] = static_cast<float>((h1 >> 8) & 0xFFFFFF) * kScale;
+        o[4 * i + 1] = static_cast<float>(h1 >> 40) * kScale;
+        o[4 * i + 2] = static_cast<float>((h2 >> 8) & 0xFFFFFF) * kScale;
+        o[4 * i + 3] = static_cast<float>(h2 >> 40) * kScale;
+      }
+    });
+  }
+  std::string name() const override { return "CIRandomGenerator"; }
+};
+
+// Squares of side `width`, one corner on the centre; the square up and to the right of the
+// centre has colour 0. Each axis contributes a square wave in [−1, 1] whose edges ramp over a
+// fraction (1 − sharpness) of a square: sharpness 1 gives hard edges, 0 a soft, tent-shaped
+// pattern. The product of the two waves selects the colour: +1 colour 0, −1 colour 1.
+class CheckerboardNode final : public ImageNode {
+ public:
+  CheckerboardNode(CGPoint centre, double width, double sharpness, CIColorRef c0, CIColorRef c1)
+      : ImageNode(CGRectInfinite),
+        centre_(centre),
+        width_(width),
+        sharpness_(std::clamp(sharpness, 0.0, 1.0)),
+        c0_(std::move(c0)),
+        c1_(std::move(c1)) {}
+  void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const override {
+    const RGBA c0 = working(c0_, info), c1 = working(c1_, info);
+    if (!(width_ > 0)) {
+      // No squares: an even field of colour 0.
+      forEachRowInExtent(out, extent(), [&](float* o, std::int64_t, std::int64_t, std::size_t n) {
+        for (std::size_t i = 0; i < n; ++i) mixInto(o + 4 * i, c0, c1, 0.0f);
+      });
+      return;
+    }
+    const double ramp = (1.0 - sharpness_) * 0.5;  // half-width of an edge, in squares
+    auto wave = [&](double u) {
+      const double cell = std::floor(u);
+      const double f = u - cell;
+      const double sign = std::fmod(cell, 2.0) == 0 ? 1.0 : -1.0;
+      if (ramp <= 0) return sign;
+      return sign * std::min(1.0, std::min(f, 1.0 - f) / ramp);
+    };
+    forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
+      const double wy = wave((static_cast<double>(y) + 0.5 - centre_.y) / width_);
+      for (std::size_t i = 0; i < n; ++i) {
+        const double wx = wave((static_cast<double>(x0) + static_cast<double>(i) + 0.5 - centre_.x) / width_);
+        mixInto(o + 4 * i, c0, c1, static_cast<float>((1.0 - wx * wy) * 0.5));
+      }
+    });
+  }
+  std::string name() const override { return "CICheckerboardGenerator"; }
+
+ private:
+  CGPoint centre_;
+  double width_, sharpness_;
+  CIColorRef c0_, c1_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Filters
+
+class CIConstantColorGeneratorFilter final : public CIBuiltinFilter {
+ public:
+  CIImage outputImage() const override {
+    const CIColorRef color = inputColor(kCIInputColorKey);
+    if (!color) return {};
+    return CIImage::imageWithColor(color);
+  }
+};
+
+// The two points have no default: a gradient whose points were never set (or were set to nil)
+// yields no image, which is what callers rely on to drop a gradient layer.
+class CILinearGradientFilter final : public CIBuiltinFilter {
+ public:
+  CIImage outputImage() const override {
+    const CIVectorRef p0 = inputVector("inputPoint0"), p1 = inputVector("inputPoint1");
+    if (!p0 || !p1) return {};
+    return CIImage(std::make_shared<LinearGradientNode>(p0->CGPointValue(), p1->CGPointValue(),
+                                                        inputColor("inputColor0"), inputColor("inputColor1")));
+  }
+};
+
+// A nil centre yields no image; a nil radius reads as 0.
+class CIRadialGradientFilter final : public CIBuiltinFilter {
+ public:
+  CIImage outputImage() const override {
+    const CIVectorRef centre = inputVector(kCIInputCenterKey);
+    if (!centre) return {};
+    return CIImage(std::make_shared<RadialGradientNode>(centre->CGPointValue(), inputDouble("inputRadius0"),
+                                                        inputDouble("inputRadius1"), inputColor("inputColor0"),
+                                                        inputColor("inputColor1")));
+  }
+};
+
+class CIRandomGeneratorFilter final : public CIBuiltinFilter {
+ public:
+  CIImage outputImage() const override { return CIImage(std::make_shared<RandomNode>()); }
+};
+
+// A nil centre yields no image.
+class CICheckerboardGeneratorFilter final : public CIBuiltinFilter {
+ public:
+  CIImage outputImage() const override {
+    const CIVectorRef centre = inputVector(kCIInputCenterKey);
+    if (!centre) return {};
+    return CIImage(std::make_shared<CheckerboardNode>(centre->CGPointValue(), inputDouble(kCIInputWidthKey),
+                                                      inputDouble("inputSharpness"), inputColor("inputColor0"),
+                                                      inputColor("inputColor1")));
+  }
+};
+
+Value color(double r, double g, double b, double a) { return CIColor::colorWithRed(r, g, b, a); }
+Value point(double x, double y) { return CIVector::vectorWithX(x, y); }
+
+}  // namespace
+
+void registerGeneratorBuiltins() {
+  registerBuiltin<CIConstantColorGeneratorFilter>(
+      "CIConstantColorGenerator", "Constant Color", {kCICategoryGenerator, kCICategoryStillImage},
+      {colorInput(kCIInputColorKey, color(1, 0, 0, 1), {}, "Color", "The color to generate.")});
+
+  registerBuiltin<CILinearGradientFilter>(
+      "CILinearGradient", "Linear Gradient", {kCICategoryGradient, kCICategoryStillImage},
+      {vectorInput("inputPoint0", kCIAttributeTypePosition, {}, {}, "Point 0",
+                   "The starting position of the gradient -- where the first color begins."),
+       vectorInput("inputPoint1", kCIAttributeTypePosition, {}, {}, "Point 1",
+                   "The ending position of the gradient -- where the second color begins."),
+       colorInput("inputColor0", color(1, 1, 1, 1), {}, "Color 1", "The first color to use in the gradient."),
+       colorInput("inputColor1", color(0, 0, 0, 1), {}, "Color 2", "The second color to use in the gradient.")});
+
+  registerBuiltin<CIRadialGradientFilter>(
+      "CIRadialGradient", "Radial Gradient", {kCICategoryGradient, kCICategoryStillImage},
+      {vectorInput(kCIInputCenterKey, kCIAttributeTypePosition, point(150, 150), {}, "Center",
+                   "The center of the effect as x and y pixel coordinates."),
+       numberInput("inputRadius0", kCIAttributeTypeDistance, 5.0, {}, 0.0, {}, 0.0, 800.0, "Radius 1",
+                   "The radius of the starting circle to use in the gradient."),
+       numberInput("inputRadius1", kCIAttributeTypeDistance, 100.0, {}, 0.0, {}, 0.0, 800.0, "Radius 2",
+                   "The radius of the ending circle to use in the gradient."),
+       colorInput("inputColor0", color(1, 1, 1, 1), {}, "Color 1", "The first color to use in the gradient."),
+       colorInput("inputColor1", color(0, 0, 0, 1), {}, "Color 2", "The second color to use in the gradient.")});
+
+  registerBuiltin<CIRandomGeneratorFilter>("CIRandomGenerator", "Random Generator",
+                                           {kCICategoryGenerator, kCICategoryStillImage}, {});
+
+  registerBuiltin<CICheckerboardGeneratorFilter>(
+      "CICheckerboardGenerator", "Checkerboard", {kCICategoryGenerator, kCICategoryStillImage},
+      {vectorInput(kCIInputCenterKey, kCIAttributeTypePosition, point(150, 150), {}, "Center",
+                   "The center of the effect as x and y pixel coordinates."),
+       colorInput("inputColor0", color(1, 1, 1, 1), {}, "Color 1", "A color to use for the first set of squares."),
+       colorInput("inputColor1", color(0, 0, 0, 1), {}, "Color 2", "A color to use for the second set of squares."),
+       numberInput(kCIInputWidthKey, kCIAttributeTypeDistance, 80.0, 80.0, 0.0, {}, 0.0, 800.0, "Width",
+                   "The width of the squares in the pattern."),
+       numberInput("inputSharpness", kCIAttributeTypeScalar, 1.0, 1.0, 0.0, {}, 0.0, 1.0, "Sharpness",
+                   "The sharpness of the edges in the pattern. The smaller the value, the more blurry the "
+                   "pattern.")});
+}
