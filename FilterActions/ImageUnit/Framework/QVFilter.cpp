@@ -1,0 +1,19 @@
+#include "Framework/QVFilter.h"
+
+Value QVFilterAttributesByAdding(const Value& superAttributes, const Dictionary& entries) {
+  Dictionary attributes;
+  if (const Dictionary* inherited = superAttributes.dictionary()) attributes = *inherited;
+  for (const auto& [key, entry] : entries) attributes[key] = entry;
+  return Value(std::move(attributes));
+}
+
+CIFilterRef QVFilterWithDefaults(const std::string& name) {
+  CIFilterRef filter = CIFilter::filterWithName(name);
+  if (filter) filter->setDefaults();
+  return filter;
+}
+
+CIImage QVFilterOutputImage(const CIFilterRef& filter) {
+  if (!filter) return {};
+  return filter->outputImage();  // what valueForKey(kCIOutputImageKey) answers
+}

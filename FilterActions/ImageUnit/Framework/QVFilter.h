@@ -1,0 +1,35 @@
+// QVFilter: the abstract base of every filter of the plug-in, a direct subclass of CIFilter
+// that adds nothing of its own. Every filter follows the same shape:
+//
+//   - one typed accessor pair per input (inputAngle() / setInputAngle(v)), stored through
+//     CIFilter's key-value store so that valueForKey / setValue serve the same values;
+//   - inputKeys(): kCIInputImageKey first, then the filter's own keys in order;
+//   - outputKeys(): kCIOutputImageKey alone (CIFilter's);
+//   - customAttributes() only where the filter describes its inputs itself, built with
+//     QVFilterAttributesByAdding (the superclass's dictionary, the filter's entries replacing
+//     whole entries of the same key);
+//   - outputImage(): nil for a nil input image, checked first; otherwise a fresh graph built
+//     from the inputs of the moment. Nothing is cached between two reads.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "CoreImage/CIFilter.h"
+#include "CoreImage/CIImage.h"
+#include "CoreImage/CIVector.h"
+
+class QVFilter : public CIFilter {};
+
+// The attribute-dictionary rule of every customAttributes override: a mutable copy of the
+// superclass's customAttributes (nil gives an empty dictionary) with each of `entries` put in,
+// replacing the superclass's entry for the same key whole.
+Value QVFilterAttributesByAdding(const Value& superAttributes, const Dictionary& entries);
+
+// Creates a platform filter by name and gives it its own defaults, the first two steps of every
+// use of a built-in; nil for an unknown name.
+CIFilterRef QVFilterWithDefaults(const std::string& name);
+
+// The image a filter publishes under kCIOutputImageKey (nil for a nil filter).
+CIImage QVFilterOutputImage(const CIFilterRef& filter);

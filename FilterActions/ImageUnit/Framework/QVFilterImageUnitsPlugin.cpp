@@ -1,0 +1,3 @@
+#include "Framework/QVFilterImageUnitsPlugin.h"
+
+bool QVFilterImageUnitsPlugin::load(void* /*host*/) { return true; }
