@@ -1,0 +1,330 @@
+// The evaluator: the prologue runs once per call, the body once per batch of up to kLanes
+// pixels (taken row by row across the output rectangle). Every instruction is a tight loop
+// over the batch's lanes, which the compiler vectorises.
+#include "CoreImage/Kernel/Evaluator.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+namespace cikl {
+
+PixelRect texelRange(const CGRect& extent) {
+  if (CGRectIsNull(extent) || CGRectIsEmpty(extent)) return {};
+  const double lim = double(PixelRect::kPixelLimit);
+  auto clampd = [&](double v) { return std::clamp(v, -lim, lim); };
+  CGRect r = CGRectStandardize(extent);
+  double x0 = CGRectIsInfinite(r) ? -lim : clampd(std::floor(r.origin.x));
+  double y0 = CGRectIsInfinite(r) ? -lim : clampd(std::floor(r.origin.y));
+  double x1 = CGRectIsInfinite(r) ? lim : clampd(std::ceil(r.origin.x + r.size.width));
+  double y1 = CGRectIsInfinite(r) ? lim : clampd(std::ceil(r.origin.y + r.size.height));
+  if (!(x1 > x0) || !(y1 > y0)) return {};
+  return {std::int64_t(x0), std::int64_t(y0), std::int64_t(x1 - x0), std::int64_t(y1 - y0)};
+}
+
+namespace {
+
+// An input prepared for reads: texel coordinates relative to the tile's origin, and the
+// range of texels that may be read (inside both the tile and the image).
+struct View {
+  const float* pixels = nullptr;
+  std::ptrdiff_t stride = 0;
+  std::int64_t ox = 0, oy = 0;  // tile origin
+  std::int64_t x0 = 0, y0 = 0, x1 = 0, y1 = 0;  // readable texels, relative, half-open
+  bool clamp = false, nearest = false, empty = true;
+  float extent[4] = {0, 0, 0, 0};
+
+  const float* texel(std::int64_t x, std::int64_t y) const { return pixels + y * stride + x * 4; }
+};
+
+View makeView(const SamplerInput& in) {
+  View v;
+  v.pixels = in.tile.pixels;
+  v.stride = in.tile.stride;
+  v.ox = in.tile.rect.x;
+  v.oy = in.tile.rect.y;
+  v.clamp = in.clamp;
+  v.nearest = in.nearest;
+  PixelRect image = texelRange(in.extent);
+  const PixelRect& t = in.tile.rect;
+  std::int64_t ax = std::max(t.x, image.x), ay = std::max(t.y, image.y);
+  std::int64_t bx = std::min(t.maxX(), image.maxX()), by = std::min(t.maxY(), image.maxY());
+  v.empty = in.tile.pixels == nullptr || image.empty() || t.empty() || bx <= ax || by <= ay;
+  if (!v.empty) {
+    v.x0 = ax - t.x;
+    v.y0 = ay - t.y;
+    v.x1 = bx - t.x;
+    v.y1 = by - t.y;
+  }
+  const CGRect& e = in.extent;
+  auto f = [](double d) { return float(std::clamp(d, -3.0e38, 3.0e38)); };
+  if (!CGRectIsNull(e)) {
+    v.extent[0] = f(e.origin.x);
+    v.extent[1] = f(e.origin.y);
+    v.extent[2] = f(e.size.width);
+    v.extent[3] = f(e.size.height);
+  }
+  return v;
+}
+
+// Reads texel (x, y) (relative) under the wrap rule; null for transparent.
+inline const float* fetch(const View& v, std::int64_t x, std::int64_t y) {
+  if (v.empty) return nullptr;
+  if (v.clamp) {
+    x = std::clamp(x, v.x0, v.x1 - 1);
+    y = std::clamp(y, v.y0, v.y1 - 1);
+  } else if (x < v.x0 || x >= v.x1 || y < v.y0 || y >= v.y1) {
+    return nullptr;
+  }
+  return v.texel(x, y);
+}
+
+// A float position converted to a texel index without undefined behaviour for NaN or huge values.
+inline float safeFloor(float f, float lo, float hi) { return std::floor(std::fmin(std::fmax(f, lo), hi)); }
+
+void sample(const View& v, const float* xs, const float* ys, float* d0, float* d1, float* d2, float* d3, int n) {
+  if (v.empty) {
+    for (int k = 0; k < n; ++k) d0[k] = d1[k] = d2[k] = d3[k] = 0;
+    return;
+  }
+  const float lox = float(v.x0) - 2, hix = float(v.x1) + 1, loy = float(v.y0) - 2, hiy = float(v.y1) + 1;
+  const float ox = float(v.ox), oy = float(v.oy);
+  static const float zero[4] = {0, 0, 0, 0};
+  for (int k = 0; k < n; ++k) {
+    if (v.nearest) {
+      float fx = safeFloor(xs[k] - ox, lox, hix), fy = safeFloor(ys[k] - oy, loy, hiy);
+      const float* t = fetch(v, std::int64_t(fx), std::int64_t(fy));
+      if (!t) t = zero;
+      d0[k] = t[0];
+      d1[k] = t[1];
+      d2[k] = t[2];
+      d3[k] = t[3];
+      continue;
+    }
+    float px = std::fmin(std::fmax(xs[k] - ox - 0.5f, lox), hix);
+    float py = std::fmin(std::fmax(ys[k] - oy - 0.5f, loy), hiy);
+    float fx = std::floor(px), fy = std::floor(py);
+    float tx = px - fx, ty = py - fy;
+    auto ix = std::int64_t(fx), iy = std::int64_t(fy);
+    const float* t00 = fetch(v, ix, iy);
+    if (tx == 0 && ty == 0) {
+      if (!t00) t00 = zero;
+      d0[k] = t00[0];
+      d1[k] = t00[1];
+      d2[k] = t00[2];
+      d3[k] = t00[3];
+      continue;
+    }
+    const float* t10 = fetch(v, ix + 1, iy);
+    const float* t01 = fetch(v, ix, iy + 1);
+    const float* t11 = fetch(v, ix + 1, iy + 1);
+    if (!t00) t00 = zero;
+    if (!t10) t10 = zero;
+    if (!t01) t01 = zero;
+    if (!t11) t11 = zero;
+    float w00 = (1 - tx) * (1 - ty), w10 = tx * (1 - ty), w01 = (1 - tx) * ty, w11 = tx * ty;
+    d0[k] = t00[0] * w00 + t10[0] * w10 + t01[0] * w01 + t11[0] * w11;
+    d1[k] = t00[1] * w00 + t10[1] * w10 + t01[1] * w01 + t11[1] * w11;
+    d2[k] = t00[2] * w00 + t10[2] * w10 + t01[2] * w01 + t11[2] * w11;
+    d3[k] = t00[3] * w00 + t10[3] * w10 + t01[3] * w01 + t11[3] * w11;
+  }
+}
+
+// The batch of lanes: pixel p of the output rectangle is lane p - start.
+struct Batch {
+  const PixelRect* rect;
+  std::int64_t start;
+  int n;
+  template <class F>
+  void forEachPixel(F&& f) const {
+    std::int64_t w = rect->width;
+    std::int64_t col = start % w, row = start / w;
+    for (int k = 0; k < n; ++k) {
+      f(k, rect->x + col, rect->y + row);
+      if (++col == w) {
+        col = 0;
+        ++row;
+      }
+    }
+  }
+};
+
+struct Machine {
+  const Program& p;
+  std::span<const View> views;
+  std::span<const float> params;
+  float* regs;
+  std::vector<int> counters;
+
+  float* R(int r) const { return regs + std::ptrdiff_t(r) * kLanes; }
+
+  void run(const std::vector<Instr>& code, const Batch* batch, int n) {
+    int budget = kMaxLoopIterationsPerBatch;
+    for (std::size_t pc = 0; pc < code.size(); ++pc) {
+      const Instr& in = code[pc];
+      float* __restrict d = in.dst >= 0 ? R(in.dst) : nullptr;
+      const float* a = in.a >= 0 ? R(in.a) : nullptr;
+      const float* b = in.b >= 0 ? R(in.b) : nullptr;
+      const float* c = in.c >= 0 ? R(in.c) : nullptr;
+#define QV_LANES(expr) \
+  for (int k = 0; k < n; ++k) d[k] = (expr);
+      switch (in.op) {
+        case Op::Const: {
+          float v = in.imm;
+          QV_LANES(v);
+          break;
+        }
+        case Op::Param: {
+          float v = in.aux < int(params.size()) ? params[in.aux] : 0.0f;
+          QV_LANES(v);
+          break;
+        }
+        case Op::SamplerInfo: {
+          float v = in.aux < int(views.size()) ? views[in.aux].extent[in.b & 3] : 0.0f;
+          QV_LANES(v);
+          break;
+        }
+        case Op::DestX:
+          if (batch) batch->forEachPixel([&](int k, std::int64_t x, std::int64_t) { d[k] = float(x) + 0.5f; });
+          break;
+        case Op::DestY:
+          if (batch) batch->forEachPixel([&](int k, std::int64_t, std::int64_t y) { d[k] = float(y) + 0.5f; });
+          break;
+        case Op::Sample:
+          sample(views[in.aux], a, b, d, d + kLanes, d + 2 * kLanes, d + 3 * kLanes, n);
+          break;
+        case Op::SampleAtDest: {
+          if (!batch) break;
+          const View& v = views[in.aux];
+          static const float zero[4] = {0, 0, 0, 0};
+          float* d1 = d + kLanes;
+          float* d2 = d + 2 * kLanes;
+          float* d3 = d + 3 * kLanes;
+          batch->forEachPixel([&](int k, std::int64_t x, std::int64_t y) {
+            const float* t = fetch(v, x - v.ox, y - v.oy);
+            if (!t) t = zero;
+            d[k] = t[0];
+            d1[k] = t[1];
+            d2[k] = t[2];
+            d3[k] = t[3];
+          });
+          break;
+        }
+        case Op::Mov: QV_LANES(a[k]); break;
+        case Op::Add: QV_LANES(a[k] + b[k]); break;
+        case Op::Sub: QV_LANES(a[k] - b[k]); break;
+        case Op::Mul: QV_LANES(a[k] * b[k]); break;
+        case Op::Div: QV_LANES(a[k] / b[k]); break;
+        case Op::Neg: QV_LANES(-a[k]); break;
+        case Op::Min: QV_LANES(b[k] < a[k] ? b[k] : a[k]); break;
+        case Op::Max: QV_LANES(a[k] < b[k] ? b[k] : a[k]); break;
+        case Op::Abs: QV_LANES(std::fabs(a[k])); break;
+        case Op::Sign: QV_LANES(a[k] > 0 ? 1.0f : (a[k] < 0 ? -1.0f : 0.0f)); break;
+        case Op::Floor: QV_LANES(std::floor(a[k])); break;
+        case Op::Ceil: QV_LANES(std::ceil(a[k])); break;
+        case Op::Fract: QV_LANES(a[k] - std::floor(a[k])); break;
+        case Op::Trunc: QV_LANES(std::trunc(a[k])); break;
+        case Op::Mod: QV_LANES(a[k] - b[k] * std::floor(a[k] / b[k])); break;
+        case Op::Sqrt: QV_LANES(std::sqrt(a[k])); break;
+        case Op::InvSqrt: QV_LANES(1.0f / std::sqrt(a[k])); break;
+        case Op::Sin: QV_LANES(std::sin(a[k])); break;
+        case Op::Cos: QV_LANES(std::cos(a[k])); break;
+        case Op::Tan: QV_LANES(std::tan(a[k])); break;
+        case Op::Asin: QV_LANES(std::asin(a[k])); break;
+        case Op::Acos: QV_LANES(std::acos(a[k])); break;
+        case Op::Atan: QV_LANES(std::atan(a[k])); break;
+        case Op::Atan2: QV_LANES(std::atan2(a[k], b[k])); break;
+        case Op::Pow: QV_LANES(std::pow(a[k], b[k])); break;
+        case Op::Exp: QV_LANES(std::exp(a[k])); break;
+        case Op::Log: QV_LANES(std::log(a[k])); break;
+        case Op::Exp2: QV_LANES(std::exp2(a[k])); break;
+        case Op::Log2: QV_LANES(std::log2(a[k])); break;
+        case Op::Step: QV_LANES(b[k] < a[k] ? 0.0f : 1.0f); break;
+        case Op::Mix: QV_LANES(a[k] * (1.0f - c[k]) + b[k] * c[k]); break;
+        case Op::Lt: QV_LANES(a[k] < b[k] ? 1.0f : 0.0f); break;
+        case Op::Le: QV_LANES(a[k] <= b[k] ? 1.0f : 0.0f); break;
+        case Op::Eq: QV_LANES(a[k] == b[k] ? 1.0f : 0.0f); break;
+        case Op::Ne: QV_LANES(a[k] != b[k] ? 1.0f : 0.0f); break;
+        case Op::And: QV_LANES((a[k] != 0 && b[k] != 0) ? 1.0f : 0.0f); break;
+        case Op::Or: QV_LANES((a[k] != 0 || b[k] != 0) ? 1.0f : 0.0f); break;
+        case Op::Not: QV_LANES(a[k] == 0 ? 1.0f : 0.0f); break;
+        case Op::Select: QV_LANES(a[k] != 0 ? b[k] : c[k]); break;
+        case Op::LoopHead:
+          counters[in.aux] = 0;
+          break;
+        case Op::BranchIfNone: {
+          bool any = false;
+          for (int k = 0; k < n; ++k) any = any || a[k] != 0;
+          if (!any) pc = std::size_t(in.aux) - 1;
+          break;
+        }
+        case Op::LoopBack: {
+          int& count = counters[code[in.aux].aux];
+          if (++count < kMaxLoopIterations && --budget > 0) pc = std::size_t(in.aux);
+          break;
+        }
+      }
+#undef QV_LANES
+    }
+  }
+};
+
+// A pass-through program: copy rows, repeating edge texels for clamp samplers.
+void copyThrough(const View& v, const PixelTile& out) {
+  const PixelRect& r = out.rect;
+  for (std::int64_t y = r.y; y < r.maxY(); ++y) {
+    float* dst = out.row(y);
+    if (v.empty) continue;  // the output arrives transparent
+    std::int64_t ty = y - v.oy;
+    if (v.clamp) ty = std::clamp(ty, v.y0, v.y1 - 1);
+    else if (ty < v.y0 || ty >= v.y1) continue;
+    std::int64_t tx0 = r.x - v.ox, tx1 = r.maxX() - v.ox;
+    std::int64_t in0 = std::clamp(tx0, v.x0, v.x1), in1 = std::clamp(tx1, v.x0, v.x1);
+    if (in1 > in0) std::memcpy(dst + (in0 - tx0) * 4, v.texel(in0, ty), std::size_t(in1 - in0) * 4 * sizeof(float));
+    if (v.clamp) {
+      const float* left = v.texel(v.x0, ty);
+      for (std::int64_t x = tx0; x < std::min(tx1, v.x0); ++x) std::memcpy(dst + (x - tx0) * 4, left, 4 * sizeof(float));
+      const float* right = v.texel(v.x1 - 1, ty);
+      for (std::int64_t x = std::max(tx0, v.x1); x < tx1; ++x) std::memcpy(dst + (x - tx0) * 4, right, 4 * sizeof(float));
+    }
+  }
+}
+
+}  // namespace
+
+void evaluate(const Program& program, const PixelTile& out, std::span<const SamplerInput> inputs,
+              std::span<const float> params) {
+  if (out.rect.empty() || !out.pixels) return;
+  std::vector<View> views;
+  views.reserve(inputs.size());
+  for (const SamplerInput& in : inputs) views.push_back(makeView(in));
+  while (views.size() < std::size_t(program.inputCount)) views.push_back(View{});
+  if (program.passThroughInput >= 0) {
+    copyThrough(views[program.passThroughInput], out);
+    return;
+  }
+  thread_local std::vector<float> storage;
+  std::size_t need = std::size_t(program.registerCount) * kLanes;
+  if (storage.size() < need) storage.assign(need, 0.0f);
+  Machine m{program, views, params, storage.data(), std::vector<int>(std::max(program.loopSlots, 1), 0)};
+  m.run(program.prologue, nullptr, kLanes);
+  const std::int64_t total = out.rect.width * out.rect.height;
+  for (std::int64_t start = 0; start < total; start += kLanes) {
+    Batch batch{&out.rect, start, int(std::min<std::int64_t>(kLanes, total - start))};
+    m.run(program.body, &batch, batch.n);
+    const float* r0 = m.R(program.result[0]);
+    const float* r1 = m.R(program.result[1]);
+    const float* r2 = m.R(program.result[2]);
+    const float* r3 = m.R(program.result[3]);
+    batch.forEachPixel([&](int k, std::int64_t x, std::int64_t y) {
+      float* px = out.at(x, y);
+      px[0] = r0[k];
+      px[1] = r1[k];
+      px[2] = r2[k];
+      px[3] = r3[k];
+    });
+  }
+}
+
+}  // namespace cikl
