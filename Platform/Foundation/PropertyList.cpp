@@ -384,7 +384,10 @@ std::optional<Value> fromPlist(plist_t node, int depth) {
     case PLIST_DATE: {
       std::int32_t sec = 0, usec = 0;
       plist_get_date_val(node, &sec, &usec);
-      return Value(Date{static_cast<double>(sec) + static_cast<double>(usec) / 1e6});
+      // libplist hands out the seconds truncated towards zero and the fraction's magnitude, so a
+      // fraction of a date before the reference date counts backwards.
+      const double fraction = static_cast<double>(usec < 0 ? -usec : usec) / 1e6;
+      return Value(Date{sec < 0 ? static_cast<double>(sec) - fraction : static_cast<double>(sec) + fraction});
     }
     case PLIST_UID: {
       std::uint64_t uid = 0;
@@ -521,7 +524,8 @@ plist_t toPlist(const Value& v, int depth) {
       const double s = v.date()->secondsSinceReferenceDate;
       if (!std::isfinite(s) || s < std::numeric_limits<std::int32_t>::min() || s >= std::numeric_limits<std::int32_t>::max())
         return nullptr;
-      const double whole = std::floor(s);
+      // Whole seconds towards zero and a microsecond part of the same sign, as libplist reads them.
+      const double whole = std::trunc(s);
       return plist_new_date(static_cast<std::int32_t>(whole), static_cast<std::int32_t>(std::lround((s - whole) * 1e6)));
     }
     case Value::Kind::Array: {

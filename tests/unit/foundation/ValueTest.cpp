@@ -7,6 +7,7 @@
 
 #include "Foundation/NSURL.h"
 #include "Foundation/Value.h"
+#include "ValuePrinter.h"
 
 TEST(Value, IntegersAndRealsAreKeptApart) {
   const Value i = 8;
