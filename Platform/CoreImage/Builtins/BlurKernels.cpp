@@ -19,13 +19,15 @@ namespace {
 
 constexpr float kInvQuantum = 4194304.0f;  // 1 / kGridQuantum
 
-// Rounds a value onto the summation grid (towards zero): clamp, scale, truncate, scale back.
-// Floats of magnitude >= 2 are already on the grid, so the result is exact.
+// Rounds a value to the nearest point of the summation grid (halves away from zero): clamp,
+// scale, round, scale back. Nearest rather than truncated, so that the faint tails of wide
+// kernels are not biased towards zero. Every result is a float on the grid.
 inline float onGrid(float v) {
   v = (v == v) ? v : 0.0f;
   v = v < -kGridLimit ? -kGridLimit : v;
   v = v > kGridLimit ? kGridLimit : v;
-  return float(std::int32_t(v * kInvQuantum)) * kGridQuantum;
+  const float scaled = v * kInvQuantum;
+  return float(std::int32_t(scaled + (scaled < 0 ? -0.5f : 0.5f))) * kGridQuantum;
 }
 
 struct Scratch {

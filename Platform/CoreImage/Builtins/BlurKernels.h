@@ -16,7 +16,7 @@ namespace qv::blur {
 // The grid on which running sums are exact, and the magnitude values are clamped to (NaN
 // reads as 0). 2^-22 is 1/4 000 000, far below one step of a 16-bit encoded value.
 inline constexpr float kGridQuantum = 1.0f / 4194304.0f;  // 2^-22
-inline constexpr float kGridLimit = 1024.0f;
+inline constexpr float kGridLimit = 256.0f;
 
 // One 1-D pass of a separable filter: either a box of 2l+1 taps with weight 1 plus two end
 // taps of weight `edge` at ±(l+1) (the "extended box"; edge 0 is a plain box), normalised to
