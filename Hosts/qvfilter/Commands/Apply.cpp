@@ -17,6 +17,7 @@
 #include "Command.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
+#include "PlugIns.h"
 #include "Recipe.h"
 #include "ValueParsing.h"
 
@@ -105,6 +106,7 @@ class ProgressPrinter {
 };
 
 void runApply(const CLI::App& cmd, const ApplyOptions& options) {
+  qvLoadPlugIns();
   qv::prepareFilterRegistry();
   const std::vector<Step> steps = stepsInOrder(cmd, options);
   CIImage image;

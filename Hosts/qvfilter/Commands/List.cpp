@@ -7,6 +7,7 @@
 
 #include "Command.h"
 #include "CoreImage/CIFilter.h"
+#include "PlugIns.h"
 #include "Recipe.h"
 
 namespace {
@@ -17,6 +18,7 @@ struct ListOptions {
 };
 
 void runList(const ListOptions& options) {
+  qvLoadPlugIns();
   qv::prepareFilterRegistry();
   const auto names = CIFilter::filterNamesInCategory(options.category);
   if (names.empty() && !options.category.empty()) {

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Command.h"
+#include "PlugIns.h"
 #include "Recipe.h"
 
 namespace {
@@ -17,6 +18,7 @@ struct RunOptions {
 };
 
 void runRun(const RunOptions& options) {
+  qvLoadPlugIns();
   qv::RecipeOptions recipeOptions;
   recipeOptions.threads = options.threads;
   recipeOptions.outputFileOverride = options.output;
