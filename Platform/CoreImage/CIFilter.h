@@ -155,6 +155,8 @@ class CIFilter : public std::enable_shared_from_this<CIFilter> {
   // property for a key.
   Value storedValue(const std::string& key) const;
   void storeValue(const std::string& key, const Value& value);
+  // The registered name, for filters made other than by filterWithName (which sets it).
+  void setName(std::string name) { name_ = std::move(name); }
 
  private:
   std::string name_;

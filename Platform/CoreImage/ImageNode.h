@@ -33,6 +33,13 @@ struct PixelRect {
   CGRect cgRect() const { return CGRectMake(double(x), double(y), double(width), double(height)); }
   // The smallest pixel rectangle that covers r (CGRectIntegral, clamped); empty for null.
   static PixelRect covering(const CGRect& r);
+  // The pixels whose centres lie inside r (minX <= x + 0.5 < maxX, likewise for y), clamped;
+  // empty for null. This is how crops decide which pixels they keep.
+  static PixelRect centresInside(const CGRect& r);
+  bool contains(const PixelRect& o) const {
+    return o.empty() || (!empty() && o.x >= x && o.y >= y && o.maxX() <= maxX() && o.maxY() <= maxY());
+  }
+  std::int64_t area() const { return empty() ? 0 : width * height; }
   bool operator==(const PixelRect&) const = default;
 };
 
@@ -52,9 +59,14 @@ struct ConstPixelTile {
   const float* at(std::int64_t x, std::int64_t y) const { return row(y) + (x - rect.x) * 4; }
 };
 
+class RenderCache;
+
 // What a node may need to know about the render it takes part in.
 struct RenderInfo {
   bool colorManaged = true;  // false: all arithmetic runs on the encoded values
+  // Per-render store shared by all tiles and threads of one render (e.g. a provider's whole
+  // image, converted once); null outside a render. See CoreImage/Render/RenderCache.h.
+  RenderCache* cache = nullptr;
 };
 
 class ImageNode : public Object {

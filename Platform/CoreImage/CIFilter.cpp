@@ -1,0 +1,186 @@
+#include "CoreImage/CIFilter.h"
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+
+#include "CoreImage/Builtins/BuiltinFilter.h"
+
+namespace {
+
+struct Registry {
+  std::shared_mutex mutex;
+  std::map<std::string, CIFilterRegistration> filters;
+};
+
+Registry& registry() {
+  static Registry r;
+  return r;
+}
+
+std::mutex& hookMutex() {
+  static std::mutex m;
+  return m;
+}
+
+CIKernelApplyHook& hook() {
+  static CIKernelApplyHook h;
+  return h;
+}
+
+// The attribute dictionary of one declared input: only the members that are set.
+Dictionary attributesOf(const CIInputSpec& spec) {
+  Dictionary d;
+  if (!spec.attributeClass.empty()) d[kCIAttributeClass] = spec.attributeClass;
+  if (!spec.type.empty()) d[kCIAttributeType] = spec.type;
+  if (spec.defaultValue) d[kCIAttributeDefault] = spec.defaultValue;
+  if (spec.identity) d[kCIAttributeIdentity] = spec.identity;
+  if (spec.min) d[kCIAttributeMin] = spec.min;
+  if (spec.max) d[kCIAttributeMax] = spec.max;
+  if (spec.sliderMin) d[kCIAttributeSliderMin] = spec.sliderMin;
+  if (spec.sliderMax) d[kCIAttributeSliderMax] = spec.sliderMax;
+  if (!spec.displayName.empty()) d[kCIAttributeDisplayName] = spec.displayName;
+  if (!spec.description.empty()) d[kCIAttributeDescription] = spec.description;
+  return d;
+}
+
+}  // namespace
+
+void CIFilter::registerFilter(CIFilterRegistration registration) {
+  Registry& r = registry();
+  std::unique_lock lock(r.mutex);
+  auto it = r.filters.find(registration.name);
+  if (it != r.filters.end())
+    it->second = std::move(registration);  // in place, so that pointers handed out stay valid
+  else
+    r.filters.emplace(registration.name, std::move(registration));
+}
+
+const CIFilterRegistration* CIFilter::registrationForName(const std::string& name) {
+  registerBuiltinFilters();
+  Registry& r = registry();
+  std::shared_lock lock(r.mutex);
+  auto it = r.filters.find(name);
+  return it == r.filters.end() ? nullptr : &it->second;
+}
+
+CIFilterRef CIFilter::filterWithName(const std::string& name) {
+  registerBuiltinFilters();
+  std::function<CIFilterRef()> make;
+  {
+    Registry& r = registry();
+    std::shared_lock lock(r.mutex);
+    auto it = r.filters.find(name);
+    if (it == r.filters.end()) return nullptr;
+    make = it->second.make;
+  }
+  if (!make) return nullptr;
+  CIFilterRef filter = make();
+  if (filter) filter->name_ = name;
+  return filter;
+}
+
+std::vector<std::string> CIFilter::filterNamesInCategory(const std::string& category) {
+  if (category.empty()) return filterNamesInCategories({});
+  return filterNamesInCategories({category});
+}
+
+std::vector<std::string> CIFilter::filterNamesInCategories(const std::vector<std::string>& categories) {
+  registerBuiltinFilters();
+  Registry& r = registry();
+  std::shared_lock lock(r.mutex);
+  std::vector<std::string> names;
+  for (const auto& [name, reg] : r.filters) {
+    const bool all = std::all_of(categories.begin(), categories.end(), [&](const std::string& c) {
+      return c.empty() || std::find(reg.categories.begin(), reg.categories.end(), c) != reg.categories.end();
+    });
+    if (all) names.push_back(name);
+  }
+  return names;  // std::map keeps them sorted
+}
+
+std::vector<std::string> CIFilter::inputKeys() const {
+  std::vector<std::string> keys;
+  if (const CIFilterRegistration* reg = registrationForName(name_)) {
+    if (!reg->inputs.empty()) {
+      for (const auto& spec : reg->inputs) keys.push_back(spec.key);
+    } else {
+      for (const auto& [key, value] : reg->inputAttributes) keys.push_back(key);
+    }
+  }
+  return keys;
+}
+
+Dictionary CIFilter::attributes() const {
+  Dictionary attrs;
+  attrs[kCIAttributeFilterName] = name_;
+  if (const CIFilterRegistration* reg = registrationForName(name_)) {
+    attrs[kCIAttributeFilterDisplayName] = reg->displayName.empty() ? name_ : reg->displayName;
+    Array cats;
+    for (const auto& c : reg->categories) cats.emplace_back(c);
+    attrs[kCIAttributeFilterCategories] = Value(std::move(cats));
+    if (!reg->inputs.empty()) {
+      for (const auto& spec : reg->inputs) attrs[spec.key] = Value(attributesOf(spec));
+    } else {
+      for (const auto& [key, value] : reg->inputAttributes) attrs[key] = value;
+    }
+  } else {
+    attrs[kCIAttributeFilterDisplayName] = name_;
+    attrs[kCIAttributeFilterCategories] = Value(Array{});
+  }
+  // A filter's own description of an input replaces the declared one whole.
+  const Value custom = customAttributes();
+  if (const Dictionary* d = custom.dictionary()) {
+    for (const auto& [key, value] : *d)
+      if (value.dictionary()) attrs[key] = value;
+  }
+  return attrs;
+}
+
+void CIFilter::setDefaults() {
+  const Dictionary attrs = attributes();
+  for (const std::string& key : inputKeys()) {
+    auto it = attrs.find(key);
+    if (it == attrs.end()) continue;
+    const Value def = it->second[kCIAttributeDefault];
+    if (def) setValue(def, key);
+  }
+}
+
+void CIFilter::setValue(const Value& value, const std::string& key) {
+  if (key == kCIOutputImageKey) return;  // read-only
+  storeValue(key, value);
+}
+
+Value CIFilter::valueForKey(const std::string& key) const {
+  if (key == kCIOutputImageKey) return outputImage();
+  return storedValue(key);
+}
+
+Value CIFilter::storedValue(const std::string& key) const {
+  auto it = values_.find(key);
+  return it == values_.end() ? Value() : it->second;
+}
+
+void CIFilter::storeValue(const std::string& key, const Value& value) {
+  if (value.isNil())
+    values_.erase(key);
+  else
+    values_[key] = value;
+}
+
+CIImage CIFilter::apply(const CIKernelRef& kernel, const Array& arguments, const Dictionary& options) const {
+  CIKernelApplyHook h;
+  {
+    std::lock_guard lock(hookMutex());
+    h = hook();
+  }
+  if (!h || !kernel) return {};
+  return h(kernel, arguments, options);
+}
+
+void CISetKernelApplyHook(CIKernelApplyHook hook_) {
+  std::lock_guard lock(hookMutex());
+  hook() = std::move(hook_);
+}

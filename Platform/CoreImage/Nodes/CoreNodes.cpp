@@ -1,0 +1,333 @@
+#include "CoreImage/Nodes/CoreNodes.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "CoreImage/CIContext.h"
+#include "CoreImage/ColorSpace.h"
+#include "CoreImage/Render/PixelConvert.h"
+#include "CoreImage/Render/RenderCache.h"
+#include "ImageIO/ImageIO.h"
+
+namespace {
+
+// Copies the part of `src` that overlaps `rect` into `out` (both in plane coordinates).
+void copyRegion(const PixelTile& out, const ConstPixelTile& src, const PixelRect& rect) {
+  const PixelRect r = rect.intersection(out.rect).intersection(src.rect);
+  if (r.empty()) return;
+  for (std::int64_t y = r.y; y < r.maxY(); ++y)
+    std::memcpy(out.at(r.x, y), src.at(r.x, y), static_cast<std::size_t>(r.width) * 4 * sizeof(float));
+}
+
+}  // namespace
+
+// ---- ConstantColorNode ----
+
+void ConstantColorNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
+  if (!color_) return;
+  const auto c = workingColor(*color_, info.colorManaged);
+  const PixelRect r = CGRectIsInfinite(extent()) ? out.rect : PixelRect::centresInside(extent()).intersection(out.rect);
+  for (std::int64_t y = r.y; y < r.maxY(); ++y) {
+    float* p = out.at(r.x, y);
+    for (std::int64_t x = 0; x < r.width; ++x, p += 4) std::memcpy(p, c.data(), sizeof(float) * 4);
+  }
+}
+
+// ---- Bitmaps ----
+
+BitmapNode::BitmapNode(std::vector<float> pixels, std::size_t width, std::size_t height, std::int64_t x, std::int64_t y)
+    : ImageNode(CGRectMake(double(x), double(y), double(width), double(height))),
+      pixels_(std::move(pixels)), width_(width), height_(height), x_(x), y_(y) {}
+
+void BitmapNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo&) const {
+  const PixelRect mine{x_, y_, std::int64_t(width_), std::int64_t(height_)};
+  const PixelRect r = mine.intersection(out.rect);
+  for (std::int64_t y = r.y; y < r.maxY(); ++y) {
+    const std::size_t row = height_ - 1 - std::size_t(y - y_);
+    const float* src = pixels_.data() + (row * width_ + std::size_t(r.x - x_)) * 4;
+    std::memcpy(out.at(r.x, y), src, std::size_t(r.width) * 4 * sizeof(float));
+  }
+}
+
+Bitmap8Node::Bitmap8Node(std::vector<std::uint8_t> pixels, std::size_t width, std::size_t height, std::int64_t x,
+                         std::int64_t y)
+    : ImageNode(CGRectMake(double(x), double(y), double(width), double(height))),
+      pixels_(std::move(pixels)), width_(width), height_(height), x_(x), y_(y) {}
+
+void Bitmap8Node::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
+  const PixelRect mine{x_, y_, std::int64_t(width_), std::int64_t(height_)};
+  const PixelRect r = mine.intersection(out.rect);
+  for (std::int64_t y = r.y; y < r.maxY(); ++y) {
+    const std::size_t row = height_ - 1 - std::size_t(y - y_);
+    const std::uint8_t* src = pixels_.data() + (row * width_ + std::size_t(r.x - x_)) * 4;
+    qvpixel::decodeStraightRGBA8(src, out.at(r.x, y), std::size_t(r.width), info.colorManaged);
+  }
+}
+
+// ---- OffsetNode ----
+
+OffsetNode::OffsetNode(CIImage input, std::int64_t dx, std::int64_t dy)
+    : ImageNode(CGRectOffset(input.extent(), double(dx), double(dy)), {input}), dx_(dx), dy_(dy) {}
+
+PixelRect OffsetNode::regionOfInterest(std::size_t, const PixelRect& rect) const { return rect.offset(-dx_, -dy_); }
+
+void OffsetNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+  const ConstPixelTile& src = in[0];
+  for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
+    std::memcpy(out.at(out.rect.x, y), src.at(out.rect.x - dx_, y - dy_),
+                std::size_t(out.rect.width) * 4 * sizeof(float));
+}
+
+// ---- TransformNode ----
+
+namespace {
+double snap(double v) {
+  const double r = std::round(v);
+  return std::fabs(v - r) < 1e-9 ? r : v;
+}
+}  // namespace
+
+TransformNode::TransformNode(CIImage input, const CGAffineTransform& t)
+    : ImageNode(CGRectApplyAffineTransform(input.extent(), t), {input}), t_(t) {
+  inv_ = CGAffineTransformInvert(t_);
+  inv_.a = snap(inv_.a);
+  inv_.b = snap(inv_.b);
+  inv_.c = snap(inv_.c);
+  inv_.d = snap(inv_.d);
+  // Footprint of one output pixel in the input, per input axis; never below one pixel
+  // (bilinear) and bounded so that extreme shrinks stay affordable.
+  rx_ = std::clamp(std::hypot(inv_.a, inv_.c), 1.0, 64.0);
+  ry_ = std::clamp(std::hypot(inv_.b, inv_.d), 1.0, 64.0);
+  if (rx_ < 1.0 + 1e-9) rx_ = 1.0;
+  if (ry_ < 1.0 + 1e-9) ry_ = 1.0;
+}
+
+PixelRect TransformNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
+  if (rect.empty()) return {};
+  const CGRect box = CGRectApplyAffineTransform(rect.cgRect(), inv_);
+  return PixelRect::covering(CGRectInset(box, -(rx_ + 1.0), -(ry_ + 1.0)));
+}
+
+void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+  const ConstPixelTile& src = in[0];
+  if (src.rect.empty()) return;
+  const PixelRect sr = src.rect;
+  const bool bilinear = rx_ == 1.0 && ry_ == 1.0;
+  std::vector<float> wx, wy;
+  for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
+    float* o = out.at(out.rect.x, Y);
+    const double cy = double(Y) + 0.5;
+    for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X, o += 4) {
+      const double cx = double(X) + 0.5;
+      // Sample position in input pixel indices (pixel i has its centre at i + 0.5).
+      const double u = snap(inv_.a * cx + inv_.c * cy + inv_.tx - 0.5);
+      const double v = snap(inv_.b * cx + inv_.d * cy + inv_.ty - 0.5);
+      float acc[4] = {0, 0, 0, 0};
+      if (bilinear) {
+        const double fu = std::floor(u), fv = std::floor(v);
+        const std::int64_t i0 = std::int64_t(fu), j0 = std::int64_t(fv);
+        const float ax = float(u - fu), ay = float(v - fv);
+        const float wxs[2] = {1.0f - ax, ax}, wys[2] = {1.0f - ay, ay};
+        for (int j = 0; j < 2; ++j) {
+          const std::int64_t yy = j0 + j;
+          if (wys[j] == 0.0f || yy < sr.y || yy >= sr.maxY()) continue;
+          for (int i = 0; i < 2; ++i) {
+            const std::int64_t xx = i0 + i;
+            if (wxs[i] == 0.0f || xx < sr.x || xx >= sr.maxX()) continue;
+            const float w = wxs[i] * wys[j];
+            const float* p = src.at(xx, yy);
+            for (int k = 0; k < 4; ++k) acc[k] += w * p[k];
+          }
+        }
+        std::memcpy(o, acc, sizeof acc);
+        continue;
+      }
+      // Tent filter of radius rx_ × ry_, normalised.
+      const std::int64_t i0 = std::int64_t(std::ceil(u - rx_)), i1 = std::int64_t(std::floor(u + rx_));
+      const std::int64_t j0 = std::int64_t(std::ceil(v - ry_)), j1 = std::int64_t(std::floor(v + ry_));
+      wx.assign(std::size_t(i1 - i0 + 1), 0.0f);
+      wy.assign(std::size_t(j1 - j0 + 1), 0.0f);
+      double sx = 0, sy = 0;
+      for (std::int64_t i = i0; i <= i1; ++i) sx += wx[std::size_t(i - i0)] = float(std::max(0.0, 1.0 - std::fabs(double(i) - u) / rx_));
+      for (std::int64_t j = j0; j <= j1; ++j) sy += wy[std::size_t(j - j0)] = float(std::max(0.0, 1.0 - std::fabs(double(j) - v) / ry_));
+      if (sx <= 0 || sy <= 0) continue;
+      const float norm = float(1.0 / (sx * sy));
+      for (std::int64_t j = std::max(j0, sr.y); j <= std::min(j1, sr.maxY() - 1); ++j) {
+        const float wj = wy[std::size_t(j - j0)];
+        if (wj == 0.0f) continue;
+        float racc[4] = {0, 0, 0, 0};
+        const std::int64_t ia = std::max(i0, sr.x), ib = std::min(i1, sr.maxX() - 1);
+        const float* p = ia <= ib ? src.at(ia, j) : nullptr;
+        for (std::int64_t i = ia; i <= ib; ++i, p += 4) {
+          const float wi = wx[std::size_t(i - i0)];
+          for (int k = 0; k < 4; ++k) racc[k] += wi * p[k];
+        }
+        for (int k = 0; k < 4; ++k) acc[k] += wj * racc[k];
+      }
+      for (int k = 0; k < 4; ++k) o[k] = acc[k] * norm;
+    }
+  }
+}
+
+// ---- CropNode ----
+
+CropNode::CropNode(CIImage input, const CGRect& rect)
+    : ImageNode(CGRectIntersection(input.extent(), rect), {input}), rect_(rect), kept_(PixelRect::centresInside(rect)) {}
+
+PixelRect CropNode::regionOfInterest(std::size_t, const PixelRect& rect) const { return rect.intersection(kept_); }
+
+void CropNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+  copyRegion(out, in[0], kept_);
+}
+
+// ---- ClampNode ----
+
+ClampNode::ClampNode(CIImage input) : ImageNode(CGRectInfinite, {input}) {
+  edge_ = PixelRect::centresInside(input.extent());
+  if (edge_.empty()) edge_ = PixelRect::covering(input.extent());
+}
+
+PixelRect ClampNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
+  if (rect.empty() || edge_.empty()) return {};
+  auto cl = [](std::int64_t v, std::int64_t lo, std::int64_t hi) { return std::clamp(v, lo, hi); };
+  const std::int64_t x0 = cl(rect.x, edge_.x, edge_.maxX() - 1), x1 = cl(rect.maxX() - 1, edge_.x, edge_.maxX() - 1);
+  const std::int64_t y0 = cl(rect.y, edge_.y, edge_.maxY() - 1), y1 = cl(rect.maxY() - 1, edge_.y, edge_.maxY() - 1);
+  return {x0, y0, x1 - x0 + 1, y1 - y0 + 1};
+}
+
+void ClampNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+  const ConstPixelTile& src = in[0];
+  if (src.rect.empty()) return;
+  for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
+    const std::int64_t sy = std::clamp(y, src.rect.y, src.rect.maxY() - 1);
+    float* o = out.at(out.rect.x, y);
+    for (std::int64_t x = out.rect.x; x < out.rect.maxX(); ++x, o += 4) {
+      const std::int64_t sx = std::clamp(x, src.rect.x, src.rect.maxX() - 1);
+      std::memcpy(o, src.at(sx, sy), 4 * sizeof(float));
+    }
+  }
+}
+
+// ---- ProviderNode ----
+
+struct ProviderNode::Block {
+  PixelRect rect;  // in plane coordinates
+  std::vector<float> pixels;  // premultiplied working floats, row 0 = bottom row of rect
+};
+
+ProviderNode::ProviderNode(std::shared_ptr<CIImageProvider> provider, std::size_t width, std::size_t height,
+                           CIFormat format, std::string colorSpace, Dictionary options)
+    : ImageNode(CGRectMake(0, 0, double(width), double(height))),
+      provider_(std::move(provider)), width_(width), height_(height), format_(format), options_(std::move(options)) {
+  linearData_ = colorSpace.find("Linear") != std::string::npos;
+  auto it = options_.find("CIImageProviderTileSize");
+  if (it != options_.end()) {
+    Value v = it->second;
+    if (auto* a = v.array(); a && !a->empty()) v = a->front();
+    const std::int64_t t = v.integerValue();
+    if (t > 0) tileSize_ = std::size_t(t);
+  }
+  auto ui = options_.find("CIImageProviderUserInfo");
+  if (ui != options_.end()) userInfo_ = ui->second;
+}
+
+std::shared_ptr<const ProviderNode::Block> ProviderNode::fetch(std::int64_t col, std::int64_t row,
+                                                               const RenderInfo& info) const {
+  auto make = [&]() -> std::shared_ptr<const Block> {
+    auto block = std::make_shared<Block>();
+    const std::int64_t W = std::int64_t(width_), H = std::int64_t(height_);
+    const std::int64_t ts = tileSize_ ? std::int64_t(tileSize_) : std::max(W, H);
+    // Tile (col, row) counted from the top-left corner, as the provider measures.
+    const std::int64_t left = col * ts, top = row * ts;
+    const std::int64_t w = std::min(ts, W - left), h = std::min(ts, H - top);
+    block->rect = {left, H - top - h, w, h};
+    const std::size_t rowBytes = std::size_t(w) * 4;
+    std::vector<std::uint8_t> bytes(rowBytes * std::size_t(h), 0);
+    if (provider_)
+      provider_->provideImageData(bytes.data(), rowBytes, std::size_t(left), std::size_t(top), std::size_t(w),
+                                  std::size_t(h), userInfo_);
+    block->pixels.resize(std::size_t(w * h) * 4);
+    const bool managed = info.colorManaged && !linearData_;
+    for (std::int64_t r = 0; r < h; ++r) {
+      const std::uint8_t* src = bytes.data() + std::size_t(h - 1 - r) * rowBytes;  // bottom-up
+      float* dst = block->pixels.data() + std::size_t(r * w) * 4;
+      if (format_ == CIFormat::ARGB8)
+        qvpixel::decodePremultipliedARGB8(src, dst, std::size_t(w), managed);
+      else
+        qvpixel::decodePremultipliedRGBA8(src, dst, std::size_t(w), managed);
+    }
+    return block;
+  };
+  if (!info.cache) return make();
+  const long long key = (static_cast<long long>(row) << 32) ^ static_cast<long long>(col);
+  return info.cache->getOrCreate<Block>(this, key, make);
+}
+
+void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
+  const std::int64_t W = std::int64_t(width_), H = std::int64_t(height_);
+  const PixelRect r = out.rect.intersection({0, 0, W, H});
+  if (r.empty()) return;
+  const std::int64_t ts = tileSize_ ? std::int64_t(tileSize_) : std::max(W, H);
+  // Rows counted from the top: plane row y is image row H - 1 - y.
+  const std::int64_t col0 = r.x / ts, col1 = (r.maxX() - 1) / ts;
+  const std::int64_t row0 = (H - r.maxY()) / ts, row1 = (H - 1 - r.y) / ts;
+  for (std::int64_t row = row0; row <= row1; ++row) {
+    for (std::int64_t col = col0; col <= col1; ++col) {
+      auto block = fetch(col, row, info);
+      const PixelRect part = block->rect.intersection(r);
+      for (std::int64_t y = part.y; y < part.maxY(); ++y) {
+        const float* src = block->pixels.data() +
+                           std::size_t((y - block->rect.y) * block->rect.width + (part.x - block->rect.x)) * 4;
+        std::memcpy(out.at(part.x, y), src, std::size_t(part.width) * 4 * sizeof(float));
+      }
+    }
+  }
+}
+
+// ---- FileNode ----
+
+struct FileNode::Decoded {
+  CGImageRef image;
+  std::string error;
+};
+
+FileNode::FileNode(std::string path, std::size_t width, std::size_t height)
+    : ImageNode(CGRectMake(0, 0, double(width), double(height))), path_(std::move(path)), width_(width), height_(height) {}
+
+const FileNode::Decoded& FileNode::decoded() const {
+  std::call_once(once_, [this] {
+    auto d = std::make_shared<Decoded>();
+    auto src = CGImageSourceCreateWithURL(path_);
+    if (!src) {
+      d->error = CGImageSourceGetCreateError();
+    } else {
+      d->image = CGImageSourceCreateImageAtIndex(src, 0);
+      if (!d->image) d->error = CGImageSourceGetLastError(src);
+    }
+    if (d->image && (d->image->width != width_ || d->image->height != height_)) {
+      d->error = "the file changed size since it was opened";
+      d->image.reset();
+    }
+    decoded_ = std::move(d);
+  });
+  return *decoded_;
+}
+
+void FileNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
+  const PixelRect r = out.rect.intersection({0, 0, std::int64_t(width_), std::int64_t(height_)});
+  if (r.empty()) return;
+  const Decoded& d = decoded();
+  if (!d.image)
+    throw CIRenderError("cannot decode " + path_ + (d.error.empty() ? std::string() : ": " + d.error));
+  const CGImage& img = *d.image;
+  for (std::int64_t y = r.y; y < r.maxY(); ++y) {
+    const std::uint8_t* row = img.row(height_ - 1 - std::size_t(y));
+    if (img.bitsPerComponent == 16) {
+      qvpixel::decodeStraightRGBA16(reinterpret_cast<const std::uint16_t*>(row) + std::size_t(r.x) * 4, out.at(r.x, y),
+                                    std::size_t(r.width), info.colorManaged);
+    } else {
+      qvpixel::decodeStraightRGBA8(row + std::size_t(r.x) * 4, out.at(r.x, y), std::size_t(r.width), info.colorManaged);
+    }
+  }
+}

@@ -1,0 +1,129 @@
+#include "CoreImage/Render/PixelConvert.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "CoreImage/ColorSpace.h"
+
+namespace qvpixel {
+namespace {
+
+struct Tables {
+  std::array<float, 256> linear{};
+  std::array<float, 256> raw{};
+  // thresholds[k]: the linear value from which the nearest 8-bit code is k + 1.
+  std::array<float, 255> thresholds{};
+  Tables() {
+    for (int i = 0; i < 256; ++i) {
+      raw[i] = static_cast<float>(i) / 255.0f;
+      linear[i] = srgbToLinear(raw[i]);
+    }
+    for (int k = 0; k < 255; ++k) thresholds[k] = srgbToLinear((static_cast<float>(k) + 0.5f) / 255.0f);
+  }
+};
+
+const Tables& tables() {
+  static const Tables t;
+  return t;
+}
+
+inline float clamp01(float v) { return v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f; }
+
+inline std::uint8_t code8Raw(float v) { return static_cast<std::uint8_t>(std::floor(clamp01(v) * 255.0f + 0.5f)); }
+
+inline std::uint8_t code8Managed(float v, const Tables& t) {
+  if (!(v > 0.0f)) return 0;
+  if (v >= 1.0f) return 255;
+  return static_cast<std::uint8_t>(std::upper_bound(t.thresholds.begin(), t.thresholds.end(), v) - t.thresholds.begin());
+}
+
+}  // namespace
+
+const float* decodeTable8(bool colorManaged) { return colorManaged ? tables().linear.data() : tables().raw.data(); }
+
+void decodeStraightRGBA8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
+  const float* lut = decodeTable8(colorManaged);
+  const float* raw = tables().raw.data();
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
+    const float a = raw[src[3]];
+    dst[0] = lut[src[0]] * a;
+    dst[1] = lut[src[1]] * a;
+    dst[2] = lut[src[2]] * a;
+    dst[3] = a;
+  }
+}
+
+void decodeStraightRGBA16(const std::uint16_t* src, float* dst, std::size_t count, bool colorManaged) {
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
+    const float a = static_cast<float>(src[3]) / 65535.0f;
+    for (int c = 0; c < 3; ++c) {
+      const float e = static_cast<float>(src[c]) / 65535.0f;
+      dst[c] = (colorManaged ? srgbToLinear(e) : e) * a;
+    }
+    dst[3] = a;
+  }
+}
+
+namespace {
+// Premultiplied encoded components: un-premultiply, decode, premultiply again. With colour
+// management off decoding is the identity, so the values only need scaling.
+inline void decodePremul(std::uint8_t r, std::uint8_t g, std::uint8_t b, std::uint8_t a8, float* dst, bool managed) {
+  const float a = static_cast<float>(a8) / 255.0f;
+  const std::uint8_t c[3] = {r, g, b};
+  for (int k = 0; k < 3; ++k) {
+    float e = static_cast<float>(c[k]) / 255.0f;
+    if (managed) {
+      if (a8 == 0) {
+        e = 0.0f;
+      } else {
+        e = srgbToLinear(std::min(1.0f, e / a)) * a;
+      }
+    }
+    dst[k] = e;
+  }
+  dst[3] = a;
+}
+}  // namespace
+
+void decodePremultipliedARGB8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) decodePremul(src[1], src[2], src[3], src[0], dst, colorManaged);
+}
+
+void decodePremultipliedRGBA8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) decodePremul(src[0], src[1], src[2], src[3], dst, colorManaged);
+}
+
+void encodeStraightRGBA8(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged) {
+  const Tables& t = tables();
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
+    const float a = clamp01(src[3]);
+    if (!(a > 0.0f)) {
+      dst[0] = dst[1] = dst[2] = dst[3] = 0;
+      continue;
+    }
+    for (int c = 0; c < 3; ++c) {
+      const float v = src[c] / a;
+      dst[c] = colorManaged ? code8Managed(v, t) : code8Raw(v);
+    }
+    dst[3] = code8Raw(a);
+  }
+}
+
+void encodeStraightRGBA16(const float* src, std::uint16_t* dst, std::size_t count, bool colorManaged) {
+  auto code = [](float v) { return static_cast<std::uint16_t>(std::floor(clamp01(v) * 65535.0f + 0.5f)); };
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
+    const float a = clamp01(src[3]);
+    if (!(a > 0.0f)) {
+      dst[0] = dst[1] = dst[2] = dst[3] = 0;
+      continue;
+    }
+    for (int c = 0; c < 3; ++c) {
+      const float v = src[c] / a;
+      dst[c] = code(colorManaged ? linearToSrgb(clamp01(v)) : v);
+    }
+    dst[3] = code(a);
+  }
+}
+
+}  // namespace qvpixel
