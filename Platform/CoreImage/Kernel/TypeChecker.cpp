@@ -106,6 +106,21 @@ std::string typeList(const std::vector<std::unique_ptr<Expr>>& args) {
 
 [[noreturn]] void fail(SourceLoc loc, std::string message) { throw CompileError{loc, std::move(message)}; }
 
+// Where an expression begins in the text (operators and selectors sit after their first operand).
+SourceLoc startOf(const Expr& e) {
+  switch (e.kind) {
+    case ExprKind::Binary:
+    case ExprKind::Field:
+    case ExprKind::PostIncDec:
+    case ExprKind::Ternary:
+    case ExprKind::Assign:
+    case ExprKind::Comma:
+      return startOf(*e.args[0]);
+    default:
+      return e.loc;
+  }
+}
+
 // Constant value of an expression made only of literals and operators, if it has one.
 std::optional<double> constantValue(const Expr& e) {
   switch (e.kind) {
@@ -270,7 +285,7 @@ class Checker {
           if (s.inits[i]) {
             expr(*s.inits[i]);
             if (!coerce(*s.inits[i], v.type))
-              fail(s.inits[i]->loc, "cannot initialise " + std::string(typeName(v.type)) + " '" + v.name + "' with a value of type " +
+              fail(startOf(*s.inits[i]), "cannot initialise " + std::string(typeName(v.type)) + " '" + v.name + "' with a value of type " +
                                         typeName(s.inits[i]->type));
           }
           declare(v);
@@ -310,9 +325,9 @@ class Checker {
           return;
         }
         expr(*s.expr);
-        if (want == Type::Void) fail(s.expr->loc, "'" + current_->name + "' returns void and cannot return a value");
+        if (want == Type::Void) fail(startOf(*s.expr), "'" + current_->name + "' returns void and cannot return a value");
         if (!coerce(*s.expr, want))
-          fail(s.expr->loc, "'" + current_->name + "' must return " + typeName(want) + ", not " + typeName(s.expr->type));
+ fail(startOf(*s.expr), "'" + current_->name + "' must return " + typeName(want) + ", not " + typeName(s.expr->type));
         return;
       }
     }
@@ -327,7 +342,7 @@ class Checker {
   void condition(Expr& e, const char* what) {
     expr(e);
     if (e.type != Type::Bool)
-      fail(e.loc, std::string("the condition of '") + what + "' must be bool, not " + typeName(e.type));
+      fail(startOf(e), std::string("the condition of '") + what + "' must be bool, not " + typeName(e.type));
   }
 
   // Rejects loops whose trip count is known when compiling and exceeds the limit, and loops
@@ -486,7 +501,7 @@ class Checker {
         expr(c);
         expr(a);
         expr(b);
-        if (c.type != Type::Bool) fail(c.loc, "the condition of '?:' must be bool, not " + std::string(typeName(c.type)));
+        if (c.type != Type::Bool) fail(startOf(c), "the condition of '?:' must be bool, not " + std::string(typeName(c.type)));
         if (a.type == Type::Sampler || b.type == Type::Sampler) fail(e.loc, "'?:' cannot choose between samplers");
         if (a.type == Type::Void || b.type == Type::Void) fail(e.loc, "'?:' cannot choose between void values");
         if (a.type != b.type) {
