@@ -83,37 +83,37 @@ inline const float* fetch(const View& v, std::int64_t x, std::int64_t y) {
 // A float position converted to a texel index without undefined behaviour for NaN or huge values.
 inline float safeFloor(float f, float lo, float hi) { return std::floor(std::fmin(std::fmax(f, lo), hi)); }
 
+// Positions are turned into texel indices and fractions in absolute coordinates, so a read
+// gives the same bits whichever tile it happens in.
 void sample(const View& v, const float* xs, const float* ys, float* d0, float* d1, float* d2, float* d3, int n) {
   if (v.empty) {
     for (int k = 0; k < n; ++k) d0[k] = d1[k] = d2[k] = d3[k] = 0;
     return;
   }
-  const float lox = float(v.x0) - 2, hix = float(v.x1) + 1, loy = float(v.y0) - 2, hiy = float(v.y1) + 1;
-  const float ox = float(v.ox), oy = float(v.oy);
+  const float lox = float(v.ox + v.x0) - 2, hix = float(v.ox + v.x1) + 1;
+  const float loy = float(v.oy + v.y0) - 2, hiy = float(v.oy + v.y1) + 1;
   static const float zero[4] = {0, 0, 0, 0};
+  auto put = [&](int k, const float* t) {
+    d0[k] = t[0];
+    d1[k] = t[1];
+    d2[k] = t[2];
+    d3[k] = t[3];
+  };
   for (int k = 0; k < n; ++k) {
     if (v.nearest) {
-      float fx = safeFloor(xs[k] - ox, lox, hix), fy = safeFloor(ys[k] - oy, loy, hiy);
-      const float* t = fetch(v, std::int64_t(fx), std::int64_t(fy));
-      if (!t) t = zero;
-      d0[k] = t[0];
-      d1[k] = t[1];
-      d2[k] = t[2];
-      d3[k] = t[3];
+      float fx = safeFloor(xs[k], lox, hix), fy = safeFloor(ys[k], loy, hiy);
+      const float* t = fetch(v, std::int64_t(fx) - v.ox, std::int64_t(fy) - v.oy);
+      put(k, t ? t : zero);
       continue;
     }
-    float px = std::fmin(std::fmax(xs[k] - ox - 0.5f, lox), hix);
-    float py = std::fmin(std::fmax(ys[k] - oy - 0.5f, loy), hiy);
+    float px = std::fmin(std::fmax(xs[k] - 0.5f, lox), hix);
+    float py = std::fmin(std::fmax(ys[k] - 0.5f, loy), hiy);
     float fx = std::floor(px), fy = std::floor(py);
     float tx = px - fx, ty = py - fy;
-    auto ix = std::int64_t(fx), iy = std::int64_t(fy);
+    auto ix = std::int64_t(fx) - v.ox, iy = std::int64_t(fy) - v.oy;
     const float* t00 = fetch(v, ix, iy);
     if (tx == 0 && ty == 0) {
-      if (!t00) t00 = zero;
-      d0[k] = t00[0];
-      d1[k] = t00[1];
-      d2[k] = t00[2];
-      d3[k] = t00[3];
+      put(k, t00 ? t00 : zero);
       continue;
     }
     const float* t10 = fetch(v, ix + 1, iy);
@@ -123,11 +123,16 @@ void sample(const View& v, const float* xs, const float* ys, float* d0, float* d
     if (!t10) t10 = zero;
     if (!t01) t01 = zero;
     if (!t11) t11 = zero;
-    float w00 = (1 - tx) * (1 - ty), w10 = tx * (1 - ty), w01 = (1 - tx) * ty, w11 = tx * ty;
-    d0[k] = t00[0] * w00 + t10[0] * w10 + t01[0] * w01 + t11[0] * w11;
-    d1[k] = t00[1] * w00 + t10[1] * w10 + t01[1] * w01 + t11[1] * w11;
-    d2[k] = t00[2] * w00 + t10[2] * w10 + t01[2] * w01 + t11[2] * w11;
-    d3[k] = t00[3] * w00 + t10[3] * w10 + t01[3] * w01 + t11[3] * w11;
+    // Interpolate along x in each row, then between the rows; a pair that reads one texel
+    // (a clamped edge) gives that texel exactly.
+    float r0[4], r1[4], out[4];
+    for (int c = 0; c < 4; ++c) {
+      r0[c] = t00 == t10 ? t00[c] : t00[c] * (1 - tx) + t10[c] * tx;
+      r1[c] = t01 == t11 ? t01[c] : t01[c] * (1 - tx) + t11[c] * tx;
+    }
+    const bool sameRow = t00 == t01 && t10 == t11;
+    for (int c = 0; c < 4; ++c) out[c] = sameRow ? r0[c] : r0[c] * (1 - ty) + r1[c] * ty;
+    put(k, out);
   }
 }
 
