@@ -7,11 +7,20 @@
 #include <cstring>
 
 // The hot loops are compiled twice on x86-64, for AVX2 and for the baseline, and the loader
-// picks one per process; every tile of a render therefore runs the same code.
+// picks one per process; every tile of a render therefore runs the same code. They are built
+// without floating-point trap semantics (no result changes) so that the compiler may turn the
+// clamps and selects into vector blends.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__)
-#define QV_BLUR_CLONES __attribute__((target_clones("avx2", "default")))
+#define QV_BLUR_CLONES __attribute__((target_clones("avx2", "default"), optimize("no-trapping-math")))
+#elif defined(__GNUC__) && !defined(__clang__)
+#define QV_BLUR_CLONES __attribute__((optimize("no-trapping-math")))
 #else
 #define QV_BLUR_CLONES
+#endif
+#if defined(__GNUC__) && !defined(__clang__)
+#define QV_BLUR_NO_TRAPS __attribute__((optimize("no-trapping-math")))
+#else
+#define QV_BLUR_NO_TRAPS
 #endif
 
 namespace qv::blur {
@@ -19,16 +28,22 @@ namespace {
 
 constexpr float kInvQuantum = 4194304.0f;  // 1 / kGridQuantum
 
-// Rounds a value to the nearest point of the summation grid (halves away from zero): clamp,
-// scale, round, scale back. Nearest rather than truncated, so that the faint tails of wide
-// kernels are not biased towards zero. Every result is a float on the grid.
-inline float onGrid(float v) {
-  v = (v == v) ? v : 0.0f;
-  v = v < -kGridLimit ? -kGridLimit : v;
-  v = v > kGridLimit ? kGridLimit : v;
-  const float scaled = v * kInvQuantum;
-  return float(std::int32_t(scaled + (scaled < 0 ? -0.5f : 0.5f))) * kGridQuantum;
+// Rounds a value to the nearest point of the summation grid (halves to even): scale, clamp
+// (NaN reads as 0), round with the 1.5·2^52 trick (exact for the clamped range, and
+// vectorisable where std::nearbyint is not), scale back. Every result is a float on the grid:
+// below 2 the grid multiple is exact in float, from 2 up every float is a grid multiple.
+QV_BLUR_NO_TRAPS inline float gridValue(double v) {
+  constexpr double kScale = 1.0 / double(kGridQuantum), kLimit = double(kGridLimit) / double(kGridQuantum);
+  constexpr double kRound = 6755399441055744.0;  // 1.5 · 2^52
+  double s = v * kScale;
+  s = s == s ? s : 0.0;
+  s = s < -kLimit ? -kLimit : s;
+  s = s > kLimit ? kLimit : s;
+  s = (s + kRound) - kRound;
+  return float(s * double(kGridQuantum));
 }
+
+QV_BLUR_NO_TRAPS inline float onGrid(float v) { return gridValue(double(v)); }
 
 struct Scratch {
   std::vector<float> rows, rowA, rowB, stripA, stripB;
@@ -45,28 +60,53 @@ QV_BLUR_CLONES void copyOnGrid(const float* in, float* out, std::int64_t n) {
   for (std::int64_t i = 0; i < n; ++i) out[i] = onGrid(in[i]);
 }
 
+// Four channels at a time, in double: one pixel's running sums in one vector register.
+typedef double D4 __attribute__((vector_size(32)));
+typedef float F4 __attribute__((vector_size(16)));
+
+__attribute__((always_inline)) inline void load4(D4& d, const float* p) {
+  F4 t;
+  std::memcpy(&t, p, sizeof t);
+  d = __builtin_convertvector(t, D4);
+}
+
+// gridValue for four values.
+QV_BLUR_NO_TRAPS __attribute__((always_inline)) inline void storeGrid4(float* out, const D4& v) {
+  constexpr double kScale = 1.0 / double(kGridQuantum), kLimit = double(kGridLimit) / double(kGridQuantum);
+  const D4 zero = {0, 0, 0, 0};
+  const D4 limit = zero + kLimit, round = zero + 6755399441055744.0;
+  D4 s = v * kScale;
+  s = s == s ? s : zero;
+  s = s < -limit ? -limit : s;
+  s = s > limit ? limit : s;
+  s = (s + round) - round;
+  const F4 f = __builtin_convertvector(s * double(kGridQuantum), F4);
+  std::memcpy(out, &f, sizeof f);
+}
+
 // One extended-box pass along a row of nOut + 2·support pixels.
 QV_BLUR_CLONES void boxRow(const float* in, float* out, std::int64_t nOut, int l, float edge) {
   const int off = edge > 0 ? 1 : 0;
   const double norm = 1.0 / (2.0 * l + 1.0 + 2.0 * double(edge));
   const double e = edge;
-  double s[4] = {0, 0, 0, 0};
-  for (int k = 0; k <= 2 * l; ++k)
-    for (int c = 0; c < 4; ++c) s[c] += in[(k + off) * 4 + c];
+  D4 s = {0, 0, 0, 0}, a, b;
+  for (int k = 0; k <= 2 * l; ++k) {
+    load4(a, in + (k + off) * 4);
+    s += a;
+  }
   for (std::int64_t j = 0; j < nOut; ++j) {
-    double v[4];
+    D4 v = s;
     if (off) {
-      const float* a = in + j * 4;
-      const float* b = in + (j + 2 * l + 2) * 4;
-      for (int c = 0; c < 4; ++c) v[c] = s[c] + e * (double(a[c]) + double(b[c]));
-    } else {
-      for (int c = 0; c < 4; ++c) v[c] = s[c];
+      load4(a, in + j * 4);
+      load4(b, in + (j + 2 * l + 2) * 4);
+      v += e * (a + b);
     }
-    for (int c = 0; c < 4; ++c) out[j * 4 + c] = onGrid(float(v[c] * norm));
+    v *= norm;
+    storeGrid4(out + j * 4, v);
     if (j + 1 < nOut) {
-      const float* add = in + (j + off + 2 * l + 1) * 4;
-      const float* sub = in + (j + off) * 4;
-      for (int c = 0; c < 4; ++c) s[c] += double(add[c]) - double(sub[c]);
+      load4(a, in + (j + off + 2 * l + 1) * 4);
+      load4(b, in + (j + off) * 4);
+      s += a - b;
     }
   }
 }
@@ -97,9 +137,9 @@ QV_BLUR_CLONES void boxColumns(const float* in, std::ptrdiff_t inStride, float* 
     if (off) {
       const float* a = in + j * inStride;
       const float* b = in + (j + 2 * l + 2) * inStride;
-      for (std::int64_t i = 0; i < nf; ++i) o[i] = onGrid(float((sums[i] + e * (double(a[i]) + double(b[i]))) * norm));
+      for (std::int64_t i = 0; i < nf; ++i) o[i] = gridValue((sums[i] + e * (double(a[i]) + double(b[i]))) * norm);
     } else {
-      for (std::int64_t i = 0; i < nf; ++i) o[i] = onGrid(float(sums[i] * norm));
+      for (std::int64_t i = 0; i < nf; ++i) o[i] = gridValue(sums[i] * norm);
     }
     if (j + 1 < nOut) {
       const float* add = in + (j + off + 2 * l + 1) * inStride;

@@ -1,0 +1,158 @@
+// Gaussian blur throughput: the blur the plug-in runs most (clamped input, Gaussian, crop back)
+// on a 6000 × 4000 photo, end to end from a JPEG file to a JPEG file, from 8-bit pixels in
+// memory to 8-bit pixels, and the bare kernel on one tile. Radii 5, 20 and 100 show that the
+// cost does not depend on the radius; 1 and 2 threads show the scaling.
+//
+// The peer comparison (bench/peers.sh) runs the same JPEG-to-JPEG work through
+// `vips gaussblur in.jpg out.jpg 20`, ImageMagick's `-gaussian-blur` and Pillow's
+// ImageFilter.GaussianBlur(20).
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "CoreImage/Builtins/BlurKernels.h"
+#include "CoreImage/CIContext.h"
+#include "CoreImage/CIFilter.h"
+
+namespace {
+
+constexpr std::size_t kWidth = 6000, kHeight = 4000;
+
+// A photo-like picture: smooth gradients, discs, stripes and grain (compresses like a photo).
+std::vector<std::uint8_t> picture(std::size_t w, std::size_t h) {
+  std::vector<std::uint8_t> px(w * h * 4);
+  std::uint32_t state = 99;
+  for (std::size_t y = 0; y < h; ++y)
+    for (std::size_t x = 0; x < w; ++x) {
+      state = state * 1664525u + 1013904223u;
+      const double grain = double((state >> 16) & 31) - 15.5;
+      const double fx = double(x) / double(w), fy = double(y) / double(h);
+      double r = 60 + 150 * fy + 30 * std::sin(fx * 31.0), g = 80 + 120 * fx, b = 200 - 90 * fy;
+      const double dx = fx - 0.35, dy = fy - 0.4;
+      if (dx * dx + dy * dy < 0.02) r = 250, g = 215, b = 90;
+      if ((x / 40) % 7 == 0 && fy > 0.7) r = g = b = 235;
+      auto clamp8 = [](double v) { return std::uint8_t(std::lround(std::fmin(255, std::fmax(0, v)))); };
+      std::uint8_t* p = &px[(y * w + x) * 4];
+      p[0] = clamp8(r + grain);
+      p[1] = clamp8(g + grain);
+      p[2] = clamp8(b + grain);
+      p[3] = 255;
+    }
+  return px;
+}
+
+const std::vector<std::uint8_t>& photoPixels() {
+  static const std::vector<std::uint8_t> px = picture(kWidth, kHeight);
+  return px;
+}
+
+// The photo as a JPEG (quality 90) in a scratch folder, written once per process.
+const std::string& photoJPEG() {
+  static std::string path;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    const char* tmp = std::getenv("TMPDIR");
+    const std::filesystem::path dir = std::filesystem::path(tmp ? tmp : "/tmp") / "qv-blur-bench";
+    std::filesystem::create_directories(dir);
+    path = (dir / "photo-6000x4000.jpg").string();
+    if (!std::filesystem::exists(path)) {
+      const auto& px = photoPixels();
+      const CIImage image = CIImage::imageWithRGBA8(px.data(), kWidth, kHeight, kWidth * 4);
+      CIContext().writeToFile(image, path, image.extent(), 0.9);
+    }
+  });
+  return path;
+}
+
+// What the plug-in's blur does: edge pixels extended, Gaussian, crop back to the input.
+CIImage clampedGaussian(const CIImage& input, double radius) {
+  CIFilterRef blur = CIFilter::filterWithName("CIGaussianBlur");
+  blur->setDefaults();
+  blur->setValue(Value(radius), kCIInputRadiusKey);
+  blur->setValue(input.imageByClampingToExtent(), kCIInputImageKey);
+  return blur->outputImage().imageByCroppingToRect(input.extent());
+}
+
+void setRate(benchmark::State& state, double pixels) {
+  state.counters["Mpx/s"] =
+      benchmark::Counter(pixels / 1e6, benchmark::Counter::kIsRate | benchmark::Counter::kIsIterationInvariant);
+}
+
+// JPEG file in, JPEG file out (quality 90), 6000 × 4000.
+void BM_GaussianBlur_JPEGtoJPEG_6000x4000(benchmark::State& state) {
+  const std::string& in = photoJPEG();
+  const std::string out = std::filesystem::path(in).replace_filename("blurred.jpg").string();
+  CIContextOptions options;
+  options.threads = int(state.range(1));
+  const CIContext context(options);
+  for (auto _ : state) {
+    const CIImage input = CIImage::imageWithContentsOfFile(in);
+    const CIImage blurred = clampedGaussian(input, double(state.range(0)));
+    context.writeToFile(blurred, out, blurred.extent(), 0.9);
+  }
+  setRate(state, double(kWidth * kHeight));
+}
+BENCHMARK(BM_GaussianBlur_JPEGtoJPEG_6000x4000)
+    ->ArgNames({"radius", "threads"})
+    ->Args({5, 2})
+    ->Args({20, 1})
+    ->Args({20, 2})
+    ->Args({100, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(3);
+
+// 8-bit pixels in memory to 8-bit pixels, 6000 × 4000: the blur and the conversions only.
+void BM_GaussianBlur_RGBA8_6000x4000(benchmark::State& state) {
+  const auto& px = photoPixels();
+  const CIImage input = CIImage::imageWithRGBA8(px.data(), kWidth, kHeight, kWidth * 4);
+  const CIImage blurred = clampedGaussian(input, double(state.range(0)));
+  std::vector<std::uint8_t> dst(kWidth * kHeight * 4);
+  CIContextOptions options;
+  options.threads = int(state.range(1));
+  const CIContext context(options);
+  for (auto _ : state)
+    context.render(blurred, dst.data(), std::ptrdiff_t(kWidth * 4), input.extent(), CIRenderFormat::RGBA8);
+  setRate(state, double(kWidth * kHeight));
+}
+BENCHMARK(BM_GaussianBlur_RGBA8_6000x4000)
+    ->ArgNames({"radius", "threads"})
+    ->Args({5, 1})
+    ->Args({5, 2})
+    ->Args({20, 1})
+    ->Args({20, 2})
+    ->Args({100, 1})
+    ->Args({100, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(3);
+
+// The kernel alone on one 1024 × 1024 output tile of premultiplied floats.
+void BM_GaussianKernel_Tile1024(benchmark::State& state) {
+  const double sigma = double(state.range(0));
+  const auto plan = qv::blur::planGaussian(sigma);
+  const PixelRect outRect{0, 0, 1024, 1024};
+  const PixelRect inRect = outRect.outset(plan.supportX(), plan.supportY());
+  std::vector<float> in(std::size_t(inRect.width * inRect.height * 4));
+  std::uint32_t s = 1;
+  for (float& v : in) v = float((s = s * 1664525u + 1013904223u) >> 8) / 16777216.0f;
+  std::vector<float> out(std::size_t(outRect.width * outRect.height * 4));
+  const ConstPixelTile inTile{in.data(), inRect, inRect.width * 4};
+  const PixelTile outTile{out.data(), outRect, outRect.width * 4};
+  for (auto _ : state) {
+    qv::blur::applySeparable(inTile, outTile, plan);
+    benchmark::DoNotOptimize(out.data());
+  }
+  setRate(state, double(outRect.area()));
+}
+BENCHMARK(BM_GaussianKernel_Tile1024)->ArgName("sigma")->Arg(2)->Arg(5)->Arg(20)->Arg(100)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
