@@ -17,6 +17,9 @@
 #include <webp/encode.h>
 
 #include "ImageIO/CGImageSource.h"
+#include "ImageIO/ImageIOCodecs.h"
+
+using imageio_detail::runGuarded;
 
 namespace {
 
@@ -179,15 +182,18 @@ bool CGImageDestination::beginPNG() {
   if (!png_) return fail("out of memory");
   pngInfo_ = png_create_info_struct(png_);
   if (!pngInfo_) return fail("out of memory");
-  if (setjmp(png_jmpbuf(png_))) return fail(std::string("PNG encoder: ") + pngError_.message);
-  png_init_io(png_, file_);
   const int colorType = gray_ ? (hasAlpha_ ? PNG_COLOR_TYPE_GRAY_ALPHA : PNG_COLOR_TYPE_GRAY)
                               : (hasAlpha_ ? PNG_COLOR_TYPE_RGBA : PNG_COLOR_TYPE_RGB);
-  png_set_IHDR(png_, pngInfo_, static_cast<png_uint_32>(width_), static_cast<png_uint_32>(height_), bits_, colorType,
-               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  png_set_compression_level(png_, 6);
-  png_write_info(png_, pngInfo_);
-  if (bits_ == 16 && littleEndian()) png_set_swap(png_);
+  const bool swap = bits_ == 16 && littleEndian();
+  const bool ok = runGuarded(png_jmpbuf(png_), [&] {
+    png_init_io(png_, file_);
+    png_set_IHDR(png_, pngInfo_, static_cast<png_uint_32>(width_), static_cast<png_uint_32>(height_), bits_,
+                 colorType, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_set_compression_level(png_, 6);
+    png_write_info(png_, pngInfo_);
+    if (swap) png_set_swap(png_);
+  });
+  if (!ok) return fail(std::string("PNG encoder: ") + pngError_.message);
   const std::size_t channels = gray_ ? (hasAlpha_ ? 2 : 1) : (hasAlpha_ ? 4 : 3);
   try {
     scratch_.resize(width_ * channels * static_cast<std::size_t>(bits_ / 8));
@@ -201,23 +207,25 @@ bool CGImageDestination::beginJPEG() {
   jpeg_.err = jpeg_std_error(&jpegError_.pub);
   jpegError_.pub.error_exit = jpegErrorExit;
   jpegError_.pub.output_message = jpegOutputMessage;
-  if (setjmp(jpegError_.jump)) return fail(std::string("JPEG encoder: ") + jpegError_.message);
-  jpeg_create_compress(&jpeg_);
-  jpegCreated_ = true;
-  jpeg_stdio_dest(&jpeg_, file_);
-  jpeg_.image_width = static_cast<JDIMENSION>(width_);
-  jpeg_.image_height = static_cast<JDIMENSION>(height_);
-  if (gray_) {
-    jpeg_.input_components = 1;
-    jpeg_.in_color_space = JCS_GRAYSCALE;
-  } else {
-    jpeg_.input_components = 4;
-    jpeg_.in_color_space = JCS_EXT_RGBA;  // the fourth byte is ignored
-  }
-  jpeg_set_defaults(&jpeg_);
   const int q = std::clamp(static_cast<int>(std::lround(quality_ * 100.0)), 1, 100);
-  jpeg_set_quality(&jpeg_, q, TRUE);
-  jpeg_start_compress(&jpeg_, TRUE);
+  const bool ok = runGuarded(jpegError_.jump, [&] {
+    jpeg_create_compress(&jpeg_);
+    jpegCreated_ = true;
+    jpeg_stdio_dest(&jpeg_, file_);
+    jpeg_.image_width = static_cast<JDIMENSION>(width_);
+    jpeg_.image_height = static_cast<JDIMENSION>(height_);
+    if (gray_) {
+      jpeg_.input_components = 1;
+      jpeg_.in_color_space = JCS_GRAYSCALE;
+    } else {
+      jpeg_.input_components = 4;
+      jpeg_.in_color_space = JCS_EXT_RGBA;  // the fourth byte is ignored
+    }
+    jpeg_set_defaults(&jpeg_);
+    jpeg_set_quality(&jpeg_, q, TRUE);
+    jpeg_start_compress(&jpeg_, TRUE);
+  });
+  if (!ok) return fail(std::string("JPEG encoder: ") + jpegError_.message);
   if (gray_ || bits_ == 16) {
     try {
       scratch_.resize(width_ * 4 * 16);
@@ -265,19 +273,17 @@ static void convertRow(const std::uint8_t* src, int bits, std::size_t width, std
 }
 
 bool CGImageDestination::writePNGRow(const std::uint8_t* row) {
-  if (setjmp(png_jmpbuf(png_))) return fail(std::string("PNG encoder: ") + pngError_.message);
   const int channels = gray_ ? (hasAlpha_ ? 2 : 1) : (hasAlpha_ ? 4 : 3);
-  if (channels == 4) {
-    png_write_row(png_, row);
-  } else {
+  if (channels != 4) {
     convertRow(row, bits_, width_, scratch_.data(), channels, bits_);
-    png_write_row(png_, scratch_.data());
+    row = scratch_.data();
   }
+  if (!runGuarded(png_jmpbuf(png_), [&] { png_write_row(png_, row); }))
+    return fail(std::string("PNG encoder: ") + pngError_.message);
   return true;
 }
 
 bool CGImageDestination::writeJPEGRows(const std::uint8_t* rows, std::size_t rowBytes, std::size_t count) {
-  if (setjmp(jpegError_.jump)) return fail(std::string("JPEG encoder: ") + jpegError_.message);
   JSAMPROW pointers[16];
   for (std::size_t done = 0; done < count;) {
     const std::size_t n = std::min<std::size_t>(16, count - done);
@@ -291,12 +297,20 @@ bool CGImageDestination::writeJPEGRows(const std::uint8_t* rows, std::size_t row
         pointers[i] = const_cast<JSAMPROW>(src);
       }
     }
-    std::size_t written = 0;
-    while (written < n) {
-      const JDIMENSION w = jpeg_write_scanlines(&jpeg_, pointers + written, static_cast<JDIMENSION>(n - written));
-      if (w == 0) return fail("JPEG encoder made no progress");
-      written += w;
-    }
+    bool stalled = false;
+    const bool ok = runGuarded(jpegError_.jump, [&] {
+      std::size_t written = 0;
+      while (written < n) {
+        const JDIMENSION w = jpeg_write_scanlines(&jpeg_, pointers + written, static_cast<JDIMENSION>(n - written));
+        if (w == 0) {
+          stalled = true;
+          return;
+        }
+        written += w;
+      }
+    });
+    if (!ok) return fail(std::string("JPEG encoder: ") + jpegError_.message);
+    if (stalled) return fail("JPEG encoder made no progress");
     done += n;
   }
   return true;
@@ -328,8 +342,8 @@ bool CGImageDestination::writeRows(const std::uint8_t* rows, std::size_t rowByte
 }
 
 bool CGImageDestination::finishPNG() {
-  if (setjmp(png_jmpbuf(png_))) return fail(std::string("PNG encoder: ") + pngError_.message);
-  png_write_end(png_, pngInfo_);
+  if (!runGuarded(png_jmpbuf(png_), [&] { png_write_end(png_, pngInfo_); }))
+    return fail(std::string("PNG encoder: ") + pngError_.message);
   png_destroy_write_struct(&png_, &pngInfo_);
   png_ = nullptr;
   pngInfo_ = nullptr;
@@ -337,8 +351,8 @@ bool CGImageDestination::finishPNG() {
 }
 
 bool CGImageDestination::finishJPEG() {
-  if (setjmp(jpegError_.jump)) return fail(std::string("JPEG encoder: ") + jpegError_.message);
-  jpeg_finish_compress(&jpeg_);
+  if (!runGuarded(jpegError_.jump, [&] { jpeg_finish_compress(&jpeg_); }))
+    return fail(std::string("JPEG encoder: ") + jpegError_.message);
   jpeg_destroy_compress(&jpeg_);
   jpegCreated_ = false;
   return true;

@@ -136,10 +136,14 @@ namespace imageio_detail {
 
 std::uint64_t maximumPixelCount() { return gMaximumPixelCount.load(std::memory_order_relaxed); }
 
+bool exceedsPixelLimit(std::size_t width, std::size_t height) {
+  const std::uint64_t limit = maximumPixelCount();
+  return width != 0 && height > limit / width;  // width * height > limit, without overflow
+}
+
 std::string checkPixelLimit(std::size_t width, std::size_t height) {
   const std::uint64_t limit = maximumPixelCount();
-  const bool over = width != 0 && height > limit / width;  // width * height > limit, without overflow
-  if (!over) return "";
+  if (!exceedsPixelLimit(width, height)) return "";
   return "image of " + std::to_string(width) + "x" + std::to_string(height) +
          " pixels is over the pixel limit of " + std::to_string(limit);
 }
@@ -150,6 +154,7 @@ class CGImageSource {
  public:
   CGImageSource(std::vector<std::uint8_t> bytes, Format format) : bytes_(std::move(bytes)), format_(format) {
     headerOK_ = readHeader(info_, headerError_);
+    lastError_ = headerError_;
   }
 
   Format format() const { return format_; }

@@ -2,6 +2,7 @@
 // rows into a RowSink. Private to ImageIO.
 #pragma once
 
+#include <csetjmp>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -55,6 +56,17 @@ bool decodeWebP(const std::uint8_t* data, std::size_t size, const DecodeRequest&
 std::uint64_t maximumPixelCount();
 // "" when width * height is within the limit, else the reason.
 std::string checkPixelLimit(std::size_t width, std::size_t height);
+bool exceedsPixelLimit(std::size_t width, std::size_t height);
+
+// Runs `body` under a setjmp of `jump`: false when the library jumped back (an error). The body
+// must hold only trivially destructible locals, as longjmp runs no destructors; everything that
+// needs a string is done by the caller after the call.
+template <class JumpBuffer, class Body>
+[[gnu::noinline]] bool runGuarded(JumpBuffer& jump, Body&& body) {
+  if (setjmp(jump)) return false;
+  body();
+  return true;
+}
 // Orientation (1-8) from EXIF data, which may start with "Exif\0\0" or directly with the TIFF
 // header; 1 when absent or unreadable.
 int exifOrientation(const std::uint8_t* data, std::size_t size);

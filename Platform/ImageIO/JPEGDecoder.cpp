@@ -84,7 +84,7 @@ struct Decompressor {
 };
 
 // Sets up the error manager, the memory source and the markers to keep. Must be called after
-// setjmp(d.err.jump).
+// runGuarded(d.err.jump, ...).
 void openDecompressor(Decompressor& d, const std::uint8_t* data, std::size_t size) {
   d.cinfo.err = jpeg_std_error(&d.err.pub);
   d.err.pub.error_exit = errorExit;
@@ -103,8 +103,30 @@ void openDecompressor(Decompressor& d, const std::uint8_t* data, std::size_t siz
   jpeg_save_markers(&d.cinfo, JPEG_APP0 + 2, 0xffff);
 }
 
-void fillHeaderInfo(Decompressor& d, HeaderInfo& info) {
-  jpeg_decompress_struct& c = d.cinfo;
+// What the header pass collects inside the guarded region, for the caller to turn into
+// properties afterwards.
+struct RawHeader {
+  const std::uint8_t* exif = nullptr;
+  std::size_t exifLength = 0;
+  JOCTET* icc = nullptr;
+  unsigned int iccLength = 0;
+};
+
+void readRawHeader(Decompressor& d, const std::uint8_t* data, std::size_t size, RawHeader& raw) {
+  openDecompressor(d, data, size);
+  jpeg_read_header(&d.cinfo, TRUE);
+  for (jpeg_saved_marker_ptr m = d.cinfo.marker_list; m; m = m->next) {
+    if (m->marker == JPEG_APP0 + 1 && m->data_length >= 6 && std::memcmp(m->data, "Exif\0\0", 6) == 0) {
+      raw.exif = m->data;
+      raw.exifLength = m->data_length;
+      break;
+    }
+  }
+  if (!jpeg_read_icc_profile(&d.cinfo, &raw.icc, &raw.iccLength)) raw.icc = nullptr;
+}
+
+void fillHeaderInfo(const Decompressor& d, const RawHeader& raw, HeaderInfo& info) {
+  const jpeg_decompress_struct& c = d.cinfo;
   info.width = c.image_width;
   info.height = c.image_height;
   info.depth = c.data_precision;
@@ -117,19 +139,11 @@ void fillHeaderInfo(Decompressor& d, HeaderInfo& info) {
     case JCS_YCCK: info.colorModel = "CMYK"; break;
     default: info.colorModel = "RGB"; break;
   }
-  for (jpeg_saved_marker_ptr m = c.marker_list; m; m = m->next) {
-    if (m->marker == JPEG_APP0 + 1 && m->data_length >= 6 && std::memcmp(m->data, "Exif\0\0", 6) == 0) {
-      info.orientation = exifOrientation(m->data, m->data_length);
-      break;
-    }
-  }
-  JOCTET* icc = nullptr;
-  unsigned int iccLength = 0;
-  if (jpeg_read_icc_profile(&c, &icc, &iccLength) && icc) {
+  if (raw.exif) info.orientation = exifOrientation(raw.exif, raw.exifLength);
+  if (raw.icc) {
     info.hasICCProfile = true;
-    info.profileName = iccProfileDescription(icc, iccLength);
+    info.profileName = iccProfileDescription(raw.icc, raw.iccLength);
     if (info.profileName.empty()) info.profileName = "Embedded ICC profile";
-    std::free(icc);
   }
 }
 
@@ -155,13 +169,15 @@ void cmykRowsToRGBA(std::uint8_t* row, std::size_t width, bool inverted) {
 
 bool readJPEGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
   Decompressor d;
-  if (setjmp(d.err.jump)) {
+  RawHeader raw;
+  const bool ok = runGuarded(d.err.jump, [&] { readRawHeader(d, data, size, raw); });
+  if (!ok) {
+    if (raw.icc) std::free(raw.icc);
     error = std::string("corrupt JPEG: ") + d.err.message;
     return false;
   }
-  openDecompressor(d, data, size);
-  jpeg_read_header(&d.cinfo, TRUE);
-  fillHeaderInfo(d, info);
+  fillHeaderInfo(d, raw, info);
+  if (raw.icc) std::free(raw.icc);
   if (info.width == 0 || info.height == 0) {
     error = "corrupt JPEG: zero image size";
     return false;
@@ -170,57 +186,37 @@ bool readJPEGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info
   return error.empty();
 }
 
-bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
-                std::string& error) {
-  Decompressor d;
-  // Written between setjmp and a possible longjmp, read after it: volatile.
-  volatile bool sinkStopped = false;
-  if (setjmp(d.err.jump)) {
-    error = std::string("corrupt JPEG: ") + d.err.message;
-    return false;
-  }
+namespace {
+
+enum class DecodeStatus { OK, ZeroSize, OverLimit, Unsupported, Stopped, NoRows };
+
+// The guarded part of a decode: trivially destructible locals only.
+DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t size, int denom, RowSink& sink) {
   openDecompressor(d, data, size);
   jpeg_read_header(&d.cinfo, TRUE);
   jpeg_decompress_struct& c = d.cinfo;
-  if (c.image_width == 0 || c.image_height == 0) {
-    error = "corrupt JPEG: zero image size";
-    return false;
-  }
-  {
-    const std::string limit = checkPixelLimit(c.image_width, c.image_height);
-    if (!limit.empty()) {
-      error = limit;
-      return false;
-    }
-  }
+  if (c.image_width == 0 || c.image_height == 0) return DecodeStatus::ZeroSize;
+  if (exceedsPixelLimit(c.image_width, c.image_height)) return DecodeStatus::OverLimit;
   const bool cmyk = c.jpeg_color_space == JCS_CMYK || c.jpeg_color_space == JCS_YCCK;
   const bool inverted = cmyk && c.saw_Adobe_marker;
   c.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
-  const int denom = request.scaleDenominator;
   c.scale_num = 1;
   c.scale_denom = (denom == 2 || denom == 4 || denom == 8) ? static_cast<unsigned>(denom) : 1;
   jpeg_start_decompress(&c);
-  if (c.output_components != 4) {
-    error = "unsupported JPEG colour space";
-    return false;
-  }
+  if (c.output_components != 4) return DecodeStatus::Unsupported;
   const std::size_t width = c.output_width, height = c.output_height;
-  if (!sink.begin(width, height, 8)) {
-    error = "stopped";
-    return false;
-  }
-  const std::size_t strip = sink.maxStripRows() < 1 ? 1 : sink.maxStripRows();
+  if (!sink.begin(width, height, 8)) return DecodeStatus::Stopped;
+  std::size_t strip = sink.maxStripRows();
+  strip = strip < 1 ? 1 : (strip > 64 ? 64 : strip);
   JSAMPROW rowPointers[64];
   while (c.output_scanline < height) {
     const std::size_t first = c.output_scanline;
-    std::size_t count = height - first;
-    if (count > strip) count = strip;
-    if (count > 64) count = 64;
+    const std::size_t count = height - first < strip ? height - first : strip;
     std::size_t bytesPerRow = 0;
     std::uint8_t* rows = sink.rows(first, count, bytesPerRow);
     if (!rows) {
-      sinkStopped = true;
-      break;
+      jpeg_abort_decompress(&c);
+      return DecodeStatus::Stopped;
     }
     for (std::size_t i = 0; i < count; ++i) rowPointers[i] = rows + i * bytesPerRow;
     std::size_t done = 0;
@@ -229,24 +225,37 @@ bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest&
       if (got == 0) break;
       done += got;
     }
-    if (done == 0) {
-      error = "corrupt JPEG: no rows decoded";
-      return false;
-    }
+    if (done == 0) return DecodeStatus::NoRows;
     if (cmyk)
       for (std::size_t i = 0; i < done; ++i) cmykRowsToRGBA(rows + i * bytesPerRow, width, inverted);
     if (!sink.commit(first, done)) {
-      sinkStopped = true;
-      break;
+      jpeg_abort_decompress(&c);
+      return DecodeStatus::Stopped;
     }
   }
-  if (sinkStopped) {
-    jpeg_abort_decompress(&c);
-    error = "stopped";
+  jpeg_finish_decompress(&c);
+  return DecodeStatus::OK;
+}
+
+}  // namespace
+
+bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
+                std::string& error) {
+  Decompressor d;
+  DecodeStatus status = DecodeStatus::OK;
+  if (!runGuarded(d.err.jump, [&] { status = decodeBody(d, data, size, request.scaleDenominator, sink); })) {
+    error = std::string("corrupt JPEG: ") + d.err.message;
     return false;
   }
-  jpeg_finish_decompress(&c);
-  return true;
+  switch (status) {
+    case DecodeStatus::OK: return true;
+    case DecodeStatus::ZeroSize: error = "corrupt JPEG: zero image size"; break;
+    case DecodeStatus::OverLimit: error = checkPixelLimit(d.cinfo.image_width, d.cinfo.image_height); break;
+    case DecodeStatus::Unsupported: error = "unsupported JPEG colour space"; break;
+    case DecodeStatus::Stopped: error = "stopped"; break;
+    case DecodeStatus::NoRows: error = "corrupt JPEG: no rows decoded"; break;
+  }
+  return false;
 }
 
 }  // namespace imageio_detail

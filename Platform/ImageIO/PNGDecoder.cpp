@@ -68,83 +68,63 @@ bool open(ReadStruct& s, const std::uint8_t* data, std::size_t size) {
   return true;
 }
 
-void fillHeaderInfo(ReadStruct& s, HeaderInfo& info) {
-  png_uint_32 w = 0, h = 0;
+// What the header pass collects inside the guarded region.
+struct RawHeader {
+  png_uint_32 width = 0, height = 0;
   int bitDepth = 0, colorType = 0, interlace = 0;
-  png_get_IHDR(s.png, s.info, &w, &h, &bitDepth, &colorType, &interlace, nullptr, nullptr);
-  info.width = w;
-  info.height = h;
-  info.depth = bitDepth;
-  info.outputBits = bitDepth == 16 ? 16 : 8;
-  info.isIndexed = colorType == PNG_COLOR_TYPE_PALETTE;
-  info.isProgressive = interlace != PNG_INTERLACE_NONE;
-  info.colorModel = (colorType & PNG_COLOR_MASK_COLOR) ? "RGB" : "Gray";
-  info.hasAlpha = (colorType & PNG_COLOR_MASK_ALPHA) || png_get_valid(s.png, s.info, PNG_INFO_tRNS);
-  png_charp name = nullptr;
-  int compression = 0;
-  png_bytep profile = nullptr;
-  png_uint_32 profileLength = 0;
-  if (png_get_iCCP(s.png, s.info, &name, &compression, &profile, &profileLength) && profile) {
-    info.hasICCProfile = true;
-    info.profileName = iccProfileDescription(profile, profileLength);
-    if (info.profileName.empty() && name && *name) info.profileName = name;
-    if (info.profileName.empty()) info.profileName = "Embedded ICC profile";
-  } else if (png_get_valid(s.png, s.info, PNG_INFO_sRGB)) {
-    info.profileName = "sRGB IEC61966-2.1";
-  }
-#ifdef PNG_eXIf_SUPPORTED
-  png_uint_32 exifLength = 0;
+  bool hasTRNS = false, hasSRGB = false;
+  png_charp iccName = nullptr;
+  png_bytep icc = nullptr;
+  png_uint_32 iccLength = 0;
   png_bytep exif = nullptr;
-  if (png_get_eXIf_1(s.png, s.info, &exifLength, &exif) && exif && exifLength > 0)
-    info.orientation = exifOrientation(exif, exifLength);
+  png_uint_32 exifLength = 0;
+};
+
+void readRawHeader(ReadStruct& s, RawHeader& raw) {
+  png_read_info(s.png, s.info);
+  png_get_IHDR(s.png, s.info, &raw.width, &raw.height, &raw.bitDepth, &raw.colorType, &raw.interlace, nullptr,
+               nullptr);
+  raw.hasTRNS = png_get_valid(s.png, s.info, PNG_INFO_tRNS) != 0;
+  raw.hasSRGB = png_get_valid(s.png, s.info, PNG_INFO_sRGB) != 0;
+  int compression = 0;
+  if (!png_get_iCCP(s.png, s.info, &raw.iccName, &compression, &raw.icc, &raw.iccLength)) raw.icc = nullptr;
+#ifdef PNG_eXIf_SUPPORTED
+  if (!png_get_eXIf_1(s.png, s.info, &raw.exifLength, &raw.exif)) raw.exif = nullptr;
 #endif
 }
 
-}  // namespace
-
-bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
-  ReadStruct s;
-  if (!open(s, data, size)) {
-    error = "out of memory";
-    return false;
+void fillHeaderInfo(const RawHeader& raw, HeaderInfo& info) {
+  info.width = raw.width;
+  info.height = raw.height;
+  info.depth = raw.bitDepth;
+  info.outputBits = raw.bitDepth == 16 ? 16 : 8;
+  info.isIndexed = raw.colorType == PNG_COLOR_TYPE_PALETTE;
+  info.isProgressive = raw.interlace != PNG_INTERLACE_NONE;
+  info.colorModel = (raw.colorType & PNG_COLOR_MASK_COLOR) ? "RGB" : "Gray";
+  info.hasAlpha = (raw.colorType & PNG_COLOR_MASK_ALPHA) || raw.hasTRNS;
+  if (raw.icc) {
+    info.hasICCProfile = true;
+    info.profileName = iccProfileDescription(raw.icc, raw.iccLength);
+    if (info.profileName.empty() && raw.iccName && *raw.iccName) info.profileName = raw.iccName;
+    if (info.profileName.empty()) info.profileName = "Embedded ICC profile";
+  } else if (raw.hasSRGB) {
+    info.profileName = "sRGB IEC61966-2.1";
   }
-  if (setjmp(png_jmpbuf(s.png))) {
-    error = std::string("corrupt PNG: ") + s.reader.message;
-    return false;
-  }
-  png_read_info(s.png, s.info);
-  fillHeaderInfo(s, info);
-  error = checkPixelLimit(info.width, info.height);
-  return error.empty();
+  if (raw.exif && raw.exifLength > 0) info.orientation = exifOrientation(raw.exif, raw.exifLength);
 }
 
-bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error) {
-  ReadStruct s;
-  if (!open(s, data, size)) {
-    error = "out of memory";
-    return false;
-  }
-  volatile bool stopped = false;
-  if (setjmp(png_jmpbuf(s.png))) {
-    error = std::string("corrupt PNG: ") + s.reader.message;
-    return false;
-  }
-  png_read_info(s.png, s.info);
-  png_uint_32 w = 0, h = 0;
-  int bitDepth = 0, colorType = 0, interlace = 0;
-  png_get_IHDR(s.png, s.info, &w, &h, &bitDepth, &colorType, &interlace, nullptr, nullptr);
-  {
-    const std::string limit = checkPixelLimit(w, h);
-    if (!limit.empty()) {
-      error = limit;
-      return false;
-    }
-  }
-  const bool sixteen = bitDepth == 16;
+enum class DecodeStatus { OK, OverLimit, Unsupported, Stopped };
+
+// The guarded part of a decode: trivially destructible locals only.
+DecodeStatus decodeBody(ReadStruct& s, RowSink& sink, RawHeader& raw) {
+  readRawHeader(s, raw);
+  const png_uint_32 w = raw.width, h = raw.height;
+  if (exceedsPixelLimit(w, h)) return DecodeStatus::OverLimit;
+  const bool sixteen = raw.bitDepth == 16;
   // Palette to RGB, grey below 8 bits to 8, tRNS to an alpha channel.
   png_set_expand(s.png);
-  if (!(colorType & PNG_COLOR_MASK_COLOR)) png_set_gray_to_rgb(s.png);
-  if (!(colorType & PNG_COLOR_MASK_ALPHA) && !png_get_valid(s.png, s.info, PNG_INFO_tRNS))
+  if (!(raw.colorType & PNG_COLOR_MASK_COLOR)) png_set_gray_to_rgb(s.png);
+  if (!(raw.colorType & PNG_COLOR_MASK_ALPHA) && !raw.hasTRNS)
     png_set_add_alpha(s.png, sixteen ? 0xffff : 0xff, PNG_FILLER_AFTER);
   if (sixteen) {
     const std::uint16_t probe = 1;
@@ -155,51 +135,68 @@ bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::s
   const int passes = png_set_interlace_handling(s.png);
   png_read_update_info(s.png, s.info);
   const std::size_t bytesPerPixel = sixteen ? 8 : 4;
-  if (png_get_rowbytes(s.png, s.info) != std::size_t{w} * bytesPerPixel) {
-    error = "unsupported PNG layout";
-    return false;
-  }
-  if (!sink.begin(w, h, sixteen ? 16 : 8)) {
-    error = "stopped";
-    return false;
-  }
+  if (png_get_rowbytes(s.png, s.info) != std::size_t{w} * bytesPerPixel) return DecodeStatus::Unsupported;
+  if (!sink.begin(w, h, sixteen ? 16 : 8)) return DecodeStatus::Stopped;
   if (passes > 1) {
     // Interlaced: every pass touches every row, so the whole image is needed at once.
     std::size_t bytesPerRow = 0;
     std::uint8_t* rows = sink.rows(0, h, bytesPerRow);
-    if (!rows) {
-      error = "stopped";
-      return false;
-    }
+    if (!rows) return DecodeStatus::Stopped;
     for (int pass = 0; pass < passes; ++pass)
       for (png_uint_32 y = 0; y < h; ++y) png_read_row(s.png, rows + y * bytesPerRow, nullptr);
-    if (!sink.commit(0, h)) {
-      error = "stopped";
-      return false;
-    }
-  } else {
-    const std::size_t strip = sink.maxStripRows() < 1 ? 1 : sink.maxStripRows();
-    for (std::size_t first = 0; first < h; first += strip) {
-      const std::size_t count = std::min<std::size_t>(strip, h - first);
-      std::size_t bytesPerRow = 0;
-      std::uint8_t* rows = sink.rows(first, count, bytesPerRow);
-      if (!rows) {
-        stopped = true;
-        break;
-      }
-      for (std::size_t i = 0; i < count; ++i) png_read_row(s.png, rows + i * bytesPerRow, nullptr);
-      if (!sink.commit(first, count)) {
-        stopped = true;
-        break;
-      }
-    }
+    if (!sink.commit(0, h)) return DecodeStatus::Stopped;
+    return DecodeStatus::OK;
   }
-  if (stopped) {
-    error = "stopped";
+  const std::size_t strip = sink.maxStripRows() < 1 ? 1 : sink.maxStripRows();
+  for (std::size_t first = 0; first < h; first += strip) {
+    const std::size_t count = std::min<std::size_t>(strip, h - first);
+    std::size_t bytesPerRow = 0;
+    std::uint8_t* rows = sink.rows(first, count, bytesPerRow);
+    if (!rows) return DecodeStatus::Stopped;
+    for (std::size_t i = 0; i < count; ++i) png_read_row(s.png, rows + i * bytesPerRow, nullptr);
+    if (!sink.commit(first, count)) return DecodeStatus::Stopped;
+  }
+  // The end chunks are not read: a damaged trailer must not refuse good pixels.
+  return DecodeStatus::OK;
+}
+
+}  // namespace
+
+bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
+  ReadStruct s;
+  if (!open(s, data, size)) {
+    error = "out of memory";
     return false;
   }
-  // The end chunks are not needed and a damaged trailer must not refuse good pixels.
-  return true;
+  RawHeader raw;
+  if (!runGuarded(png_jmpbuf(s.png), [&] { readRawHeader(s, raw); })) {
+    error = std::string("corrupt PNG: ") + s.reader.message;
+    return false;
+  }
+  fillHeaderInfo(raw, info);
+  error = checkPixelLimit(info.width, info.height);
+  return error.empty();
+}
+
+bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error) {
+  ReadStruct s;
+  if (!open(s, data, size)) {
+    error = "out of memory";
+    return false;
+  }
+  RawHeader raw;
+  DecodeStatus status = DecodeStatus::OK;
+  if (!runGuarded(png_jmpbuf(s.png), [&] { status = decodeBody(s, sink, raw); })) {
+    error = std::string("corrupt PNG: ") + s.reader.message;
+    return false;
+  }
+  switch (status) {
+    case DecodeStatus::OK: return true;
+    case DecodeStatus::OverLimit: error = checkPixelLimit(raw.width, raw.height); break;
+    case DecodeStatus::Unsupported: error = "unsupported PNG layout"; break;
+    case DecodeStatus::Stopped: error = "stopped"; break;
+  }
+  return false;
 }
 
 }  // namespace imageio_detail
