@@ -43,7 +43,24 @@ check squarecrop "50 0 200 200" "200 200" -f QVFilterSquareCrop
 check rotate0 "0 0 300 200" "300 200" -f QVFilterRotate
 check rotate90 "-200 0 200 300" "200 300" -f QVFilterRotate -s inputAngle=1.5707963267948966
 check proportional "0 0 300 200" "300 200" -f QVFilterProportionalCrop
-check proportional_quarter "75 50 150 100" "150 100" -f QVFilterProportionalCrop -s "inputRectangle=0.25 0.25 0.5 0.5"
+# A quarter-frame rectangle, through a recipe (its inputs carry typed vectors): origin rounded
+# up, size down.
+cat > "$tmp/proportional.json" <<JSON
+{
+  "images": {"in": {"file": "$in"}},
+  "chain": [
+    {"filter": "QVFilterProportionalCrop", "inputs": {
+      "inputImage": "@in",
+      "inputExtent": {"vector": [0, 0, 4, 4]},
+      "inputRectangle": {"vector": [1, 1, 2, 2]}
+    }}
+  ],
+  "output": {"file": "$tmp/proportional_quarter.png"}
+}
+JSON
+out=$("$QVFILTER" run "$tmp/proportional.json" 2>"$tmp/err") || fail "proportional crop recipe failed: $(cat "$tmp/err")"
+echo "$out" | tr -d ' \n' | grep -q '"extent":\[75,50,150,100\]' || fail "proportional crop recipe: $out"
+[ "$(png_size "$tmp/proportional_quarter.png")" = "150 100" ] || fail "proportional crop recipe: wrong file size"
 # Resize: only the width limited to 150, so the image is scaled by one half; a height limit of
 # 250 leaves it alone.
 got=$("$QVFILTER" apply "$in" --extent -f QVFilterResize -s inputEdge=1 -s inputMaximumExtent=150 2>"$tmp/err") \

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <memory>
+#include <vector>
 #include <numbers>
 
 #include "CoreImage/CIVector.h"
@@ -135,22 +137,74 @@ TEST_F(GeometryFilters, ResizeBothEdgesPassesWhenOneEdgeIsBelowTheMaximum) {
   EXPECT_TRUE(resized(wide, 3, 1000) == wide);
 }
 
+namespace {
+
+// Stands in for "CILanczosScaleTransform" while alive, recording the scale of every output
+// built through it; the built-in comes back afterwards.
+class LanczosSpy {
+ public:
+  LanczosSpy() : saved_(*CIFilter::registrationForName("CILanczosScaleTransform")) {
+    scales().clear();
+    CIFilterRegistration spy = saved_;
+    spy.make = [] { return CIFilterRef(std::make_shared<SpyFilter>()); };
+    CIFilter::registerFilter(spy);
+  }
+  ~LanczosSpy() { CIFilter::registerFilter(saved_); }
+  static std::vector<double>& scales() {
+    static std::vector<double> s;
+    return s;
+  }
+
+ private:
+  class SpyFilter : public CIFilter {
+   public:
+    CIImage outputImage() const override {
+      scales().push_back(valueForKey(kCIInputScaleKey).doubleValue());
+      return CIImage::fromValue(valueForKey(kCIInputImageKey));
+    }
+  };
+  CIFilterRegistration saved_;
+};
+
+}  // namespace
+
+TEST_F(GeometryFilters, ResizeScalesThroughTheLanczosBuiltin) {
+  LanczosSpy spy;
+  (void)resized(imageOfSize(2000, 500), 1, 1000);
+  (void)resized(imageOfSize(2000, 1500), 3, 1000);
+  (void)resized(imageOfSize(800, 3000), 1, 1000);  // passes unchanged: not scaled at all
+  EXPECT_EQ(LanczosSpy::scales(), (std::vector<double>{0.5, 0.5}));
+}
+
 TEST_F(GeometryFilters, ResizeExactlyAtTheMaximumStillScalesAtOne) {
-  const CIImage image = imageOfSize(1000, 1000);
-  const CIImage out = resized(image, 3, 1000);
+  {
+    LanczosSpy spy;
+    (void)resized(imageOfSize(1000, 1000), 3, 1000);
+    EXPECT_EQ(LanczosSpy::scales(), std::vector<double>{1.0});
+  }
+  const CIImage out = resized(imageOfSize(1000, 1000), 3, 1000);
   ASSERT_TRUE(out);
-  EXPECT_FALSE(out == image);
   EXPECT_RECT_EQ(out.extent(), 0, 0, 1000, 1000);
 }
 
 TEST_F(GeometryFilters, ResizeEdgeZeroAlwaysPassesThroughTheScaleAtOne) {
+  {
+    LanczosSpy spy;
+    (void)resized(imageOfSize(2000, 1500), 0, 1000);
+    (void)resized(imageOfSize(10, 20), 0, 1000);
+    EXPECT_EQ(LanczosSpy::scales(), (std::vector<double>{1.0, 1.0}));
+  }
   for (CGSize s : {CGSizeMake(2000, 1500), CGSizeMake(10, 20)}) {
-    const CIImage image = imageOfSize(s.width, s.height);
-    const CIImage out = resized(image, 0, 1000);
+    const CIImage out = resized(imageOfSize(s.width, s.height), 0, 1000);
     ASSERT_TRUE(out);
-    EXPECT_FALSE(out == image);
     EXPECT_RECT_EQ(out.extent(), 0, 0, s.width, s.height);
   }
+}
+
+TEST_F(GeometryFilters, ResizeZeroMaximumScalesByZero) {
+  LanczosSpy spy;
+  (void)resized(imageOfSize(200, 100), 3, 0);  // infinite factors: no guard
+  EXPECT_EQ(LanczosSpy::scales(), std::vector<double>{0.0});
 }
 
 TEST_F(GeometryFilters, ResizeNeverEnlarges) {

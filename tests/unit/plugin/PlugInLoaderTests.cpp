@@ -1,6 +1,7 @@
 #ifdef QV_HAVE_IMAGEUNITS
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -90,6 +91,17 @@ TEST_F(PlugInLoader, LoadsTheBuiltBundleAndRegistersItsFilters) {
   EXPECT_TRUE(CIPlugIn::loadPlugIn(kBuiltBundle.string(), &error)) << error;
   const auto loaded = CIPlugIn::loadedPlugIns();
   EXPECT_EQ(std::count(loaded.begin(), loaded.end(), fs::weakly_canonical(kBuiltBundle).string()), 1);
+}
+
+TEST_F(PlugInLoader, TheLibraryExportsOnlyItsEntryPoint) {
+  void* handle = dlopen(kBuiltLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
+  ASSERT_TRUE(handle) << dlerror();
+  EXPECT_TRUE(dlsym(handle, kCIPlugInClassTableSymbol));
+  // The framework's functions and the filter classes stay inside the library.
+  EXPECT_FALSE(dlsym(handle, "_ZN24QVFilterImageUnitsPlugin4loadEPv"));
+  EXPECT_FALSE(dlsym(handle, "_Z25QVFilterImageUnitsClassesv"));
+  EXPECT_FALSE(dlsym(handle, "_ZNK14QVFilterRotate11outputImageEv"));
+  dlclose(handle);
 }
 
 TEST_F(PlugInLoader, BundleWithoutInfoPlist) {
