@@ -1,0 +1,93 @@
+// What the core nodes compute, pixel by pixel, against plain formulas.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "CoreImage/CIColor.h"
+#include "CoreImage/ImageNode.h"
+#include "RenderSupport.h"
+
+namespace {
+std::array<float, 4> px(const std::vector<float>& v, int w, int col, int rowFromTop) {
+  const float* p = &v[(std::size_t(rowFromTop) * std::size_t(w) + std::size_t(col)) * 4];
+  return {p[0], p[1], p[2], p[3]};
+}
+}  // namespace
+
+TEST(TransformPixels, HalfPixelShiftAveragesNeighbours) {
+  const auto src = makeTestPixels(8, 4);
+  const auto img = CIImage::imageWithRGBAf(src.data(), 8, 4);
+  const auto moved = img.imageByApplyingTransform(CGAffineTransformMakeTranslation(0.5, 0));
+  EXPECT_EQ(moved.extent(), CGRectMake(0.5, 0, 8, 4));
+  const auto out = renderRGBAf(moved, CGRectMake(0, 0, 9, 4));
+  for (int row = 0; row < 4; ++row) {
+    for (int x = 1; x < 8; ++x) {
+      const auto a = px(src, 8, x - 1, row), b = px(src, 8, x, row), o = px(out, 9, x, row);
+      for (int k = 0; k < 4; ++k) EXPECT_NEAR(o[k], 0.5f * (a[k] + b[k]), 1e-6) << x << "," << row;
+    }
+    // Edges: half transparent.
+    EXPECT_NEAR(px(out, 9, 0, row)[3], 0.5f, 1e-6);
+    EXPECT_NEAR(px(out, 9, 8, row)[3], 0.5f, 1e-6);
+  }
+}
+
+TEST(TransformPixels, DownscaleAveragesAndKeepsFlatRegionsFlat) {
+  const auto flat = CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.9, 1)).imageByCroppingToRect(CGRectMake(0, 0, 64, 64));
+  const auto small = flat.imageByApplyingTransform(CGAffineTransformMakeScale(0.125, 0.2));
+  EXPECT_EQ(small.extent(), CGRectMake(0, 0, 8, 12.8));
+  const auto out = renderRGBAf(small, CGRectMake(2, 2, 4, 8));
+  const auto ref = renderRGBAf(flat, CGRectMake(10, 10, 1, 1));
+  for (std::size_t i = 0; i < out.size(); ++i) EXPECT_NEAR(out[i], ref[i % 4], 1e-5);
+  // A fine checkerboard shrunk by 4 becomes its mean (no aliasing to one of the colours).
+  std::vector<float> checker(64 * 64 * 4);
+  for (int y = 0; y < 64; ++y)
+    for (int x = 0; x < 64; ++x)
+      for (int k = 0; k < 4; ++k) checker[(std::size_t(y) * 64 + std::size_t(x)) * 4 + std::size_t(k)] = k == 3 ? 1.0f : float((x + y) % 2);
+  const auto c = CIImage::imageWithRGBAf(checker.data(), 64, 64).imageByApplyingTransform(CGAffineTransformMakeScale(0.25, 0.25));
+  const auto co = renderRGBAf(c, CGRectMake(4, 4, 8, 8));
+  for (std::size_t i = 0; i < co.size(); i += 4) EXPECT_NEAR(co[i], 0.5f, 0.02f);
+}
+
+TEST(CropPixels, PixelCentreInclusion) {
+  const auto src = makeTestPixels(6, 1);
+  const auto img = CIImage::imageWithRGBAf(src.data(), 6, 1);
+  // Centres 0.5 .. 5.5: [0.6, 4.4) keeps pixels 1, 2, 3 exactly and clears the rest.
+  const auto crop = img.imageByCroppingToRect(CGRectMake(0.6, 0, 3.8, 1));
+  EXPECT_DOUBLE_EQ(CGRectGetMinX(crop.extent()), 0.6);
+  EXPECT_DOUBLE_EQ(CGRectGetMaxX(crop.extent()), 0.6 + 3.8);
+  const auto out = renderRGBAf(crop, CGRectMake(0, 0, 6, 1));
+  for (int x = 0; x < 6; ++x) {
+    const bool kept = x >= 1 && x <= 3;
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(out[std::size_t(x * 4 + k)], kept ? src[std::size_t(x * 4 + k)] : 0.0f) << x;
+  }
+}
+
+TEST(ClampPixels, EdgesRepeatForever) {
+  const auto src = makeTestPixels(5, 4);
+  const auto img = CIImage::imageWithRGBAf(src.data(), 5, 4, CGPointMake(10, 10)).imageByClampingToExtent();
+  // Far left of the bottom row = bottom-left pixel; far top-right = top-right pixel.
+  const auto bl = pixelAt(img, -1000, -500), tr = pixelAt(img, 1e6, 1e6), side = pixelAt(img, 12, 2000);
+  for (int k = 0; k < 4; ++k) {
+    EXPECT_EQ(bl[k], px(src, 5, 0, 3)[k]);
+    EXPECT_EQ(tr[k], px(src, 5, 4, 0)[k]);
+    EXPECT_EQ(side[k], px(src, 5, 2, 0)[k]);
+  }
+}
+
+TEST(BitmapPixels, FractionalOriginResamples) {
+  const auto img = makeTestImage(4, 4, CGPointMake(0.5, 0));
+  EXPECT_EQ(img.extent(), CGRectMake(0.5, 0, 4, 4));
+  EXPECT_NEAR(pixelAt(img, 0, 0)[3], 0.5f, 1e-6);
+}
+
+TEST(ColorManagement, EncodedSourcesDecodeToLinearOnlyWhenManaged) {
+  const std::uint8_t one[4] = {128, 64, 255, 255};
+  const auto img = CIImage::imageWithRGBA8(one, 1, 1, 4);
+  const auto managed = pixelAt(img, 0, 0, true), raw = pixelAt(img, 0, 0, false);
+  EXPECT_NEAR(managed[0], std::pow((128 / 255.0 + 0.055) / 1.055, 2.4), 1e-6);
+  EXPECT_NEAR(managed[1], std::pow((64 / 255.0 + 0.055) / 1.055, 2.4), 1e-6);
+  EXPECT_NEAR(raw[0], 128 / 255.0, 1e-7);
+  EXPECT_NEAR(raw[1], 64 / 255.0, 1e-7);
+  EXPECT_EQ(managed[2], 1.0f);
+  EXPECT_EQ(managed[3], 1.0f);
+}
