@@ -160,6 +160,20 @@ CIImage CIKernel::apply(const Array& arguments, const Dictionary& options) const
   } else if (auto ext = options.find(kCIApplyOptionExtent); ext != options.end()) {
     if (!CIFilterShape::rectFromValue(ext->second, &extent)) return complain("kCIApplyOptionExtent is not a rectangle");
   }
+  // A kernel that returns its one input's texel under each pixel is no work at all: the
+  // result is the input itself (black wrap) or its clamped extension (clamp wrap), cropped to
+  // the definition. Only for pixel-aligned inputs, where both read exactly the same texels.
+  if (program.passThroughInput >= 0 && images.size() == 1) {
+    const CIImage& image = images[0];
+    const CGRect e = image.extent();
+    if (CGRectIsInfinite(e) || CGRectEqualToRect(e, CGRectIntegral(e))) {
+      if (modes[0].clamp && !modes[0].exact) {
+        CIImage clamped = image.imageByClampingToExtent();
+        return CGRectIsInfinite(extent) ? clamped : clamped.imageByCroppingToRect(extent);
+      }
+      if (!CGRectIsInfinite(extent)) return image.imageByCroppingToRect(extent);
+    }
+  }
   return CIImage(std::make_shared<KernelNode>(extent, std::move(images), std::move(modes), program_, std::move(floats),
                                               std::move(colors), name_));
 }

@@ -81,7 +81,12 @@ inline const float* fetch(const View& v, std::int64_t x, std::int64_t y) {
 }
 
 // A float position converted to a texel index without undefined behaviour for NaN or huge values.
-inline float safeFloor(float f, float lo, float hi) { return std::floor(std::fmin(std::fmax(f, lo), hi)); }
+// Clamps into [lo, hi]; NaN becomes lo. Plain comparisons, so the compiler inlines them.
+inline float clampf(float f, float lo, float hi) {
+  f = f > lo ? f : lo;
+  return f < hi ? f : hi;
+}
+inline float safeFloor(float f, float lo, float hi) { return std::floor(clampf(f, lo, hi)); }
 
 // Positions are turned into texel indices and fractions in absolute coordinates, so a read
 // gives the same bits whichever tile it happens in.
@@ -106,8 +111,8 @@ void sample(const View& v, const float* xs, const float* ys, float* d0, float* d
       put(k, t ? t : zero);
       continue;
     }
-    float px = std::fmin(std::fmax(xs[k] - 0.5f, lox), hix);
-    float py = std::fmin(std::fmax(ys[k] - 0.5f, loy), hiy);
+    float px = clampf(xs[k] - 0.5f, lox, hix);
+    float py = clampf(ys[k] - 0.5f, loy, hiy);
     float fx = std::floor(px), fy = std::floor(py);
     float tx = px - fx, ty = py - fy;
     auto ix = std::int64_t(fx) - v.ox, iy = std::int64_t(fy) - v.oy;

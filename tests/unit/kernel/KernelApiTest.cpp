@@ -100,7 +100,7 @@ TEST(CISampler, OptionsAndDefinition) {
 }
 
 TEST(CIKernelApply, DefinitionGivesTheExtentOtherwiseInfinite) {
-  auto k = CIKernel::kernelsWithString(kTwo)[0];
+  auto k = CIKernel::kernelWithString("kernel vec4 dim(sampler s) { return sample(s, samplerCoord(s)) * 0.5; }");
   auto s = CISampler::samplerWithImage(someImage());
   CIImage infinite = k->apply({Value(s)}, {});
   ASSERT_FALSE(infinite.isNil());
@@ -111,8 +111,23 @@ TEST(CIKernelApply, DefinitionGivesTheExtentOtherwiseInfinite) {
   EXPECT_TRUE(CGRectEqualToRect(fromVector.extent(), CGRectMake(1, 2, 3, 4)));
   CIImage fromArray = k->apply({Value(s)}, {{kCIApplyOptionExtent, Value(Array{0, 0, 5, 6})}});
   EXPECT_TRUE(CGRectEqualToRect(fromArray.extent(), CGRectMake(0, 0, 5, 6)));
-  ASSERT_EQ(defined.node()->inputs().size(), 1u);
-  EXPECT_EQ(defined.node()->inputs()[0], s->image());
+}
+
+// The pass-through kernel adds no node of its own: the result is the input, cropped to the
+// definition, or the input's clamped extension.
+TEST(CIKernelApply, PassThroughKernelsSimplifyToTheInput) {
+  auto k = CIKernel::kernelsWithString(kTwo)[0];
+  CIImage image = someImage();
+  auto black = CISampler::samplerWithImage(image);
+  CIImage same = k->apply({Value(black)}, {{kCIApplyOptionDefinition, black->definition()}});
+  EXPECT_EQ(same, image);
+  auto clamp = CISampler::samplerWithImage(image, {{kCISamplerWrapMode, kCISamplerWrapClamp}});
+  CIImage clamped = k->apply({Value(clamp)}, {});
+  EXPECT_TRUE(CGRectIsInfinite(clamped.extent()));
+  EXPECT_EQ(dynamic_cast<const KernelNode*>(clamped.node().get()), nullptr);
+  // Without a definition a black-wrap pass-through stays an infinite kernel image.
+  CIImage infinite = k->apply({Value(black)}, {});
+  EXPECT_TRUE(CGRectIsInfinite(infinite.extent()));
 }
 
 TEST(CIKernelApply, ArgumentsAreCheckedByKind) {
@@ -152,7 +167,7 @@ class KernelTestFilter : public CIFilter {
 };
 
 TEST(CIKernelApply, CIFilterApplyRunsKernels) {
-  auto k = CIKernel::kernelsWithString(kTwo)[0];
+  auto k = CIKernel::kernelWithString("kernel vec4 half_(sampler s) { return sample(s, samplerCoord(s)) * 0.5; }");
   auto s = CISampler::samplerWithImage(someImage());
   KernelTestFilter f;
   CIImage out = f.run(k, {Value(s)}, {{kCIApplyOptionDefinition, s->definition()}});
