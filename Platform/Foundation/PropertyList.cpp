@@ -522,10 +522,11 @@ plist_t toPlist(const Value& v, int depth) {
     }
     case Value::Kind::Date: {
       const double s = v.date()->secondsSinceReferenceDate;
-      if (!std::isfinite(s) || s < std::numeric_limits<std::int32_t>::min() || s >= std::numeric_limits<std::int32_t>::max())
-        return nullptr;
+      if (!std::isfinite(s)) return nullptr;
       // Whole seconds towards zero and a microsecond part of the same sign, as libplist reads them.
       const double whole = std::trunc(s);
+      if (whole < std::numeric_limits<std::int32_t>::min() || whole > std::numeric_limits<std::int32_t>::max())
+        return nullptr;
       return plist_new_date(static_cast<std::int32_t>(whole), static_cast<std::int32_t>(std::lround((s - whole) * 1e6)));
     }
     case Value::Kind::Array: {
