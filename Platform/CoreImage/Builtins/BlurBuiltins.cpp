@@ -29,7 +29,7 @@
 //                    towards the centre over a length of inputAmount pixels (stopping at the
 //                    centre), or away from it for a negative amount; ceil(length)+1 samples.
 //   CIUnsharpMask    image + intensity · (image − Gaussian(image, radius)); extent the input's.
-// Sizes are capped (radii at 1000 pixels, blur σ at 500) so that no tile asks for an unbounded
+// Sizes are capped (radii at 1000 pixels, disc and morphology-disc radii at 200, blur σ at 500) so that no tile asks for an unbounded
 // region; the morphology, disc and zoom blurs are exact in any tiling; the box sums are exact too
 // (see BlurKernels.h), so a tiled render equals a whole render bit for bit.
 
@@ -49,6 +49,8 @@ using qv::blur::SeparablePlan;
 using qv::blur::TileBuffer;
 
 constexpr double kMaxRadius = 1000.0;
+// Discs cost O(radius) per pixel: their radius is capped lower.
+constexpr double kMaxDiscRadius = 200.0;
 
 CIInputSpec numberInput(std::string key, const char* type, Value def, Value identity = {}, Value min = {},
                         Value max = {}, Value sliderMin = {}, Value sliderMax = {}) {
@@ -117,7 +119,7 @@ class DiscBlurFilter final : public CIBuiltinFilter {
   CIImage outputImage() const override {
     const CIImage image = inputImageForKey(kCIInputImageKey);
     if (!image) return {};
-    const double r = clampRadius(inputDouble(kCIInputRadiusKey), 500.0);
+    const double r = clampRadius(inputDouble(kCIInputRadiusKey), kMaxDiscRadius);
     const int s = qv::blur::discSupport(r);
     if (s == 0) return image;
     return BlurNode::make("CIDiscBlur", growExtent(image.extent(), s, s), {image}, s, s,
@@ -132,7 +134,7 @@ class BokehBlurFilter final : public CIBuiltinFilter {
   CIImage outputImage() const override {
     const CIImage image = inputImageForKey(kCIInputImageKey);
     if (!image) return {};
-    const double r = clampRadius(inputDouble(kCIInputRadiusKey), 500.0);
+    const double r = clampRadius(inputDouble(kCIInputRadiusKey), kMaxDiscRadius);
     const double ringAmount = std::clamp(inputDouble("inputRingAmount"), 0.0, 1.0);
     const double ringSize = std::clamp(inputDouble("inputRingSize"), 0.0, 1.0);
     const SeparablePlan soft = qv::blur::planGaussian(inputDouble("inputSoftness"));
@@ -339,7 +341,7 @@ class MaskedVariableBlurFilter final : public CIBuiltinFilter {
 
 CIImage morphologyDiscImage(const CIImage& image, double radius, bool maximum) {
   if (!image) return {};
-  const double r = clampRadius(radius);
+  const double r = clampRadius(radius, kMaxDiscRadius);
   const int s = qv::blur::discSupport(r);
   if (s == 0) return image;
   // A minimum cannot reach beyond the input (the transparent surround is in every window).
@@ -369,7 +371,7 @@ class MorphologyGradientFilter final : public CIBuiltinFilter {
   CIImage outputImage() const override {
     const CIImage image = inputImageForKey(kCIInputImageKey);
     if (!image) return {};
-    const double r = clampRadius(inputDouble(kCIInputRadiusKey));
+    const double r = clampRadius(inputDouble(kCIInputRadiusKey), kMaxDiscRadius);
     const int s = qv::blur::discSupport(r);
     return BlurNode::make("CIMorphologyGradient", growExtent(image.extent(), s, s), {image}, s, s,
                           [=](const PixelTile& out, std::span<const ConstPixelTile> in) {

@@ -4,7 +4,7 @@
 //                     centre shows the input at q = c + (p − c)·k², k = 1 − ((r − d)/r)·scale,
 //                     sampled bilinearly; points at d >= r are unchanged. scale > 0 magnifies
 //                     (bulges out), scale < 0 pinches in. The extent is the input's. The scale
-//                     is clamped to ±10, beyond which the sampled region would grow without use.
+//                     is clamped to ±3, so that a tile never reads a region more than 16 times its width and height.
 //   CIPixellate       squares of side inputScale (at least 1) whose corners lie on the grid
 //                     through inputCenter; each square shows the bilinear sample of the input at
 //                     the square's centre. The extent is the input's: squares straddling its
@@ -118,7 +118,7 @@ class BumpDistortionFilter final : public CIBuiltinFilter {
               inputDouble(kCIInputScaleKey)};
     if (!std::isfinite(bump.cx) || !std::isfinite(bump.cy) || !std::isfinite(bump.r) || !std::isfinite(bump.scale))
       return image;
-    bump.scale = std::clamp(bump.scale, -10.0, 10.0);
+    bump.scale = std::clamp(bump.scale, -3.0, 3.0);
     if (!(bump.r > 0) || bump.scale == 0) return image;
     const CGRect inputExtent = image.extent();
     BlurNode::RoiFn roi = [bump, inputExtent](std::size_t, const PixelRect& rect) {

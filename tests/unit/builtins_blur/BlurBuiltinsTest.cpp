@@ -489,3 +489,32 @@ TEST(BlurKernels, ExtendedBoxHasTheExactVariance) {
   EXPECT_TRUE(qv::blur::planGaussian(std::nan("")).identity());
   EXPECT_LE(qv::blur::planGaussian(1e12).supportX(), 3 * qv::blur::kMaxSigma + 3);
 }
+
+// ---- Extreme parameters: bounded regions, no crash ----
+
+TEST(BlurFilters, ExtremeParametersStayBounded) {
+  const CIImage image = blurtest::photo(24, 16);
+  const double huge = 1e300, nan = std::nan("");
+  auto growth = [&](const CIImage& out) { return image.extent().origin.x - out.extent().origin.x; };
+  EXPECT_LE(growth(applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(huge)}})), 3 * qv::blur::kMaxSigma + 3);
+  EXPECT_EQ(growth(applyFilter("CIBoxBlur", image, {{"inputRadius", Value(huge)}})), 1000);
+  EXPECT_EQ(growth(applyFilter("CIDiscBlur", image, {{"inputRadius", Value(huge)}})), 200);
+  EXPECT_EQ(growth(applyFilter("CIMorphologyMaximum", image, {{"inputRadius", Value(huge)}})), 200);
+  EXPECT_EQ(growth(applyFilter("CIZoomBlur", image, {{"inputAmount", Value(-huge)}})), 1001);
+  for (const char* name : {"CIGaussianBlur", "CIBoxBlur", "CIDiscBlur", "CIMotionBlur", "CIMorphologyMaximum",
+                           "CIMorphologyGradient", "CIBokehBlur", "CIUnsharpMask"}) {
+    const CIImage out = applyFilter(name, image, {{"inputRadius", Value(nan)}});
+    ASSERT_FALSE(out.isNil()) << name;
+    const Floats f = Floats::render(out, image.extent());
+    for (float v : f.v) ASSERT_TRUE(std::isfinite(v)) << name;
+  }
+  // Distortions with absurd settings still render the input's extent.
+  const CIImage bump = applyFilter("CIBumpDistortion", image.imageByClampingToExtent(),
+                                   {{"inputCenter", blurtest::vec(12, 8)}, {"inputRadius", Value(1e12)}, {"inputScale", Value(-1e9)}});
+  EXPECT_TRUE(CGRectIsInfinite(bump.extent()));
+  const Floats b = Floats::render(bump, image.extent());
+  for (float v : b.v) ASSERT_TRUE(std::isfinite(v));
+  const CIImage pix = applyFilter("CIPixellate", image, {{"inputScale", Value(huge)}, {"inputCenter", blurtest::vec(-1e15, 1e15)}});
+  const Floats p = Floats::render(pix, image.extent());
+  EXPECT_EQ(p.v.size(), std::size_t(24 * 16 * 4));
+}
