@@ -16,6 +16,11 @@ namespace {
 struct ConvertOptions {
   std::string input, output, maxSize, quality;
   bool noOrient = false;
+  // Given on the command line (even as an empty string, which is then refused).
+  const CLI::Option* maxSizeOption = nullptr;
+  const CLI::Option* qualityOption = nullptr;
+  bool hasMaxSize() const { return maxSizeOption && maxSizeOption->count() > 0; }
+  bool hasQuality() const { return qualityOption && qualityOption->count() > 0; }
 };
 
 struct Written {
@@ -24,7 +29,7 @@ struct Written {
 
 Dictionary destinationProperties(const ConvertOptions& o, const Dictionary& sourceProperties) {
   Dictionary props;
-  if (!o.quality.empty())
+  if (o.hasQuality())
     props[kCGImageDestinationLossyCompressionQuality] = qv::parseQualityArgument(o.quality) / 100.0;
   const Value model = sourceProperties.count(kCGImagePropertyColorModel)
                           ? sourceProperties.at(kCGImagePropertyColorModel)
@@ -63,8 +68,8 @@ Written streamCopy(const CGImageSourceRef& source, const CGImageDestinationRef& 
 void runConvert(const ConvertOptions& o) {
   const std::string type = qv::outputTypeForPath(o.output);
   std::size_t maxSize = 0;
-  if (!o.maxSize.empty()) maxSize = qv::parseSizeArgument("--max-size", o.maxSize, 1, 1'000'000);
-  if (!o.quality.empty()) qv::parseQualityArgument(o.quality);  // checked before any decoding
+  if (o.hasMaxSize()) maxSize = qv::parseSizeArgument("--max-size", o.maxSize, 1, 1'000'000);
+  if (o.hasQuality()) qv::parseQualityArgument(o.quality);  // checked before any decoding
 
   CGImageSourceRef source = CGImageSourceCreateWithURL(o.input);
   if (!source) throw qv::CommandError{CGImageSourceGetCreateError()};
@@ -102,8 +107,9 @@ const qv::CommandRegistration registration(50, [](CLI::App& app) {
   cmd->add_option("input", o->input, "Input image (JPEG, PNG, WebP)")->required();
   cmd->add_option("output", o->output, "Output image; the extension picks the format (.png .jpg .jpeg .webp)")
       ->required();
-  cmd->add_option("--max-size", o->maxSize, "Largest side of the result in pixels (a thumbnail)");
-  cmd->add_option("--quality", o->quality, "JPEG/WebP quality 0-100 (default 90; WebP 100 is lossless)");
+  o->maxSizeOption = cmd->add_option("--max-size", o->maxSize, "Largest side of the result in pixels (a thumbnail)");
+  o->qualityOption =
+      cmd->add_option("--quality", o->quality, "JPEG/WebP quality 0-100 (default 90; WebP 100 is lossless)");
   cmd->add_flag("--no-orient", o->noOrient, "Keep the stored pixels; do not apply the EXIF orientation");
   cmd->callback([o] { runConvert(*o); });
 });
