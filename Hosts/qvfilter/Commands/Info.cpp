@@ -17,14 +17,15 @@ struct InfoOptions {
 };
 
 void runInfo(const InfoOptions& options) {
-  std::error_code ec;
-  if (std::filesystem::exists(options.target, ec)) {
-    qv::runImageInfo(options.target, options.json);
-    return;
-  }
+  // A filter name wins over a file of the same name in the current directory.
   qvLoadPlugIns();
   if (qv::isRegisteredFilter(options.target)) {
     qv::runFilterInfo(options.target, options.json);
+    return;
+  }
+  std::error_code ec;
+  if (std::filesystem::exists(options.target, ec)) {
+    qv::runImageInfo(options.target, options.json);
     return;
   }
   throw qv::CommandError{"no such file or filter: " + options.target};

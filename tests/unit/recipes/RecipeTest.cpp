@@ -295,12 +295,16 @@ TEST(RecipeOutput, InfiniteFileWithoutRectAndTooLarge) {
 }
 
 TEST(RecipeBuild, DefaultsFalseSkipsSetDefaults) {
-  // With defaults, CIAffineTransform's identity transform keeps the extent; the result is the
-  // same image either way for a translation given explicitly, so check a filter whose default
-  // matters: CICrop's default rectangle is infinite (an identity crop).
-  json with = run(R"({"images": {"c": {"color": [1, 1, 1, 1], "extent": [0, 0, 4, 4]}},
-                      "chain": [{"filter": "CICrop", "inputs": {"inputImage": "@c"}}]})");
-  EXPECT_EQ(with["extent"], (json{0, 0, 4, 4}));
+  // CIGaussianBlur's default radius spreads the image; without setDefaults the radius is nil,
+  // reads as 0, and the image keeps its extent.
+  const std::string images = R"("images": {"c": {"color": [1, 1, 1, 1], "extent": [0, 0, 4, 4]}})";
+  json with = run("{" + images + R"(, "chain": [{"filter": "CIGaussianBlur", "inputs": {"inputImage": "@c"}}]})");
+  json without = run("{" + images +
+                     R"(, "chain": [{"filter": "CIGaussianBlur", "defaults": false, "inputs": {"inputImage": "@c"}}]})");
+  EXPECT_EQ(without["extent"], (json{0, 0, 4, 4}));
+  ASSERT_TRUE(with["extent"].is_array());
+  EXPECT_LT(with["extent"][0].get<double>(), 0.0);
+  EXPECT_GT(with["extent"][2].get<double>(), 4.0);
 }
 
 }  // namespace
