@@ -2,15 +2,22 @@
 //
 // A kernel-using filter loads its kernels once per process, in its class initialisation (the
 // first use of the class), and keeps them in a class-level static that is written once and
-// never released:
+// never released (allocated and never destroyed, so no exit-time teardown touches it):
 //
 //   const CIKernelRef& QVFilterShineStraight::straightMaskKernel() {
-//     static const CIKernelRef kernel = QVFilterKernelsFromResource("QVFilterShineStraightMask").kernelAtIndex(0);
+//     static const CIKernelRef& kernel =
+//         *new CIKernelRef(QVFilterKernelsFromResource("QVFilterShineStraightMask").kernelAtIndex(0));
 //     return kernel;
 //   }
 //   QVFilterShineStraight::QVFilterShineStraight() { straightMaskKernel(); }  // class initialisation
 //
-// A subclass's construction reaches the same static, so it never loads the file again.
+// Two kernels of one file (the stereoscopic filter) come from one list:
+//
+//   static const QVFilterKernelList& kernels = *new QVFilterKernelList(QVFilterKernelsFromResource("..."));
+//   kernels.kernelAtIndex(0), kernels.kernelAtIndex(1)
+//
+// A subclass's construction reaches the same static, so it never loads the file again. The
+// static's initialisation is thread-safe (the language's function-local static guarantee).
 #pragma once
 
 #include <cstddef>

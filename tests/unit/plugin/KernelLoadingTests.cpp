@@ -27,7 +27,7 @@ class KernelUsingFilter : public QVFilter {
  public:
   KernelUsingFilter() { kernel(); }
   static const CIKernelRef& kernel() {
-    static const CIKernelRef k = QVFilterKernelsFromResource("NoOp").kernelAtIndex(0);
+    static const CIKernelRef& k = *new CIKernelRef(QVFilterKernelsFromResource("NoOp").kernelAtIndex(0));
     return k;
   }
   CIImage outputImage() const override { return {}; }
