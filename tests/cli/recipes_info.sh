@@ -38,14 +38,24 @@ fi
 # Every registered filter describes itself: exactly one output key, inputImage first where
 # the filter takes an image.
 "$QVFILTER" list >"$tmp/names.txt" 2>/dev/null || fail "list failed"
+mkdir -p "$tmp/all"
 while read -r name; do
-  if ! doc=$("$QVFILTER" info "$name" --json 2>"$tmp/err"); then
-    fail "info $name: $(cat "$tmp/err")"
-    continue
-  fi
-  check_json "info $name output keys" "$doc" 'r["outputKeys"] == ["outputImage"]'
-  check_json "info $name image first" "$doc" '"inputImage" not in r["inputKeys"] or r["inputKeys"][0] == "inputImage"'
+  "$QVFILTER" info "$name" --json >"$tmp/all/$name.json" 2>"$tmp/err" || fail "info $name: $(cat "$tmp/err")"
 done <"$tmp/names.txt"
+python3 - "$tmp/all" <<'PY' || fail "some filter descriptions break the rules (see above)"
+import json, os, sys
+bad = 0
+for f in sorted(os.listdir(sys.argv[1])):
+    r = json.load(open(os.path.join(sys.argv[1], f)))
+    if r["outputKeys"] != ["outputImage"]:
+        print(f"{f}: output keys {r['outputKeys']}", file=sys.stderr); bad += 1
+    if "inputImage" in r["inputKeys"] and r["inputKeys"][0] != "inputImage":
+        print(f"{f}: inputImage is not the first input key", file=sys.stderr); bad += 1
+    if r["name"] + ".json" != f:
+        print(f"{f}: names itself {r['name']}", file=sys.stderr); bad += 1
+sys.exit(1 if bad else 0)
+PY
+[ "$(ls "$tmp/all" | wc -l)" -eq "$(wc -l <"$tmp/names.txt")" ] || fail "not every filter was described"
 
 # An image file is described as an image; a filter name wins over a file of that name.
 printf '{"images": {"c": {"color": [1, 0, 0, 1], "extent": [0, 0, 5, 3]}}, "output": {"image": "@c"}}' >"$tmp/make.json"
