@@ -91,7 +91,9 @@ std::vector<std::string> CIFilter::filterNamesInCategories(const std::vector<std
   Registry& r = registry();
   std::shared_lock lock(r.mutex);
   std::vector<std::string> names;
-  for (const auto& [name, reg] : r.filters) {
+  for (const auto& [name, registration] : r.filters) {
+    // clang 14 cannot capture a structured binding in a lambda; name the registration.
+    const CIFilterRegistration& reg = registration;
     const bool all = std::all_of(categories.begin(), categories.end(), [&](const std::string& c) {
       return c.empty() || std::find(reg.categories.begin(), reg.categories.end(), c) != reg.categories.end();
     });
