@@ -259,7 +259,10 @@ class OpenStepParser {
     while (!atEnd()) {
       const char c = peek();
       ++pos_;
-      if (c == quote) return out;
+      if (c == quote) {
+        if (out.find('\0') != std::string::npos) return std::nullopt;  // no NUL characters in strings
+        return out;
+      }
       if (c != '\\') {
         out += c;
         continue;
@@ -359,17 +362,13 @@ std::optional<Value> fromPlist(plist_t node, int depth) {
       plist_get_real_val(node, &d);
       return Value::real(d);
     }
-    case PLIST_STRING:
-    case PLIST_KEY: {
-      char* s = nullptr;
-      if (plist_get_node_type(node) == PLIST_STRING) {
-        plist_get_string_val(node, &s);
-      } else {
-        plist_get_key_val(node, &s);
-      }
+    case PLIST_STRING: {
+      std::uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
       if (!s) return Value(std::string());
-      std::string str(s);
-      std::free(s);
+      std::string str(s, static_cast<std::size_t>(length));
+      // Strings are text: broken UTF-8 or a NUL character makes the whole list malformed.
+      if (!QVIsValidUTF8(str) || str.find('\0') != std::string::npos) return std::nullopt;
       return Value(std::move(str));
     }
     case PLIST_DATA: {
@@ -420,7 +419,7 @@ std::optional<Value> fromPlist(plist_t node, int depth) {
           break;
         }
         std::optional<Value> v = fromPlist(item, depth + 1);
-        if (!v || !key) {
+        if (!v || !key || !QVIsValidUTF8(key)) {
           std::free(key);
           ok = false;
           break;
@@ -468,12 +467,58 @@ bool xmlNestingWithinLimit(const unsigned char* p, std::size_t n) {
   return true;
 }
 
+std::uint64_t readBigEndian(const unsigned char* p, std::size_t size) {
+  std::uint64_t v = 0;
+  for (std::size_t i = 0; i < size; ++i) v = (v << 8) | p[i];
+  return v;
+}
+
+// libplist aborts the process on a binary list whose UTF-16 strings (or keys) hold a U+0000
+// unit, so such lists are looked for first, by walking the object table, and refused. A table
+// that does not hold together is refused as well.
+bool binaryStringsAreSafe(const unsigned char* p, std::size_t n) {
+  constexpr std::size_t kHeader = 8, kTrailer = 32;
+  if (n < kHeader + kTrailer) return false;
+  const unsigned char* trailer = p + n - kTrailer;
+  const std::size_t offsetSize = trailer[6];
+  if (offsetSize < 1 || offsetSize > 8) return false;
+  const std::uint64_t objectCount = readBigEndian(trailer + 8, 8);
+  const std::uint64_t tableOffset = readBigEndian(trailer + 24, 8);
+  const std::size_t objectsEnd = n - kTrailer;
+  if (tableOffset < kHeader || tableOffset > objectsEnd || objectCount > (objectsEnd - tableOffset) / offsetSize)
+    return false;
+  for (std::uint64_t i = 0; i < objectCount; ++i) {
+    const std::uint64_t offset = readBigEndian(p + tableOffset + i * offsetSize, offsetSize);
+    if (offset < kHeader || offset >= objectsEnd) return false;
+    const unsigned char marker = p[offset];
+    if ((marker & 0xF0) != 0x60) continue;  // not a UTF-16 string
+    std::size_t pos = static_cast<std::size_t>(offset) + 1;
+    std::uint64_t count = marker & 0x0F;
+    if (count == 0x0F) {
+      if (pos >= objectsEnd || (p[pos] & 0xF0) != 0x10) return false;
+      const std::size_t intSize = std::size_t{1} << (p[pos] & 0x0F);
+      if (intSize > 8 || pos + 1 + intSize > objectsEnd) return false;
+      count = readBigEndian(p + pos + 1, intSize);
+      pos += 1 + intSize;
+    }
+    if (count > (objectsEnd - pos) / 2) return false;
+    for (std::uint64_t k = 0; k < count; ++k) {
+      if (p[pos + 2 * k] == 0 && p[pos + 2 * k + 1] == 0) return false;
+    }
+  }
+  return true;
+}
+
+// XML text with a NUL byte is not XML (and makes libplist abort).
+bool xmlHasNoNulBytes(const unsigned char* p, std::size_t n) { return std::memchr(p, 0, n) == nullptr; }
+
 Value fromLibplist(const unsigned char* p, std::size_t n, bool binary) {
   plist_t raw = nullptr;
   if (binary) {
+    if (!binaryStringsAreSafe(p, n)) return {};
     plist_from_bin(reinterpret_cast<const char*>(p), static_cast<std::uint32_t>(n), &raw);
   } else {
-    if (!xmlNestingWithinLimit(p, n)) return {};
+    if (!xmlHasNoNulBytes(p, n) || !xmlNestingWithinLimit(p, n)) return {};
     plist_from_xml(reinterpret_cast<const char*>(p), static_cast<std::uint32_t>(n), &raw);
   }
   PlistPtr root(raw);
@@ -515,7 +560,9 @@ plist_t toPlist(const Value& v, int depth) {
     case Value::Kind::Integer: return plist_new_uint(static_cast<std::uint64_t>(v.integerValue()));
     case Value::Kind::Real: return plist_new_real(v.doubleValue());
     case Value::Kind::Boolean: return plist_new_bool(v.boolValue() ? 1 : 0);
-    case Value::Kind::String: return plist_new_string(v.string()->c_str());
+    case Value::Kind::String:
+      if (!QVIsValidUTF8(*v.string()) || v.string()->find('\0') != std::string::npos) return nullptr;
+      return plist_new_string(v.string()->c_str());
     case Value::Kind::Data: {
       const auto& bytes = v.data()->bytes;
       return plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size());
@@ -545,6 +592,10 @@ plist_t toPlist(const Value& v, int depth) {
       plist_t d = plist_new_dict();
       for (const auto& [key, item] : *v.dictionary()) {
         plist_t child = toPlist(item, depth + 1);
+        if (child && (!QVIsValidUTF8(key) || key.find('\0') != std::string::npos)) {
+          plist_free(child);
+          child = nullptr;
+        }
         if (!child) {
           plist_free(d);
           return nullptr;
@@ -566,7 +617,7 @@ Value propertyListFromData(const void* bytes, std::size_t length) {
   if (startsWith(p, length, "bplist00")) return fromLibplist(p, length, true);
   if (looksLikeXML(p, length)) return fromLibplist(p, length, false);
   const std::string text = decodeText(p, length);
-  if (!QVIsValidUTF8(text)) return {};
+  if (!QVIsValidUTF8(text) || text.find('\0') != std::string::npos) return {};
   OpenStepParser parser(text);
   return parser.parseDocument(/*emptyIsDictionary=*/false).value_or(Value());
 }
@@ -588,7 +639,7 @@ Value stringsTableFromData(const void* bytes, std::size_t length) {
     table = fromLibplist(p, length, false);
   } else {
     const std::string text = decodeText(p, length);
-    if (!QVIsValidUTF8(text)) return {};
+    if (!QVIsValidUTF8(text) || text.find('\0') != std::string::npos) return {};
     OpenStepParser parser(text);
     table = parser.parseDocument(/*emptyIsDictionary=*/true).value_or(Value());
   }

@@ -3,7 +3,8 @@
 //
 // Reading maps dictionary -> Dictionary, array -> Array, string -> string, integer ->
 // Value::integer, real -> real, boolean -> Value::boolean, data -> Data, date -> Date (and a
-// keyed-archive UID -> {"CF$UID" = n}). Anything malformed, empty, nested deeper than
+// keyed-archive UID -> {"CF$UID" = n}). Anything malformed (including strings that are not
+// valid UTF-8), empty, nested deeper than
 // kPropertyListMaximumDepth or larger than kPropertyListMaximumSize gives nil.
 #pragma once
 
@@ -28,7 +29,8 @@ Value stringsTableFromData(const void* bytes, std::size_t length);
 Value stringsTableFromFile(const std::string& path);
 
 // Serialises a property-list Value (dictionaries, arrays, strings, numbers, data, dates);
-// nullopt when the value holds anything else (nil, transforms, objects).
+// nullopt when the value holds anything else (nil, transforms, objects), a string that is not
+// valid UTF-8 or one with a NUL character, or a date too far from the reference date.
 std::optional<std::string> dataWithPropertyList(const Value& plist, bool xml = true);
 // Writes the property list to a file; false when the value cannot be serialised or the file
 // cannot be written.

@@ -1,6 +1,7 @@
 // Reading and writing property lists: XML, binary and old-style text.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "Foundation/PropertyList.h"
@@ -273,4 +274,41 @@ TEST(StringsTable, EmptyAndMalformed) {
   EXPECT_TRUE(stringsTableFromData(bad.data(), bad.size()).isNil());
   const std::string notDict = "(a, b)";
   EXPECT_TRUE(stringsTableFromData(notDict.data(), notDict.size()).isNil());
+}
+
+TEST(PropertyList, StringsWithNulCharactersAreRefused) {
+  // A binary list whose one key is the UTF-16 string "a", U+0000, "é".
+  const unsigned char utf16Key[] = {0x62, 0x70, 0x6c, 0x69, 0x73, 0x74, 0x30, 0x30, 0xd1, 0x01, 0x02, 0x63, 0x00, 0x61,
+                                    0x00, 0x00, 0x00, 0xe9, 0x51, 0x78, 0x08, 0x0b, 0x12, 0x00, 0x00, 0x00, 0x00, 0x00,
+                                    0x00, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00,
+                                    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x14};
+  EXPECT_TRUE(propertyListFromData(utf16Key, sizeof utf16Key).isNil());
+  // The same list with the NUL unit replaced by "b" reads fine.
+  unsigned char fixed[sizeof utf16Key];
+  std::memcpy(fixed, utf16Key, sizeof utf16Key);
+  fixed[15] = 0x62;
+  EXPECT_EQ(propertyListFromData(fixed, sizeof fixed), Value(Dictionary{{"ab\xC3\xA9", "x"}}));
+
+  const char xmlWithNul[] = "<?xml version=\"1.0\"?><plist><string>a\0b</string></plist>";
+  EXPECT_TRUE(parse(std::string(xmlWithNul, sizeof xmlWithNul - 1)).isNil());
+  EXPECT_TRUE(parse("<?xml version=\"1.0\"?><plist><dict><key>a&#0;b</key><string>x</string></dict></plist>").isNil());
+  EXPECT_TRUE(parse("{ a = \"x\\000y\"; }").isNil());
+  const char textWithNul[] = "{ a = \"x\0y\"; }";
+  EXPECT_TRUE(parse(std::string(textWithNul, sizeof textWithNul - 1)).isNil());
+}
+
+TEST(PropertyList, BrokenUTF8IsRefused) {
+  EXPECT_TRUE(parse("<?xml version=\"1.0\"?><plist><string>caf\xE9</string></plist>").isNil());
+  EXPECT_TRUE(parse("<?xml version=\"1.0\"?><plist><dict><key>\xFF</key><string>x</string></dict></plist>").isNil());
+  EXPECT_TRUE(parse("{ a = \"caf\xE9\"; }").isNil());
+  EXPECT_FALSE(parse("<?xml version=\"1.0\"?><plist><string>caf\xC3\xA9</string></plist>").isNil());
+}
+
+TEST(PropertyList, WriterRefusesStringsThatAreNotText) {
+  EXPECT_FALSE(dataWithPropertyList(Value("caf\xE9")).has_value());
+  EXPECT_FALSE(dataWithPropertyList(Value(std::string("a\0b", 3))).has_value());
+  EXPECT_FALSE(dataWithPropertyList(Value(Dictionary{{std::string("k\0", 2), "v"}})).has_value());
+  EXPECT_FALSE(dataWithPropertyList(Value(Dictionary{{"\xFF", "v"}}), false).has_value());
+  EXPECT_FALSE(dataWithPropertyList(Value(Date{1e12})).has_value());
+  EXPECT_TRUE(dataWithPropertyList(Value("caf\xC3\xA9")).has_value());
 }
