@@ -1,0 +1,137 @@
+// Decoding benchmarks: full and streaming decodes and bounded thumbnails of a 6000x4000 Q90
+// JPEG (written to /tmp when the program starts), PNG decode, the resampler and orientation.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "ImageIO/ImageIO.h"
+
+namespace {
+
+// A photo-like test picture: smooth gradients, edges and grain, so that entropy decoding costs
+// what it costs on real photographs.
+CGImageRef makePicture(std::size_t w, std::size_t h) {
+  auto img = CGImageCreateBlank(w, h, 8);
+  std::uint32_t state = 2463534242u;
+  for (std::size_t y = 0; y < h; ++y) {
+    std::uint8_t* row = img->row(y);
+    for (std::size_t x = 0; x < w; ++x) {
+      state ^= state << 13;
+      state ^= state >> 17;
+      state ^= state << 5;
+      const float grain = static_cast<float>(state & 31) - 15.5f;
+      const float u = static_cast<float>(x) / static_cast<float>(w), v = static_cast<float>(y) / static_cast<float>(h);
+      const bool ground = v > 0.6f + 0.08f * std::sin(9.0f * u);
+      const float r = ground ? 70 + 60 * u : 60 + 150 * v;
+      const float g = ground ? 120 - 40 * v + 30 * std::sin(40 * u) : 110 + 110 * v;
+      const float b = ground ? 50 : 200 + 40 * v;
+      auto clamp8 = [](float c) { return static_cast<std::uint8_t>(c < 0 ? 0 : c > 255 ? 255 : c); };
+      row[x * 4 + 0] = clamp8(r + grain);
+      row[x * 4 + 1] = clamp8(g + grain);
+      row[x * 4 + 2] = clamp8(b + grain);
+      row[x * 4 + 3] = 255;
+    }
+  }
+  return img;
+}
+
+std::vector<std::uint8_t> encodeToFile(const CGImageRef& image, const std::string& path, const char* type) {
+  auto dest = CGImageDestinationCreateWithURL(path, type);
+  if (!dest || !CGImageDestinationAddImage(dest, image, {{kCGImageDestinationLossyCompressionQuality, 0.9}}) ||
+      !CGImageDestinationFinalize(dest)) {
+    std::fprintf(stderr, "cannot write %s\n", path.c_str());
+    std::exit(1);
+  }
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<std::uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+const std::vector<std::uint8_t>& bigJPEG() {
+  static const std::vector<std::uint8_t> bytes = encodeToFile(makePicture(6000, 4000), "/tmp/qv_bench_6000x4000.jpg", kUTTypeJPEG);
+  return bytes;
+}
+
+const std::vector<std::uint8_t>& texturePNG() {
+  static const std::vector<std::uint8_t> bytes = encodeToFile(makePicture(2048, 1365), "/tmp/qv_bench_2048x1365.png", kUTTypePNG);
+  return bytes;
+}
+
+void BM_JPEGFullDecode(benchmark::State& state) {
+  auto source = CGImageSourceCreateWithData(bigJPEG());
+  for (auto _ : state) {
+    CGImageRef image = CGImageSourceCreateImageAtIndex(source, 0);
+    benchmark::DoNotOptimize(image);
+  }
+  state.SetItemsProcessed(state.iterations() * 6000 * 4000);
+}
+BENCHMARK(BM_JPEGFullDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_JPEGStripDecode(benchmark::State& state) {
+  auto source = CGImageSourceCreateWithData(bigJPEG());
+  for (auto _ : state) {
+    std::uint64_t sum = 0;
+    CGImageSourceDecodeStripsAtIndex(source, 0, [&](const CGImageSourceStrip& s) {
+      sum += s.rows[0];
+      return true;
+    });
+    benchmark::DoNotOptimize(sum);
+  }
+  state.SetItemsProcessed(state.iterations() * 6000 * 4000);
+}
+BENCHMARK(BM_JPEGStripDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Thumbnail with the larger side state.range(0): DCT-scaled decode plus the Lanczos finish.
+void BM_JPEGThumbnail(benchmark::State& state) {
+  auto source = CGImageSourceCreateWithData(bigJPEG());
+  const Dictionary options{{kCGImageSourceThumbnailMaxPixelSize, Value::integer(state.range(0))},
+                           {kCGImageSourceCreateThumbnailWithTransform, Value::boolean(true)},
+                           {kCGImageSourceCreateThumbnailFromImageIfAbsent, Value::boolean(true)}};
+  for (auto _ : state) {
+    CGImageRef image = CGImageSourceCreateThumbnailAtIndex(source, 0, options);
+    benchmark::DoNotOptimize(image);
+  }
+  state.SetItemsProcessed(state.iterations() * 6000 * 4000);
+}
+BENCHMARK(BM_JPEGThumbnail)->Arg(1000)->Arg(600)->Arg(256)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_PNGDecode(benchmark::State& state) {
+  auto source = CGImageSourceCreateWithData(texturePNG());
+  for (auto _ : state) {
+    CGImageRef image = CGImageSourceCreateImageAtIndex(source, 0);
+    benchmark::DoNotOptimize(image);
+  }
+  state.SetItemsProcessed(state.iterations() * 2048 * 1365);
+}
+BENCHMARK(BM_PNGDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The resampler alone: 1500x1000 (a 1/4 DCT decode) to 1000x667, and a PNG-sized 4:1 reduce.
+void BM_Scale(benchmark::State& state) {
+  const auto w = static_cast<std::size_t>(state.range(0)), h = w * 2 / 3;
+  const CGImageRef source = makePicture(w, h);
+  const std::size_t outW = static_cast<std::size_t>(state.range(1)), outH = outW * 2 / 3;
+  for (auto _ : state) {
+    CGImageRef image = CGImageCreateScaled(source, outW, outH);
+    benchmark::DoNotOptimize(image);
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(w * h));
+}
+BENCHMARK(BM_Scale)->Args({1500, 1000})->Args({2048, 512})->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_Orientation6(benchmark::State& state) {
+  const CGImageRef source = makePicture(1500, 1000);
+  for (auto _ : state) {
+    CGImageRef image = CGImageCreateByApplyingOrientation(source, 6);
+    benchmark::DoNotOptimize(image);
+  }
+  state.SetItemsProcessed(state.iterations() * 1500 * 1000);
+}
+BENCHMARK(BM_Orientation6)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
