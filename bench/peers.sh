@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# bench/peers.sh: runs the same image work through qvfilter and its peers (libvips' `vips`,
+# ImageMagick's `convert`, Pillow) in one run, and prints a table of wall time (best of N) and
+# peak RSS of each, with the ratio peer time / our time (above 1: we are faster).
+#
+#   bench/peers.sh [--runs N] [--only PATTERN]
+#   env: QVFILTER (default: build/release/bin/qvfilter, then build/*/bin/qvfilter),
+#        QV_PEERS_TMP (scratch directory, default /tmp/qv-peers)
+#
+# The input is a 6000x4000 photo-like JPEG at quality 90, made by `qvfilter sample` and
+# `qvfilter convert`. Every case is one row of the table below (see "Cases"): add a row with
+#   case_row NAME "our command" "vips command" "convert command" "pillow python"
+# Commands are run by bash; $IN is the input JPEG and $OUT a scratch directory. The Pillow
+# column is Python source run by Debian's python3 with `from PIL import Image` already done.
+# An empty command leaves that peer's cell as "-".
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+runs=3
+only=.
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --runs) runs=$2; shift 2 ;;
+    --only) only=$2; shift 2 ;;
+    -h|--help) sed -n '2,17p' "$0"; exit 0 ;;
+    *) echo "peers.sh: unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+
+QVFILTER=${QVFILTER:-}
+if [ -z "$QVFILTER" ]; then
+  for candidate in build/release/bin/qvfilter build/*/bin/qvfilter; do
+    if [ -x "$candidate" ]; then QVFILTER=$(realpath "$candidate"); break; fi
+  done
+fi
+[ -n "$QVFILTER" ] && [ -x "$QVFILTER" ] || { echo "peers.sh: build qvfilter first (or set QVFILTER)" >&2; exit 1; }
+PY=/usr/bin/python3; [ -x "$PY" ] || PY=python3      # Debian's python3-pil
+IM=/usr/bin/convert; [ -x "$IM" ] || IM=convert      # ImageMagick itself, not a wrapper on PATH
+TIME=/usr/bin/time
+[ -x "$TIME" ] || { echo "peers.sh: GNU time (/usr/bin/time) is needed" >&2; exit 1; }
+command -v vips >/dev/null || echo "peers.sh: vips not found; its column will be empty" >&2
+
+WORK=${QV_PEERS_TMP:-/tmp/qv-peers}
+mkdir -p "$WORK"
+export IN="$WORK/photo-6000x4000-q90.jpg" OUT="$WORK/out"
+mkdir -p "$OUT"
+if [ ! -s "$IN" ]; then
+  "$QVFILTER" sample "$WORK/photo.png" --width 6000 --height 4000 >/dev/null
+  "$QVFILTER" convert "$WORK/photo.png" "$IN" --quality 90 >/dev/null
+  rm -f "$WORK/photo.png"
+fi
+
+# measure KIND COMMAND -> "seconds megabytes" of the fastest of $runs runs ("- -" if it failed).
+measure() {
+  local kind=$1 cmd=$2 best_t="" best_m="" t m
+  [ -n "$cmd" ] || { echo "- -"; return; }
+  for _ in $(seq "$runs"); do
+    if [ "$kind" = pillow ]; then
+      "$TIME" -f "%e %M" -o "$WORK/time.txt" "$PY" -c "from PIL import Image
+import os
+IN, OUT = os.environ['IN'], os.environ['OUT']
+$cmd" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+    else
+      "$TIME" -f "%e %M" -o "$WORK/time.txt" bash -c "$cmd" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+    fi
+    read -r t m <"$WORK/time.txt"
+    if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
+  done
+  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
+}
+
+rows=()
+# case_row NAME OURS VIPS CONVERT PILLOW: measures one case and adds its row to the table.
+case_row() {
+  local name=$1
+  grep -q -- "$only" <<<"$name" || return 0
+  echo "peers.sh: $name..." >&2
+  local ours vips im pil
+  ours=$(measure shell "$2"); vips=$(measure shell "$3"); im=$(measure shell "$4"); pil=$(measure pillow "$5")
+  rows+=("$name|$ours|$vips|$im|$pil")
+}
+
+# ---- Cases -------------------------------------------------------------------------------
+case_row "copy (decode + encode JPEG Q90)" \
+  "\"$QVFILTER\" convert \"\$IN\" \"\$OUT/ours.jpg\" --quality 90" \
+  "vips copy \"\$IN\" \"\$OUT/vips.jpg[Q=90]\"" \
+  "$IM \"\$IN\" -quality 90 \"\$OUT/im.jpg\"" \
+  "Image.open(IN).save(OUT + '/pil.jpg', quality=90)"
+case_row "thumbnail 1000 (JPEG Q90)" \
+  "\"$QVFILTER\" convert \"\$IN\" \"\$OUT/ours_t.jpg\" --max-size 1000 --quality 90" \
+  "vips thumbnail \"\$IN\" \"\$OUT/vips_t.jpg[Q=90]\" 1000" \
+  "$IM -define jpeg:size=2000x2000 \"\$IN\" -thumbnail 1000x1000 -quality 90 \"\$OUT/im_t.jpg\"" \
+  "im = Image.open(IN); im.thumbnail((1000, 1000)); im.save(OUT + '/pil_t.jpg', quality=90)"
+case_row "thumbnail 256 (PNG)" \
+  "\"$QVFILTER\" convert \"\$IN\" \"\$OUT/ours_s.png\" --max-size 256" \
+  "vips thumbnail \"\$IN\" \"\$OUT/vips_s.png\" 256" \
+  "$IM -define jpeg:size=512x512 \"\$IN\" -thumbnail 256x256 \"\$OUT/im_s.png\"" \
+  "im = Image.open(IN); im.thumbnail((256, 256)); im.save(OUT + '/pil_s.png')"
+# (More cases go here: case_row NAME OURS VIPS CONVERT PILLOW.)
+
+# ---- Table -------------------------------------------------------------------------------
+ratio() { awk -v p="$1" -v o="$2" 'BEGIN{ if (p == "-" || o == "-" || o == 0) print "-"; else printf "%.2fx", p / o }'; }
+cell() { [ "$1" = "-" ] && echo "-" || echo "$1 s, $2 MB"; }
+echo
+echo "input: $(basename "$IN") ($(du -h "$IN" | cut -f1)), best of $runs, $(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg)"
+echo "vips $(vips --version 2>/dev/null | head -1 | sed 's/^vips-//'), $($IM -version | head -1 | cut -d' ' -f2-3), Pillow $("$PY" -c 'import PIL; print(PIL.__version__)')"
+echo
+echo "| case | qvfilter | vips | ratio | convert | ratio | Pillow | ratio |"
+echo "|---|---|---|---|---|---|---|---|"
+for row in "${rows[@]}"; do
+  IFS='|' read -r name ours vips im pil <<<"$row"
+  read -r ot om <<<"$ours"; read -r vt vm <<<"$vips"; read -r it imm <<<"$im"; read -r pt pm <<<"$pil"
+  echo "| $name | $(cell "$ot" "$om") | $(cell "$vt" "$vm") | $(ratio "$vt" "$ot") | $(cell "$it" "$imm") | $(ratio "$it" "$ot") | $(cell "$pt" "$pm") | $(ratio "$pt" "$ot") |"
+done
+echo
+echo "ratio = peer time / qvfilter time (above 1: qvfilter is faster); MB = peak resident memory"
