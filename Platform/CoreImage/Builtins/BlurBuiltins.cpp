@@ -52,21 +52,28 @@ constexpr double kMaxRadius = 1000.0;
 // Discs cost O(radius) per pixel: their radius is capped lower.
 constexpr double kMaxDiscRadius = 200.0;
 
-CIInputSpec numberInput(std::string key, const char* type, Value def, Value identity = {}, Value min = {},
-                        Value max = {}, Value sliderMin = {}, Value sliderMax = {}) {
+const Value kAbsent;
+
+CIInputSpec numberInput(const std::string& key, const char* type, const Value& def, const Value& identity = kAbsent,
+                        const Value& min = kAbsent, const Value& max = kAbsent, const Value& sliderMin = kAbsent,
+                        const Value& sliderMax = kAbsent) {
   CIInputSpec s;
-  s.key = std::move(key);
+  s.key = key;
   s.attributeClass = "NSNumber";
   s.type = type;
-  s.defaultValue = std::move(def);
-  s.identity = std::move(identity);
-  s.min = std::move(min);
-  s.max = std::move(max);
-  s.sliderMin = std::move(sliderMin);
-  s.sliderMax = std::move(sliderMax);
+  s.defaultValue = def;
+  s.identity = identity;
+  s.min = min;
+  s.max = max;
+  s.sliderMin = sliderMin;
+  s.sliderMax = sliderMax;
   return s;
 }
 
+// GCC 12 reports a false "maybe uninitialized" inside std::variant when a Value holding an
+// object is assigned here at -O2 with sanitizers; the value is fully constructed.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 CIInputSpec positionInput(std::string key, double x, double y) {
   CIInputSpec s;
   s.key = std::move(key);
@@ -75,6 +82,7 @@ CIInputSpec positionInput(std::string key, double x, double y) {
   s.defaultValue = Value(CIVector::vectorWithX(x, y));
   return s;
 }
+#pragma GCC diagnostic pop
 
 // A finite radius in [0, limit]; NaN reads as 0.
 double clampRadius(double r, double limit = kMaxRadius) { return std::isfinite(r) || r > 0 ? std::clamp(r, 0.0, limit) : 0.0; }
@@ -459,45 +467,45 @@ void registerBlurBuiltins() {
   const double pi = std::numbers::pi;
   registerBlur<GaussianBlurFilter>(
       "CIGaussianBlur", "Gaussian Blur",
-      {numberInput(kCIInputRadiusKey, kCIAttributeTypeScalar, 10.0, 0.0, 0.0, {}, 0.0, 100.0)});
+      {numberInput(kCIInputRadiusKey, kCIAttributeTypeScalar, 10.0, 0.0, 0.0, kAbsent, 0.0, 100.0)});
   registerBlur<BoxBlurFilter>("CIBoxBlur", "Box Blur",
-                              {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 10.0, {}, 1.0, {}, 1.0, 100.0)});
+                              {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 10.0, kAbsent, 1.0, kAbsent, 1.0, 100.0)});
   registerBlur<DiscBlurFilter>("CIDiscBlur", "Disc Blur",
-                               {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 8.0, {}, 0.0, {}, 0.0, 100.0)});
+                               {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 8.0, kAbsent, 0.0, kAbsent, 0.0, 100.0)});
   registerBlur<MotionBlurFilter>(
       "CIMotionBlur", "Motion Blur",
-      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 20.0, 0.0, 0.0, {}, 0.0, 100.0),
-       numberInput(kCIInputAngleKey, kCIAttributeTypeAngle, 0.0, 0.0, {}, {}, -pi, pi)});
+      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 20.0, 0.0, 0.0, kAbsent, 0.0, 100.0),
+       numberInput(kCIInputAngleKey, kCIAttributeTypeAngle, 0.0, 0.0, kAbsent, kAbsent, -pi, pi)});
   registerBlur<MedianFilter>("CIMedianFilter", "Median", {});
   registerBlur<NoiseReductionFilter>(
       "CINoiseReduction", "Noise Reduction",
-      {numberInput("inputNoiseLevel", kCIAttributeTypeScalar, 0.02, 0.0, 0.0, {}, 0.0, 0.1),
-       numberInput("inputSharpness", kCIAttributeTypeScalar, 0.4, 0.0, 0.0, {}, 0.0, 2.0)});
+      {numberInput("inputNoiseLevel", kCIAttributeTypeScalar, 0.02, 0.0, 0.0, kAbsent, 0.0, 0.1),
+       numberInput("inputSharpness", kCIAttributeTypeScalar, 0.4, 0.0, 0.0, kAbsent, 0.0, 2.0)});
   {
     CIInputSpec mask = imageInputSpec("inputMask");
     registerBlur<MaskedVariableBlurFilter>(
         "CIMaskedVariableBlur", "Masked Variable Blur",
-        {mask, numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 5.0, {}, 0.0, {}, 0.0, 10.0)});
+        {mask, numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 5.0, kAbsent, 0.0, kAbsent, 0.0, 10.0)});
   }
   registerBlur<BokehBlurFilter>(
       "CIBokehBlur", "Bokeh Blur",
-      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 20.0, {}, 0.0, 500.0, 0.0, 100.0),
-       numberInput("inputRingAmount", kCIAttributeTypeScalar, 0.0, {}, 0.0, 1.0, 0.0, 1.0),
-       numberInput("inputRingSize", kCIAttributeTypeScalar, 0.1, {}, 0.0, 0.2, 0.0, 0.2),
-       numberInput("inputSoftness", kCIAttributeTypeScalar, 1.0, {}, 0.0, 10.0, 0.25, 0.4)});
+      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 20.0, kAbsent, 0.0, 500.0, 0.0, 100.0),
+       numberInput("inputRingAmount", kCIAttributeTypeScalar, 0.0, kAbsent, 0.0, 1.0, 0.0, 1.0),
+       numberInput("inputRingSize", kCIAttributeTypeScalar, 0.1, kAbsent, 0.0, 0.2, 0.0, 0.2),
+       numberInput("inputSoftness", kCIAttributeTypeScalar, 1.0, kAbsent, 0.0, 10.0, 0.25, 0.4)});
   registerBlur<MorphologyGradientFilter>(
       "CIMorphologyGradient", "Morphology Gradient",
-      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 5.0, 0.0, 0.0, {}, 0.0, 50.0)});
+      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 5.0, 0.0, 0.0, kAbsent, 0.0, 50.0)});
   registerBlur<MorphologyMaximumFilter>(
       "CIMorphologyMaximum", "Morphology Maximum",
-      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 0.0, 0.0, {}, {}, 0.0, 50.0)});
+      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 0.0, 0.0, kAbsent, kAbsent, 0.0, 50.0)});
   registerBlur<MorphologyMinimumFilter>(
       "CIMorphologyMinimum", "Morphology Minimum",
-      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 0.0, 0.0, {}, {}, 0.0, 50.0)});
+      {numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 0.0, 0.0, kAbsent, kAbsent, 0.0, 50.0)});
   auto rectInputs = [] {
     return std::vector<CIInputSpec>{
-        numberInput(kCIInputWidthKey, kCIAttributeTypeInteger, 5, 1, 1, {}, 1, 49),
-        numberInput("inputHeight", kCIAttributeTypeInteger, 5, 1, 1, {}, 1, 49)};
+        numberInput(kCIInputWidthKey, kCIAttributeTypeInteger, 5, 1, 1, kAbsent, 1, 49),
+        numberInput("inputHeight", kCIAttributeTypeInteger, 5, 1, 1, kAbsent, 1, 49)};
   };
   registerBlur<MorphologyRectangleMaximumFilter>("CIMorphologyRectangleMaximum", "Morphology Rectangle Maximum",
                                                  rectInputs());
@@ -505,10 +513,10 @@ void registerBlurBuiltins() {
                                                  rectInputs());
   registerBlur<ZoomBlurFilter>("CIZoomBlur", "Zoom Blur",
                                {positionInput(kCIInputCenterKey, 150, 150),
-                                numberInput("inputAmount", kCIAttributeTypeDistance, 20.0, 0.0, {}, {}, -200.0, 200.0)});
+                                numberInput("inputAmount", kCIAttributeTypeDistance, 20.0, 0.0, kAbsent, kAbsent, -200.0, 200.0)});
 
   registerBuiltin<UnsharpMaskFilter>(
       "CIUnsharpMask", "Unsharp Mask", {kCICategorySharpen, kCICategoryStillImage, "CICategoryVideo"},
-      {imageInputSpec(), numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 2.5, 0.0, 0.0, {}, 0.0, 100.0),
-       numberInput(kCIInputIntensityKey, kCIAttributeTypeScalar, 0.5, 0.0, 0.0, {}, 0.0, 1.0)});
+      {imageInputSpec(), numberInput(kCIInputRadiusKey, kCIAttributeTypeDistance, 2.5, 0.0, 0.0, kAbsent, 0.0, 100.0),
+       numberInput(kCIInputIntensityKey, kCIAttributeTypeScalar, 0.5, 0.0, 0.0, kAbsent, 0.0, 1.0)});
 }
