@@ -113,6 +113,10 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
   const ConstPixelTile& src = in[0];
   if (src.rect.empty()) return;
   const PixelRect sr = src.rect;
+  if (inv_.b == 0 && inv_.c == 0) {
+    renderSeparable(out, src);
+    return;
+  }
   const bool bilinear = rx_ == 1.0 && ry_ == 1.0;
   std::vector<float> wx, wy;
   for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
@@ -166,6 +170,73 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
         for (int k = 0; k < 4; ++k) acc[k] += wj * racc[k];
       }
       for (int k = 0; k < 4; ++k) o[k] = acc[k] * norm;
+    }
+  }
+}
+
+namespace {
+// Tent taps of one output index on one axis: first input index and normalised weights.
+struct AxisTaps {
+  std::int64_t first = 0;
+  std::vector<float> w;
+};
+
+AxisTaps axisTaps(double u, double radius) {
+  AxisTaps t;
+  const std::int64_t i0 = std::int64_t(std::ceil(u - radius)), i1 = std::int64_t(std::floor(u + radius));
+  t.first = i0;
+  double sum = 0;
+  std::vector<double> w;
+  for (std::int64_t i = i0; i <= i1; ++i) {
+    const double v = std::max(0.0, 1.0 - std::fabs(double(i) - u) / radius);
+    w.push_back(v);
+    sum += v;
+  }
+  t.w.resize(w.size());
+  for (std::size_t k = 0; k < w.size(); ++k) t.w[k] = sum > 0 ? float(w[k] / sum) : 0.0f;
+  return t;
+}
+}  // namespace
+
+// Axis-aligned transforms (scales, flips, translations): the filter is separable, so the taps
+// are computed once per column and per row, and each output row is a vertical pass into one
+// row of input columns followed by a horizontal pass.
+void TransformNode::renderSeparable(const PixelTile& out, const ConstPixelTile& src) const {
+  const PixelRect sr = src.rect;
+  std::vector<AxisTaps> cols(std::size_t(out.rect.width));
+  std::int64_t lo = sr.maxX(), hi = sr.x;
+  for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X) {
+    const double u = snap(inv_.a * (double(X) + 0.5) + inv_.tx - 0.5);
+    AxisTaps& t = cols[std::size_t(X - out.rect.x)];
+    t = axisTaps(u, rx_);
+    lo = std::min(lo, std::max(sr.x, t.first));
+    hi = std::max(hi, std::min(sr.maxX(), t.first + std::int64_t(t.w.size())));
+  }
+  if (hi <= lo) return;
+  std::vector<float> temp(std::size_t(hi - lo) * 4);
+  for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
+    const double v = snap(inv_.d * (double(Y) + 0.5) + inv_.ty - 0.5);
+    const AxisTaps rows = axisTaps(v, ry_);
+    std::fill(temp.begin(), temp.end(), 0.0f);
+    for (std::size_t k = 0; k < rows.w.size(); ++k) {
+      const std::int64_t j = rows.first + std::int64_t(k);
+      const float w = rows.w[k];
+      if (w == 0.0f || j < sr.y || j >= sr.maxY()) continue;
+      const float* p = src.at(lo, j);
+      for (std::size_t i = 0; i < temp.size(); ++i) temp[i] += w * p[i];
+    }
+    float* o = out.at(out.rect.x, Y);
+    for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X, o += 4) {
+      const AxisTaps& c = cols[std::size_t(X - out.rect.x)];
+      float acc[4] = {0, 0, 0, 0};
+      for (std::size_t k = 0; k < c.w.size(); ++k) {
+        const std::int64_t i = c.first + std::int64_t(k);
+        const float w = c.w[k];
+        if (w == 0.0f || i < lo || i >= hi) continue;
+        const float* p = &temp[std::size_t(i - lo) * 4];
+        for (int q = 0; q < 4; ++q) acc[q] += w * p[q];
+      }
+      std::memcpy(o, acc, sizeof acc);
     }
   }
 }

@@ -89,6 +89,7 @@ class TransformNode final : public ImageNode {
   std::string name() const override { return "transform"; }
 
  private:
+  void renderSeparable(const PixelTile& out, const ConstPixelTile& src) const;
   CGAffineTransform t_, inv_;
   double rx_ = 1, ry_ = 1;  // filter radii in input pixels
 };
