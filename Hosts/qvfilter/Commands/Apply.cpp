@@ -169,15 +169,21 @@ const qv::CommandRegistration registration(30, [](CLI::App& app) {
   cmd->add_option("input", options->input, "Input image file (the first filter's inputImage)")->required();
   cmd->add_option("output", options->output, "Output image file (.png, .jpg, .webp)");
   options->filterOption = cmd->add_option("-f,--filter", "Start a step with this filter (repeatable)")
+                              ->option_text("NAME")
                               ->expected(1)
                               ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   options->setOption = cmd->add_option("-s,--set", "KEY=VALUE input of the current filter (repeatable)")
+                           ->option_text("KEY=VALUE")
                            ->expected(1)
                            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   cmd->add_flag("--extent", options->extentOnly, "Print the output extent (x y width height) without rendering");
   cmd->add_option("--threads", options->threads, "Render threads (0: one per core)")->check(CLI::Range(0, 256));
   cmd->add_option("--quality", options->quality, "JPEG/WebP quality, 0 to 100")->check(CLI::Range(0.0, 100.0));
   cmd->add_flag("--progress", options->progress, "Print progress on stderr even when it is not a terminal");
+  cmd->footer(
+      "Values are read by the input's class (see qvfilter info NAME): NSNumber 3, 2.5 or true; CIVector \"x y\" "
+      "or \"x y z w\"; CIColor \"r g b a\" or \"r g b\"; CIImage a file path; NSString as is; "
+      "NSAffineTransform \"a b c d tx ty\".");
   cmd->callback([cmd, options] { runApply(*cmd, *options); });
 });
 
