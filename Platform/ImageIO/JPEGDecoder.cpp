@@ -83,7 +83,7 @@ struct Decompressor {
   Decompressor& operator=(const Decompressor&) = delete;
 };
 
-// Sets up the error manager, the memory source and the markers to keep. Must be called after
+// Sets up the error manager, the memory source and the markers to keep. Must be called inside
 // runGuarded(d.err.jump, ...).
 void openDecompressor(Decompressor& d, const std::uint8_t* data, std::size_t size) {
   d.cinfo.err = jpeg_std_error(&d.err.pub);
