@@ -14,6 +14,7 @@
 
 #include "CoreImage/Builtins/ColorMatrixNode.h"
 #include "CoreImage/Builtins/CompositeOperations.h"
+#include "CoreImage/CIColor.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
 #include "CoreImage/CIVector.h"
