@@ -1,0 +1,53 @@
+#include "Filters/QVFilterZoomBlur.h"
+
+#include <cmath>
+
+#include "Framework/QVFilterImageUnitsClasses.h"
+
+namespace {
+
+const QVFilterClassRegistration registration =
+    QVFilterClassRegistration::filter<QVFilterZoomBlur>("QVFilterZoomBlur", "QVFilter");
+
+// An input's kCIAttributeDefault in the filter's attributes (nil when none is declared).
+Value attributeDefault(const CIFilter& filter, const std::string& key) {
+  const Dictionary attributes = filter.attributes();
+  const auto entry = attributes.find(key);
+  if (entry == attributes.end() || !entry->second.dictionary()) return {};
+  const Dictionary& attrs = *entry->second.dictionary();
+  const auto def = attrs.find(kCIAttributeDefault);
+  return def == attrs.end() ? Value() : def->second;
+}
+
+}  // namespace
+
+Value QVFilterZoomBlur::customAttributes() const {
+  Dictionary center{
+      {kCIAttributeMin, Value(CIVector::vectorWithX(0, 0))},
+      {kCIAttributeMax, Value(CIVector::vectorWithX(1, 1))},
+      {kCIAttributeDefault, Value(CIVector::vectorWithX(0.5, 0.5))},
+  };
+  return QVFilterAttributesByAdding(QVFilter::customAttributes(), {{kCIInputCenterKey, Value(std::move(center))}});
+}
+
+CIImage QVFilterZoomBlur::outputImage() const {
+  const CIImage image = inputImage();
+  if (!image) return {};
+  Value centerValue = inputCenter();
+  if (!centerValue) centerValue = attributeDefault(*this, kCIInputCenterKey);
+  const CIVectorRef center = CIVector::fromValue(centerValue);
+  const CGRect extent = image.extent();
+  const double x = CGRectGetMinX(extent) + (center ? center->X() : 0.0) * extent.size.width;
+  const double y = CGRectGetMinY(extent) + (center ? center->Y() : 0.0) * extent.size.height;
+
+  Value radius = inputRadius();
+  if (!radius) radius = attributeDefault(*this, kCIInputRadiusKey);  // a missing value reads as 0
+  const double amount = std::floor(radius.doubleValue());
+
+  const CIFilterRef zoom = QVFilterWithDefaults("CIZoomBlur");
+  if (!zoom) return {};
+  zoom->setValue(image, kCIInputImageKey);
+  zoom->setValue(Value(CIVector::vectorWithX(x, y)), kCIInputCenterKey);
+  zoom->setValue(Value(amount), "inputAmount");
+  return QVFilterOutputImage(zoom).imageByCroppingToRect(extent);
+}
