@@ -1,0 +1,10 @@
+#include "Filters/QVFilterShineCurved.h"
+
+#include "Framework/QVFilterImageUnitsClasses.h"
+
+namespace {
+
+const QVFilterClassRegistration registration =
+    QVFilterClassRegistration::filter<QVFilterShineCurved>(QVFilterShineCurvedName, "QVFilterShine");
+
+}  // namespace
