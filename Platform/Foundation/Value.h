@@ -51,14 +51,12 @@ class Value {
   Value(Array a) : v_(std::make_shared<const ::Array>(std::move(a))) {}
   Value(Dictionary d) : v_(std::make_shared<const ::Dictionary>(std::move(d))) {}
   Value(const CGAffineTransform& t) : v_(t) {}
+  // The variant is built in place (a null pointer is nil): assigning it after default
+  // construction trips GCC 12's -Wmaybe-uninitialized under the sanitizers.
   template <class T, class = std::enable_if_t<std::is_base_of_v<Object, T>>>
-  Value(std::shared_ptr<const T> o) {
-    if (o) v_ = ObjectRef(std::move(o));
-  }
+  Value(std::shared_ptr<const T> o) : v_(objectOrNil(ObjectRef(std::move(o)))) {}
   template <class T, class = std::enable_if_t<std::is_base_of_v<Object, T>>>
-  Value(std::shared_ptr<T> o) {
-    if (o) v_ = ObjectRef(std::move(o));
-  }
+  Value(std::shared_ptr<T> o) : v_(objectOrNil(ObjectRef(std::move(o)))) {}
 
   static Value boolean(bool b) {
     Value v;
@@ -118,7 +116,9 @@ class Value {
     bool value;
     bool operator==(const Bool&) const = default;
   };
-  std::variant<std::monostate, std::int64_t, double, Bool, std::string, std::shared_ptr<const ::Data>, ::Date,
-               std::shared_ptr<const ::Array>, std::shared_ptr<const ::Dictionary>, CGAffineTransform, ObjectRef>
-      v_;
+  using Variant = std::variant<std::monostate, std::int64_t, double, Bool, std::string, std::shared_ptr<const ::Data>,
+                               ::Date, std::shared_ptr<const ::Array>, std::shared_ptr<const ::Dictionary>,
+                               CGAffineTransform, ObjectRef>;
+  static Variant objectOrNil(ObjectRef o) { return o ? Variant(std::move(o)) : Variant(); }
+  Variant v_;
 };
