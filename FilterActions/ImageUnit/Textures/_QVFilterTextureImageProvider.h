@@ -1,0 +1,56 @@
+// _QVFilterTextureImageProvider: the image provider behind every texture image. It holds an
+// opened texture file and a size hint, and decodes the file only when the renderer asks for
+// pixels, as a thumbnail whose larger side is the hint's larger side (the full size when the
+// hint is {0, 0}). The image it makes keeps the texture's nominal pixel size as its extent.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "CoreGraphics/CGGeometry.h"
+#include "CoreImage/CIImage.h"
+#include "ImageIO/CGImageSource.h"
+
+class _QVFilterTextureImageProvider final : public CIImageProvider {
+ public:
+  // A provider-backed image of the source's image 0: extent = the file's full pixel size,
+  // ARGB8 pixels in the generic RGB (sRGB) colour space, no tile size (the renderer asks
+  // for the whole image in one request). The source must not be null.
+  static CIImage imageWithImageSource(const CGImageSourceRef& imageSource, CGSize maximumSize);
+
+  // Asserts "imageSource != NULL" through the assertion handler.
+  _QVFilterTextureImageProvider(const CGImageSourceRef& imageSource, CGSize maximumSize);
+  static std::shared_ptr<_QVFilterTextureImageProvider> initWithImageSource(const CGImageSourceRef& imageSource,
+                                                                            CGSize maximumSize);
+
+  // The renderer's request for the rectangle (x, y, width, height) of the nominal image
+  // (origin at the top-left corner): premultiplied ARGB, row 0 = top row. The rectangle is
+  // cut out of the thumbnail as it is (clipped to the thumbnail's bounds) and the cut-out is
+  // drawn scaled over the whole buffer; where nothing can be cut, the buffer stays clear.
+  void provideImageData(void* data, std::size_t rowBytes, std::size_t x, std::size_t y, std::size_t width,
+                        std::size_t height, const Value& userInfo) override;
+
+  // Decodes a new thumbnail of the texture at every call (null when the file cannot be
+  // decoded). Oriented by the file's orientation.
+  CGImageRef _faultBitmap() const;
+
+  const CGImageSourceRef& imageSource() const { return imageSource_; }
+  void setImageSource(CGImageSourceRef source) { imageSource_ = std::move(source); }
+  CGSize maximumSize() const { return maximumSize_; }
+  void setMaximumSize(CGSize size) { maximumSize_ = size; }
+  const CGImageRef& bitmap() const { return bitmap_; }
+  void setBitmap(CGImageRef bitmap) { bitmap_ = std::move(bitmap); }
+
+  // Number of texture decodes (_faultBitmap calls) made in this process, for tests and
+  // benchmarks that check how often textures are decoded.
+  static std::uint64_t decodeCount();
+  // Pixels (width x height) of the last thumbnail decoded in this process.
+  static std::uint64_t lastDecodedPixelCount();
+
+ private:
+  CGImageSourceRef imageSource_;
+  CGSize maximumSize_{0, 0};
+  CGImageRef bitmap_;  // declared cache slot; nothing sets it
+};
