@@ -280,7 +280,9 @@ Value valueFromJSONUnchecked(const nlohmann::json& j, std::string_view attribute
       if (j.size() != 1) {
         throw ValueError(what + ": a value object has exactly one of \"vector\", \"color\", \"url\", \"transform\"");
       }
-      const auto& [tag, body] = *j.items().begin();
+      const auto only = j.begin();
+      const std::string& tag = only.key();
+      const nlohmann::json& body = only.value();
       if (tag == "vector") {
         auto numbers = numbersOfJSONArray(body, what, "\"vector\"");
         if (numbers.empty() || numbers.size() > 4) throw ValueError(what + ": \"vector\" needs 1 to 4 numbers");
