@@ -298,22 +298,30 @@ bool CIPlugIn::loadPlugIn(const std::string& bundlePath, std::string* error) {
     return false;
   }
 
-  // Every class of the description must be a filter class of the library.
+  // The classes of the description that the library offers are registered; one it lacks is
+  // skipped (a description written ahead of its class must not take the bundle's other filters
+  // down), but a description none of whose classes the library offers is a broken bundle.
+  std::vector<const ClassDescription*> offered;
+  std::string lacking;
   for (const auto& d : described) {
     const CIPlugInClass* cls = table->classNamed(d.name);
-    if (!cls || !cls->makeFilter) {
-      *error = "the filter description names " + d.name + ", which " + *executable + " does not offer";
-      return false;
+    if (cls && cls->makeFilter) {
+      offered.push_back(&d);
+    } else {
+      lacking += (lacking.empty() ? "" : ", ") + d.name;
     }
   }
-  for (auto& d : described) {
-    const CIPlugInClass* cls = table->classNamed(d.name);
+  if (offered.empty() && !described.empty()) {
+    *error = *executable + " offers none of the filter classes its description names (" + lacking + ")";
+    return false;
+  }
+  for (const ClassDescription* d : offered) {
     CIFilterRegistration registration;
-    registration.name = d.name;
-    registration.make = cls->makeFilter;
-    registration.displayName = std::move(d.displayName);
-    registration.categories = std::move(d.categories);
-    registration.inputAttributes = std::move(d.inputAttributes);
+    registration.name = d->name;
+    registration.make = table->classNamed(d->name)->makeFilter;
+    registration.displayName = d->displayName;
+    registration.categories = d->categories;
+    registration.inputAttributes = d->inputAttributes;
     CIFilter::registerFilter(std::move(registration));
   }
   loadedTable().push_back(LoadedPlugIn{path, *identifier, handle});

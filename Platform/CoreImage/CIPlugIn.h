@@ -8,7 +8,8 @@
 // Loading opens the library, fetches its class table through the exported entry point, calls
 // the principal class's load:, reads the filter description and registers every filter class
 // it names with CIFilter::registerFilter, after which CIFilter::filterWithName creates them
-// like any built-in. A bundle that fails at any step registers nothing and says why.
+// like any built-in. A class the description names but the library does not offer is skipped.
+// A bundle that fails at any step registers nothing and says why.
 #pragma once
 
 #include <functional>

@@ -180,12 +180,27 @@ TEST_F(PlugInLoader, DescriptionOfTheWrongShape) {
   EXPECT_NE(failureOf(bundle).find("as a CIVector"), std::string::npos);
 }
 
-TEST_F(PlugInLoader, DescriptionNamingAClassTheLibraryLacks) {
+TEST_F(PlugInLoader, DescriptionNamingOnlyClassesTheLibraryLacks) {
   const fs::path bundle = makeWorkingCopy("Unknown", "org.qvfilter.tests.unknownclass");
   ASSERT_TRUE(writePropertyList(Value(Dictionary{{"QVFilterDoesNotExist", Dictionary{}}}),
                                 (bundle / "Resources" / "Description.plist").string()));
-  EXPECT_NE(failureOf(bundle).find("QVFilterDoesNotExist"), std::string::npos);
+  EXPECT_NE(failureOf(bundle).find("offers none of the filter classes its description names (QVFilterDoesNotExist)"),
+            std::string::npos);
   EXPECT_FALSE(CIFilter::filterWithName("QVFilterDoesNotExist"));
+}
+
+TEST_F(PlugInLoader, DescribedClassTheLibraryLacksIsSkipped) {
+  const fs::path bundle = makeWorkingCopy("Partial", "org.qvfilter.tests.partial");
+  ASSERT_TRUE(writePropertyList(
+      Value(Dictionary{{"QVFilterNotYetWritten", Dictionary{}},
+                       {"QVFilterSquareCrop", Dictionary{{kCIAttributeFilterDisplayName, "Square Crop"},
+                                                          {kCIAttributeFilterCategories,
+                                                           Array{Value(kCICategoryGeometryAdjustment)}}}}}),
+      (bundle / "Resources" / "Description.plist").string()));
+  std::string error;
+  EXPECT_TRUE(CIPlugIn::loadPlugIn(bundle.string(), &error)) << error;
+  EXPECT_TRUE(CIFilter::filterWithName("QVFilterSquareCrop"));
+  EXPECT_FALSE(CIFilter::filterWithName("QVFilterNotYetWritten"));
 }
 
 TEST_F(PlugInLoader, PrincipalClassMissingFromTheLibrary) {
