@@ -61,7 +61,9 @@ TEST_F(Border, WidthZeroOutsideShowsTheColourThroughTransparency) {
 TEST_F(Border, WidthIsRoundedDown) {
   const CIImage input = solid(0, 0, 1, 1, CGRectMake(0, 0, 50, 40));
   EXPECT_EXTENT(border(input, 1, 2.9), 0, 0, 54, 44);   // 2.9 -> 2
-  EXPECT_EXTENT(border(input, 1, -1.5), 0, 0, 46, 36);  // -1.5 -> -2, not -1
+  // -1.5 -> -2, not -1: the background shrinks inside the picture, and the composite (the
+  // picture's extent) moves by (-2, -2).
+  EXPECT_EXTENT(border(input, 1, -1.5), -2, -2, 50, 40);
 }
 
 TEST_F(Border, OutsideGrowsByTheBandAndKeepsTheLowerLeftCorner) {
