@@ -132,7 +132,7 @@ TEST_F(TextureStore, HintNotAmongCandidatesMayGiveAnyCandidate) {
 }
 
 TEST_F(TextureStore, TextureIdentifierPassesThroughUnchanged) {
-  for (const std::string s : {id("one"), id("no-such-texture"), std::string("https://example.org/x")}) {
+  for (const std::string& s : {id("one"), id("no-such-texture"), std::string("https://example.org/x")}) {
     auto r = _QVFilterTextureStore::resolveNewTextureIdentifierForKey(s, url(id("two")));
     ASSERT_TRUE(r);
     EXPECT_EQ(r->absoluteString(), s);
@@ -229,7 +229,7 @@ TEST_F(TextureStore, RecordWithoutFileOrWithMissingOrUnreadableFileGivesNilAndCa
   { std::ofstream(broken.texturePath("garbage.jpg")) << "this is not an image at all"; }
   { std::ofstream(broken.texturePath("empty.png")); }
   broken.open();
-  for (const std::string key : {"missing", "garbage", "empty", "nofile", "unknown"}) {
+  for (const char* key : {"missing", "garbage", "empty", "nofile", "unknown"}) {
     const auto identifier = url(_QVFilterTextureStore::_textureIdentifierWithKey(key));
     EXPECT_FALSE(_QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(50, 50))) << key;
     EXPECT_EQ(_QVFilterTextureStore::_cachedImageCount(identifier), 0u) << key;
@@ -249,7 +249,7 @@ TEST_F(TextureStore, FileNamesCannotLeaveTheTexturesFolder) {
   fs::copy_file(outside / "secret.png", escaping.dir / "Resources" / "secret.png");
   fs::create_symlink(outside / "secret.png", escaping.texturePath("link.png"));
   escaping.open();
-  for (const std::string key : {"up", "upimage", "absolute", "link"}) {
+  for (const char* key : {"up", "upimage", "absolute", "link"}) {
     const auto identifier = url(_QVFilterTextureStore::_textureIdentifierWithKey(key));
     EXPECT_TRUE(_QVFilterTextureStore::textureForTextureIdentifier(identifier)) << key;
     EXPECT_FALSE(_QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(8, 8))) << key;
@@ -271,7 +271,7 @@ TEST(TextureStoreIndex, MissingIndexGivesNilAndEmptyResults) {
 }
 
 TEST(TextureStoreIndex, UnreadableIndexGivesNil) {
-  for (const std::string content : {std::string("\x01\x02 not a plist"), std::string("<plist><array/></plist>"),
+  for (const std::string& content : {std::string("\x01\x02 not a plist"), std::string("<plist><array/></plist>"),
                                     std::string("{ textures = \"oops\"; }")}) {
     FixtureBundle bad("badindex", {}, /*writeIndex=*/false);
     { std::ofstream(bad.dir / "Resources" / "TextureIndex.plist") << content; }

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +31,22 @@ inline fs::path makeTempDir(const std::string& stem) {
   return dir;
 }
 
+// Inserts an EXIF segment holding only an orientation tag right after a JPEG's SOI marker.
+inline void addJPEGOrientation(const fs::path& path, int orientation) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), {});
+  in.close();
+  const unsigned char exif[] = {0xFF, 0xE1, 0x00, 0x22, 'E', 'x', 'i', 'f', 0, 0,
+                                'M', 'M', 0x00, 0x2A, 0x00, 0x00, 0x00, 0x08,  // TIFF header, IFD at 8
+                                0x00, 0x01,                                    // one entry
+                                0x01, 0x12, 0x00, 0x03, 0x00, 0x00, 0x00, 0x01,  // Orientation, SHORT, 1
+                                0x00, static_cast<unsigned char>(orientation), 0x00, 0x00,
+                                0x00, 0x00, 0x00, 0x00};  // no next IFD
+  bytes.insert(bytes.begin() + 2, reinterpret_cast<const char*>(exif), reinterpret_cast<const char*>(exif) + sizeof exif);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), std::streamsize(bytes.size()));
+}
+
 // Writes an 8-bit RGB(A) image whose pixel (x, y) is colour(x, y).
 template <class F>
 inline void writeImage(const fs::path& path, std::size_t w, std::size_t h, const std::string& type, F colour,
@@ -42,10 +60,9 @@ inline void writeImage(const fs::path& path, std::size_t w, std::size_t h, const
   image->hasAlpha = type == kUTTypePNG;
   auto dest = CGImageDestinationCreateWithURL(path.string(), type, 1);
   ASSERT_TRUE(dest) << path;
-  Dictionary props;
-  if (orientation != 1) props[kCGImagePropertyOrientation] = orientation;
-  CGImageDestinationAddImage(dest, image, props);
+  CGImageDestinationAddImage(dest, image, Dictionary{});
   ASSERT_TRUE(CGImageDestinationFinalize(dest)) << path;
+  if (orientation != 1 && type == kUTTypeJPEG) addJPEGOrientation(path, orientation);
 }
 
 // A fixture bundle with the plug-in's identifier and the given "textures" map.
@@ -58,9 +75,10 @@ struct FixtureBundle {
     Dictionary info{{"CFBundleIdentifier", QVFilterImageUnitsBundleIdentifier},
                     {"CFBundleName", "Fixture"}};
     EXPECT_TRUE(writePropertyList(Value(info), (dir / "Info.plist").string()));
-    if (writeIndex)
+    if (writeIndex) {
       EXPECT_TRUE(writePropertyList(Value(Dictionary{{"textures", Value(textures)}}),
                                     (dir / "Resources" / "TextureIndex.plist").string()));
+    }
   }
   void open() {
     bundle = std::make_shared<NSBundle>(dir.string(), propertyListFromFile((dir / "Info.plist").string()));

@@ -1,0 +1,142 @@
+// Texture library benchmarks: a 4000x3000 JPEG texture asked for at {1000, 800} against a
+// full decode (time and decoded bytes), a repeated request for the same hint (a cache hit
+// that decodes nothing), and the first request for a texture of the index (at most one index
+// parse per process). A fixture bundle is written to /tmp when the program starts.
+//
+// Counters: decoded_MB = bytes of the decoded bitmap per iteration; decodes = decodes per
+// iteration; index_parses = index parses in the process so far.
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+#include "Foundation/NSBundle.h"
+#include "Foundation/PropertyList.h"
+#include "Framework/QVFilterImageUnitsConstants.h"
+#include "ImageIO/ImageIO.h"
+#include "Textures/_QVFilterTextureImageProvider.h"
+#include "Textures/_QVFilterTextureStore.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Fixture {
+  fs::path dir;
+  std::string file;
+  std::shared_ptr<NSBundle> bundle;
+  NSURLRef identifier;
+
+  Fixture() {
+    dir = fs::temp_directory_path() / ("qv-textures-bench-" + std::to_string(::getpid()));
+    fs::create_directories(dir / "Resources" / "Textures");
+    file = (dir / "Resources" / "Textures" / "big.jpg").string();
+    auto image = CGImageCreateBlank(4000, 3000);
+    std::uint32_t s = 2463534242u;
+    for (std::size_t y = 0; y < 3000; ++y)
+      for (std::size_t x = 0; x < 4000; ++x) {
+        s ^= s << 13;
+        s ^= s >> 17;
+        s ^= s << 5;
+        std::uint8_t* p = image->row(y) + x * 4;
+        p[0] = std::uint8_t((x / 16 + (s & 15)) & 0xff);
+        p[1] = std::uint8_t((y / 12 + (s >> 8 & 15)) & 0xff);
+        p[2] = std::uint8_t(((x + y) / 28) & 0xff);
+        p[3] = 255;
+      }
+    auto dest = CGImageDestinationCreateWithURL(file, kUTTypeJPEG);
+    if (!dest || !CGImageDestinationAddImage(dest, image, {{kCGImageDestinationLossyCompressionQuality, 0.9}}) ||
+        !CGImageDestinationFinalize(dest)) {
+      std::fprintf(stderr, "cannot write %s\n", file.c_str());
+      std::exit(1);
+    }
+    writePropertyList(Value(Dictionary{{"CFBundleIdentifier", QVFilterImageUnitsBundleIdentifier}}),
+                      (dir / "Info.plist").string());
+    writePropertyList(Value(Dictionary{{"textures", Value(Dictionary{{"big", Value(Dictionary{
+                                                                                 {"fileName", "big.jpg"},
+                                                                                 {"tags", Value(Array{"tile"})}})}})}}),
+                      (dir / "Resources" / "TextureIndex.plist").string());
+    bundle = std::make_shared<NSBundle>(dir.string(), propertyListFromFile((dir / "Info.plist").string()));
+    _QVFilterTextureStore::_resetForTesting(bundle);
+    identifier = NSURL::URLWithString(_QVFilterTextureStore::_textureIdentifierWithKey("big"));
+  }
+  ~Fixture() {
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+  }
+};
+
+Fixture& fixture() {
+  static Fixture f;
+  return f;
+}
+
+// The provider's decode at the hint (what a render of the texture costs).
+void BM_TextureDecodeAtHint_1000x800(benchmark::State& state) {
+  auto source = CGImageSourceCreateWithURL(fixture().file);
+  _QVFilterTextureImageProvider provider(source, CGSizeMake(1000, 800));
+  std::size_t bytes = 0;
+  for (auto _ : state) {
+    CGImageRef bitmap = provider._faultBitmap();
+    bytes = bitmap->bytesPerRow * bitmap->height;
+    benchmark::DoNotOptimize(bitmap);
+  }
+  state.counters["decoded_MB"] = double(bytes) / 1e6;
+}
+BENCHMARK(BM_TextureDecodeAtHint_1000x800)->Unit(benchmark::kMillisecond);
+
+// The same texture decoded whole (hint {0, 0}): the reference for the two ratios.
+void BM_TextureDecodeFull(benchmark::State& state) {
+  auto source = CGImageSourceCreateWithURL(fixture().file);
+  _QVFilterTextureImageProvider provider(source, CGSizeMake(0, 0));
+  std::size_t bytes = 0;
+  for (auto _ : state) {
+    CGImageRef bitmap = provider._faultBitmap();
+    bytes = bitmap->bytesPerRow * bitmap->height;
+    benchmark::DoNotOptimize(bitmap);
+  }
+  state.counters["decoded_MB"] = double(bytes) / 1e6;
+}
+BENCHMARK(BM_TextureDecodeFull)->Unit(benchmark::kMillisecond);
+
+// A repeated request for the same hint: served from the per-texture cache, no decode.
+void BM_TextureStoreCacheHit(benchmark::State& state) {
+  Fixture& f = fixture();
+  if (!_QVFilterTextureStore::imageForTextureIdentifier(f.identifier, CGSizeMake(1000, 800))) {
+    state.SkipWithError("no texture image");
+    return;
+  }
+  const std::uint64_t before = _QVFilterTextureImageProvider::decodeCount();
+  for (auto _ : state) {
+    CIImage image = _QVFilterTextureStore::imageForTextureIdentifier(f.identifier, CGSizeMake(1000, 800));
+    benchmark::DoNotOptimize(image);
+  }
+  state.counters["decodes"] = double(_QVFilterTextureImageProvider::decodeCount() - before);
+}
+BENCHMARK(BM_TextureStoreCacheHit);
+
+// The first request of a texture from the index, in a fresh store state each time (index
+// parse + lookup + image creation; nothing decoded). index_parses must equal iterations:
+// one parse per fresh process state, never more.
+void BM_TextureStoreFirstRequest(benchmark::State& state) {
+  Fixture& f = fixture();
+  const std::size_t before = _QVFilterTextureStore::_indexLoadCount();
+  for (auto _ : state) {
+    _QVFilterTextureStore::_resetForTesting(f.bundle);
+    CIImage image = _QVFilterTextureStore::imageForTextureIdentifier(f.identifier, CGSizeMake(1000, 800));
+    CIImage again = _QVFilterTextureStore::imageForTextureIdentifier(f.identifier, CGSizeMake(500, 400));
+    benchmark::DoNotOptimize(image);
+    benchmark::DoNotOptimize(again);
+  }
+  state.counters["index_parses_per_iteration"] =
+      double(_QVFilterTextureStore::_indexLoadCount() - before) / double(state.iterations());
+}
+BENCHMARK(BM_TextureStoreFirstRequest)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
