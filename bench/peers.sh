@@ -104,6 +104,18 @@ case_row "gaussian blur 20 (JPEG Q90)" \
   "vips gaussblur \"\$IN\" \"\$OUT/vips_g.jpg[Q=90]\" 20" \
   "$IM \"\$IN\" -blur 0x20 -quality 90 \"\$OUT/im_g.jpg\"" \
   "from PIL import ImageFilter; Image.open(IN).filter(ImageFilter.GaussianBlur(20)).save(OUT + '/pil_g.jpg', quality=90)"
+# Effect filters of the plug-in with their defaults, JPEG to JPEG (compare with the copy row:
+# border, reflection, watermark and shine should stay within 1.2x of it). No peer runs the
+# same graph, so their cells stay empty; the outside border has a close vips equivalent.
+for effect in QVFilterBorder QVFilterReflection QVFilterShine QVFilterShineStraight QVFilterShineCurved QVFilterTilt QVFilterStereoscopic; do
+  case_row "effect $effect (defaults, JPEG Q90)" \
+    "\"$QVFILTER\" apply \"\$IN\" \"\$OUT/ours_$effect.jpg\" -f $effect --quality 90" "" "" ""
+done
+case_row "effect border outside 12 (JPEG Q90)" \
+  "\"$QVFILTER\" apply \"\$IN\" \"\$OUT/ours_bo.jpg\" -f QVFilterBorder -s inputBorderType=1 --quality 90" \
+  "vips embed \"\$IN\" \"\$OUT/vips_bo.jpg[Q=90]\" 12 12 6024 4024 --extend white" \
+  "$IM \"\$IN\" -bordercolor white -border 12 -quality 90 \"\$OUT/im_bo.jpg\"" \
+  "from PIL import ImageOps; ImageOps.expand(Image.open(IN), 12, 'white').save(OUT + '/pil_bo.jpg', quality=90)"
 # (More cases go here: case_row NAME OURS VIPS CONVERT PILLOW.)
 
 # ---- Table -------------------------------------------------------------------------------
