@@ -212,8 +212,14 @@ std::string attributeClassForKey(const CIFilter& filter, const std::string& key)
   if (entry == attributes.end() || !entry->second.dictionary()) return {};
   const Dictionary& dict = *entry->second.dictionary();
   const auto cls = dict.find(kCIAttributeClass);
-  if (cls == dict.end() || !cls->second.string()) return {};
-  return *cls->second.string();
+  if (cls != dict.end() && cls->second.string()) return *cls->second.string();
+  // Some filters describe an input only by its default and identity; the default's class
+  // then tells how to read a value for it.
+  for (const char* attribute : {kCIAttributeDefault, kCIAttributeIdentity}) {
+    const auto v = dict.find(attribute);
+    if (v != dict.end() && !v->second.isNil()) return v->second.className();
+  }
+  return {};
 }
 
 namespace {

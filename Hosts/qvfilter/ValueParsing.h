@@ -75,7 +75,8 @@ bool valueFitsClass(const Value& value, std::string_view attributeClass);
 // The class a value is reported as in messages ("NSNumber", "CIVector", "nil"...).
 std::string valueClassName(const Value& value);
 
-// The declared class (kCIAttributeClass) of a filter's input, or "" when it has none.
+// The declared class (kCIAttributeClass) of a filter's input; without one, the class of its
+// default (or identity) value; "" when it has neither.
 std::string attributeClassForKey(const CIFilter& filter, const std::string& key);
 
 // The JSON form of a value: numbers keep integer vs real, booleans stay booleans, vectors are

@@ -43,6 +43,9 @@ check squarecrop "50 0 200 200" "200 200" -f QVFilterSquareCrop
 check rotate0 "0 0 300 200" "300 200" -f QVFilterRotate
 check rotate90 "-200 0 200 300" "200 300" -f QVFilterRotate -s inputAngle=1.5707963267948966
 check proportional "0 0 300 200" "300 200" -f QVFilterProportionalCrop
+# Its inputs are described by their default vectors alone; -s reads them as vectors too.
+check proportional_quarter_s "75 50 150 100" "150 100" -f QVFilterProportionalCrop \
+  -s "inputExtent=0 0 4 4" -s "inputRectangle=1 1 2 2"
 # A quarter-frame rectangle, through a recipe (its inputs carry typed vectors): origin rounded
 # up, size down.
 cat > "$tmp/proportional.json" <<JSON
