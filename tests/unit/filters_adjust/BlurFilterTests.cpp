@@ -40,6 +40,7 @@ TEST_F(BlurFilters, BlurNilImageGivesNil) { EXPECT_FALSE(filterOutput(makeFilter
 TEST_F(BlurFilters, BlurWithAnUnknownNameReturnsTheInputImageItself) {
   const CIImage image = makeTestImage(20, 10);
   CIFilterRef f = makeFilter("QVFilterBlur");
+  ASSERT_TRUE(f);
   f->setValue(image, kCIInputImageKey);
   f->setValue("CINoSuchBlur", "inputBlurFilterName");
   const CIImage out = filterOutput(f);
