@@ -109,3 +109,36 @@ TEST_F(ShippedTextures, MasksAreOpaqueGreyAndBordersHaveClearCentres) {
     EXPECT_GT(corner[3], 200) << id;
   }
 }
+
+// A tile repeats without a seam: the step from its last column to its first (and last row to
+// first) is no larger than the usual step between neighbouring columns (rows), within a margin
+// for the weave's thread edges and the JPEG blocks.
+TEST_F(ShippedTextures, TilesRepeatWithoutASeam) {
+  for (const auto& id : _QVFilterTextureStore::filteredTextureKeysContainingTags({"tile"})) {
+    CIImage image = _QVFilterTextureStore::imageForTextureIdentifier(url(id), CGSizeMake(0, 0));
+    const CGRect e = image.extent();
+    const auto w = std::size_t(e.size.width), h = std::size_t(e.size.height);
+    auto px = renderRGBA8(image, e);
+    auto lum = [&](std::size_t x, std::size_t y) {
+      const std::uint8_t* p = &px[(y * w + x) * 4];
+      return (int(p[0]) + int(p[1]) + int(p[2])) / 3.0;
+    };
+    double inner = 0, wrapX = 0, innerY = 0, wrapY = 0;
+    std::size_t samples = 0;
+    for (std::size_t k = 0; k < h; ++k) {
+      for (std::size_t x = 0; x + 1 < w; x += 61) inner += std::abs(lum(x, k) - lum(x + 1, k)), ++samples;
+      wrapX += std::abs(lum(w - 1, k) - lum(0, k));
+    }
+    inner /= double(samples);
+    wrapX /= double(h);
+    samples = 0;
+    for (std::size_t k = 0; k < w; ++k) {
+      for (std::size_t y = 0; y + 1 < h; y += 61) innerY += std::abs(lum(k, y) - lum(k, y + 1)), ++samples;
+      wrapY += std::abs(lum(k, h - 1) - lum(k, 0));
+    }
+    innerY /= double(samples);
+    wrapY /= double(w);
+    EXPECT_LE(wrapX, 3 * inner + 1) << id;
+    EXPECT_LE(wrapY, 3 * innerY + 1) << id;
+  }
+}
