@@ -801,6 +801,12 @@ int main(int argc, char** argv) {
     }
   }
   const auto textures = catalogue();
+  for (const auto& key : only) {
+    if (std::none_of(textures.begin(), textures.end(), [&](const Texture& t) { return t.key == key; })) {
+      std::fprintf(stderr, "texturegen: no texture is named %s (see --list)\n", key.c_str());
+      return 2;
+    }
+  }
   if (listOnly) {
     for (const auto& t : textures) std::printf("%s\t%s\t%s/%s\n", t.key.c_str(), t.fileName.c_str(), t.kind.c_str(), t.subTag.c_str());
     return 0;
