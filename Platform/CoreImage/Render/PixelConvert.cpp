@@ -14,12 +14,23 @@ struct Tables {
   std::array<float, 256> raw{};
   // thresholds[k]: the linear value from which the nearest 8-bit code is k + 1.
   std::array<float, 255> thresholds{};
+  // firstCode[i]: the code of the smallest linear value of bucket i of [0, 1) cut into
+  // kBuckets equal parts. The sRGB curve is never steeper than about 3300 codes per unit, so a
+  // bucket spans less than one code step and at most one threshold step corrects the guess:
+  // the result is the exact nearest code, found without a search per component.
+  static constexpr int kBuckets = 16384;
+  std::array<std::uint8_t, kBuckets> firstCode{};
   Tables() {
     for (int i = 0; i < 256; ++i) {
       raw[i] = static_cast<float>(i) / 255.0f;
       linear[i] = srgbToLinear(raw[i]);
     }
     for (int k = 0; k < 255; ++k) thresholds[k] = srgbToLinear((static_cast<float>(k) + 0.5f) / 255.0f);
+    for (int i = 0; i < kBuckets; ++i) {
+      const float lower = static_cast<float>(i) / kBuckets;
+      firstCode[i] = static_cast<std::uint8_t>(std::upper_bound(thresholds.begin(), thresholds.end(), lower) -
+                                               thresholds.begin());
+    }
   }
 };
 
@@ -35,7 +46,9 @@ inline std::uint8_t code8Raw(float v) { return static_cast<std::uint8_t>(std::fl
 inline std::uint8_t code8Managed(float v, const Tables& t) {
   if (!(v > 0.0f)) return 0;
   if (v >= 1.0f) return 255;
-  return static_cast<std::uint8_t>(std::upper_bound(t.thresholds.begin(), t.thresholds.end(), v) - t.thresholds.begin());
+  int code = t.firstCode[static_cast<int>(v * Tables::kBuckets)];
+  while (code < 255 && v >= t.thresholds[code]) ++code;
+  return static_cast<std::uint8_t>(code);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The tiled renderer: tiled == whole, threads, progress, output formats, providers, files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -14,6 +16,7 @@
 #include "CoreImage/CIFilter.h"
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/ImageNode.h"
+#include "CoreImage/Render/PixelConvert.h"
 #include "RenderSupport.h"
 
 namespace {
@@ -161,6 +164,32 @@ TEST(RenderFormats, EveryEightBitCodeRoundTrips) {
   const auto img = CIImage::imageWithRGBA8(codes.data(), 256, 1, 256 * 4);
   EXPECT_EQ(renderRGBA8(img, img.extent(), opts(0, 1, true)), codes);
   EXPECT_EQ(renderRGBA8(img, img.extent(), opts(0, 1, false)), codes);
+}
+
+// The managed 8-bit encoder finds each component's nearest sRGB code from a bucket table and
+// one threshold step; on a dense sweep of linear values it must agree exactly with a search of
+// the code thresholds.
+TEST(RenderFormats, ManagedEightBitEncodeIsTheNearestCodeOnADenseSweep) {
+  std::array<float, 255> thresholds{};
+  for (int k = 0; k < 255; ++k) thresholds[k] = srgbToLinear((static_cast<float>(k) + 0.5f) / 255.0f);
+  constexpr int n = 1 << 20;
+  std::vector<float> px(std::size_t(n) * 4);
+  for (int i = 0; i < n; ++i) {
+    const float v = static_cast<float>(i) / static_cast<float>(n - 1);
+    px[std::size_t(i) * 4 + 0] = v;
+    px[std::size_t(i) * 4 + 1] = std::nextafter(v, 0.0f);
+    px[std::size_t(i) * 4 + 2] = i < 255 ? thresholds[std::size_t(i)] : v * 0.5f;  // exactly on thresholds too
+    px[std::size_t(i) * 4 + 3] = 1.0f;
+  }
+  std::vector<std::uint8_t> out(px.size());
+  qvpixel::encodeStraightRGBA8(px.data(), out.data(), n, true);
+  for (std::size_t i = 0; i < px.size(); ++i) {
+    if (i % 4 == 3) continue;
+    const float v = px[i];
+    const int expected = v <= 0.0f ? 0 : v >= 1.0f ? 255
+        : int(std::upper_bound(thresholds.begin(), thresholds.end(), v) - thresholds.begin());
+    ASSERT_EQ(int(out[i]), expected) << "linear value " << v;
+  }
 }
 
 TEST(RenderFormats, RGBA16) {
