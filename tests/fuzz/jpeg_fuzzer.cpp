@@ -1,36 +1,11 @@
 // Feeds arbitrary bytes to the JPEG path of the image source: JPEG (libjpeg-turbo: markers, progressive scans, DCT scaling, EXIF through libexif, ICC).
-// Header properties, a transformed thumbnail, a full decode and a streaming decode must
-// never crash, leak or allocate beyond the pixel limit.
-#include <cstddef>
-#include <cstdint>
-#include <vector>
-
-#include "ImageIO/ImageIO.h"
+#include "ImageSourceFuzzing.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Keeps every decode small enough for the fuzzer's memory limit.
-  CGImageSourceSetMaximumPixelCount(std::uint64_t{4} << 20);
+  limitDecodesForFuzzing();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  CGImageSourceRef source = CGImageSourceCreateWithData(std::vector<std::uint8_t>(data, data + size));
-  if (!source || CGImageSourceGetType(source) != kUTTypeJPEG) return 0;
-  Dictionary properties = CGImageSourceCopyPropertiesAtIndex(source, 0);
-  if (properties.empty()) return 0;
-  CGImageRef thumbnail = CGImageSourceCreateThumbnailAtIndex(
-      source, 0,
-      {{kCGImageSourceThumbnailMaxPixelSize, 64},
-       {kCGImageSourceCreateThumbnailWithTransform, Value::boolean(true)},
-       {kCGImageSourceCreateThumbnailFromImageIfAbsent, Value::boolean(true)}});
-  if (thumbnail && (thumbnail->width > 64 || thumbnail->height > 64)) __builtin_trap();
-  CGImageRef full = CGImageSourceCreateImageAtIndex(source, 0);
-  if (full && full->pixels.size() != full->bytesPerRow * full->height) __builtin_trap();
-  std::size_t rows = 0;
-  CGImageSourceDecodeStripsAtIndex(source, 0, [&](const CGImageSourceStrip& strip) {
-    rows += strip.rowCount;
-    return true;
-  });
-  if (full && rows != full->height) __builtin_trap();
-  return 0;
+  return fuzzImageSourceOfType(data, size, kUTTypeJPEG);
 }

@@ -40,6 +40,7 @@
 #include "CoreImage/Builtins/BlurKernels.h"
 #include "CoreImage/Builtins/BlurNode.h"
 #include "CoreImage/Builtins/BuiltinFilter.h"
+#include "CoreImage/Builtins/InputSpecs.h"
 
 namespace {
 
@@ -52,37 +53,9 @@ constexpr double kMaxRadius = 1000.0;
 // Discs cost O(radius) per pixel: their radius is capped lower.
 constexpr double kMaxDiscRadius = 200.0;
 
-const Value kAbsent;
-
-CIInputSpec numberInput(const std::string& key, const char* type, const Value& def, const Value& identity = kAbsent,
-                        const Value& min = kAbsent, const Value& max = kAbsent, const Value& sliderMin = kAbsent,
-                        const Value& sliderMax = kAbsent) {
-  CIInputSpec s;
-  s.key = key;
-  s.attributeClass = "NSNumber";
-  s.type = type;
-  s.defaultValue = def;
-  s.identity = identity;
-  s.min = min;
-  s.max = max;
-  s.sliderMin = sliderMin;
-  s.sliderMax = sliderMax;
-  return s;
-}
-
-// GCC 12 reports a false "maybe uninitialized" inside std::variant when a Value holding an
-// object is assigned here at -O2 with sanitizers; the value is fully constructed.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-CIInputSpec positionInput(std::string key, double x, double y) {
-  CIInputSpec s;
-  s.key = std::move(key);
-  s.attributeClass = "CIVector";
-  s.type = kCIAttributeTypePosition;
-  s.defaultValue = Value(CIVector::vectorWithX(x, y));
-  return s;
-}
-#pragma GCC diagnostic pop
+using qv::builtins::numberInput;
+using qv::builtins::positionInput;
+using qv::builtins::kAbsent;
 
 // A finite radius in [0, limit]; NaN reads as 0.
 double clampRadius(double r, double limit = kMaxRadius) { return std::isfinite(r) || r > 0 ? std::clamp(r, 0.0, limit) : 0.0; }

@@ -17,42 +17,15 @@
 #include "CoreImage/Builtins/BlurKernels.h"
 #include "CoreImage/Builtins/BlurNode.h"
 #include "CoreImage/Builtins/BuiltinFilter.h"
+#include "CoreImage/Builtins/InputSpecs.h"
 
 namespace {
 
 using qv::blur::BlurNode;
 
-const Value kAbsent;
-
-CIInputSpec numberInput(const std::string& key, const char* type, const Value& def, const Value& identity = kAbsent,
-                        const Value& min = kAbsent, const Value& max = kAbsent, const Value& sliderMin = kAbsent,
-                        const Value& sliderMax = kAbsent) {
-  CIInputSpec s;
-  s.key = key;
-  s.attributeClass = "NSNumber";
-  s.type = type;
-  s.defaultValue = def;
-  s.identity = identity;
-  s.min = min;
-  s.max = max;
-  s.sliderMin = sliderMin;
-  s.sliderMax = sliderMax;
-  return s;
-}
-
-// GCC 12 reports a false "maybe uninitialized" inside std::variant when a Value holding an
-// object is assigned here at -O2 with sanitizers; the value is fully constructed.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-CIInputSpec positionInput(std::string key, double x, double y) {
-  CIInputSpec s;
-  s.key = std::move(key);
-  s.attributeClass = "CIVector";
-  s.type = kCIAttributeTypePosition;
-  s.defaultValue = Value(CIVector::vectorWithX(x, y));
-  return s;
-}
-#pragma GCC diagnostic pop
+using qv::builtins::numberInput;
+using qv::builtins::positionInput;
+using qv::builtins::kAbsent;
 
 // The pixels a bilinear sample anywhere in [x0, x1] × [y0, y1] may read.
 PixelRect bilinearFootprint(double x0, double y0, double x1, double y1) {
