@@ -17,7 +17,7 @@
 #include "CoreImage/Builtins/BlurKernels.h"
 #include "CoreImage/Builtins/BlurNode.h"
 #include "CoreImage/Builtins/BuiltinFilter.h"
-#include "CoreImage/Builtins/InputSpecs.h"
+#include "CoreImage/Builtins/InputTables.h"
 
 namespace {
 
