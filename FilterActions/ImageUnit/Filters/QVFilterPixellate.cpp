@@ -9,16 +9,6 @@ namespace {
 const QVFilterClassRegistration registration =
     QVFilterClassRegistration::filter<QVFilterPixellate>("QVFilterPixellate", "QVFilter");
 
-// An input's kCIAttributeDefault in the filter's attributes.
-Value attributeDefault(const CIFilter& filter, const std::string& key) {
-  const Dictionary attributes = filter.attributes();
-  const auto entry = attributes.find(key);
-  if (entry == attributes.end() || !entry->second.dictionary()) return {};
-  const Dictionary& attrs = *entry->second.dictionary();
-  const auto def = attrs.find(kCIAttributeDefault);
-  return def == attrs.end() ? Value() : def->second;
-}
-
 }  // namespace
 
 Value QVFilterPixellate::customAttributes() const {
@@ -45,9 +35,9 @@ CIImage QVFilterPixellate::outputImage() const {
   const CIImage image = inputImage();
   if (!image) return {};
   Value center = inputCenter();
-  if (!center) center = attributeDefault(*this, kCIInputCenterKey);
+  if (!center) center = QVFilterAttributeDefault(*this, kCIInputCenterKey);
   Value scale = inputScale();
-  if (!scale) scale = attributeDefault(*this, kCIInputScaleKey);
+  if (!scale) scale = QVFilterAttributeDefault(*this, kCIInputScaleKey);
 
   const CGRect extent = image.extent();
   const CIFilterRef clamp = QVFilterWithDefaults("CIAffineClamp");

@@ -9,16 +9,6 @@ namespace {
 const QVFilterClassRegistration registration =
     QVFilterClassRegistration::filter<QVFilterZoomBlur>("QVFilterZoomBlur", "QVFilter");
 
-// An input's kCIAttributeDefault in the filter's attributes (nil when none is declared).
-Value attributeDefault(const CIFilter& filter, const std::string& key) {
-  const Dictionary attributes = filter.attributes();
-  const auto entry = attributes.find(key);
-  if (entry == attributes.end() || !entry->second.dictionary()) return {};
-  const Dictionary& attrs = *entry->second.dictionary();
-  const auto def = attrs.find(kCIAttributeDefault);
-  return def == attrs.end() ? Value() : def->second;
-}
-
 }  // namespace
 
 Value QVFilterZoomBlur::customAttributes() const {
@@ -34,14 +24,14 @@ CIImage QVFilterZoomBlur::outputImage() const {
   const CIImage image = inputImage();
   if (!image) return {};
   Value centerValue = inputCenter();
-  if (!centerValue) centerValue = attributeDefault(*this, kCIInputCenterKey);
+  if (!centerValue) centerValue = QVFilterAttributeDefault(*this, kCIInputCenterKey);
   const CIVectorRef center = CIVector::fromValue(centerValue);
   const CGRect extent = image.extent();
   const double x = CGRectGetMinX(extent) + (center ? center->X() : 0.0) * extent.size.width;
   const double y = CGRectGetMinY(extent) + (center ? center->Y() : 0.0) * extent.size.height;
 
   Value radius = inputRadius();
-  if (!radius) radius = attributeDefault(*this, kCIInputRadiusKey);  // a missing value reads as 0
+  if (!radius) radius = QVFilterAttributeDefault(*this, kCIInputRadiusKey);  // a missing value reads as 0
   const double amount = std::floor(radius.doubleValue());
 
   const CIFilterRef zoom = QVFilterWithDefaults("CIZoomBlur");

@@ -13,6 +13,10 @@ CIFilterRef QVFilterWithDefaults(const std::string& name) {
   return filter;
 }
 
+Value QVFilterAttributeDefault(const CIFilter& filter, const std::string& key) {
+  return Value(filter.attributes())[key][kCIAttributeDefault];
+}
+
 CIImage QVFilterOutputImage(const CIFilterRef& filter) {
   if (!filter) return {};
   return filter->outputImage();  // what valueForKey(kCIOutputImageKey) answers

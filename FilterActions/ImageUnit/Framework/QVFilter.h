@@ -31,5 +31,9 @@ Value QVFilterAttributesByAdding(const Value& superAttributes, const Dictionary&
 // use of a built-in; nil for an unknown name.
 CIFilterRef QVFilterWithDefaults(const std::string& name);
 
+// The kCIAttributeDefault of an input in the filter's attributes; nil when none is declared.
+// Filters fall back to it for inputs the host left nil.
+Value QVFilterAttributeDefault(const CIFilter& filter, const std::string& key);
+
 // The image a filter publishes under kCIOutputImageKey (nil for a nil filter).
 CIImage QVFilterOutputImage(const CIFilterRef& filter);
