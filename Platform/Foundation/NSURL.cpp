@@ -1,5 +1,7 @@
 #include "Foundation/NSURL.h"
 
+#include "Foundation/TextDecoding.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <system_error>
@@ -91,41 +93,7 @@ bool isValidIPLiteral(const std::string& s) {
 
 }  // namespace
 
-bool QVIsValidUTF8(const std::string& bytes) {
-  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-  const std::size_t n = bytes.size();
-  std::size_t i = 0;
-  while (i < n) {
-    const unsigned char c = p[i];
-    if (c < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t len;
-    std::uint32_t cp;
-    if (c >= 0xC2 && c <= 0xDF) {
-      len = 2;
-      cp = c & 0x1F;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      len = 3;
-      cp = c & 0x0F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      len = 4;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + len > n) return false;
-    for (std::size_t k = 1; k < len; ++k) {
-      if ((p[i + k] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i + k] & 0x3F);
-    }
-    if ((len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000) || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-      return false;
-    i += len;
-  }
-  return true;
-}
+bool QVIsValidUTF8(const std::string& bytes) { return QVFirstInvalidUTF8Offset(bytes) == std::string_view::npos; }
 
 std::optional<std::string> stringByAddingPercentEscapesUsingEncoding(const std::string& utf8) {
   if (!QVIsValidUTF8(utf8)) return std::nullopt;

@@ -1,6 +1,7 @@
 #include "Foundation/PropertyList.h"
 
 #include "Foundation/NSURL.h"
+#include "Foundation/TextDecoding.h"
 
 #include <plist/plist.h>
 
@@ -12,62 +13,10 @@
 #include <fstream>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <system_error>
 
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-// Text encodings
-
-void appendUTF8(std::string& out, std::uint32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
-// UTF-16 text (after its byte-order mark) to UTF-8; unpaired surrogates become U+FFFD.
-std::string utf16ToUTF8(const unsigned char* p, std::size_t n, bool bigEndian) {
-  std::string out;
-  out.reserve(n);
-  auto unit = [&](std::size_t i) -> std::uint32_t {
-    return bigEndian ? (std::uint32_t{p[i]} << 8 | p[i + 1]) : (std::uint32_t{p[i + 1]} << 8 | p[i]);
-  };
-  for (std::size_t i = 0; i + 1 < n; i += 2) {
-    std::uint32_t u = unit(i);
-    if (u >= 0xD800 && u <= 0xDBFF && i + 3 < n) {
-      const std::uint32_t lo = unit(i + 2);
-      if (lo >= 0xDC00 && lo <= 0xDFFF) {
-        appendUTF8(out, 0x10000 + ((u - 0xD800) << 10) + (lo - 0xDC00));
-        i += 2;
-        continue;
-      }
-    }
-    if (u >= 0xD800 && u <= 0xDFFF) u = 0xFFFD;
-    appendUTF8(out, u);
-  }
-  return out;
-}
-
-// The text of an old-style property list, as UTF-8: UTF-16 by its byte-order mark, otherwise
-// UTF-8 with its mark removed.
-std::string decodeText(const unsigned char* p, std::size_t n) {
-  if (n >= 2 && p[0] == 0xFF && p[1] == 0xFE) return utf16ToUTF8(p + 2, n - 2, false);
-  if (n >= 2 && p[0] == 0xFE && p[1] == 0xFF) return utf16ToUTF8(p + 2, n - 2, true);
-  if (n >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF) return std::string(reinterpret_cast<const char*>(p + 3), n - 3);
-  return std::string(reinterpret_cast<const char*>(p), n);
-}
 
 // ---------------------------------------------------------------------------------------------
 // Old-style (OpenStep) property lists: { key = value; } dictionaries, ( a, b ) arrays,
@@ -295,7 +244,7 @@ class OpenStepParser {
             }
           }
           if (cp >= 0xD800 && cp <= 0xDFFF) cp = 0xFFFD;
-          appendUTF8(out, cp);
+          QVAppendUTF8(out, static_cast<char32_t>(cp));
           break;
         }
         default:
@@ -305,7 +254,7 @@ class OpenStepParser {
               v = v * 8 + static_cast<std::uint32_t>(peek() - '0');
               ++pos_;
             }
-            appendUTF8(out, v & 0xFF);
+            QVAppendUTF8(out, static_cast<char32_t>(v & 0xFF));
           } else {
             out += e;  // \\, \", \' and any other character stand for themselves
           }
@@ -616,9 +565,11 @@ Value propertyListFromData(const void* bytes, std::size_t length) {
   const auto* p = static_cast<const unsigned char*>(bytes);
   if (startsWith(p, length, "bplist00")) return fromLibplist(p, length, true);
   if (looksLikeXML(p, length)) return fromLibplist(p, length, false);
-  const std::string text = decodeText(p, length);
-  if (!QVIsValidUTF8(text) || text.find('\0') != std::string::npos) return {};
-  OpenStepParser parser(text);
+  // Text by its byte-order mark; text that does not decode (broken UTF-8, unpaired UTF-16
+  // surrogates, an odd UTF-16 byte count) or holds a NUL character is not a property list.
+  const QVDecodedText text = QVDecodeText(std::string_view(reinterpret_cast<const char*>(p), length));
+  if (!text || text.text->find('\0') != std::string::npos) return {};
+  OpenStepParser parser(*text.text);
   return parser.parseDocument(/*emptyIsDictionary=*/false).value_or(Value());
 }
 
@@ -638,9 +589,9 @@ Value stringsTableFromData(const void* bytes, std::size_t length) {
   } else if (looksLikeXML(p, length)) {
     table = fromLibplist(p, length, false);
   } else {
-    const std::string text = decodeText(p, length);
-    if (!QVIsValidUTF8(text) || text.find('\0') != std::string::npos) return {};
-    OpenStepParser parser(text);
+    const QVDecodedText text = QVDecodeText(std::string_view(reinterpret_cast<const char*>(p), length));
+    if (!text || text.text->find('\0') != std::string::npos) return {};
+    OpenStepParser parser(*text.text);
     table = parser.parseDocument(/*emptyIsDictionary=*/true).value_or(Value());
   }
   const Dictionary* d = table.dictionary();

@@ -56,7 +56,8 @@ std::size_t QVFilterKernelResourceLoadCount();
 
 // The whole file as UTF-8 text, its encoding detected from a byte-order mark: UTF-8 (mark
 // dropped), UTF-16 little- or big-endian (converted); without a mark, UTF-8, or Latin-1 when
-// the bytes are not valid UTF-8. nullopt when the file cannot be read or is larger than
-// kQVFilterKernelResourceMaximumSize.
+// the bytes are not valid UTF-8. nullopt when the file cannot be read, is larger than
+// kQVFilterKernelResourceMaximumSize, or its text does not decode (UTF-16 with an odd number
+// of bytes or an unpaired surrogate, broken UTF-8 after a UTF-8 mark).
 inline constexpr std::size_t kQVFilterKernelResourceMaximumSize = 4u << 20;
 std::optional<std::string> QVFilterStringWithContentsOfFile(const std::string& path);

@@ -255,6 +255,12 @@ TEST(StringsTable, UTF16WithByteOrderMark) {
   EXPECT_EQ(stringsTableFromData(utf8.data(), utf8.size()), expected);
   EXPECT_EQ(stringsTableFromData(le.data(), le.size()), expected);
   EXPECT_EQ(stringsTableFromData(be.data(), be.size()), expected);
+  // Text that does not decode is malformed: a lone high surrogate, an odd UTF-16 byte count.
+  const std::string lone = le.substr(0, le.size() - 8) + std::string("\x3D\xD8", 2) + le.substr(le.size() - 4);
+  EXPECT_TRUE(stringsTableFromData(lone.data(), lone.size()).isNil());
+  const std::string odd = be + "x";
+  EXPECT_TRUE(stringsTableFromData(odd.data(), odd.size()).isNil());
+  EXPECT_TRUE(propertyListFromData(odd.data(), odd.size()).isNil());
 }
 
 TEST(StringsTable, PropertyListForm) {

@@ -184,6 +184,9 @@ TEST(KernelText, DecodesMarksAndFallsBackToLatin1) {
   EXPECT_EQ(decode(std::string("\xFE\xFF\xD8\x3D\xDE\x00", 6)), "\xF0\x9F\x98\x80");  // surrogate pair
   EXPECT_EQ(decode("caf\xE9"), "caf\xC3\xA9");                                      // Latin-1
   EXPECT_EQ(decode(""), "");
+  // UTF-16 that does not decode is no text at all (no replacement characters).
+  EXPECT_FALSE(decode(std::string("\xFF\xFE" "a\0\x3D\xD8", 6)));  // unpaired high surrogate
+  EXPECT_FALSE(decode(std::string("\xFE\xFF\0a\0", 5)));            // odd byte count
   fs::remove(path);
   EXPECT_FALSE(QVFilterStringWithContentsOfFile(path.string()));
 }
