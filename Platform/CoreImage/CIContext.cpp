@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <tbb/blocked_range.h>
-#include <tbb/enumerable_thread_specific.h>
 #include <tbb/parallel_for.h>
 #include <tbb/partitioner.h>
 #include <tbb/task_arena.h>
@@ -75,62 +74,102 @@ Plan makePlan(const ImageNode* root) {
   return plan;
 }
 
-// Regions of one tile: what each node must hold (the union of its consumers' regions of
-// interest), what it renders (that, within its extent) and what each of its inputs must give.
+// Regions of one tile. A worker renders a column of tiles from the top down. Where a node's
+// region reaches below the tile (the margin of a blur or another neighbourhood operation), the
+// rows of its buffer that the tile below needs again are carried over instead of being
+// computed twice, so the node computes only its `fresh` rows; and nodes that stream down a
+// column (ImageNode::continuesDown) ask for only the input rows they have not yet read.
 struct Regions {
-  std::vector<PixelRect> needed, work;
+  std::vector<PixelRect> needed;  // what each node must hold: the union of its consumers' ROIs
+  std::vector<PixelRect> fresh;   // the part of `needed` not carried over from the tile above
+  std::vector<PixelRect> work;    // fresh ∩ extent: what the node renders
+  std::vector<char> carried;      // whether part of `needed` is carried over
   std::vector<std::vector<PixelRect>> roi;
 };
 
-void computeRegions(const Plan& plan, const PixelRect& tile, Regions& r) {
+// Whether a node that holds `held` from the tile above can keep part of it for `needed`: the
+// same columns, and `needed` reaching from below `held` into it, no higher than its top.
+bool carries(const PixelRect& held, const PixelRect& needed) {
+  return !held.empty() && !needed.empty() && held.x == needed.x && held.width == needed.width && needed.y <= held.y &&
+         needed.maxY() > held.y && needed.maxY() <= held.maxY();
+}
+
+// Whether a node that rendered `last` continues with `work`: the tile directly below it.
+bool continues(const ImageNode& node, const PixelRect& last, const PixelRect& work) {
+  return node.continuesDown() && !last.empty() && !work.empty() && last.x == work.x && last.width == work.width &&
+         last.y == work.maxY();
+}
+
+// `held` is what each node holds from the tile above and `last` what it rendered last (empty:
+// nothing).
+void computeRegions(const Plan& plan, const PixelRect& tile, const std::vector<PixelRect>& held,
+                    const std::vector<PixelRect>& last, Regions& r) {
   const std::size_t n = plan.nodes.size();
   r.needed.assign(n, PixelRect{});
+  r.fresh.assign(n, PixelRect{});
   r.work.assign(n, PixelRect{});
+  r.carried.assign(n, 0);
   r.roi.resize(n);
   r.needed[0] = tile;
   for (std::size_t i = 0; i < n; ++i) {
     r.roi[i].assign(plan.inputs[i].size(), PixelRect{});
-    if (r.needed[i].empty()) continue;
-    r.work[i] = r.needed[i].intersection(plan.extent[i]);
+    const PixelRect& need = r.needed[i];
+    if (need.empty()) continue;
+    if (i < held.size() && carries(held[i], need)) {
+      r.carried[i] = 1;
+      r.fresh[i] = PixelRect{need.x, need.y, need.width, held[i].y - need.y};
+    } else {
+      r.fresh[i] = need;
+    }
+    r.work[i] = r.fresh[i].intersection(plan.extent[i]);
     if (r.work[i].empty()) continue;
+    const ImageNode& node = *plan.nodes[i];
+    const bool below = i < last.size() && continues(node, last[i], r.work[i]);
     for (std::size_t k = 0; k < plan.inputs[i].size(); ++k) {
       const int in = plan.inputs[i][k];
       if (in < 0) continue;
-      const PixelRect roi = plan.nodes[i]->regionOfInterest(k, r.work[i]);
+      const PixelRect roi = below ? node.regionOfInterestBelow(k, r.work[i]) : node.regionOfInterest(k, r.work[i]);
       r.roi[i][k] = roi;
       r.needed[std::size_t(in)] = r.needed[std::size_t(in)].unionWith(roi);
     }
   }
 }
 
-std::int64_t regionBytes(const Regions& r) {
-  std::int64_t total = 0;
-  for (const PixelRect& p : r.needed) total += p.area() * 16;
-  return total;
-}
-
-// Evaluates tiles of one plan; one per thread, reusing its buffers from tile to tile.
+// Evaluates the tiles of one column of a plan, top down, reusing its buffers from tile to tile
+// and carrying the rows that vertically adjacent tiles share.
 class TileEvaluator {
  public:
-  TileEvaluator(const Plan& plan, RenderInfo info) : plan_(plan), info_(info) {}
+  // keep[i]: whether node i's buffer is carried to the tile below (see Tiling::keep).
+  TileEvaluator(const Plan& plan, RenderInfo info, std::vector<char> keep)
+      : plan_(plan),
+        info_(info),
+        keep_(std::move(keep)),
+        held_(plan.nodes.size()),
+        last_(plan.nodes.size()),
+        buffer_(plan.nodes.size(), -1),
+        state_(plan.nodes.size()) {}
 
-  // Renders `tile` of the root and returns a view of it (valid until the next call).
+  // Renders `tile` of the root and returns a view of it (valid until the next call). After an
+  // exception the evaluator is not used again: the render it belongs to has failed.
   ConstPixelTile evaluate(const PixelRect& tile) {
-    computeRegions(plan_, tile, regions_);
+    computeRegions(plan_, tile, held_, last_, regions_);
     const std::size_t n = plan_.nodes.size();
-    held_.assign(n, -1);
-    remaining_ = plan_.edges;
-    free_.clear();
-    for (std::size_t b = 0; b < buffers_.size(); ++b) free_.push_back(int(b));
+    // Buffers held from the tile above that this tile cannot use go back to the pool.
+    for (std::size_t i = 0; i < n; ++i)
+      if (buffer_[i] >= 0 && !regions_.carried[i]) drop(i);
+    std::vector<int> remaining = plan_.edges;
     std::vector<ConstPixelTile> ins;
     for (std::size_t ii = n; ii-- > 0;) {
       const PixelRect& need = regions_.needed[ii];
       if (need.empty()) continue;
       if (need.area() > kMaxBufferPixels)
         throw CIRenderError("the region of interest of \"" + plan_.nodes[ii]->name() + "\" is too large to render");
-      const int b = acquire(std::size_t(need.area()) * 4);
-      held_[ii] = b;
-      float* base = buffers_[std::size_t(b)].data();
+      if (regions_.carried[ii])
+        shiftDown(ii, need);
+      else
+        buffer_[ii] = acquire(std::size_t(need.area()) * 4);
+      held_[ii] = need;
+      float* base = buffers_[std::size_t(buffer_[ii])].data();
       const PixelRect& work = regions_.work[ii];
       if (!work.empty()) {
         ins.clear();
@@ -143,24 +182,47 @@ class TileEvaluator {
             ins.push_back(view(std::size_t(in), roi));
         }
         PixelTile out{base + ((work.y - need.y) * need.width + (work.x - need.x)) * 4, work, need.width * 4};
+        info_.state = &state_[ii];
         plan_.nodes[ii]->render(out, ins, info_);
+        last_[ii] = work;
       }
       for (int in : plan_.inputs[ii]) {
         if (in < 0) continue;
-        if (--remaining_[std::size_t(in)] == 0 && held_[std::size_t(in)] >= 0) {
-          release(held_[std::size_t(in)]);
-          held_[std::size_t(in)] = -1;
-        }
+        const auto k = std::size_t(in);
+        if (--remaining[k] == 0 && buffer_[k] >= 0 && !keep_[k]) drop(k);
       }
     }
-    return view(0, tile);
+    const ConstPixelTile result = view(0, tile);
+    const int resultBuffer = buffer_[0];
+    if (!keep_[0]) drop(0);  // stays intact until the next acquire
+    // Free buffers far larger than this tile needed (the first tile of a column may need much
+    // more than the others) give their memory back.
+    std::size_t largest = 0;
+    for (const PixelRect& need : regions_.needed) largest = std::max(largest, std::size_t(need.area()) * 4);
+    for (int b : free_) {
+      auto& buf = buffers_[std::size_t(b)];
+      if (buf.capacity() > 2 * largest && b != resultBuffer) std::vector<float>().swap(buf);
+    }
+    return result;
   }
 
  private:
   ConstPixelTile view(std::size_t node, const PixelRect& rect) const {
-    const PixelRect& need = regions_.needed[node];
-    const float* base = buffers_[std::size_t(held_[node])].data();
+    const PixelRect& need = held_[node];
+    const float* base = buffers_[std::size_t(buffer_[node])].data();
     return ConstPixelTile{base + ((rect.y - need.y) * need.width + (rect.x - need.x)) * 4, rect, need.width * 4};
+  }
+
+  // Moves the rows of node i's buffer that `need` keeps to their place in `need` (they are its
+  // top rows) and clears the fresh rows below them.
+  void shiftDown(std::size_t i, const PixelRect& need) {
+    auto& buf = buffers_[std::size_t(buffer_[i])];
+    const std::size_t rowFloats = std::size_t(need.width) * 4;
+    const std::size_t freshRows = std::size_t(held_[i].y - need.y);
+    const std::size_t keptRows = std::size_t(need.maxY() - held_[i].y);
+    buf.resize(std::size_t(need.area()) * 4);
+    std::memmove(buf.data() + freshRows * rowFloats, buf.data(), keptRows * rowFloats * sizeof(float));
+    std::memset(buf.data(), 0, freshRows * rowFloats * sizeof(float));
   }
 
   int acquire(std::size_t floats) {
@@ -181,46 +243,104 @@ class TileEvaluator {
     buf.assign(floats, 0.0f);
     return best;
   }
-  void release(int b) { free_.push_back(b); }
+  void drop(std::size_t node) {
+    free_.push_back(buffer_[node]);
+    buffer_[node] = -1;
+    held_[node] = PixelRect{};
+  }
 
   const Plan& plan_;
   RenderInfo info_;
+  std::vector<char> keep_;
   Regions regions_;
-  std::vector<int> held_, remaining_, free_;
+  std::vector<PixelRect> held_;  // per node, the region its buffer holds
+  std::vector<PixelRect> last_;  // per node, the region it rendered last
+  std::vector<int> buffer_;      // per node, its buffer (-1: none)
+  std::vector<std::shared_ptr<void>> state_;  // per node, its RenderInfo::state
+  std::vector<int> free_;
   std::vector<std::vector<float>> buffers_;
 };
 
-int chooseTileSize(const Plan& plan, const PixelRect& bounds, int requested) {
-  if (requested > 0) return std::clamp(requested, 16, 8192);
-  static constexpr int kSizes[] = {32, 64, 128, 256, 512, 1024, 2048};
-  Regions r;
-  struct Probe {
-    int size;
-    double ratio;
-    std::int64_t bytes;
-  };
-  std::vector<Probe> probes;
-  for (int ts : kSizes) {
-    const PixelRect tile = PixelRect{bounds.x, bounds.y, std::min<std::int64_t>(ts, bounds.width),
-                                     std::min<std::int64_t>(ts, bounds.height)};
-    computeRegions(plan, tile, r);
-    const std::int64_t bytes = regionBytes(r);
-    probes.push_back({ts, double(bytes) / double(tile.area() * 16), bytes});
-    if (ts >= bounds.width && ts >= bounds.height) break;  // larger tiles are the same tile
+// How a render is cut: columns of `width` pixels, each rendered top down in tiles of `height`
+// rows by one worker.
+struct Tiling {
+  std::int64_t width = 256, height = 256;
+  // Per node, whether the tile below carries part of its buffer over (probed on two tiles):
+  // only those buffers are kept from one tile to the next.
+  std::vector<char> keep;
+};
+
+// The regions of a tile of `width` × `height` at the top of `bounds` and, when there is one, of
+// the tile below it with what the first left behind; returns those of the second (steady) tile.
+const Regions& probeTiles(const Plan& plan, const PixelRect& bounds, std::int64_t width, std::int64_t height,
+                          Regions& first, Regions& steady) {
+  static const std::vector<PixelRect> none;
+  const PixelRect top{bounds.x, std::max(bounds.y, bounds.maxY() - height), width, std::min(height, bounds.height)};
+  computeRegions(plan, top, none, none, first);
+  const std::int64_t y0 = std::max(bounds.y, top.y - height);
+  if (y0 >= top.y) return first;
+  computeRegions(plan, PixelRect{bounds.x, y0, width, top.y - y0}, first.needed, first.work, steady);
+  return steady;
+}
+
+Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, std::int64_t height) {
+  Regions first, steady;
+  const Regions& r = probeTiles(plan, bounds, width, height, first, steady);
+  Tiling t{width, height, std::vector<char>(plan.nodes.size(), 0)};
+  if (&r == &steady) t.keep = steady.carried;
+  return t;
+}
+
+// The tiling of a render. A worker per column, so that each carries its own column's margins
+// from tile to tile; columns no narrower than 256 pixels (narrower when the budget demands).
+// The tile height is probed: the cost of a tile in the steady state (with the rows carried
+// from the tile above) counts the pixels every node computes and reads; the lowest tile whose
+// cost is close to the best, of at least kMinTilePixels, within the memory budget.
+Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, int threads) {
+  if (requested > 0) {
+    const std::int64_t t = std::clamp(requested, 16, 8192);
+    return withKeep(plan, bounds, t, t);
   }
-  double best = 1e300;
-  for (const Probe& p : probes)
-    if (p.bytes <= kTileBudgetBytes) best = std::min(best, p.ratio);
-  if (best == 1e300) return probes.front().size;  // nothing fits the budget: the smallest
-  // Tiles whose overhead (buffer pixels per output pixel) is close to the best: the smallest of
-  // at least 256 pixels, or the largest when all are smaller (small renders).
-  int choice = 0;
-  for (const Probe& p : probes) {
-    if (p.bytes > kTileBudgetBytes || p.ratio > best * 1.25) continue;
-    if (p.size >= 256) return p.size;
-    choice = p.size;
+  constexpr std::int64_t kMinTilePixels = 1 << 16;
+  static constexpr std::int64_t kHeights[] = {16, 32, 64, 128, 256, 512, 1024};
+  std::int64_t columns = std::clamp<std::int64_t>((bounds.width + 255) / 256, 1, std::max(threads, 1));
+  Regions first, steady;
+  for (;;) {
+    const std::int64_t width = (bounds.width + columns - 1) / columns;
+    struct Probe {
+      std::int64_t height;
+      double cost;
+    };
+    std::vector<Probe> probes;
+    bool fits = false;
+    for (std::int64_t h : kHeights) {
+      const Regions& r = probeTiles(plan, bounds, width, h, first, steady);
+      const PixelRect& tile = r.needed[0];
+      std::int64_t bytes = 0, pixels = 0;
+      for (std::size_t i = 0; i < r.needed.size(); ++i) {
+        bytes += r.needed[i].area() * 16 * columns;
+        pixels += r.work[i].area();
+        for (const PixelRect& roi : r.roi[i]) pixels += roi.area();
+      }
+      if (bytes > kTileBudgetBytes) {
+        if (probes.empty()) probes.push_back({h, 0.0});
+        break;
+      }
+      fits = true;
+      probes.push_back({h, double(pixels) / double(tile.area())});
+      if (h >= bounds.height) break;
+    }
+    if (!fits && width > 16) {
+      columns *= 2;  // even the lowest tiles are over the budget: narrower columns
+      continue;
+    }
+    double best = probes.front().cost;
+    for (const Probe& p : probes) best = std::min(best, p.cost);
+    for (const Probe& p : probes)
+      if (p.cost <= best * 1.1 && (p.height * width >= kMinTilePixels || p.height >= bounds.height))
+        return withKeep(plan, bounds, width, p.height);
+    return withKeep(plan, bounds, width, probes.back().height);
   }
-  return choice ? choice : 256;
 }
 
 struct Progress {
@@ -273,47 +393,75 @@ void store(const ConstPixelTile& t, const PixelRect& bounds, void* buffer, std::
   }
 }
 
-// Renders `bounds` of the plan's root in tiles of `tileSize`, on `threads` threads.
-void renderTiles(const Plan& plan, const PixelRect& bounds, int tileSize, void* buffer, std::ptrdiff_t rowBytes,
-                 CIRenderFormat format, const CIContextOptions& options, RenderCache& cache, Progress& progress) {
-  if (bounds.empty()) return;
-  const std::int64_t cols = (bounds.width + tileSize - 1) / tileSize, rows = (bounds.height + tileSize - 1) / tileSize;
-  const std::size_t count = std::size_t(cols * rows);
-  RenderInfo info;
-  info.colorManaged = options.colorManagement;
-  info.cache = &cache;
-  auto tileRect = [&](std::size_t i) {
-    const std::int64_t c = std::int64_t(i) % cols, r = std::int64_t(i) / cols;
-    // Tiles run from the top row down, so that strips reach the encoder in order.
-    const std::int64_t y1 = bounds.maxY() - r * tileSize;
-    const std::int64_t y0 = std::max(bounds.y, y1 - tileSize);
-    const std::int64_t x0 = bounds.x + c * tileSize;
-    return PixelRect{x0, y0, std::min<std::int64_t>(tileSize, bounds.maxX() - x0), y1 - y0};
-  };
-  auto one = [&](TileEvaluator& ev, std::size_t i) {
-    const PixelRect t = tileRect(i);
-    const ConstPixelTile result = ev.evaluate(t);
-    store(result, bounds, buffer, rowBytes, format, options.colorManagement);
-    progress.tileDone();
-  };
-  const int threads = options.threads > 0 ? options.threads : tbb::this_task_arena::max_concurrency();
-  if (threads == 1 || count == 1) {
-    TileEvaluator ev(plan, info);
-    for (std::size_t i = 0; i < count; ++i) one(ev, i);
-    return;
-  }
-  tbb::enumerable_thread_specific<TileEvaluator> evaluators([&] { return TileEvaluator(plan, info); });
-  tbb::task_arena arena(threads);
-  arena.execute([&] {
-    tbb::parallel_for(
-        tbb::blocked_range<std::size_t>(0, count, 1),
-        [&](const tbb::blocked_range<std::size_t>& range) {
-          TileEvaluator& ev = evaluators.local();
-          for (std::size_t i = range.begin(); i != range.end(); ++i) one(ev, i);
-        },
-        tbb::simple_partitioner());
-  });
+int renderThreads(const CIContextOptions& options) {
+  return options.threads > 0 ? options.threads : tbb::this_task_arena::max_concurrency();
 }
+
+// Renders rows of a plan's root column by column, each column by its own evaluator, which is
+// kept from one call to the next: a render in strips still carries every column's margins
+// down the whole image. Tiles run from the top row down, so that strips reach an encoder in
+// order.
+class ColumnRenderer {
+ public:
+  ColumnRenderer(const Plan& plan, const PixelRect& bounds, const CIContextOptions& options, Progress& progress)
+      : plan_(plan),
+        bounds_(bounds),
+        options_(options),
+        threads_(renderThreads(options)),
+        tiling_(chooseTiling(plan, bounds, options.tileSize, threads_)),
+        columns_(std::size_t((bounds.width + tiling_.width - 1) / tiling_.width)),
+        progress_(progress),
+        arena_(threads_) {
+    RenderInfo info;
+    info.colorManaged = options.colorManagement;
+    info.cache = &cache_;
+    evaluators_.reserve(columns_);
+    for (std::size_t c = 0; c < columns_; ++c) evaluators_.emplace_back(plan, info, tiling_.keep);
+  }
+
+  const Tiling& tiling() const { return tiling_; }
+  std::size_t tilesIn(std::int64_t rows) const {
+    return columns_ * std::size_t((rows + tiling_.height - 1) / tiling_.height);
+  }
+
+  // Renders `rows` (the full width of the bounds) into `buffer`, row 0 = the top row of `rows`.
+  void render(const PixelRect& rows, void* buffer, std::ptrdiff_t rowBytes, CIRenderFormat format) {
+    auto column = [&](std::size_t c) {
+      const std::int64_t x0 = bounds_.x + std::int64_t(c) * tiling_.width;
+      const std::int64_t w = std::min(tiling_.width, bounds_.maxX() - x0);
+      for (std::int64_t y1 = rows.maxY(); y1 > rows.y; y1 -= tiling_.height) {
+        const std::int64_t y0 = std::max(rows.y, y1 - tiling_.height);
+        const ConstPixelTile result = evaluators_[c].evaluate(PixelRect{x0, y0, w, y1 - y0});
+        store(result, rows, buffer, rowBytes, format, options_.colorManagement);
+        progress_.tileDone();
+      }
+    };
+    if (threads_ == 1 || columns_ == 1) {
+      for (std::size_t c = 0; c < columns_; ++c) column(c);
+      return;
+    }
+    arena_.execute([&] {
+      tbb::parallel_for(
+          tbb::blocked_range<std::size_t>(0, columns_, 1),
+          [&](const tbb::blocked_range<std::size_t>& range) {
+            for (std::size_t c = range.begin(); c != range.end(); ++c) column(c);
+          },
+          tbb::simple_partitioner());
+    });
+  }
+
+ private:
+  const Plan& plan_;
+  PixelRect bounds_;
+  const CIContextOptions& options_;
+  int threads_;
+  Tiling tiling_;
+  std::size_t columns_;
+  Progress& progress_;
+  RenderCache cache_;
+  std::vector<TileEvaluator> evaluators_;
+  tbb::task_arena arena_;
+};
 
 PixelRect renderBounds(const CIImage& image, const CGRect& bounds) {
   if (!image) throw CIRenderError("cannot render a nil image");
@@ -346,10 +494,9 @@ void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowByt
   if (!buffer) throw CIRenderError("cannot render into a null buffer");
   if (rowBytes < b.width * bytesPerPixel(format)) throw CIRenderError("the buffer's rows are too short for the bounds");
   const Plan plan = makePlan(image.node().get());
-  const int ts = chooseTileSize(plan, b, options_.tileSize);
-  progress.total = std::size_t(((b.width + ts - 1) / ts) * ((b.height + ts - 1) / ts));
-  RenderCache cache;
-  renderTiles(plan, b, ts, buffer, rowBytes, format, options_, cache, progress);
+  ColumnRenderer renderer(plan, b, options_, progress);
+  progress.total = renderer.tilesIn(b.height);
+  renderer.render(b, buffer, rowBytes, format);
   progress.finish();
 }
 
@@ -366,25 +513,22 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
     throw CIRenderError("cannot write " + path + ": " + CGImageDestinationGetLastError(dest));
 
   const Plan plan = makePlan(image.node().get());
-  const int ts = chooseTileSize(plan, b, options_.tileSize);
-  // Strips of whole tile rows, top down: the encoder never sees the whole image at once.
-  const std::int64_t stripRows = std::max<std::int64_t>(ts, 64);
-  const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
   Progress progress;
   progress.fn = options_.progress;
+  ColumnRenderer renderer(plan, b, options_, progress);
+  // Strips of whole tile rows, at least 256 rows, top down: the encoder never sees the whole
+  // image at once.
+  const std::int64_t th = renderer.tiling().height;
+  const std::int64_t stripRows = std::min(b.height, th * std::max<std::int64_t>(1, (256 + th - 1) / th));
+  const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
   progress.total = 0;
-  for (std::int64_t s = 0; s < strips; ++s) {
-    const std::int64_t h = std::min(stripRows, b.height - s * stripRows);
-    progress.total += std::size_t(((b.width + ts - 1) / ts) * ((h + ts - 1) / ts));
-  }
-  RenderCache cache;
+  for (std::int64_t s = 0; s < strips; ++s) progress.total += renderer.tilesIn(std::min(stripRows, b.height - s * stripRows));
   const std::ptrdiff_t rowBytes = b.width * 4;
-  std::vector<std::uint8_t> strip(std::size_t(rowBytes) * std::size_t(std::min(stripRows, b.height)));
+  std::vector<std::uint8_t> strip(std::size_t(rowBytes) * std::size_t(stripRows));
   for (std::int64_t s = 0; s < strips; ++s) {
     const std::int64_t top = b.maxY() - s * stripRows;
     const std::int64_t h = std::min(stripRows, top - b.y);
-    const PixelRect sb{b.x, top - h, b.width, h};
-    renderTiles(plan, sb, ts, strip.data(), rowBytes, CIRenderFormat::RGBA8, options_, cache, progress);
+    renderer.render(PixelRect{b.x, top - h, b.width, h}, strip.data(), rowBytes, CIRenderFormat::RGBA8);
     if (!CGImageDestinationWriteRows(dest, strip.data(), std::size_t(rowBytes), std::size_t(h)))
       throw CIRenderError("cannot write " + path + ": " + CGImageDestinationGetLastError(dest));
   }

@@ -1,6 +1,7 @@
-// CIContext: the renderer. Splits a requested rectangle into tiles, propagates regions of
-// interest down the graph, runs tiles on a thread pool, and converts working pixels to the
-// requested format at the edge.
+// CIContext: the renderer. Splits a requested rectangle into columns, one worker each on a
+// thread pool, and each column into tiles rendered from the top down; propagates regions of
+// interest down the graph, carries the rows that vertically adjacent tiles share from one
+// tile to the next, and converts working pixels to the requested format at the edge.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +28,7 @@ enum class CIRenderFormat {
 struct CIContextOptions {
   bool colorManagement = true;
   int threads = 0;   // 0: one per core
-  int tileSize = 0;  // 0: chosen per render
+  int tileSize = 0;  // square tiles of this size; 0: columns and tile height chosen per render
   // Called with the fraction done (0..1), from any thread, at most once per tile; 1 always last.
   std::function<void(double)> progress;
 };

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -67,6 +68,9 @@ struct RenderInfo {
   // Per-render store shared by all tiles and threads of one render (e.g. a provider's whole
   // image, converted once); null outside a render. See CoreImage/Render/RenderCache.h.
   RenderCache* cache = nullptr;
+  // The node's own slot for state kept between the tiles one worker renders: a worker renders
+  // a column of tiles from the top down (see ImageNode::continuesDown); null outside a render.
+  std::shared_ptr<void>* state = nullptr;
 };
 
 class ImageNode : public Object {
@@ -82,6 +86,15 @@ class ImageNode : public Object {
   // Produce out.rect. `out` arrives cleared to transparent. in[i] covers exactly
   // regionOfInterest(i, out.rect), transparent wherever input i has no pixels.
   virtual void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const = 0;
+  // Nodes that keep what they read from one tile to the next, in RenderInfo::state, answer
+  // true. The renderer then asks regionOfInterestBelow for a tile directly below the one the
+  // node rendered last in the same worker (the same columns, its top row adjoining that tile's
+  // bottom row), and the node must recognise the same continuation from its state; for any
+  // other tile it asks regionOfInterest, and the node must start afresh.
+  virtual bool continuesDown() const { return false; }
+  virtual PixelRect regionOfInterestBelow(std::size_t index, const PixelRect& rect) const {
+    return regionOfInterest(index, rect);
+  }
   // A short name for graph dumps ("crop", "transform", "CIGaussianBlur"...).
   virtual std::string name() const = 0;
 

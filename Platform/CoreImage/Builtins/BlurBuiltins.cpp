@@ -63,11 +63,22 @@ double clampRadius(double r, double limit = kMaxRadius) { return std::isfinite(r
 // Premultiplied working-space luminance (Rec. 709 weights).
 inline float luminance(const float* p) { return 0.2126f * p[0] + 0.7152f * p[1] + 0.0722f * p[2]; }
 
+// A separable filter as two nodes, the passes along x and then those along y. Apart, the rows
+// that vertically adjacent tiles share are filtered along x once: box passes along y stream
+// down each column of tiles (their cost per tile independent of the radius), and the renderer
+// carries the horizontal node's rows to the tile below for the other passes.
 CIImage separableImage(const char* name, const CIImage& image, const SeparablePlan& plan) {
   const int sx = plan.supportX(), sy = plan.supportY();
-  return BlurNode::make(name, growExtent(image.extent(), sx, sy), {image}, sx, sy,
+  const CIImage rows = BlurNode::make(std::string(name) + " rows", growExtent(image.extent(), sx, 0), {image}, sx, 0,
+                                      [plan](const PixelTile& out, std::span<const ConstPixelTile> in) {
+                                        qv::blur::applyHorizontal(in[0], out, plan);
+                                      });
+  if (plan.vertical.empty()) return rows;
+  const bool boxes = std::none_of(plan.vertical.begin(), plan.vertical.end(), [](const auto& p) { return p.fir; });
+  if (boxes) return qv::blur::boxColumnsImage(name, rows, plan.vertical);
+  return BlurNode::make(name, growExtent(rows.extent(), 0, sy), {rows}, 0, sy,
                         [plan](const PixelTile& out, std::span<const ConstPixelTile> in) {
-                          qv::blur::applySeparable(in[0], out, plan);
+                          qv::blur::applyVertical(in[0], out, plan);
                         });
 }
 

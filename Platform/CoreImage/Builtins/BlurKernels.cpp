@@ -46,7 +46,7 @@ QV_BLUR_NO_TRAPS inline float gridValue(double v) {
 QV_BLUR_NO_TRAPS inline float onGrid(float v) { return gridValue(double(v)); }
 
 struct Scratch {
-  std::vector<float> rows, rowA, rowB, stripA, stripB;
+  std::vector<float> rowA, rowB, stripA, stripB;
   std::vector<double> sums;
 };
 
@@ -242,21 +242,17 @@ SeparablePlan planBox(int rx, int ry) {
   return plan;
 }
 
-void applySeparable(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan) {
+void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan) {
   thread_local Scratch scratch;
-  const std::int64_t W = out.rect.width, H = out.rect.height;
-  if (W <= 0 || H <= 0) return;
-  const int sx = plan.supportX(), sy = plan.supportY();
-  const std::int64_t rowsH = H + 2 * sy;
+  const std::int64_t W = out.rect.width;
+  if (W <= 0 || out.rect.height <= 0) return;
+  const int sx = plan.supportX();
   const std::int64_t nIn = W + 2 * sx;
-
-  // Along x: each input row through the horizontal passes into `rows` (W wide, rowsH tall).
-  float* rows = sized(scratch.rows, std::size_t(rowsH * W * 4));
   float* rowA = sized(scratch.rowA, std::size_t(nIn * 4));
   float* rowB = sized(scratch.rowB, std::size_t(nIn * 4));
-  for (std::int64_t r = 0; r < rowsH; ++r) {
-    const float* src = in.at(out.rect.x - sx, out.rect.y - sy + r);
-    float* dstRow = rows + r * W * 4;
+  for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
+    const float* src = in.at(out.rect.x - sx, y);
+    float* dstRow = out.row(y);
     if (plan.horizontal.empty()) {
       copyOnGrid(src, dstRow, W * 4);
       continue;
@@ -273,8 +269,16 @@ void applySeparable(const ConstPixelTile& in, const PixelTile& out, const Separa
       n = nOut;
     }
   }
+}
 
-  // Along y: strips of columns narrow enough to stay in cache through all vertical passes.
+void applyVertical(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan) {
+  thread_local Scratch scratch;
+  const std::int64_t W = out.rect.width, H = out.rect.height;
+  if (W <= 0 || H <= 0) return;
+  const int sy = plan.supportY();
+  const std::int64_t rowsH = H + 2 * sy;
+  const float* rows = in.at(out.rect.x, out.rect.y - sy);
+  // Strips of columns narrow enough to stay in cache through all vertical passes.
   const std::int64_t stripPx = 64;
   float* stripA = sized(scratch.stripA, std::size_t(rowsH * stripPx * 4));
   float* stripB = sized(scratch.stripB, std::size_t(rowsH * stripPx * 4));
@@ -283,11 +287,12 @@ void applySeparable(const ConstPixelTile& in, const PixelTile& out, const Separa
     const std::int64_t nf = std::min(stripPx, W - x0) * 4;
     float* outBase = out.row(out.rect.y) + x0 * 4;
     if (plan.vertical.empty()) {
-      for (std::int64_t j = 0; j < H; ++j) std::memcpy(outBase + j * out.stride, rows + j * W * 4 + x0 * 4, std::size_t(nf) * sizeof(float));
+      for (std::int64_t j = 0; j < H; ++j)
+        std::memcpy(outBase + j * out.stride, rows + (j + sy) * in.stride + x0 * 4, std::size_t(nf) * sizeof(float));
       continue;
     }
     const float* cur = rows + x0 * 4;
-    std::ptrdiff_t curStride = W * 4;
+    std::ptrdiff_t curStride = in.stride;
     std::int64_t n = rowsH;
     for (std::size_t i = 0; i < plan.vertical.size(); ++i) {
       const Pass1D& p = plan.vertical[i];
@@ -301,6 +306,15 @@ void applySeparable(const ConstPixelTile& in, const PixelTile& out, const Separa
       n = nOut;
     }
   }
+}
+
+void applySeparable(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan) {
+  thread_local std::vector<float> rows;
+  if (out.rect.empty()) return;
+  const PixelRect rowsRect = out.rect.outset(0, plan.supportY());
+  const PixelTile rowsTile{sized(rows, std::size_t(rowsRect.area() * 4)), rowsRect, rowsRect.width * 4};
+  applyHorizontal(in, rowsTile, plan);
+  applyVertical(ConstPixelTile{rowsTile.pixels, rowsRect, rowsTile.stride}, out, plan);
 }
 
 // ---- Discs ----
@@ -579,6 +593,130 @@ void BlurNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, 
   std::vector<ConstPixelTile> tiles(in.size());
   for (std::size_t i = 0; i < in.size(); ++i) tiles[i] = coverRegion(in[i], roi_(i, a), storage[i]);
   render_(sub, tiles);
+}
+
+namespace {
+
+// One box pass of a column stream. Input rows arrive from the top down; slot(y) is where input
+// row y lives in the ring (the last 2·support + 2 rows). After row n has arrived, the window
+// sum `sums` covers input rows [n + off, n + off + 2l], and the pass can emit row n + support.
+struct BoxStreamPass {
+  int l = 0, off = 0, support = 0;
+  double norm = 1, edge = 0;
+  std::int64_t count = 0, capacity = 0, nf = 0;
+  std::vector<float> ring;
+  std::vector<double> sums;
+
+  BoxStreamPass(const Pass1D& p, std::int64_t floatsPerRow)
+      : l(p.l), off(p.edge > 0 ? 1 : 0), support(p.support()), norm(1.0 / (2.0 * p.l + 1.0 + 2.0 * double(p.edge))),
+        edge(p.edge), capacity(2 * p.support() + 2), nf(floatsPerRow),
+        ring(std::size_t(capacity * floatsPerRow)), sums(std::size_t(floatsPerRow)) {}
+  float* slot(std::int64_t y) { return ring.data() + ((y % capacity + capacity) % capacity) * nf; }
+};
+
+QV_BLUR_CLONES void addRows(double* sums, const float* add, const float* sub, std::int64_t nf) {
+  for (std::int64_t i = 0; i < nf; ++i) sums[i] += double(add[i]) - double(sub[i]);
+}
+
+QV_BLUR_CLONES void emitRow(float* out, const double* sums, double norm, std::int64_t nf) {
+  for (std::int64_t i = 0; i < nf; ++i) out[i] = gridValue(sums[i] * norm);
+}
+
+QV_BLUR_CLONES void emitRowEdges(float* out, const double* sums, const float* a, const float* b, double edge,
+                                 double norm, std::int64_t nf) {
+  for (std::int64_t i = 0; i < nf; ++i) out[i] = gridValue((sums[i] + edge * (double(a[i]) + double(b[i]))) * norm);
+}
+
+class BoxColumnsNode final : public ImageNode {
+ public:
+  BoxColumnsNode(std::string name, const CIImage& input, std::vector<Pass1D> passes, int support)
+      : ImageNode(growExtent(input.extent(), 0, support), {input}),
+        name_(std::move(name)),
+        passes_(std::move(passes)),
+        support_(support) {}
+
+  PixelRect regionOfInterest(std::size_t, const PixelRect& rect) const override { return rect.outset(0, support_); }
+  PixelRect regionOfInterestBelow(std::size_t, const PixelRect& rect) const override {
+    return rect.offset(0, -support_);
+  }
+  bool continuesDown() const override { return true; }
+  std::string name() const override { return name_; }
+
+  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
+    const std::int64_t nf = out.rect.width * 4;
+    std::shared_ptr<void> local;
+    std::shared_ptr<void>& slot = info.state ? *info.state : local;
+    auto* stream = static_cast<Stream*>(slot.get());
+    const bool continuing = stream && !stream->last.empty() && stream->last.x == out.rect.x &&
+                            stream->last.width == out.rect.width && stream->last.y == out.rect.maxY();
+    if (!continuing) {
+      auto fresh = std::make_shared<Stream>();
+      for (const Pass1D& p : passes_) fresh->passes.emplace_back(p, nf);
+      slot = fresh;
+      stream = fresh.get();
+    }
+    // Input rows not seen yet, top down: each yields exactly one output row once the passes
+    // are primed (a fresh stream first reads the 2·support rows above the tile's bottom row).
+    const std::int64_t top = continuing ? out.rect.maxY() - support_ : out.rect.maxY() + support_;
+    for (std::int64_t y = top - 1; y >= out.rect.y - support_; --y) {
+      std::memcpy(stream->passes[0].slot(y), in[0].at(out.rect.x, y), std::size_t(nf) * sizeof(float));
+      push(*stream, 0, y, out);
+    }
+    stream->last = out.rect;
+  }
+
+ private:
+  struct Stream {
+    PixelRect last;
+    std::vector<BoxStreamPass> passes;
+  };
+
+  // Input row n of pass p has just been stored in its ring: slide the window and emit row
+  // n + support into the next pass's ring or, from the last pass, into `out`.
+  void push(Stream& stream, std::size_t p, std::int64_t n, const PixelTile& out) const {
+    BoxStreamPass& ps = stream.passes[p];
+    const std::int64_t nf = ps.nf;
+    if (++ps.count < 2 * ps.support + 1) return;
+    double* sums = ps.sums.data();
+    if (ps.count == 2 * ps.support + 1) {
+      std::fill(ps.sums.begin(), ps.sums.end(), 0.0);
+      for (int k = 0; k <= 2 * ps.l; ++k) {
+        const float* r = ps.slot(n + ps.off + k);
+        for (std::int64_t i = 0; i < nf; ++i) sums[i] += double(r[i]);
+      }
+    } else {
+      addRows(sums, ps.slot(n + ps.off), ps.slot(n + ps.off + 2 * ps.l + 1), nf);
+    }
+    const std::int64_t y = n + ps.support;
+    const bool last = p + 1 == stream.passes.size();
+    thread_local std::vector<float> spare;
+    float* dst;
+    if (!last) {
+      dst = stream.passes[p + 1].slot(y);
+    } else if (y >= out.rect.y && y < out.rect.maxY()) {
+      dst = out.row(y);
+    } else {
+      if (spare.size() < std::size_t(nf)) spare.resize(std::size_t(nf));
+      dst = spare.data();
+    }
+    if (ps.off)
+      emitRowEdges(dst, sums, ps.slot(n), ps.slot(n + 2 * ps.support), ps.edge, ps.norm, nf);
+    else
+      emitRow(dst, sums, ps.norm, nf);
+    if (!last) push(stream, p + 1, y, out);
+  }
+
+  std::string name_;
+  std::vector<Pass1D> passes_;
+  int support_;
+};
+
+}  // namespace
+
+CIImage boxColumnsImage(std::string name, const CIImage& input, std::vector<Pass1D> passes) {
+  int support = 0;
+  for (const Pass1D& p : passes) support += p.support();
+  return CIImage(std::make_shared<BoxColumnsNode>(std::move(name), input, std::move(passes), support));
 }
 
 CIImage BlurNode::make(std::string name, CGRect extent, std::vector<CIImage> inputs, int sx, int sy, RenderFn render) {

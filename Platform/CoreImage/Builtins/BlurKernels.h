@@ -50,6 +50,12 @@ SeparablePlan planGaussian(double sigma);
 SeparablePlan planBox(int rx, int ry);
 
 void applySeparable(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
+// The two halves of applySeparable, for graphs that run them as two nodes: `in` covers out.rect
+// grown by supportX() along x, respectively supportY() along y. The horizontal half rounds its
+// input to the summation grid (its output is on the grid); the vertical half expects its input
+// on the grid, as the horizontal half leaves it.
+void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
+void applyVertical(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
 
 // Mean over the disc of radius r: pixel offsets with dx² + dy² <= r². When ringAmount is not
 // 0, the annulus r·(1 − ringSize) < |d| <= r weighs 1 + ringAmount instead of 1 (a bokeh

@@ -39,4 +39,12 @@ class BlurNode final : public ImageNode {
   RenderFn render_;
 };
 
+// The vertical passes of a separable plan whose passes are all boxes, as a node that streams
+// down a column of tiles: for a tile directly below the one it rendered last, it reads only the
+// input rows it has not seen, keeping per pass a ring of the rows its window still needs and the
+// window's running sum (exact, see BlurKernels.h), so that its cost per tile does not depend on
+// the support. `input` must be on the summation grid (as applyHorizontal leaves it). The
+// extent is the input's grown by the passes' support along y.
+CIImage boxColumnsImage(std::string name, const CIImage& input, std::vector<Pass1D> passes);
+
 }  // namespace qv::blur

@@ -1,0 +1,96 @@
+// Columns rendered top down: the rows that vertically adjacent tiles share are carried from one
+// tile to the next (buffers of nodes with margins, the streaming box passes of the blurs), and
+// the pixels must not depend on it.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "CoreImage/CIContext.h"
+#include "CoreImage/CIFilter.h"
+#include "CoreImage/CIVector.h"
+#include "CoreImage/ImageNode.h"
+#include "RenderSupport.h"
+
+namespace {
+
+CIContextOptions tiles(int tileSize, int threads) {
+  CIContextOptions o;
+  o.tileSize = tileSize;
+  o.threads = threads;
+  return o;
+}
+
+CIImage filtered(const char* name, const CIImage& input, const std::string& key = {}, const Value& value = {}) {
+  auto f = CIFilter::filterWithName(name);
+  f->setDefaults();
+  f->setValue(input, kCIInputImageKey);
+  if (!key.empty()) f->setValue(value, key);
+  return f->outputImage();
+}
+
+CIImage clamped(const CIImage& image) { return image.imageByClampingToExtent(); }
+
+// Renders `rect` of `image` in one tile, and in tiles of 16 on one and on two threads, and
+// expects the same bits.
+void expectSameAcrossTilings(const CIImage& image, const CGRect& rect) {
+  const auto whole = renderRGBAf(image, rect, tiles(8192, 1));
+  for (int threads : {1, 2}) {
+    SCOPED_TRACE(threads);
+    const auto tiled = renderRGBAf(image, rect, tiles(16, threads));
+    EXPECT_TRUE(bitwiseEqual(whole, tiled)) << "max difference " << maxAbsDifference(whole, tiled);
+  }
+  const auto chosen = renderRGBAf(image, rect, tiles(0, 2));
+  EXPECT_TRUE(bitwiseEqual(whole, chosen)) << "max difference " << maxAbsDifference(whole, chosen);
+}
+
+}  // namespace
+
+TEST(ColumnCarry, GaussianWhoseSupportSpansManyTilesStreamsExactly) {
+  // σ 40: three box passes with a support of about 120 rows, over tiles of 16 rows.
+  const CIImage img = makeTestImageWithAlpha(90, 140, CGPointMake(3, -7), 5);
+  const CIImage blurred = filtered("CIGaussianBlur", clamped(img), kCIInputRadiusKey, Value(40.0));
+  expectSameAcrossTilings(blurred, CGRectMake(3, -7, 90, 140));
+}
+
+TEST(ColumnCarry, BoxAndSmallGaussianStreamExactly) {
+  const CIImage img = makeTestImage(70, 90, CGPointMake(-4, 2), 6);
+  expectSameAcrossTilings(filtered("CIBoxBlur", img, kCIInputRadiusKey, Value(9.0)), CGRectMake(-30, -25, 130, 150));
+  // Below σ 3 the vertical pass is an explicit kernel, whose input rows are carried instead.
+  expectSameAcrossTilings(filtered("CIGaussianBlur", img, kCIInputRadiusKey, Value(2.0)), CGRectMake(-10, -5, 90, 110));
+}
+
+TEST(ColumnCarry, BlurOfAVerticallyFlippedImageEqualsWhole) {
+  // Under a flip the input rows of the tile below lie above the rows read for this one: nothing
+  // can be carried or streamed from the input, and nothing wrong may be.
+  const CIImage img = makeTestImageWithAlpha(80, 120, CGPointMake(0, 0), 7);
+  const CIImage flipped = img.imageByApplyingTransform(CGAffineTransformMake(1, 0, 0, -1, 0, 120));
+  expectSameAcrossTilings(filtered("CIGaussianBlur", flipped, kCIInputRadiusKey, Value(12.0)), CGRectMake(-5, -5, 90, 130));
+  expectSameAcrossTilings(filtered("CIDiscBlur", flipped, kCIInputRadiusKey, Value(6.0)), CGRectMake(-5, -5, 90, 130));
+}
+
+TEST(ColumnCarry, NeighbourhoodChainsEqualWhole) {
+  // Margins over margins: the disc blur's input rows and the unsharp mask's Gaussian are
+  // carried, the morphology reads a window around every pixel.
+  const CIImage img = makeTestImageWithAlpha(100, 130, CGPointMake(2, 3), 8);
+  const CIImage chain = filtered("CIMorphologyMaximum",
+                                 filtered("CIUnsharpMask", filtered("CIDiscBlur", img, kCIInputRadiusKey, Value(5.0)),
+                                          kCIInputRadiusKey, Value(7.0)),
+                                 kCIInputRadiusKey, Value(3.0));
+  expectSameAcrossTilings(chain, CGRectMake(-10, -10, 120, 150));
+}
+
+TEST(ColumnCarry, FileWrittenInStripsEqualsOneRender) {
+  // Taller than one strip of the file writer: each column's stream runs on across strips.
+  const auto dir = std::filesystem::temp_directory_path() / "qv_engine_tests";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "carry_strips.png").string();
+  const CIImage img = makeTestImageWithAlpha(150, 700, CGPointMake(0, 0), 9);
+  const CIImage blurred =
+      filtered("CIGaussianBlur", clamped(img), kCIInputRadiusKey, Value(30.0)).imageByCroppingToRect(img.extent());
+  CIContext(tiles(0, 2)).writeToFile(blurred, path, CGRectNull);
+  const CIImage back = CIImage::imageWithContentsOfFile(path);
+  ASSERT_FALSE(back.isNil());
+  EXPECT_EQ(renderRGBA8(back, back.extent()), renderRGBA8(blurred, img.extent(), tiles(8192, 1)));
+  std::filesystem::remove(path);
+}
