@@ -94,39 +94,39 @@ CIImage ColorMatrixNode::imageByApplyingMatrix(const CIImage& input, const Color
   return CIImage(std::make_shared<ColorMatrixNode>(input, matrix));
 }
 
-void ColorMatrixNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+void ColorMatrixNode::applyRow(const float* s, float* o, std::size_t n) const {
   const float* c = coefficients_.data();
-  std::vector<float> scratch;
   if (premultipliedLinear_) {
     // c' = k·M3·c, a' = k·a: no division needed.
     const float k = c[18];
     const float m00 = c[0] * k, m01 = c[1] * k, m02 = c[2] * k;
     const float m10 = c[5] * k, m11 = c[6] * k, m12 = c[7] * k;
     const float m20 = c[10] * k, m21 = c[11] * k, m22 = c[12] * k;
-    forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
-      const float* s = inputRow(in[0], x0, y, n, scratch);
-      for (std::size_t i = 0; i < n; ++i) {
-        const float r = s[4 * i], g = s[4 * i + 1], b = s[4 * i + 2], a = s[4 * i + 3];
-        o[4 * i] = m00 * r + m01 * g + m02 * b;
-        o[4 * i + 1] = m10 * r + m11 * g + m12 * b;
-        o[4 * i + 2] = m20 * r + m21 * g + m22 * b;
-        o[4 * i + 3] = std::clamp(k * a, 0.0f, 1.0f);
-      }
-    });
+    for (std::size_t i = 0; i < n; ++i) {
+      const float r = s[4 * i], g = s[4 * i + 1], b = s[4 * i + 2], a = s[4 * i + 3];
+      o[4 * i] = m00 * r + m01 * g + m02 * b;
+      o[4 * i + 1] = m10 * r + m11 * g + m12 * b;
+      o[4 * i + 2] = m20 * r + m21 * g + m22 * b;
+      o[4 * i + 3] = std::clamp(k * a, 0.0f, 1.0f);
+    }
     return;
   }
+  for (std::size_t i = 0; i < n; ++i) {
+    const float a = s[4 * i + 3];
+    const float inv = a > 0 ? 1.0f / a : 0.0f;
+    const float r = s[4 * i] * inv, g = s[4 * i + 1] * inv, b = s[4 * i + 2] * inv, ua = a > 0 ? a : 0.0f;
+    const float ao = std::clamp(c[15] * r + c[16] * g + c[17] * b + c[18] * ua + c[19], 0.0f, 1.0f);
+    o[4 * i] = (c[0] * r + c[1] * g + c[2] * b + c[3] * ua + c[4]) * ao;
+    o[4 * i + 1] = (c[5] * r + c[6] * g + c[7] * b + c[8] * ua + c[9]) * ao;
+    o[4 * i + 2] = (c[10] * r + c[11] * g + c[12] * b + c[13] * ua + c[14]) * ao;
+    o[4 * i + 3] = ao;
+  }
+}
+
+void ColorMatrixNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+  std::vector<float> scratch;
   forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
-    const float* s = inputRow(in[0], x0, y, n, scratch);
-    for (std::size_t i = 0; i < n; ++i) {
-      const float a = s[4 * i + 3];
-      const float inv = a > 0 ? 1.0f / a : 0.0f;
-      const float r = s[4 * i] * inv, g = s[4 * i + 1] * inv, b = s[4 * i + 2] * inv, ua = a > 0 ? a : 0.0f;
-      const float ao = std::clamp(c[15] * r + c[16] * g + c[17] * b + c[18] * ua + c[19], 0.0f, 1.0f);
-      o[4 * i] = (c[0] * r + c[1] * g + c[2] * b + c[3] * ua + c[4]) * ao;
-      o[4 * i + 1] = (c[5] * r + c[6] * g + c[7] * b + c[8] * ua + c[9]) * ao;
-      o[4 * i + 2] = (c[10] * r + c[11] * g + c[12] * b + c[13] * ua + c[14]) * ao;
-      o[4 * i + 3] = ao;
-    }
+    applyRow(inputRow(in[0], x0, y, n, scratch), o, n);
   });
 }
 

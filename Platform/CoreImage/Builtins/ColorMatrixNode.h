@@ -38,6 +38,9 @@ class ColorMatrixNode final : public ImageNode {
   static bool canFold(const ColorMatrix& outer, const ColorMatrix& inner);
 
   const ColorMatrix& matrix() const { return matrix_; }
+  // The matrix applied to n premultiplied pixels: what render does to each row inside the
+  // extent. Consumers that fold the matrix into their own pass call this, for the same bits.
+  void applyRow(const float* in, float* out, std::size_t n) const;
 
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "colorMatrix"; }

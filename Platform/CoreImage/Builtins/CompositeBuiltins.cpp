@@ -15,11 +15,15 @@
 //   gives 1 over a backdrop with colour and 0 over black (the clamped limit).
 //   Hue, saturation, colour and luminosity use the luminance weights 0.3, 0.59, 0.11.
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 #include "CoreImage/Builtins/BuiltinFilter.h"
-#include "CoreImage/Builtins/CompositeOperations.h"
+#include "CoreImage/Builtins/ColorMatrixNode.h"
 #include "CoreImage/Builtins/ColorNodeSupport.h"
+#include "CoreImage/Builtins/CompositeOperations.h"
+#include "CoreImage/ColorSpace.h"
+#include "CoreImage/Nodes/CoreNodes.h"
 
 using namespace qv::builtins;
 
@@ -91,8 +95,6 @@ inline float hardLight(float cb, float cs) { return cs <= 0.5f ? cb * 2 * cs : s
 struct Multiply { static float blend(float cb, float cs) { return cb * cs; } };
 struct Screen { static float blend(float cb, float cs) { return screen(cb, cs); } };
 struct Overlay { static float blend(float cb, float cs) { return hardLight(cs, cb); } };
-struct Darken { static float blend(float cb, float cs) { return std::min(cb, cs); } };
-struct Lighten { static float blend(float cb, float cs) { return std::max(cb, cs); } };
 struct ColorDodge { static float blend(float cb, float cs) { return colorDodge(cb, cs); } };
 struct ColorBurn { static float blend(float cb, float cs) { return colorBurn(cb, cs); } };
 struct HardLight { static float blend(float cb, float cs) { return hardLight(cb, cs); } };
@@ -202,6 +204,26 @@ struct NonSeparableBlend {
   }
 };
 
+// Lighten and darken without un-premultiplying: with both colours clamped to [0, 1],
+//   α_s·α_b·max(Cb, Cs) = max(α_s·clamp(c_b, 0, α_b), α_b·clamp(c_s, 0, α_s))
+// (likewise min), and B's result needs no clamp, so the general formula runs on premultiplied
+// values directly, with no division and no branch per component.
+template <bool kLighter>
+void extremumRow(const float* s, const float* b, float* o, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i, s += 4, b += 4, o += 4) {
+    const float as = s[3], ab = b[3];
+    const float ks = as > 0 ? as : 0.0f, kb = ab > 0 ? ab : 0.0f;
+    const float restS = 1 - ab, restB = 1 - as;
+    for (int c = 0; c < 3; ++c) {
+      const float fromB = as * std::min(std::max(b[c], 0.0f), kb);
+      const float fromS = ab * std::min(std::max(s[c], 0.0f), ks);
+      const float m = kLighter ? std::max(fromB, fromS) : std::min(fromB, fromS);
+      o[c] = s[c] * restS + b[c] * restB + m;
+    }
+    o[3] = as + ab - as * ab;
+  }
+}
+
 template <class Op>
 void compositeRow(const float* s, const float* b, float* o, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) Op::apply(s + 4 * i, b + 4 * i, o + 4 * i);
@@ -217,13 +239,13 @@ const CompositeOperation kOperations[] = {
     {"CIColorBlendMode", "Color Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Color>>},
     {"CIColorBurnBlendMode", "Color Burn Blend Mode", !kHDR, compositeRow<SeparableBlend<ColorBurn>>},
     {"CIColorDodgeBlendMode", "Color Dodge Blend Mode", !kHDR, compositeRow<SeparableBlend<ColorDodge>>},
-    {"CIDarkenBlendMode", "Darken Blend Mode", !kHDR, compositeRow<SeparableBlend<Darken>>},
+    {"CIDarkenBlendMode", "Darken Blend Mode", !kHDR, extremumRow<false>},
     {"CIDifferenceBlendMode", "Difference Blend Mode", !kHDR, compositeRow<SeparableBlend<Difference>>},
     {"CIDivideBlendMode", "Divide Blend Mode", !kHDR, compositeRow<SeparableBlend<Divide>>},
     {"CIExclusionBlendMode", "Exclusion Blend Mode", !kHDR, compositeRow<SeparableBlend<Exclusion>>},
     {"CIHardLightBlendMode", "Hard Light Blend Mode", !kHDR, compositeRow<SeparableBlend<HardLight>>},
     {"CIHueBlendMode", "Hue Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Hue>>},
-    {"CILightenBlendMode", "Lighten Blend Mode", !kHDR, compositeRow<SeparableBlend<Lighten>>},
+    {"CILightenBlendMode", "Lighten Blend Mode", !kHDR, extremumRow<true>},
     {"CILinearBurnBlendMode", "Linear Burn Blend Mode", !kHDR, compositeRow<SeparableBlend<LinearBurn>>},
     {"CILinearDodgeBlendMode", "Linear Dodge Blend Mode", !kHDR, compositeRow<SeparableBlend<LinearDodge>>},
     {"CILinearLightBlendMode", "Linear Light Blend Mode", !kHDR, compositeRow<SeparableBlend<LinearLight>>},
@@ -248,20 +270,181 @@ const CompositeOperation kOperations[] = {
 // ---------------------------------------------------------------------------------------------
 // Nodes
 
+// How a composite reads one of its two images. Whole-pixel offsets, crops and one colour matrix
+// between the composite and the image that holds the pixels are folded into the composite's own
+// pass: it reads that image moved by (dx, dy), keeps the pixels inside the crops and runs the
+// matrix over each run of a row as it goes, so the moved, cut and coloured copies are never
+// written out in full. The pixels are those of the unfolded graph: an offset and a crop are
+// exact copies, and the matrix is the matrix node's own row function over the same pixels
+// (those inside its extent and every crop, moved by the offsets above them), transparent
+// elsewhere.
+//
+// A constant colour (and nothing, the empty image) is not read at all: its runs are filled with
+// the colour inside its extent's pixels, so it needs neither a buffer nor a region of interest.
+struct CompositeInput {
+  CIImage image;  // the image whose pixels are read; nil for a constant
+  CIColorRef constant;  // the colour of a constant input (null: transparent, or not a constant)
+  bool isConstant = false;
+  int slot = -1;  // the index of `image` among the node's inputs
+  CGRect extent;  // the extent of the image as given to the composite
+  std::int64_t dx = 0, dy = 0;
+  std::shared_ptr<const ColorMatrixNode> matrix;  // may be null
+  bool windowed = false;  // pixels outside `window` (composite coordinates) are transparent
+  PixelRect window{-PixelRect::kPixelLimit, -PixelRect::kPixelLimit, 2 * PixelRect::kPixelLimit,
+                   2 * PixelRect::kPixelLimit};
+
+  static CompositeInput fold(const CIImage& given) {
+    CompositeInput f;
+    f.extent = given.extent();
+    CIImage image = given;
+    for (;;) {
+      const ImageNode* node = image.node().get();
+      if (auto* offset = dynamic_cast<const OffsetNode*>(node)) {
+        f.dx += offset->dx();
+        f.dy += offset->dy();
+        image = offset->inputs()[0];
+        continue;
+      }
+      if (auto* crop = dynamic_cast<const CropNode*>(node)) {
+        f.cut(PixelRect::centresInside(crop->rect()));
+        image = crop->inputs()[0];
+        continue;
+      }
+      auto matrix = std::dynamic_pointer_cast<const ColorMatrixNode>(image.node());
+      if (matrix && !f.matrix) {
+        f.matrix = matrix;
+        f.cut(PixelRect::centresInside(matrix->extent()));
+        image = matrix->inputs()[0];
+        continue;
+      }
+      if (auto* colour = dynamic_cast<const ConstantColorNode*>(node)) {
+        f.isConstant = true;
+        f.constant = colour->color();
+        if (!CGRectIsInfinite(colour->extent())) f.cut(PixelRect::centresInside(colour->extent()));
+        image = CIImage();
+      } else if (dynamic_cast<const EmptyNode*>(node)) {
+        f.isConstant = true;
+        image = CIImage();
+      }
+      break;
+    }
+    f.image = image;
+    return f;
+  }
+
+  // The constant's working colour for this render, run through the matrix (transparent for
+  // nothing or no colour).
+  std::array<float, 4> constantPixel(const RenderInfo& info) const {
+    std::array<float, 4> c{0, 0, 0, 0};
+    if (!constant) return c;
+    c = workingColor(*constant, info.colorManaged);
+    if (matrix) {
+      std::array<float, 4> m{};
+      matrix->applyRow(c.data(), m.data(), 1);
+      c = m;
+    }
+    return c;
+  }
+
+  // Keeps only `kept` (in the coordinates below the offsets found so far).
+  void cut(const PixelRect& kept) {
+    window = window.intersection(kept.offset(dx, dy));
+    windowed = true;
+  }
+
+  // What `rect` of the composite needs of `image`: `rect`, less whatever lies outside the given
+  // image's extent and the window (read as transparent anyway), moved back by the offsets.
+  // Without the cut, a tile whose inputs lie far apart (a picture and its reflection below it)
+  // would ask an image they share for the whole span between them.
+  PixelRect regionOfInterest(const PixelRect& rect) const {
+    if (isConstant) return {};
+    PixelRect r = rect.intersection(PixelRect::covering(extent));
+    if (windowed) r = r.intersection(window);
+    return r.offset(-dx, -dy);
+  }
+
+  // The n pixels from (x0, y) in the composite's coordinates. `tiles` are the node's inputs;
+  // `colour` is constantPixel() of this render.
+  const float* row(std::span<const ConstPixelTile> tiles, const std::array<float, 4>& colour, std::int64_t x0,
+                   std::int64_t y, std::size_t n, std::vector<float>& scratch, std::vector<float>& kept) const {
+    const float* p = isConstant ? nullptr : inputRow(tiles[std::size_t(slot)], x0 - dx, y - dy, n, scratch);
+    if (!windowed && !isConstant) return p;
+    kept.resize(n * 4);
+    const std::int64_t count = std::int64_t(n);
+    const bool inRow = y >= window.y && y < window.maxY();
+    const std::int64_t a = inRow ? std::clamp<std::int64_t>(window.x - x0, 0, count) : count;
+    const std::int64_t b = inRow ? std::clamp<std::int64_t>(window.maxX() - x0, a, count) : count;
+    std::fill(kept.begin(), kept.begin() + a * 4, 0.0f);
+    std::fill(kept.begin() + b * 4, kept.end(), 0.0f);
+    if (b <= a) return kept.data();
+    if (isConstant) {
+      for (std::int64_t i = a; i < b; ++i) std::copy(colour.begin(), colour.end(), kept.begin() + i * 4);
+    } else if (matrix) {
+      matrix->applyRow(p + a * 4, kept.data() + a * 4, std::size_t(b - a));
+    } else {
+      std::copy(p + a * 4, p + b * 4, kept.data() + a * 4);
+    }
+    return kept.data();
+  }
+
+  // Folds each of `given` and numbers the images they read: the node's inputs.
+  static std::vector<CompositeInput> foldAll(const std::vector<CIImage>& given, std::vector<CIImage>& images) {
+    std::vector<CompositeInput> folded;
+    for (const CIImage& g : given) {
+      folded.push_back(fold(g));
+      if (!folded.back().isConstant) {
+        folded.back().slot = int(images.size());
+        images.push_back(folded.back().image);
+      }
+    }
+    return folded;
+  }
+};
+
+// The region of the node's input `index` that the folded inputs need for `rect`.
+PixelRect foldedRegionOfInterest(const std::vector<CompositeInput>& folded, std::size_t index, const PixelRect& rect) {
+  for (const CompositeInput& f : folded)
+    if (f.slot == int(index)) return f.regionOfInterest(rect);
+  return {};
+}
+
+// The inputs of a node built on folded inputs: built once, then handed to ImageNode.
+struct FoldedInputs {
+  std::vector<CIImage> images;
+  std::vector<CompositeInput> folded;
+  explicit FoldedInputs(const std::vector<CIImage>& given) : folded(CompositeInput::foldAll(given, images)) {}
+};
+
 class CompositeNode final : public ImageNode {
  public:
-  CompositeNode(const CompositeOperation& op, CIImage source, CIImage background)
-      : ImageNode(unionOfExtents(source.extent(), background.extent()), {source, background}), op_(op) {}
-  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const override {
-    std::vector<float> scratchS, scratchB;
+  CompositeNode(const CompositeOperation& op, const CIImage& source, const CIImage& background)
+      : CompositeNode(op, unionOfExtents(source.extent(), background.extent()), FoldedInputs({source, background})) {}
+  PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override {
+    return foldedRegionOfInterest(folded_, index, rect);
+  }
+  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
+    // Rows in short runs, so that the folded inputs' runs stay in the first-level cache.
+    constexpr std::size_t kRun = 256;
+    const CompositeInput &s = folded_[0], &b = folded_[1];
+    const auto colourS = s.constantPixel(info), colourB = b.constantPixel(info);
+    std::vector<float> scratchS, scratchB, keptS, keptB;
     forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
-      op_.row(inputRow(in[0], x0, y, n, scratchS), inputRow(in[1], x0, y, n, scratchB), o, n);
+      for (std::size_t j = 0; j < n; j += kRun) {
+        const std::size_t m = std::min(kRun, n - j);
+        const std::int64_t x = x0 + std::int64_t(j);
+        op_.row(s.row(in, colourS, x, y, m, scratchS, keptS), b.row(in, colourB, x, y, m, scratchB, keptB), o + j * 4,
+                m);
+      }
     });
   }
   std::string name() const override { return op_.name; }
 
  private:
+  CompositeNode(const CompositeOperation& op, const CGRect& extent, FoldedInputs f)
+      : ImageNode(extent, std::move(f.images)), op_(op), folded_(std::move(f.folded)) {}
+
   const CompositeOperation& op_;
+  std::vector<CompositeInput> folded_;  // source, background
 };
 
 // out = s·m + b·(1 − m) on all four premultiplied components, m = the Rec. 709 luminance of the
@@ -271,30 +454,47 @@ class CompositeNode final : public ImageNode {
 class BlendWithMaskNode final : public ImageNode {
  public:
   // background may be nil.
-  BlendWithMaskNode(CIImage image, CIImage background, CIImage mask)
-      : ImageNode(unionOfExtents(background.extent(), CGRectIntersection(image.extent(), mask.extent())),
-                  background ? std::vector<CIImage>{image, mask, background} : std::vector<CIImage>{image, mask}) {}
-  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const override {
-    std::vector<float> scratchS, scratchM, scratchB;
-    const bool hasBackground = in.size() > 2;
-    forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
-      const float* s = inputRow(in[0], x0, y, n, scratchS);
-      const float* m = inputRow(in[1], x0, y, n, scratchM);
-      if (hasBackground) {
-        const float* b = inputRow(in[2], x0, y, n, scratchB);
-        for (std::size_t i = 0; i < n; ++i) {
-          const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-          for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k + b[4 * i + c] * (1 - k);
-        }
-      } else {
-        for (std::size_t i = 0; i < n; ++i) {
-          const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-          for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k;
+  BlendWithMaskNode(const CIImage& image, const CIImage& background, const CIImage& mask)
+      : BlendWithMaskNode(unionOfExtents(background.extent(), CGRectIntersection(image.extent(), mask.extent())),
+                          background ? FoldedInputs({image, mask, background}) : FoldedInputs({image, mask})) {}
+  PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override {
+    return foldedRegionOfInterest(folded_, index, rect);
+  }
+  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
+    constexpr std::size_t kRun = 256;
+    const bool hasBackground = folded_.size() > 2;
+    std::array<std::array<float, 4>, 3> colour{};
+    for (std::size_t k = 0; k < folded_.size(); ++k) colour[k] = folded_[k].constantPixel(info);
+    std::vector<float> scratch[3], kept[3];
+    forEachRowInExtent(out, extent(), [&](float* row, std::int64_t x0, std::int64_t y, std::size_t width) {
+      for (std::size_t j = 0; j < width; j += kRun) {
+        const std::size_t n = std::min(kRun, width - j);
+        const std::int64_t x = x0 + std::int64_t(j);
+        float* o = row + j * 4;
+        const float* s = folded_[0].row(in, colour[0], x, y, n, scratch[0], kept[0]);
+        const float* m = folded_[1].row(in, colour[1], x, y, n, scratch[1], kept[1]);
+        if (hasBackground) {
+          const float* b = folded_[2].row(in, colour[2], x, y, n, scratch[2], kept[2]);
+          for (std::size_t i = 0; i < n; ++i) {
+            const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
+            for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k + b[4 * i + c] * (1 - k);
+          }
+        } else {
+          for (std::size_t i = 0; i < n; ++i) {
+            const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
+            for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k;
+          }
         }
       }
     });
   }
   std::string name() const override { return "CIBlendWithMask"; }
+
+ private:
+  BlendWithMaskNode(const CGRect& extent, FoldedInputs f)
+      : ImageNode(extent, std::move(f.images)), folded_(std::move(f.folded)) {}
+
+  std::vector<CompositeInput> folded_;  // image, mask and (when given) background
 };
 
 // ---------------------------------------------------------------------------------------------

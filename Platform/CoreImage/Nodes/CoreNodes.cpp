@@ -101,18 +101,56 @@ TransformNode::TransformNode(CIImage input, const CGAffineTransform& t)
   ry_ = std::clamp(std::hypot(inv_.b, inv_.d), 1.0, 64.0);
   if (rx_ < 1.0 + 1e-9) rx_ = 1.0;
   if (ry_ < 1.0 + 1e-9) ry_ = 1.0;
+  // On the grid when the axes map to themselves at scale ±1 and the centre of pixel 0 lands on
+  // a pixel centre: then every sample position is a whole texel index, where the tent filter
+  // has the single weight 1.
+  if (inv_.b == 0 && inv_.c == 0 && std::fabs(inv_.a) == 1.0 && std::fabs(inv_.d) == 1.0) {
+    const double u = snap(inv_.a * 0.5 + inv_.tx - 0.5), v = snap(inv_.d * 0.5 + inv_.ty - 0.5);
+    onGrid_ = u == std::floor(u) && v == std::floor(v) && std::fabs(u) < 1e15 && std::fabs(v) < 1e15;
+  }
 }
 
 PixelRect TransformNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
   if (rect.empty()) return {};
   const CGRect box = CGRectApplyAffineTransform(rect.cgRect(), inv_);
+  if (onGrid_) return PixelRect::covering(box);  // exactly the texels copied
   return PixelRect::covering(CGRectInset(box, -(rx_ + 1.0), -(ry_ + 1.0)));
 }
+
+namespace {
+// Output pixel X takes input texel u0 + sx·(X - out.rect.x) of row v0 + sy·(Y - out.rect.y):
+// rows copied, reversed where the transform flips x; texels outside `src` stay transparent.
+void copyOnGrid(const PixelTile& out, const ConstPixelTile& src, std::int64_t u0, std::int64_t v0, int sx, int sy) {
+  const PixelRect& sr = src.rect;
+  const std::int64_t x0 = out.rect.x;
+  // The output columns whose texel lies inside src.
+  const std::int64_t xa = std::max(x0, sx > 0 ? x0 + sr.x - u0 : x0 + u0 - sr.maxX() + 1);
+  const std::int64_t xb = std::min(out.rect.maxX(), sx > 0 ? x0 + sr.maxX() - u0 : x0 + u0 - sr.x + 1);
+  if (xb <= xa) return;
+  for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
+    const std::int64_t j = v0 + sy * (Y - out.rect.y);
+    if (j < sr.y || j >= sr.maxY()) continue;
+    float* o = out.at(xa, Y);
+    if (sx > 0) {
+      std::memcpy(o, src.at(u0 + (xa - x0), j), std::size_t(xb - xa) * 4 * sizeof(float));
+      continue;
+    }
+    const float* p = src.at(u0 - (xa - x0), j);
+    for (std::int64_t X = xa; X < xb; ++X, o += 4, p -= 4) std::memcpy(o, p, 4 * sizeof(float));
+  }
+}
+}  // namespace
 
 void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
   const ConstPixelTile& src = in[0];
   if (src.rect.empty()) return;
   const PixelRect sr = src.rect;
+  if (onGrid_) {
+    const double u0 = snap(inv_.a * (double(out.rect.x) + 0.5) + inv_.tx - 0.5);
+    const double v0 = snap(inv_.d * (double(out.rect.y) + 0.5) + inv_.ty - 0.5);
+    copyOnGrid(out, src, std::int64_t(u0), std::int64_t(v0), inv_.a > 0 ? 1 : -1, inv_.d > 0 ? 1 : -1);
+    return;
+  }
   if (inv_.b == 0 && inv_.c == 0) {
     renderSeparable(out, src);
     return;
@@ -196,6 +234,27 @@ AxisTaps axisTaps(double u, double radius) {
   for (std::size_t k = 0; k < w.size(); ++k) t.w[k] = sum > 0 ? float(w[k] / sum) : 0.0f;
   return t;
 }
+
+// The taps of a run of output indices on one axis, flattened: for output k, count[k] weights
+// from weight[offset[k]] for the input indices first[k], first[k] + 1, ... Taps of weight zero
+// and taps outside [lo, hi) are dropped; the remaining ones keep their order, so the sums are
+// the same as over all taps with those skipped.
+struct TapTable {
+  std::vector<std::int64_t> first;
+  std::vector<std::uint32_t> offset, count;
+  std::vector<float> weight;
+
+  void add(const AxisTaps& t, std::int64_t lo, std::int64_t hi) {
+    std::int64_t a = 0, b = std::int64_t(t.w.size());
+    while (a < b && (t.w[std::size_t(a)] == 0.0f || t.first + a < lo)) ++a;
+    while (b > a && (t.w[std::size_t(b - 1)] == 0.0f || t.first + b - 1 >= hi)) --b;
+    first.push_back(t.first + a);
+    offset.push_back(std::uint32_t(weight.size()));
+    count.push_back(std::uint32_t(b - a));
+    // Zero weights inside the run stay (they add nothing, as when skipped).
+    for (std::int64_t k = a; k < b; ++k) weight.push_back(t.w[std::size_t(k)]);
+  }
+};
 }  // namespace
 
 // Axis-aligned transforms (scales, flips, translations): the filter is separable, so the taps
@@ -213,30 +272,43 @@ void TransformNode::renderSeparable(const PixelTile& out, const ConstPixelTile& 
     hi = std::max(hi, std::min(sr.maxX(), t.first + std::int64_t(t.w.size())));
   }
   if (hi <= lo) return;
+  TapTable table;
+  table.first.reserve(cols.size());
+  table.offset.reserve(cols.size());
+  table.count.reserve(cols.size());
+  for (const AxisTaps& t : cols) table.add(t, lo, hi);
   std::vector<float> temp(std::size_t(hi - lo) * 4);
   for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
     const double v = snap(inv_.d * (double(Y) + 0.5) + inv_.ty - 0.5);
     const AxisTaps rows = axisTaps(v, ry_);
     std::fill(temp.begin(), temp.end(), 0.0f);
+    bool any = false;
     for (std::size_t k = 0; k < rows.w.size(); ++k) {
       const std::int64_t j = rows.first + std::int64_t(k);
       const float w = rows.w[k];
       if (w == 0.0f || j < sr.y || j >= sr.maxY()) continue;
+      any = true;
       const float* p = src.at(lo, j);
-      for (std::size_t i = 0; i < temp.size(); ++i) temp[i] += w * p[i];
+      float* t = temp.data();
+      for (std::size_t i = 0, n = temp.size(); i < n; ++i) t[i] += w * p[i];
     }
+    if (!any) continue;  // the output row arrives transparent
     float* o = out.at(out.rect.x, Y);
-    for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X, o += 4) {
-      const AxisTaps& c = cols[std::size_t(X - out.rect.x)];
-      float acc[4] = {0, 0, 0, 0};
-      for (std::size_t k = 0; k < c.w.size(); ++k) {
-        const std::int64_t i = c.first + std::int64_t(k);
-        const float w = c.w[k];
-        if (w == 0.0f || i < lo || i >= hi) continue;
-        const float* p = &temp[std::size_t(i - lo) * 4];
-        for (int q = 0; q < 4; ++q) acc[q] += w * p[q];
+    const float* base = temp.data() - lo * 4;
+    for (std::size_t X = 0; X < cols.size(); ++X, o += 4) {
+      const float* w = table.weight.data() + table.offset[X];
+      const float* p = base + table.first[X] * 4;
+      float a0 = 0, a1 = 0, a2 = 0, a3 = 0;
+      for (std::uint32_t k = 0, n = table.count[X]; k < n; ++k, p += 4) {
+        a0 += w[k] * p[0];
+        a1 += w[k] * p[1];
+        a2 += w[k] * p[2];
+        a3 += w[k] * p[3];
       }
-      std::memcpy(o, acc, sizeof acc);
+      o[0] = a0;
+      o[1] = a1;
+      o[2] = a2;
+      o[3] = a3;
     }
   }
 }

@@ -92,6 +92,9 @@ class TransformNode final : public ImageNode {
   void renderSeparable(const PixelTile& out, const ConstPixelTile& src) const;
   CGAffineTransform t_, inv_;
   double rx_ = 1, ry_ = 1;  // filter radii in input pixels
+  // The transform maps pixel centres onto pixel centres at unit scale (a flip, possibly with a
+  // half-pixel-free translation): every output pixel is one input pixel, copied.
+  bool onGrid_ = false;
 };
 
 // The input restricted to a rectangle. The extent is the exact intersection; a pixel is kept

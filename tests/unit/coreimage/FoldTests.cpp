@@ -5,7 +5,13 @@
 #include <cmath>
 #include <cstring>
 
+#include <algorithm>
+#include <utility>
+
+#include "CoreImage/Builtins/ColorMatrixNode.h"
+#include "CoreImage/Builtins/CompositeOperations.h"
 #include "CoreImage/CIColor.h"
+#include "CoreImage/CIFilter.h"
 #include "CoreImage/ImageNode.h"
 #include "CoreImage/Nodes/CoreNodes.h"
 #include "RenderSupport.h"
@@ -130,4 +136,147 @@ TEST(Folds, FoldedGraphsRenderTheSameTiledAndThreaded) {
   whole.tileSize = 4096;
   whole.threads = 1;
   EXPECT_TRUE(bitwiseEqual(renderRGBAf(g, g.extent(), tiled), renderRGBAf(g, g.extent(), whole)));
+}
+
+// ---- Composites read through offsets, crops, colour matrices and constant colours ----------
+
+namespace {
+
+CIImage composite(const char* name, const CIImage& source, const CIImage& background) {
+  return compositeImage(*compositeOperationNamed(name), source, background);
+}
+
+// A matrix with colour bias and an alpha row that mixes colour: the general (un-premultiplying)
+// form, which paints colour into transparent pixels inside its extent.
+ColorMatrix biasedMatrix() {
+  return ColorMatrix::fromRows({0.9, 0.2, 0, 0}, {0, 0.7, 0.3, 0}, {0.1, 0, 1.1, 0.05}, {0, 0, 0.1, 0.8},
+                               {0.02, 0, -0.03, 0.1});
+}
+
+// A node that records the largest region it was asked to render.
+class RecordingNode final : public ImageNode {
+ public:
+  explicit RecordingNode(CIImage in) : ImageNode(in.extent(), {in}) {}
+  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const override {
+    largest = std::max(largest, out.rect.area());
+    for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
+      std::memcpy(out.at(out.rect.x, y), in[0].at(out.rect.x, y), std::size_t(out.rect.width) * 16);
+  }
+  std::string name() const override { return "recording"; }
+  mutable std::int64_t largest = 0;
+};
+
+}  // namespace
+
+TEST(Folds, CompositeReadsThroughOffsetsCropsAndMatrices) {
+  const auto img = makeTestImageWithAlpha(31, 23, CGPointMake(2, 1));
+  const auto other = makeTestImageWithAlpha(27, 29, CGPointMake(-3, 4), 7);
+  // Source: img coloured by a biased matrix, cut by a fractional rectangle, moved by whole pixels.
+  auto source = [&](auto barrier) {
+    const CIImage coloured = barrier(ColorMatrixNode::imageByApplyingMatrix(img, biasedMatrix()));
+    const CIImage cut = barrier(coloured.imageByCroppingToRect(CGRectMake(4.3, 2.6, 20.2, 15.5)));
+    return cut.imageByApplyingTransform(CGAffineTransformMakeTranslation(5, -2));
+  };
+  // Background: a moved image, then a cut constant colour under a premultiplied-linear matrix.
+  auto movedOther = [&](auto barrier) {
+    return barrier(other).imageByApplyingTransform(CGAffineTransformMakeTranslation(-4, 3));
+  };
+  ColorMatrix half = ColorMatrix::identity();
+  half.m[0][0] = 0.5;
+  half.m[3][3] = 0.6;
+  auto colour = [&](auto barrier) {
+    const CIImage c = barrier(CIImage::imageWithColor(CIColor::colorWithRed(0.2, 0.7, 0.4, 0.9))
+                                  .imageByCroppingToRect(CGRectMake(0, 0, 19.5, 12)));
+    return ColorMatrixNode::imageByApplyingMatrix(c, half).imageByApplyingTransform(
+        CGAffineTransformMakeTranslation(6, 8));
+  };
+  auto none = [](const CIImage& i) { return i; };
+  auto barrier = [](const CIImage& i) { return opaque(i); };
+  const CGRect r = CGRectMake(-12, -8, 60, 50);
+  for (const char* op : {"CISourceOverCompositing", "CILightenBlendMode", "CIMultiplyBlendMode"}) {
+    const CIImage folded = composite(op, source(none), composite(op, movedOther(none), colour(none)));
+    const CIImage unfolded =
+        composite(op, opaque(source(barrier)), composite(op, opaque(movedOther(barrier)), opaque(colour(barrier))));
+    // The folded composite reads the images below the offsets, crops and matrices.
+    EXPECT_EQ(folded.node()->inputs()[0], img) << op;
+    expectSamePixels(folded, unfolded, r);
+  }
+}
+
+TEST(Folds, BlendWithMaskReadsConstantsWithoutBuffers) {
+  const auto img = makeTestImageWithAlpha(30, 20);
+  const CGRect e = img.extent();
+  auto build = [&](auto barrier) {
+    const CIFilterRef blend = CIFilter::filterWithName("CIBlendWithMask");
+    blend->setDefaults();
+    blend->setValue(img, kCIInputImageKey);
+    blend->setValue(barrier(CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.9)).imageByCroppingToRect(e)),
+                    kCIInputBackgroundImageKey);
+    blend->setValue(barrier(CIImage::imageWithColor(CIColor::colorWithRed(1, 1, 1))
+                                .imageByCroppingToRect(CGRectMake(0, 0, 26, 16))
+                                .imageByApplyingTransform(CGAffineTransformMakeTranslation(2, 2))),
+                    kCIInputMaskImageKey);
+    return blend->outputImage();
+  };
+  const CIImage folded = build([](const CIImage& i) { return i; });
+  const CIImage unfolded = build([](const CIImage& i) { return opaque(i); });
+  EXPECT_EQ(folded.node()->inputs().size(), 1u);  // the picture only
+  expectSamePixels(folded, unfolded, CGRectMake(-2, -2, 34, 24));
+}
+
+TEST(Folds, CompositeAsksNoImageForTheGapBetweenItsInputs) {
+  const auto px = makeTestPixels(40, 10);
+  const auto recorder = std::make_shared<RecordingNode>(CIImage::imageWithRGBAf(px.data(), 40, 10));
+  const CIImage shared(recorder);
+  // The image and a copy of it 500 rows further down, joined: a tile spanning both must not
+  // need the 500 rows between them.
+  const CIImage joined =
+      composite("CISourceOverCompositing", shared, shared.imageByApplyingTransform(CGAffineTransformMakeTranslation(0, -500)));
+  CIContextOptions one;
+  one.tileSize = 4096;
+  one.threads = 1;
+  const auto out = renderRGBAf(joined, joined.extent(), one);
+  EXPECT_LE(recorder->largest, 40 * 10);
+  // Both copies arrive.
+  const std::size_t rowFloats = 40 * 4;
+  EXPECT_TRUE(std::equal(px.begin(), px.end(), out.begin()));
+  EXPECT_TRUE(std::equal(px.begin(), px.end(), out.end() - std::ptrdiff_t(10 * rowFloats)));
+}
+
+TEST(Folds, FlipsOnThePixelGridCopyTexelsAndNeedNoApron) {
+  const int w = 13, h = 9;
+  const auto px = makeTestPixels(w, h, 3, true);
+  const CIImage img = CIImage::imageWithRGBAf(px.data(), w, h, CGPointMake(4, -2));
+  const CGRect e = img.extent();
+  // About the picture's centre lines, as a mirror is made: vertical, horizontal, and both.
+  auto flip = [&](double sx, double sy) {
+    CGAffineTransform t = CGAffineTransformMakeTranslation(CGRectGetMidX(e), CGRectGetMidY(e));
+    t = CGAffineTransformScale(t, sx, sy);
+    return CGAffineTransformTranslate(t, -CGRectGetMidX(e), -CGRectGetMidY(e));
+  };
+  for (auto [sx, sy] : {std::pair{1.0, -1.0}, std::pair{-1.0, 1.0}, std::pair{-1.0, -1.0}}) {
+    const CIImage flipped = img.imageByApplyingTransform(flip(sx, sy));
+    ASSERT_TRUE(nodeAs<TransformNode>(flipped));
+    EXPECT_EQ(flipped.extent(), e);
+    // Rows of px and of the render both run from the top.
+    const auto out = renderRGBAf(flipped, CGRectInset(e, -2, -2));
+    for (int y = 0; y < h + 4; ++y)
+      for (int x = 0; x < w + 4; ++x) {
+        const int ix = x - 2, iy = y - 2;
+        const bool inside = ix >= 0 && ix < w && iy >= 0 && iy < h;
+        const int mx = sx < 0 ? w - 1 - ix : ix, my = sy < 0 ? h - 1 - iy : iy;
+        for (int c = 0; c < 4; ++c) {
+          const float want = inside ? px[std::size_t((my * w + mx) * 4 + c)] : 0.0f;
+          ASSERT_EQ(out[std::size_t((y * (w + 4) + x) * 4 + c)], want) << sx << " " << sy << " at " << x << "," << y;
+        }
+      }
+    // Each output pixel is one input texel: the region of interest is the mirrored rectangle.
+    const PixelRect part{5, 0, 4, 3};
+    const PixelRect roi = flipped.node()->regionOfInterest(0, part);
+    EXPECT_EQ(roi.width, part.width);
+    EXPECT_EQ(roi.height, part.height);
+  }
+  // A half-pixel flip is not on the grid and still resamples.
+  const CIImage half = img.imageByApplyingTransform(CGAffineTransformMake(1, 0, 0, -1, 0, 0.5));
+  EXPECT_GT(half.node()->regionOfInterest(0, PixelRect{0, 0, 4, 3}).height, 3);
 }
