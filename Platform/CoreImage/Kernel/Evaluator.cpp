@@ -146,19 +146,58 @@ struct Batch {
   const PixelRect* rect;
   std::int64_t start;
   int n;
+  // Calls f(k, x, y, count) for each run of the batch that lies in one row: lanes k to
+  // k + count - 1 are the pixels x to x + count - 1 of row y. Loops over a run are plain
+  // strided loops, which the compiler vectorises.
   template <class F>
-  void forEachPixel(F&& f) const {
-    std::int64_t w = rect->width;
+  void forEachRun(F&& f) const {
+    const std::int64_t w = rect->width;
     std::int64_t col = start % w, row = start / w;
-    for (int k = 0; k < n; ++k) {
-      f(k, rect->x + col, rect->y + row);
-      if (++col == w) {
-        col = 0;
-        ++row;
-      }
+    for (int k = 0; k < n;) {
+      const int count = int(std::min<std::int64_t>(w - col, n - k));
+      f(k, rect->x + col, rect->y + row, count);
+      k += count;
+      col = 0;
+      ++row;
     }
   }
 };
+
+// Lanes k to k + count - 1 get the texels under pixels x to x + count - 1 of row y (absolute),
+// split into the four component registers; transparent where the wrap rule gives no texel.
+void sampleRun(const View& v, std::int64_t x, std::int64_t y, int k, int count, float* d0, float* d1, float* d2,
+               float* d3) {
+  auto zero = [&](int from, int to) {
+    for (int j = from; j < to; ++j) d0[k + j] = d1[k + j] = d2[k + j] = d3[k + j] = 0.0f;
+  };
+  auto copy = [&](int from, int to, const float* t, std::ptrdiff_t step) {
+    for (int j = from; j < to; ++j, t += step) {
+      d0[k + j] = t[0];
+      d1[k + j] = t[1];
+      d2[k + j] = t[2];
+      d3[k + j] = t[3];
+    }
+  };
+  if (v.empty) return zero(0, count);
+  std::int64_t ty = y - v.oy;
+  if (v.clamp) {
+    ty = std::clamp(ty, v.y0, v.y1 - 1);
+  } else if (ty < v.y0 || ty >= v.y1) {
+    return zero(0, count);
+  }
+  // Lanes [0, a) lie left of the readable texels, [a, b) on them, [b, count) right of them.
+  const std::int64_t tx = x - v.ox;
+  const int a = int(std::clamp<std::int64_t>(v.x0 - tx, 0, count));
+  const int b = int(std::clamp<std::int64_t>(v.x1 - tx, a, count));
+  if (v.clamp) {
+    copy(0, a, v.texel(v.x0, ty), 0);
+    copy(b, count, v.texel(v.x1 - 1, ty), 0);
+  } else {
+    zero(0, a);
+    zero(b, count);
+  }
+  if (b > a) copy(a, b, v.texel(tx + a, ty), 4);
+}
 
 struct Machine {
   const Program& p;
@@ -196,10 +235,17 @@ struct Machine {
           break;
         }
         case Op::DestX:
-          if (batch) batch->forEachPixel([&](int k, std::int64_t x, std::int64_t) { d[k] = float(x) + 0.5f; });
+          if (batch)
+            batch->forEachRun([&](int k, std::int64_t x, std::int64_t, int count) {
+              for (int j = 0; j < count; ++j) d[k + j] = float(x + j) + 0.5f;
+            });
           break;
         case Op::DestY:
-          if (batch) batch->forEachPixel([&](int k, std::int64_t, std::int64_t y) { d[k] = float(y) + 0.5f; });
+          if (batch)
+            batch->forEachRun([&](int k, std::int64_t, std::int64_t y, int count) {
+              const float centre = float(y) + 0.5f;
+              for (int j = 0; j < count; ++j) d[k + j] = centre;
+            });
           break;
         case Op::Sample:
           sample(views[in.aux], a, b, d, d + kLanes, d + 2 * kLanes, d + 3 * kLanes, n);
@@ -207,17 +253,8 @@ struct Machine {
         case Op::SampleAtDest: {
           if (!batch) break;
           const View& v = views[in.aux];
-          static const float zero[4] = {0, 0, 0, 0};
-          float* d1 = d + kLanes;
-          float* d2 = d + 2 * kLanes;
-          float* d3 = d + 3 * kLanes;
-          batch->forEachPixel([&](int k, std::int64_t x, std::int64_t y) {
-            const float* t = fetch(v, x - v.ox, y - v.oy);
-            if (!t) t = zero;
-            d[k] = t[0];
-            d1[k] = t[1];
-            d2[k] = t[2];
-            d3[k] = t[3];
+          batch->forEachRun([&](int k, std::int64_t x, std::int64_t y, int count) {
+            sampleRun(v, x, y, k, count, d, d + kLanes, d + 2 * kLanes, d + 3 * kLanes);
           });
           break;
         }
@@ -327,12 +364,14 @@ void evaluate(const Program& program, const PixelTile& out, std::span<const Samp
     const float* r1 = m.R(program.result[1]);
     const float* r2 = m.R(program.result[2]);
     const float* r3 = m.R(program.result[3]);
-    batch.forEachPixel([&](int k, std::int64_t x, std::int64_t y) {
+    batch.forEachRun([&](int k, std::int64_t x, std::int64_t y, int count) {
       float* px = out.at(x, y);
-      px[0] = r0[k];
-      px[1] = r1[k];
-      px[2] = r2[k];
-      px[3] = r3[k];
+      for (int j = 0; j < count; ++j, px += 4) {
+        px[0] = r0[k + j];
+        px[1] = r1[k + j];
+        px[2] = r2[k + j];
+        px[3] = r3[k + j];
+      }
     });
   }
 }

@@ -13,14 +13,19 @@ KernelNode::KernelNode(CGRect extent, std::vector<CIImage> inputs, std::vector<I
       program_(std::move(program)),
       floats_(std::move(floats)),
       colors_(std::move(colors)),
-      kernelName_(std::move(kernelName)) {}
+      kernelName_(std::move(kernelName)) {
+  apron_.assign(modes_.size(), 0);
+  for (const auto* code : {&program_->prologue, &program_->body})
+    for (const cikl::Instr& in : *code)
+      if (in.op == cikl::Op::Sample && in.aux >= 0 && std::size_t(in.aux) < apron_.size()) apron_[std::size_t(in.aux)] = 1;
+}
 
 PixelRect KernelNode::regionOfInterest(std::size_t index, const PixelRect& rect) const {
   if (index >= modes_.size() || index >= inputs().size() || rect.empty()) return {};
   const InputMode& mode = modes_[index];
   const PixelRect image = cikl::texelRange(inputs()[index].extent());
   if (image.empty()) return {};
-  const PixelRect want = (mode.exact || mode.nearest) ? rect : rect.outset(1, 1);
+  const PixelRect want = (mode.exact || mode.nearest || !apron_[index]) ? rect : rect.outset(1, 1);
   if (mode.clamp) {
     // Every read lands on a texel of the image: bring the rectangle inside it.
     auto span = [](std::int64_t lo, std::int64_t hi, std::int64_t min, std::int64_t max) {

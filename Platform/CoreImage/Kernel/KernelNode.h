@@ -27,8 +27,9 @@ class KernelNode final : public ImageNode {
              std::shared_ptr<const cikl::Program> program, std::vector<float> floats, std::vector<ColorSlot> colors,
              std::string kernelName);
 
-  // One-to-one: the destination rectangle, with a one-texel apron for bilinear reads; for
-  // clamp samplers the rectangle is brought inside the image, whose edge texels then repeat.
+  // One-to-one: the destination rectangle, with a one-texel apron for bilinear reads at
+  // computed positions; for clamp samplers the rectangle is brought inside the image, whose
+  // edge texels then repeat.
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "kernel " + kernelName_; }
@@ -37,6 +38,9 @@ class KernelNode final : public ImageNode {
 
  private:
   std::vector<InputMode> modes_;
+  // Per input: whether the program reads it between texels (a sample at a computed position),
+  // which needs a one-texel apron; inputs read only under each pixel need none.
+  std::vector<char> apron_;
   std::shared_ptr<const cikl::Program> program_;
   std::vector<float> floats_;
   std::vector<ColorSlot> colors_;
