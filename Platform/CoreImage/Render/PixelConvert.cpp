@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 
 #include "CoreImage/ColorSpace.h"
 
@@ -12,8 +13,9 @@ namespace {
 struct Tables {
   std::array<float, 256> linear{};
   std::array<float, 256> raw{};
-  // thresholds[k]: the linear value from which the nearest 8-bit code is k + 1.
-  std::array<float, 255> thresholds{};
+  // thresholds[k]: the linear value from which the nearest 8-bit code is k + 1; thresholds[255]
+  // is infinite, so that the step from code 255 is never taken.
+  std::array<float, 256> thresholds{};
   // firstCode[i]: the code of the smallest linear value of bucket i of [0, 1) cut into
   // kBuckets equal parts. The sRGB curve is never steeper than about 3300 codes per unit, so a
   // bucket spans less than one code step and at most one threshold step corrects the guess:
@@ -26,9 +28,10 @@ struct Tables {
       linear[i] = srgbToLinear(raw[i]);
     }
     for (int k = 0; k < 255; ++k) thresholds[k] = srgbToLinear((static_cast<float>(k) + 0.5f) / 255.0f);
+    thresholds[255] = std::numeric_limits<float>::infinity();
     for (int i = 0; i < kBuckets; ++i) {
       const float lower = static_cast<float>(i) / kBuckets;
-      firstCode[i] = static_cast<std::uint8_t>(std::upper_bound(thresholds.begin(), thresholds.end(), lower) -
+      firstCode[i] = static_cast<std::uint8_t>(std::upper_bound(thresholds.begin(), thresholds.begin() + 255, lower) -
                                                thresholds.begin());
     }
   }
@@ -46,9 +49,9 @@ inline std::uint8_t code8Raw(float v) { return static_cast<std::uint8_t>(std::fl
 inline std::uint8_t code8Managed(float v, const Tables& t) {
   if (!(v > 0.0f)) return 0;
   if (v >= 1.0f) return 255;
-  int code = t.firstCode[static_cast<int>(v * Tables::kBuckets)];
-  while (code < 255 && v >= t.thresholds[code]) ++code;
-  return static_cast<std::uint8_t>(code);
+  // A bucket is narrower than any gap between thresholds: one comparison finds the code.
+  const int code = t.firstCode[static_cast<int>(v * Tables::kBuckets)];
+  return static_cast<std::uint8_t>(code + (v >= t.thresholds[code] ? 1 : 0));
 }
 
 }  // namespace
@@ -111,6 +114,14 @@ void encodeStraightRGBA8(const float* src, std::uint8_t* dst, std::size_t count,
   const Tables& t = tables();
   for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
     const float a = clamp01(src[3]);
+    if (a == 1.0f && colorManaged) {
+      // Opaque (most pixels of a photo): the colour is already straight.
+      dst[0] = code8Managed(src[0], t);
+      dst[1] = code8Managed(src[1], t);
+      dst[2] = code8Managed(src[2], t);
+      dst[3] = 255;
+      continue;
+    }
     if (!(a > 0.0f)) {
       dst[0] = dst[1] = dst[2] = dst[3] = 0;
       continue;
