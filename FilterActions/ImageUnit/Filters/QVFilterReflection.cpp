@@ -60,13 +60,16 @@ CIImage QVFilterReflection::outputImage() const {
   const CIImage cut = faded.imageByCroppingToRect(
       CGRectMake(CGRectGetMinX(fadedExtent), CGRectGetMaxY(fadedExtent) - fade, fadedExtent.size.width, fade));
 
-  const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
-  over->setValue(image, kCIInputImageKey);
-  over->setValue(cut, kCIInputBackgroundImageKey);
-  const CIImage joined = QVFilterOutputImage(over);
+  // Lifted only when the bottom lies below 0, by whole pixels. The joined extent is known before
+  // the join (the union of the two), so both parts are moved before they are joined: the
+  // composite reads them in place instead of the whole result being copied once more.
+  const CGRect top = image.extent(), bottom = cut.extent();
+  const CGRect joinedExtent = CGRectIsEmpty(bottom) ? top : CGRectIsEmpty(top) ? bottom : CGRectUnion(top, bottom);
+  const double minY = CGRectGetMinY(joinedExtent);
+  const CGAffineTransform lift = CGAffineTransformMakeTranslation(0.0, minY < 0 ? std::floor(-minY) : 0.0);
 
-  // Lifted only when the bottom lies below 0, by whole pixels.
-  const double minY = CGRectGetMinY(joined.extent());
-  if (minY < 0) return joined.imageByApplyingTransform(CGAffineTransformMakeTranslation(0.0, std::floor(-minY)));
-  return joined;
+  const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
+  over->setValue(image.imageByApplyingTransform(lift), kCIInputImageKey);
+  over->setValue(cut.imageByApplyingTransform(lift), kCIInputBackgroundImageKey);
+  return QVFilterOutputImage(over);
 }

@@ -1,5 +1,7 @@
 #include "Filters/QVFilterStereoscopic.h"
 
+#include <cmath>
+
 #include "CoreImage/CIVector.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVFilterKernelLoader.h"
@@ -21,17 +23,21 @@ double clampedOrOne(const Value& v, double upper) {
   return atLeastZero < upper ? atLeastZero : upper;
 }
 
-// One colour layer of `image`: the given colour rows, alpha scaled by `alpha`, then scaled by `s`
-// about the origin.
-CIImage colourLayer(const CIImage& image, const CIVectorRef& r, const CIVectorRef& g, const CIVectorRef& b, double alpha,
-                    double s) {
+bool isWhole(double v) { return std::isfinite(v) && v == std::floor(v); }
+
+// One colour layer: the given colour rows, alpha scaled by `alpha`. With alpha in 0..1 the
+// matrix is linear in premultiplied values (a channel selection times the opacity, no bias), so
+// it commutes with resampling, moving and cropping: a layer coloured after it was scaled and
+// placed has the pixels of one coloured first, wherever the layer keeps whole pixels.
+CIImage colourLayer(const CIImage& image, const CIVectorRef& r, const CIVectorRef& g, const CIVectorRef& b,
+                    double alpha) {
   const CIFilterRef matrix = QVFilterWithDefaults("CIColorMatrix");
   matrix->setValue(r, "inputRVector");
   matrix->setValue(g, "inputGVector");
   matrix->setValue(b, "inputBVector");
   matrix->setValue(CIVector::vectorWithX(0, 0, 0, alpha), "inputAVector");
   matrix->setValue(image, kCIInputImageKey);
-  return QVFilterOutputImage(matrix).imageByApplyingTransform(CGAffineTransformMakeScale(s, s));
+  return QVFilterOutputImage(matrix);
 }
 
 }  // namespace
@@ -59,25 +65,37 @@ CIImage QVFilterStereoscopic::outputImage() const {
   const double a = clampedOrOne(inputIntensity(), 1.0);
   const CIVectorRef zero = CIVector::vectorWithX(0, 0, 0, 0);
 
-  // Red layer, right-aligned and centred vertically.
-  const CIImage red = colourLayer(image, CIVector::vectorWithX(1, 0, 0, 0), zero, zero, a, s);
-  const CGRect er = red ? red.extent() : CGRectZero;
-  const CIImage redPlaced =
-      red.imageByApplyingTransform(CGAffineTransformMakeTranslation(
-                                       CGRectGetMaxX(extent) - CGRectGetWidth(er) - CGRectGetMinX(er),
-                                       CGRectGetMidY(extent) + CGRectGetHeight(er) * -0.5 - CGRectGetMinY(er)))
-          .imageByCroppingToRect(extent);
-
-  // Cyan layer: the horizontal term is the layer's origin less the picture's, which leaves the
-  // layer's left edge on the picture's for a picture that starts at x = 0.
-  const CIImage cyan =
-      colourLayer(image, zero, CIVector::vectorWithX(0, 1, 0, 0), CIVector::vectorWithX(0, 0, 1, 0), a, s);
-  const CGRect ec = cyan ? cyan.extent() : CGRectZero;
-  const CIImage cyanPlaced =
-      cyan.imageByApplyingTransform(CGAffineTransformMakeTranslation(
-                                        CGRectGetMinX(ec) - CGRectGetMinX(extent),
-                                        CGRectGetMidY(extent) + CGRectGetHeight(ec) * -0.5 - CGRectGetMinY(ec)))
-          .imageByCroppingToRect(extent);
+  // Each layer is the picture coloured, scaled by s about the origin, moved and cut to the
+  // picture. When the scaled picture and both moves keep whole pixels (the usual case: a
+  // picture's extent is whole pixels, and so is its scaled extent at the default scale for
+  // common sizes), colouring commutes with the rest (see colourLayer): the picture is then
+  // scaled once, both layers take their colours after being placed, and one resampled picture
+  // serves both, computed once per tile. Otherwise each layer is coloured first, as the recipe
+  // reads, since a colour matrix keeps only the pixels whose centres lie inside its extent and
+  // would drop the partly covered edge of a fractional layer.
+  const CGAffineTransform scale = CGAffineTransformMakeScale(s, s);
+  const CIImage scaled = image.imageByApplyingTransform(scale);
+  const CGRect placed = scaled ? scaled.extent() : CGRectZero;  // each layer's extent before it moves
+  const double redX = CGRectGetMaxX(extent) - CGRectGetWidth(placed) - CGRectGetMinX(placed);
+  // The cyan layer's horizontal term is the layer's origin less the picture's, which leaves
+  // its left edge on the picture's for a picture that starts at x = 0.
+  const double cyanX = CGRectGetMinX(placed) - CGRectGetMinX(extent);
+  const double y = CGRectGetMidY(extent) + CGRectGetHeight(placed) * -0.5 - CGRectGetMinY(placed);
+  const bool wholePixels = isWhole(CGRectGetMinX(placed)) && isWhole(CGRectGetMinY(placed)) &&
+                           isWhole(CGRectGetWidth(placed)) && isWhole(CGRectGetHeight(placed)) && isWhole(redX) &&
+                           isWhole(cyanX) && isWhole(y);
+  auto layer = [&](const CIVectorRef& r, const CIVectorRef& g, const CIVectorRef& b, double x) {
+    const CGAffineTransform move = CGAffineTransformMakeTranslation(x, y);
+    if (wholePixels)
+      return colourLayer(scaled.imageByApplyingTransform(move).imageByCroppingToRect(extent), r, g, b, a);
+    return colourLayer(image, r, g, b, a)
+        .imageByApplyingTransform(scale)
+        .imageByApplyingTransform(move)
+        .imageByCroppingToRect(extent);
+  };
+  // Red right-aligned, cyan left-aligned, both centred vertically.
+  const CIImage redPlaced = layer(CIVector::vectorWithX(1, 0, 0, 0), zero, zero, redX);
+  const CIImage cyanPlaced = layer(zero, CIVector::vectorWithX(0, 1, 0, 0), CIVector::vectorWithX(0, 0, 1, 0), cyanX);
 
   CIImage result = image;
   for (const CIImage& layer : {cyanPlaced, redPlaced}) {

@@ -1,4 +1,8 @@
 #include <limits>
+#include <set>
+#include <vector>
+
+#include "CoreImage/Nodes/CoreNodes.h"
 
 #include "EffectTestSupport.h"
 #include "Filters/QVFilterStereoscopic.h"
@@ -29,6 +33,20 @@ class Stereoscopic : public qvtest::BundleTest {
 };
 
 class StereoscopicSubclass : public QVFilterStereoscopic {};
+
+// The distinct resampling nodes of a graph.
+std::size_t transformsIn(const CIImage& image) {
+  std::set<const ImageNode*> seen, transforms;
+  std::vector<const ImageNode*> todo{image.node().get()};
+  while (!todo.empty()) {
+    const ImageNode* n = todo.back();
+    todo.pop_back();
+    if (!n || !seen.insert(n).second) continue;
+    if (dynamic_cast<const TransformNode*>(n)) transforms.insert(n);
+    for (const CIImage& i : n->inputs()) todo.push_back(i.node().get());
+  }
+  return transforms.size();
+}
 
 }  // namespace
 
@@ -94,4 +112,55 @@ TEST_F(Stereoscopic, TwoKernelsInFileOrderLoadedOnce) {
   ASSERT_TRUE(QVFilterStereoscopic::QVFilterStereoscopic_StereoscopicKernel());
   EXPECT_EQ(QVFilterStereoscopic::QVFilterStereoscopic_DesaturateKernel()->name(), "stereoscopicDesaturate");
   EXPECT_EQ(QVFilterStereoscopic::QVFilterStereoscopic_StereoscopicKernel()->name(), "stereoscopicMix");
+}
+
+// The filter scales the picture once and colours each placed layer after; the layers of the
+// plain recipe are coloured first and then scaled and placed each on its own. Both give the same
+// pixels (to float rounding), for whole-pixel and fractional placements alike.
+TEST_F(Stereoscopic, SharedScalingGivesThePixelsOfColouringEachLayerFirst) {
+  auto builtin = [](const std::string& name, const std::vector<std::pair<std::string, Value>>& inputs) {
+    const CIFilterRef f = CIFilter::filterWithName(name);
+    f->setDefaults();
+    for (const auto& [k, v] : inputs) f->setValue(v, k);
+    return f->outputImage();
+  };
+  for (const CIImage& input : {makeTestImageWithAlpha(60, 40), makeTestImageWithAlpha(51, 37, CGPointMake(3, -2)),
+                               makeTestImageWithAlpha(150, 100)}) {
+    const CGRect e = input.extent();
+    for (double s : {0.98, 0.73, 1.3, 0.5}) {
+      const double a = 0.6;
+      auto layer = [&](const CIVectorRef& r, const CIVectorRef& g, const CIVectorRef& b, bool red) {
+        const CIImage scaled = builtin("CIColorMatrix", {{kCIInputImageKey, input},
+                                                         {"inputRVector", r},
+                                                         {"inputGVector", g},
+                                                         {"inputBVector", b},
+                                                         {"inputAVector", CIVector::vectorWithX(0, 0, 0, a)}})
+                                   .imageByApplyingTransform(CGAffineTransformMakeScale(s, s));
+        const CGRect l = scaled.extent();
+        const double tx = red ? CGRectGetMaxX(e) - CGRectGetWidth(l) - CGRectGetMinX(l) : CGRectGetMinX(l) - CGRectGetMinX(e);
+        const double ty = CGRectGetMidY(e) + CGRectGetHeight(l) * -0.5 - CGRectGetMinY(l);
+        return scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(tx, ty)).imageByCroppingToRect(e);
+      };
+      const CIVectorRef zero = CIVector::vectorWithX(0, 0, 0, 0);
+      const CIImage red = layer(CIVector::vectorWithX(1, 0, 0, 0), zero, zero, true);
+      const CIImage cyan = layer(zero, CIVector::vectorWithX(0, 1, 0, 0), CIVector::vectorWithX(0, 0, 1, 0), false);
+      const CIImage recipe = builtin(
+          "CILightenBlendMode",
+          {{kCIInputImageKey, red},
+           {kCIInputBackgroundImageKey,
+            builtin("CILightenBlendMode", {{kCIInputImageKey, cyan}, {kCIInputBackgroundImageKey, input}})}});
+      const CIImage out = stereo(input, s, a);
+      ASSERT_TRUE(out);
+      EXPECT_EQ(out.extent(), recipe.extent());
+      EXPECT_LT(maxDifference(out, recipe, e), 1e-6f) << "scale " << s;
+      // Where the scaled picture and its placements keep whole pixels, both layers read one
+      // resampling of it.
+      const CGRect l = CGRectApplyAffineTransform(e, CGAffineTransformMakeScale(s, s));
+      const double y = CGRectGetMidY(e) - CGRectGetHeight(l) * 0.5 - CGRectGetMinY(l);
+      const double x = CGRectGetMaxX(e) - CGRectGetWidth(l) - CGRectGetMinX(l);
+      const bool whole = CGRectEqualToRect(l, CGRectIntegral(l)) && y == std::floor(y) && x == std::floor(x) &&
+                         CGRectGetMinX(l) == std::floor(CGRectGetMinX(l));
+      EXPECT_EQ(transformsIn(out), whole ? 1u : 2u) << "scale " << s;
+    }
+  }
 }
