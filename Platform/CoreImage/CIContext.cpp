@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <future>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -523,14 +524,31 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
   progress.total = 0;
   for (std::int64_t s = 0; s < strips; ++s) progress.total += renderer.tilesIn(std::min(stripRows, b.height - s * stripRows));
+  // The encoder writes one strip while the workers render the next: two strip buffers, and
+  // the encoder never more than one strip behind.
   const std::ptrdiff_t rowBytes = b.width * 4;
-  std::vector<std::uint8_t> strip(std::size_t(rowBytes) * std::size_t(stripRows));
-  for (std::int64_t s = 0; s < strips; ++s) {
-    const std::int64_t top = b.maxY() - s * stripRows;
-    const std::int64_t h = std::min(stripRows, top - b.y);
-    renderer.render(PixelRect{b.x, top - h, b.width, h}, strip.data(), rowBytes, CIRenderFormat::RGBA8);
-    if (!CGImageDestinationWriteRows(dest, strip.data(), std::size_t(rowBytes), std::size_t(h)))
+  std::vector<std::uint8_t> stripBuffers[2];
+  for (auto& buffer : stripBuffers) buffer.resize(std::size_t(rowBytes) * std::size_t(stripRows));
+  std::future<bool> written;
+  auto finishWriting = [&] {
+    if (written.valid() && !written.get())
       throw CIRenderError("cannot write " + path + ": " + CGImageDestinationGetLastError(dest));
+  };
+  try {
+    for (std::int64_t s = 0; s < strips; ++s) {
+      const std::int64_t top = b.maxY() - s * stripRows;
+      const std::int64_t h = std::min(stripRows, top - b.y);
+      std::vector<std::uint8_t>& strip = stripBuffers[s % 2];
+      renderer.render(PixelRect{b.x, top - h, b.width, h}, strip.data(), rowBytes, CIRenderFormat::RGBA8);
+      finishWriting();
+      written = std::async(std::launch::async, [&dest, &strip, rowBytes, h] {
+        return CGImageDestinationWriteRows(dest, strip.data(), std::size_t(rowBytes), std::size_t(h));
+      });
+    }
+    finishWriting();
+  } catch (...) {
+    if (written.valid()) written.wait();  // the encoder still reads a strip buffer
+    throw;
   }
   if (!CGImageDestinationFinalize(dest))
     throw CIRenderError("cannot write " + path + ": " + CGImageDestinationGetLastError(dest));
