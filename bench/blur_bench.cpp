@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "CoreImage/Builtins/BlurKernels.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
@@ -24,31 +25,8 @@ namespace {
 
 constexpr std::size_t kWidth = 6000, kHeight = 4000;
 
-// A photo-like picture: smooth gradients, discs, stripes and grain (compresses like a photo).
-std::vector<std::uint8_t> picture(std::size_t w, std::size_t h) {
-  std::vector<std::uint8_t> px(w * h * 4);
-  std::uint32_t state = 99;
-  for (std::size_t y = 0; y < h; ++y)
-    for (std::size_t x = 0; x < w; ++x) {
-      state = state * 1664525u + 1013904223u;
-      const double grain = double((state >> 16) & 31) - 15.5;
-      const double fx = double(x) / double(w), fy = double(y) / double(h);
-      double r = 60 + 150 * fy + 30 * std::sin(fx * 31.0), g = 80 + 120 * fx, b = 200 - 90 * fy;
-      const double dx = fx - 0.35, dy = fy - 0.4;
-      if (dx * dx + dy * dy < 0.02) r = 250, g = 215, b = 90;
-      if ((x / 40) % 7 == 0 && fy > 0.7) r = g = b = 235;
-      auto clamp8 = [](double v) { return std::uint8_t(std::lround(std::fmin(255, std::fmax(0, v)))); };
-      std::uint8_t* p = &px[(y * w + x) * 4];
-      p[0] = clamp8(r + grain);
-      p[1] = clamp8(g + grain);
-      p[2] = clamp8(b + grain);
-      p[3] = 255;
-    }
-  return px;
-}
-
 const std::vector<std::uint8_t>& photoPixels() {
-  static const std::vector<std::uint8_t> px = picture(kWidth, kHeight);
+  static const std::vector<std::uint8_t> px = qvbench::photoPixels(kWidth, kHeight);
   return px;
 }
 

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
@@ -33,56 +34,18 @@ namespace {
 constexpr std::size_t kWidth = 6000, kHeight = 4000;
 const char* const kInput = "/tmp/qv_effects_bench_6000x4000.jpg";
 
-// A photo-like picture (sky, ground, grain) so that JPEG coding costs what it does on photos.
-CGImageRef makePicture(std::size_t w, std::size_t h) {
-  auto img = CGImageCreateBlank(w, h, 8);
-  std::uint32_t state = 88172645u;
-  for (std::size_t y = 0; y < h; ++y) {
-    std::uint8_t* row = img->row(y);
-    for (std::size_t x = 0; x < w; ++x) {
-      state ^= state << 13;
-      state ^= state >> 17;
-      state ^= state << 5;
-      const float grain = static_cast<float>(state & 15) - 7.5f;
-      const float u = static_cast<float>(x) / static_cast<float>(w), v = static_cast<float>(y) / static_cast<float>(h);
-      const bool ground = v > 0.55f + 0.1f * std::sin(7.0f * u);
-      const float r = ground ? 90 + 50 * u : 70 + 140 * v;
-      const float g = ground ? 110 - 30 * v + 25 * std::sin(30 * u) : 120 + 100 * v;
-      const float b = ground ? 60 : 210 + 30 * v;
-      auto clamp8 = [](float c) { return static_cast<std::uint8_t>(c < 0 ? 0 : c > 255 ? 255 : c); };
-      row[x * 4 + 0] = clamp8(r + grain);
-      row[x * 4 + 1] = clamp8(g + grain);
-      row[x * 4 + 2] = clamp8(b + grain);
-      row[x * 4 + 3] = 255;
-    }
-  }
-  return img;
-}
-
 bool prepare() {
   static const bool ready = [] {
     if (!std::filesystem::exists(kInput)) {
       auto dest = CGImageDestinationCreateWithURL(kInput, kUTTypeJPEG);
-      if (!dest || !CGImageDestinationAddImage(dest, makePicture(kWidth, kHeight),
+      if (!dest || !CGImageDestinationAddImage(dest, qvbench::photoImage(kWidth, kHeight),
                                                {{kCGImageDestinationLossyCompressionQuality, 0.9}}) ||
           !CGImageDestinationFinalize(dest)) {
         std::fprintf(stderr, "cannot write %s\n", kInput);
         return false;
       }
     }
-    std::string bundle;
-    if (const char* env = std::getenv("QV_BUNDLE_DIR")) {
-      bundle = env;
-    } else {
-      const auto exe = std::filesystem::read_symlink("/proc/self/exe");
-      bundle = (exe.parent_path() / ".." / "lib" / "qvfilter" / "QVFilterImageUnits.plugin").string();
-    }
-    std::string error;
-    if (!CIPlugIn::loadPlugIn(bundle, &error)) {
-      std::fprintf(stderr, "cannot load the bundle %s: %s\n", bundle.c_str(), error.c_str());
-      return false;
-    }
-    return true;
+    return qvbench::loadBundle();
   }();
   return ready;
 }

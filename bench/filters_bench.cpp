@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
 #include "CoreImage/CIImage.h"
@@ -27,49 +28,14 @@ constexpr std::size_t kWidth = 6000, kHeight = 4000;
 const char* const kInput = "/tmp/qv_filters_bench_6000x4000.jpg";
 const char* const kOutput = "/tmp/qv_filters_bench_out.jpg";
 
-// A photo-like picture: gradients, a disc, stripes and grain (compresses like a photo).
-std::vector<std::uint8_t> picture(std::size_t w, std::size_t h) {
-  std::vector<std::uint8_t> px(w * h * 4);
-  std::uint32_t state = 7;
-  for (std::size_t y = 0; y < h; ++y)
-    for (std::size_t x = 0; x < w; ++x) {
-      state = state * 1664525u + 1013904223u;
-      const double grain = double((state >> 16) & 31) - 15.5;
-      const double fx = double(x) / double(w), fy = double(y) / double(h);
-      double r = 70 + 140 * fy + 25 * std::sin(fx * 29.0), g = 90 + 110 * fx, b = 210 - 100 * fy;
-      const double dx = fx - 0.6, dy = fy - 0.3;
-      if (dx * dx + dy * dy < 0.015) r = 250, g = 220, b = 120;
-      if ((x / 50) % 9 == 0 && fy > 0.65) r = g = b = 30;
-      auto clamp8 = [](double v) { return std::uint8_t(std::lround(std::fmin(255, std::fmax(0, v)))); };
-      std::uint8_t* p = &px[(y * w + x) * 4];
-      p[0] = clamp8(r + grain);
-      p[1] = clamp8(g + grain);
-      p[2] = clamp8(b + grain);
-      p[3] = 255;
-    }
-  return px;
-}
-
 bool prepare() {
   static const bool ready = [] {
     if (!std::filesystem::exists(kInput)) {
-      const auto px = picture(kWidth, kHeight);
+      const auto px = qvbench::photoPixels(kWidth, kHeight);
       const CIImage image = CIImage::imageWithRGBA8(px.data(), kWidth, kHeight, kWidth * 4);
       CIContext().writeToFile(image, kInput, image.extent(), 0.9);
     }
-    std::string bundle;
-    if (const char* env = std::getenv("QV_BUNDLE_DIR")) {
-      bundle = env;
-    } else {
-      const auto exe = std::filesystem::read_symlink("/proc/self/exe");
-      bundle = (exe.parent_path() / ".." / "lib" / "qvfilter" / "QVFilterImageUnits.plugin").string();
-    }
-    std::string error;
-    if (!CIPlugIn::loadPlugIn(bundle, &error)) {
-      std::fprintf(stderr, "cannot load the bundle %s: %s\n", bundle.c_str(), error.c_str());
-      return false;
-    }
-    return true;
+    return qvbench::loadBundle();
   }();
   return ready;
 }

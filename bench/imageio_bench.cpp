@@ -9,36 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "ImageIO/ImageIO.h"
 
 namespace {
-
-// A photo-like test picture: smooth gradients, edges and grain, so that entropy decoding costs
-// what it costs on real photographs.
-CGImageRef makePicture(std::size_t w, std::size_t h) {
-  auto img = CGImageCreateBlank(w, h, 8);
-  std::uint32_t state = 2463534242u;
-  for (std::size_t y = 0; y < h; ++y) {
-    std::uint8_t* row = img->row(y);
-    for (std::size_t x = 0; x < w; ++x) {
-      state ^= state << 13;
-      state ^= state >> 17;
-      state ^= state << 5;
-      const float grain = static_cast<float>(state & 31) - 15.5f;
-      const float u = static_cast<float>(x) / static_cast<float>(w), v = static_cast<float>(y) / static_cast<float>(h);
-      const bool ground = v > 0.6f + 0.08f * std::sin(9.0f * u);
-      const float r = ground ? 70 + 60 * u : 60 + 150 * v;
-      const float g = ground ? 120 - 40 * v + 30 * std::sin(40 * u) : 110 + 110 * v;
-      const float b = ground ? 50 : 200 + 40 * v;
-      auto clamp8 = [](float c) { return static_cast<std::uint8_t>(c < 0 ? 0 : c > 255 ? 255 : c); };
-      row[x * 4 + 0] = clamp8(r + grain);
-      row[x * 4 + 1] = clamp8(g + grain);
-      row[x * 4 + 2] = clamp8(b + grain);
-      row[x * 4 + 3] = 255;
-    }
-  }
-  return img;
-}
 
 std::vector<std::uint8_t> encodeToFile(const CGImageRef& image, const std::string& path, const char* type) {
   auto dest = CGImageDestinationCreateWithURL(path, type);
@@ -52,12 +26,12 @@ std::vector<std::uint8_t> encodeToFile(const CGImageRef& image, const std::strin
 }
 
 const std::vector<std::uint8_t>& bigJPEG() {
-  static const std::vector<std::uint8_t> bytes = encodeToFile(makePicture(6000, 4000), "/tmp/qv_bench_6000x4000.jpg", kUTTypeJPEG);
+  static const std::vector<std::uint8_t> bytes = encodeToFile(qvbench::photoImage(6000, 4000), "/tmp/qv_bench_6000x4000.jpg", kUTTypeJPEG);
   return bytes;
 }
 
 const std::vector<std::uint8_t>& texturePNG() {
-  static const std::vector<std::uint8_t> bytes = encodeToFile(makePicture(2048, 1365), "/tmp/qv_bench_2048x1365.png", kUTTypePNG);
+  static const std::vector<std::uint8_t> bytes = encodeToFile(qvbench::photoImage(2048, 1365), "/tmp/qv_bench_2048x1365.png", kUTTypePNG);
   return bytes;
 }
 
@@ -112,7 +86,7 @@ BENCHMARK(BM_PNGDecode)->Unit(benchmark::kMillisecond)->UseRealTime();
 // The resampler alone: 1500x1000 (a 1/4 DCT decode) to 1000x667, and a PNG-sized 4:1 reduce.
 void BM_Scale(benchmark::State& state) {
   const auto w = static_cast<std::size_t>(state.range(0)), h = w * 2 / 3;
-  const CGImageRef source = makePicture(w, h);
+  const CGImageRef source = qvbench::photoImage(w, h);
   const std::size_t outW = static_cast<std::size_t>(state.range(1)), outH = outW * 2 / 3;
   for (auto _ : state) {
     CGImageRef image = CGImageCreateScaled(source, outW, outH);
@@ -123,7 +97,7 @@ void BM_Scale(benchmark::State& state) {
 BENCHMARK(BM_Scale)->Args({1500, 1000})->Args({2048, 512})->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_Orientation6(benchmark::State& state) {
-  const CGImageRef source = makePicture(1500, 1000);
+  const CGImageRef source = qvbench::photoImage(1500, 1000);
   for (auto _ : state) {
     CGImageRef image = CGImageCreateByApplyingOrientation(source, 6);
     benchmark::DoNotOptimize(image);
