@@ -82,8 +82,8 @@ Plan makePlan(const ImageNode* root) {
 // column (ImageNode::continuesDown) ask for only the input rows they have not yet read.
 struct Regions {
   std::vector<PixelRect> needed;  // what each node must hold: the union of its consumers' ROIs
-  std::vector<PixelRect> fresh;   // the part of `needed` not carried over from the tile above
-  std::vector<PixelRect> work;    // fresh ∩ extent: what the node renders
+  std::vector<PixelRect> work;    // the part of `needed` not carried over from the tile above,
+                                  // within the node's extent: what the node renders
   std::vector<char> carried;      // whether part of `needed` is carried over
   std::vector<std::vector<PixelRect>> roi;
 };
@@ -107,7 +107,6 @@ void computeRegions(const Plan& plan, const PixelRect& tile, const std::vector<P
                     const std::vector<PixelRect>& last, Regions& r) {
   const std::size_t n = plan.nodes.size();
   r.needed.assign(n, PixelRect{});
-  r.fresh.assign(n, PixelRect{});
   r.work.assign(n, PixelRect{});
   r.carried.assign(n, 0);
   r.roi.resize(n);
@@ -116,13 +115,12 @@ void computeRegions(const Plan& plan, const PixelRect& tile, const std::vector<P
     r.roi[i].assign(plan.inputs[i].size(), PixelRect{});
     const PixelRect& need = r.needed[i];
     if (need.empty()) continue;
+    PixelRect fresh = need;
     if (i < held.size() && carries(held[i], need)) {
       r.carried[i] = 1;
-      r.fresh[i] = PixelRect{need.x, need.y, need.width, held[i].y - need.y};
-    } else {
-      r.fresh[i] = need;
+      fresh.height = held[i].y - need.y;
     }
-    r.work[i] = r.fresh[i].intersection(plan.extent[i]);
+    r.work[i] = fresh.intersection(plan.extent[i]);
     if (r.work[i].empty()) continue;
     const ImageNode& node = *plan.nodes[i];
     const bool below = i < last.size() && continues(node, last[i], r.work[i]);
