@@ -54,13 +54,26 @@ class CIAffineClampFilter final : public CIBuiltinFilter {
   }
 };
 
-// The image transformed, then repeated over the plane with the transformed extent as the cell.
+// The image transformed, then repeated over the plane along the transformed lattice: the cell
+// is the parallelogram spanned by the transformed edges of the image, so a point and the same
+// point moved by either transformed edge vector show the same pixel. A scale and translation
+// keeps the cell a rectangle, which is tiled after the transform in whole output pixels; any
+// other transform (shear, rotation) repeats the image in its own space and transforms the
+// repetition, which is the transformed lattice by construction.
 class CIAffineTileFilter final : public CIBuiltinFilter {
  public:
   CIImage outputImage() const override {
     const CIImage in = inputImageForKey(kCIInputImageKey);
     if (!in) return {};
-    const CIImage t = in.imageByApplyingTransform(transformOf(input(kCIInputTransformKey)));
+    const CGAffineTransform m = transformOf(input(kCIInputTransformKey));
+    if (m.b != 0 || m.c != 0) {
+      const CGRect ie = in.extent();
+      if (CGRectIsInfinite(ie)) return in.imageByApplyingTransform(m);
+      if (CGRectIsEmpty(ie) || PixelRect::covering(ie).empty()) return CIImage::emptyImage();
+      if (m.a * m.d - m.b * m.c == 0) return CIImage::emptyImage();
+      return CIImage(std::make_shared<TileNode>(in)).imageByApplyingTransform(m);
+    }
+    const CIImage t = in.imageByApplyingTransform(m);
     const CGRect e = t.extent();
     if (CGRectIsInfinite(e)) return t;
     if (CGRectIsEmpty(e) || PixelRect::covering(e).empty()) return CIImage::emptyImage();

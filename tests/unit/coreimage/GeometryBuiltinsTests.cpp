@@ -98,6 +98,56 @@ TEST(GeometryBuiltins, AffineTileRepeatsTheTransformedCell) {
   }
 }
 
+TEST(GeometryBuiltins, AffineTileWithAShearRepeatsTheShearedLattice) {
+  // x' = x + 0.5·y: the edges (10, 0) and (0, 6) become (10, 0) and (3, 6).
+  const auto img = makeTestImageWithAlpha(10, 6, CGPointMake(1, 2));
+  auto f = make("CIAffineTile", img);
+  f->setValue(Value(CGAffineTransformMake(1, 0, 0.5, 1, 0, 0)), kCIInputTransformKey);
+  const auto out = f->outputImage();
+  EXPECT_TRUE(CGRectIsInfinite(out.extent()));
+  for (auto [x, y] : {std::pair{4.0, 3.0}, std::pair{9.0, 7.0}, std::pair{-5.0, -11.0}, std::pair{13.0, 4.0}}) {
+    const auto a = pixelAt(out, x, y);
+    for (auto [dx, dy] : {std::pair{10, 0}, std::pair{3, 6}, std::pair{-3, -6}, std::pair{13, 6}, std::pair{-33, -6}}) {
+      const auto b = pixelAt(out, x + dx, y + dy);
+      for (int k = 0; k < 4; ++k) EXPECT_EQ(a[k], b[k]) << x << "," << y << " +" << dx << "," << dy;
+    }
+  }
+  // Inside the sheared image itself the tile is the sheared image.
+  const auto sheared = img.imageByApplyingTransform(CGAffineTransformMake(1, 0, 0.5, 1, 0, 0));
+  const auto a = pixelAt(out, 5, 4), b = pixelAt(sheared, 5, 4);
+  for (int k = 0; k < 4; ++k) EXPECT_EQ(a[k], b[k]);
+  // The bounding box of the sheared image (13 wide) is no period.
+  const auto c = pixelAt(out, 5 + 13, 4);
+  bool differs = false;
+  for (int k = 0; k < 4; ++k) differs = differs || a[k] != c[k];
+  EXPECT_TRUE(differs);
+}
+
+TEST(GeometryBuiltins, AffineTileWithARotationRepeatsTheRotatedLattice) {
+  // Moving the whole tiling by one rotated edge vector leaves it unchanged; moving it by the
+  // bounding box's width does not.
+  const auto img = makeTestImageWithAlpha(12, 8);
+  const CGAffineTransform r = CGAffineTransformMakeRotation(M_PI / 6);
+  const CGPoint u = CGPointApplyAffineTransform(CGPointMake(12, 0), r);
+  const CGPoint v = CGPointApplyAffineTransform(CGPointMake(0, 8), r);
+  auto tile = [&](double tx, double ty) {
+    auto f = make("CIAffineTile", img);
+    f->setValue(Value(CGAffineTransformConcat(r, CGAffineTransformMakeTranslation(tx, ty))), kCIInputTransformKey);
+    return renderRGBAf(f->outputImage(), CGRectMake(-20, -20, 40, 40));
+  };
+  const auto base = tile(0, 0);
+  auto maxDifference = [&](const std::vector<float>& other) {
+    float d = 0;
+    for (std::size_t i = 0; i < base.size(); ++i) d = std::max(d, std::fabs(base[i] - other[i]));
+    return d;
+  };
+  EXPECT_LT(maxDifference(tile(u.x, u.y)), 1e-5f);
+  EXPECT_LT(maxDifference(tile(v.x, v.y)), 1e-5f);
+  EXPECT_LT(maxDifference(tile(-u.x - v.x, -u.y - v.y)), 1e-5f);
+  const double boxWidth = 12 * std::cos(M_PI / 6) + 8 * std::sin(M_PI / 6);
+  EXPECT_GT(maxDifference(tile(boxWidth, 0)), 0.05f);
+}
+
 TEST(GeometryBuiltins, LanczosExtentAndFlatRegions) {
   const auto img = makeTestImage(101, 60, CGPointMake(10, 20));
   auto f = make("CILanczosScaleTransform", img);
