@@ -39,8 +39,13 @@ QVFilterKernelList QVFilterKernelsFromResourceInBundle(const std::shared_ptr<NSB
   // Read errors are not inspected: unreadable text is a nil list, like a missing file.
   const std::optional<std::string> text = QVFilterStringWithContentsOfFile(url->path());
   if (!text) return list;
+  // A text that does not compile is a nil list too, silently: the diagnostic (line and
+  // column) is for `qvfilter kernel check`, not for the host.
+  std::vector<KernelDiagnostic> diagnostics;
+  std::vector<CIKernelRef> kernels = CIKernel::kernelsWithString(*text, &diagnostics);
+  if (!diagnostics.empty()) return list;
   list.present = true;
-  list.kernels = CIKernel::kernelsWithString(*text);
+  list.kernels = std::move(kernels);
   return list;
 }
 

@@ -32,7 +32,8 @@ class NSBundle;
 
 // The kernels of one resource file, in the order in which they stand in the text.
 struct QVFilterKernelList {
-  // False when the resource is missing or unreadable: a nil list, whose every kernel is nil.
+  // False when the resource is missing, unreadable or does not compile: a nil list, whose
+  // every kernel is nil.
   bool present = false;
   std::vector<CIKernelRef> kernels;
 
@@ -44,7 +45,7 @@ struct QVFilterKernelList {
 
 // The kernels of Resources/<name>.cikernel of the plug-in bundle, found by
 // QVFilterImageUnitsBundleIdentifier (never the main bundle: the host is the main program).
-// A missing bundle or resource gives a nil list, silently.
+// A missing bundle or resource, or a text that does not compile, gives a nil list, silently.
 QVFilterKernelList QVFilterKernelsFromResource(const std::string& name);
 // The same in a given bundle (nil bundle: a nil list).
 QVFilterKernelList QVFilterKernelsFromResourceInBundle(const std::shared_ptr<NSBundle>& bundle,

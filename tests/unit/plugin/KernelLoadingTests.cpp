@@ -142,6 +142,31 @@ TEST_F(KernelResources, EmptyButPresentListRaisesRangeException) {
   }
 }
 
+TEST_F(KernelResources, ABrokenCopyOfEachBundleKernelGivesANilListSilently) {
+  // Each kernel resource of the bundle, whole (it compiles) and then cut off in the middle of
+  // its text and followed by a stray brace (it does not).
+  std::size_t resources = 0;
+  for (const auto& entry : fs::directory_iterator(fs::path(QV_BUNDLE_DIR) / "Resources")) {
+    if (entry.path().extension() != ".cikernel") continue;
+    ++resources;
+    std::ifstream in(entry.path(), std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string name = entry.path().stem().string();
+    writeResource(name + ".cikernel", text);
+    const QVFilterKernelList whole = QVFilterKernelsFromResourceInBundle(bundle_, name);
+    EXPECT_TRUE(whole.present) << name;
+    EXPECT_TRUE(whole.kernelAtIndex(0)) << name;
+    writeResource(name + ".cikernel", text.substr(0, text.size() / 2) + "\n}}\n");
+    testing::internal::CaptureStderr();
+    const QVFilterKernelList broken = QVFilterKernelsFromResourceInBundle(bundle_, name);
+    EXPECT_FALSE(broken.present) << name;
+    EXPECT_NO_THROW(EXPECT_FALSE(broken.kernelAtIndex(0))) << name;
+    EXPECT_NO_THROW(EXPECT_FALSE(broken.kernelAtIndex(1))) << name;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << name;
+  }
+  EXPECT_EQ(resources, 5u);
+}
+
 TEST_F(KernelResources, IndexBeyondAPresentListRaises) {
   writeResource("Pair.cikernel", kTwoKernels);
   const QVFilterKernelList list = QVFilterKernelsFromResourceInBundle(bundle_, "Pair");
