@@ -231,10 +231,26 @@ TEST_F(GeometryFilters, ResizeDefaultsFromTheDescription) {
   CIFilterRef resize = plugInFilter("QVFilterResize");
   ASSERT_TRUE(resize);
   EXPECT_EQ(resize->valueForKey("inputEdge").integerValue(), 3);
-  EXPECT_EQ(resize->valueForKey("inputMaximumExtent").doubleValue(), 1024.0);
-  const CIImage big = imageOfSize(2048, 4096);
+  EXPECT_EQ(resize->valueForKey("inputMaximumExtent").doubleValue(), 200.0);
+  const CIImage big = imageOfSize(2000, 4000);
   resize->setValue(big, kCIInputImageKey);
-  expectScaledBy(big, outputOf(resize), 0.25);
+  EXPECT_RECT_EQ(outputOf(resize).extent(), 0, 0, 100, 200);
+  // The gallery photo's size (320 × 240) is brought down to 200 × 150.
+  resize->setValue(imageOfSize(320, 240), kCIInputImageKey);
+  EXPECT_RECT_EQ(outputOf(resize).extent(), 0, 0, 200, 150);
+}
+
+TEST_F(GeometryFilters, RotateByItsDefaultTurnsThePhotoSlightly) {
+  CIFilterRef rotate = plugInFilter("QVFilterRotate");
+  ASSERT_TRUE(rotate);
+  EXPECT_EQ(rotate->attributes()[kCIInputAngleKey][kCIAttributeIdentity].doubleValue(), 0.0);
+  rotate->setValue(imageOfSize(320, 240), kCIInputImageKey);
+  // The turned photo's bounding box (about -20.9, 0, 339.7 × 267.0) lies inside its rounded
+  // rectangle (-21, 0, 340 × 267), so the crop keeps all of it.
+  const CGRect turned =
+      CGRectApplyAffineTransform(CGRectMake(0, 0, 320, 240), CGAffineTransformMakeRotation(0.08726646259971647));
+  EXPECT_EQ(outputOf(rotate).extent(), turned) << NSStringFromRect(outputOf(rotate).extent());
+  EXPECT_EQ(CGRectIntegral(turned), CGRectMake(-21, 0, 340, 267));
 }
 
 // ---- Square crop ----
@@ -359,7 +375,7 @@ TEST_F(GeometryFilters, OnlyProportionalCropDescribesItsOwnInputs) {
 TEST_F(GeometryFilters, RotateDefaultsFromTheDescription) {
   CIFilterRef rotate = plugInFilter("QVFilterRotate");
   ASSERT_TRUE(rotate);
-  EXPECT_EQ(rotate->valueForKey("inputAngle").doubleValue(), 0.0);
+  EXPECT_EQ(rotate->valueForKey("inputAngle").doubleValue(), 0.08726646259971647);  // a slight turn: 5 degrees
   const Value angle = rotate->attributes()["inputAngle"];
   EXPECT_EQ(angle[kCIAttributeSliderMin].doubleValue(), -std::numbers::pi);
   EXPECT_EQ(angle[kCIAttributeSliderMax].doubleValue(), std::numbers::pi);
