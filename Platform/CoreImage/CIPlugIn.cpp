@@ -1,8 +1,14 @@
 #include "CoreImage/CIPlugIn.h"
 
 #include <dlfcn.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <set>
@@ -22,6 +28,47 @@ struct LoadedPlugIn {
   std::string identifier;  // CFBundleIdentifier
   void* handle = nullptr;  // never closed: registered classes live in the library
 };
+
+// Checks a shared library's ELF headers against the file before it is mapped: a library cut
+// short maps pages past its end, and the loader touching them kills the process with SIGBUS.
+// Empty when the file looks whole; otherwise what is wrong with it.
+std::string elfLibraryProblem(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return {};  // dlopen reports why it cannot be opened
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } closer{fd};
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return "not a regular file";
+  const std::uint64_t size = std::uint64_t(st.st_size);
+  auto readAt = [&](void* to, std::size_t n, std::uint64_t offset) {
+    return offset <= size && n <= size - offset && ::pread(fd, to, n, off_t(offset)) == ssize_t(n);
+  };
+  Elf64_Ehdr eh{};
+  if (!readAt(&eh, sizeof eh, 0) || std::memcmp(eh.e_ident, ELFMAG, SELFMAG) != 0)
+    return "not an ELF shared library";
+  if (eh.e_ident[EI_CLASS] != ELFCLASS64 || eh.e_phentsize != sizeof(Elf64_Phdr) ||
+      (eh.e_shnum != 0 && eh.e_shentsize != sizeof(Elf64_Shdr)))
+    return "not a 64-bit ELF shared library";
+  const std::string truncated = "truncated ELF file (" + std::to_string(size) + " bytes)";
+  const auto within = [&](std::uint64_t offset, std::uint64_t length) {
+    return offset <= size && length <= size - offset;
+  };
+  if (!within(eh.e_phoff, std::uint64_t(eh.e_phnum) * sizeof(Elf64_Phdr))) return truncated;
+  if (!within(eh.e_shoff, std::uint64_t(eh.e_shnum) * sizeof(Elf64_Shdr))) return truncated;
+  for (std::uint16_t i = 0; i < eh.e_phnum; ++i) {
+    Elf64_Phdr ph{};
+    if (!readAt(&ph, sizeof ph, eh.e_phoff + std::uint64_t(i) * sizeof ph)) return truncated;
+    if (!within(ph.p_offset, ph.p_filesz)) return truncated;
+  }
+  for (std::uint16_t i = 0; i < eh.e_shnum; ++i) {
+    Elf64_Shdr sh{};
+    if (!readAt(&sh, sizeof sh, eh.e_shoff + std::uint64_t(i) * sizeof sh)) return truncated;
+    if (sh.sh_type != SHT_NOBITS && !within(sh.sh_offset, sh.sh_size)) return truncated;
+  }
+  return {};
+}
 
 std::mutex& loaderMutex() {
   static std::mutex m;
@@ -252,6 +299,10 @@ bool CIPlugIn::loadPlugIn(const std::string& bundlePath, std::string* error) {
   const std::string libraryPath = bundle->executablePath();
   if (libraryPath.empty()) {
     *error = "missing library " + *executable;
+    return false;
+  }
+  if (const std::string problem = elfLibraryProblem(libraryPath); !problem.empty()) {
+    *error = "cannot open library " + *executable + ": " + problem;
     return false;
   }
   void* handle = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_LOCAL);

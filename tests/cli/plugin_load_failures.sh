@@ -26,6 +26,12 @@ mkdir -p "$tmp/plugins/Garbled.plugin/Resources"
 sed 's/org.qvfilter.filters.imageunits/org.qvfilter.tests.garbled/' "$bundle/Info.plist" > "$tmp/plugins/Garbled.plugin/Info.plist"
 ln -s "$bundle/QVFilterImageUnits.so" "$tmp/plugins/Garbled.plugin/QVFilterImageUnits.so"
 printf '<plist><dict><key>QVFilterRotate</key><dict>' > "$tmp/plugins/Garbled.plugin/Resources/Description.plist"
+# A library cut in half: refused before it is mapped (mapping it would fault past its end).
+mkdir -p "$tmp/plugins/Cut.plugin/Resources"
+sed 's/org.qvfilter.filters.imageunits/org.qvfilter.tests.cut/' "$bundle/Info.plist" > "$tmp/plugins/Cut.plugin/Info.plist"
+cp "$bundle/Resources/Description.plist" "$tmp/plugins/Cut.plugin/Resources/"
+size=$(stat -c %s "$bundle/QVFilterImageUnits.so")
+head -c $((size / 2)) "$bundle/QVFilterImageUnits.so" > "$tmp/plugins/Cut.plugin/QVFilterImageUnits.so"
 
 QV_PLUGIN_PATH="$tmp/plugins" "$QVFILTER" list >"$tmp/out" 2>"$tmp/err" || fail "list failed: $(cat "$tmp/err")"
 cat "$tmp/err"
@@ -35,7 +41,9 @@ grep -qx "qvfilter: cannot load plug-in $tmp/plugins/NoLibrary.plugin: missing l
   || fail "no reason for NoLibrary.plugin"
 grep -q "^qvfilter: cannot load plug-in $tmp/plugins/Garbled.plugin: garbled filter description" "$tmp/err" \
   || fail "no reason for Garbled.plugin"
-[ "$(wc -l < "$tmp/err")" -eq 3 ] || fail "each failure should be reported exactly once"
+grep -qx "qvfilter: cannot load plug-in $tmp/plugins/Cut.plugin: cannot open library QVFilterImageUnits.so: truncated ELF file ($((size / 2)) bytes)" "$tmp/err" \
+  || fail "no reason for Cut.plugin"
+[ "$(wc -l < "$tmp/err")" -eq 4 ] || fail "each failure should be reported exactly once"
 # The good bundle beside the host still loads.
 grep -qx QVFilterSquareCrop "$tmp/out" || fail "the good bundle was not loaded after the failures"
 
