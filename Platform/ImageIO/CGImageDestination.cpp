@@ -2,7 +2,11 @@
 // (libwebp, whole picture) files, written under a temporary name and renamed on success.
 #include "ImageIO/CGImageDestination.h"
 
+#include <signal.h>
+
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cctype>
 #include <cmath>
 #include <csetjmp>
@@ -55,6 +59,64 @@ void pngErrorFn(png_structp png, png_const_charp message) {
 }
 void pngWarningFn(png_structp, png_const_charp) {}
 
+// The temporary files being written, kept where a signal handler can reach them without
+// allocating or locking: when the process is stopped by SIGINT, SIGTERM, SIGHUP or SIGXFSZ
+// (a write past the file-size limit), the handler removes them before the signal's default
+// action ends the process. Handlers are installed only for signals the program leaves at
+// their default action, so a host's own handling is never replaced.
+struct PartialFileSlot {
+  enum : int { kFree = 0, kFilling = 1, kInUse = 2 };
+  static constexpr std::size_t kPathMax = 4096;
+  std::atomic<int> state{kFree};
+  std::array<char, kPathMax> path{};
+};
+std::array<PartialFileSlot, 64> partialFileSlots{};
+
+void removePartialFilesOnSignal(int sig) {
+  for (PartialFileSlot& slot : partialFileSlots)
+    if (slot.state.load() == PartialFileSlot::kInUse) ::unlink(slot.path.data());
+  ::signal(sig, SIG_DFL);
+  ::raise(sig);
+}
+
+class PartialFiles {
+ public:
+  // The slot that now holds `path`, or -1 when every slot is taken or the path is too long
+  // (the file is then still removed on every ordinary failure, only not on a signal).
+  static int add(const std::string& path) {
+    installHandlers();
+    if (path.size() >= PartialFileSlot::kPathMax) return -1;
+    for (std::size_t i = 0; i < partialFileSlots.size(); ++i) {
+      PartialFileSlot& slot = partialFileSlots[i];
+      int expected = PartialFileSlot::kFree;
+      if (!slot.state.compare_exchange_strong(expected, PartialFileSlot::kFilling)) continue;
+      std::memcpy(slot.path.data(), path.c_str(), path.size() + 1);
+      slot.state.store(PartialFileSlot::kInUse);
+      return int(i);
+    }
+    return -1;
+  }
+  static void remove(int slot) {
+    if (slot >= 0) partialFileSlots[std::size_t(slot)].state.store(PartialFileSlot::kFree);
+  }
+
+ private:
+  static void installHandlers() {
+    static const bool installed = [] {
+      for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGXFSZ}) {
+        struct sigaction current {};
+        if (::sigaction(sig, nullptr, &current) != 0 || current.sa_handler != SIG_DFL) continue;
+        struct sigaction action {};
+        action.sa_handler = removePartialFilesOnSignal;
+        sigemptyset(&action.sa_mask);
+        ::sigaction(sig, &action, nullptr);
+      }
+      return true;
+    }();
+    (void)installed;
+  }
+};
+
 }  // namespace
 
 class CGImageDestination {
@@ -87,6 +149,7 @@ class CGImageDestination {
   bool finishWebP();
 
   std::string path_, tempPath_;
+  int partialSlot_ = -1;  // the temporary file's entry in PartialFiles
   Kind kind_;
   std::FILE* file_ = nullptr;
   std::size_t width_ = 0, height_ = 0, rowsWritten_ = 0;
@@ -114,13 +177,18 @@ void CGImageDestination::abandon() {
   file_ = nullptr;
   if (!tempPath_.empty()) ::unlink(tempPath_.c_str());
   tempPath_.clear();
+  PartialFiles::remove(partialSlot_);
+  partialSlot_ = -1;
 }
 
 bool CGImageDestination::openFile() {
   tempPath_ = path_ + ".partial-" + std::to_string(::getpid());
+  partialSlot_ = PartialFiles::add(tempPath_);
   file_ = std::fopen(tempPath_.c_str(), "wb");
   if (!file_) {
     tempPath_.clear();
+    PartialFiles::remove(partialSlot_);
+    partialSlot_ = -1;
     return fail("cannot create " + path_ + ": " + std::strerror(errno));
   }
   return true;
@@ -133,6 +201,8 @@ bool CGImageDestination::closeAndRename() {
   if (writeFailed || closeFailed) return fail("cannot write " + path_ + ": " + std::strerror(errno));
   if (std::rename(tempPath_.c_str(), path_.c_str()) != 0) return fail("cannot write " + path_ + ": " + std::strerror(errno));
   tempPath_.clear();
+  PartialFiles::remove(partialSlot_);
+  partialSlot_ = -1;
   finished_ = true;
   return true;
 }
