@@ -56,7 +56,9 @@ double optionNumber(const Dictionary& options, const char* key) {
   return it != options.end() ? it->second.doubleValue() : 0.0;
 }
 
-// Collects a whole image.
+// Collects a whole image. The pixel buffer grows with the rows the decoder really delivers
+// (doubling, up to the whole image), never to the size a header claims up front: a file that
+// claims a huge picture and ends after a few rows costs memory for those rows only.
 class ImageSink final : public RowSink {
  public:
   bool begin(std::size_t width, std::size_t height, int bits) override {
@@ -65,21 +67,35 @@ class ImageSink final : public RowSink {
     image_->height = height;
     image_->bitsPerComponent = bits;
     image_->bytesPerRow = width * 4 * static_cast<std::size_t>(bits / 8);
-    try {
-      image_->pixels.resize(image_->bytesPerRow * height);
-    } catch (const std::bad_alloc&) {
-      image_.reset();
-      return false;
-    }
     return true;
   }
-  std::uint8_t* rows(std::size_t firstRow, std::size_t, std::size_t& bytesPerRow) override {
+  std::uint8_t* rows(std::size_t firstRow, std::size_t rowCount, std::size_t& bytesPerRow) override {
     bytesPerRow = image_->bytesPerRow;
+    if (!reserveRows(firstRow + rowCount)) return nullptr;
     return image_->row(firstRow);
   }
   bool commit(std::size_t, std::size_t) override { return true; }
   std::size_t maxStripRows() const override { return 32; }
-  std::shared_ptr<CGImage> take() { return std::move(image_); }
+  std::shared_ptr<CGImage> take() {
+    if (image_ && !reserveRows(image_->height)) image_.reset();
+    return std::move(image_);
+  }
+
+ private:
+  bool reserveRows(std::size_t rowCount) {
+    const std::size_t needed = std::min(rowCount, image_->height) * image_->bytesPerRow;
+    std::vector<std::uint8_t>& pixels = image_->pixels;
+    if (pixels.size() >= needed) return true;
+    const std::size_t whole = image_->height * image_->bytesPerRow;
+    try {
+      pixels.resize(std::min(whole, std::max(needed, pixels.size() * 2)));
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    return true;
+  }
+
+ public:
 
  private:
   std::shared_ptr<CGImage> image_;

@@ -188,7 +188,13 @@ bool readJPEGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info
 
 namespace {
 
-enum class DecodeStatus { OK, ZeroSize, OverLimit, Unsupported, Stopped, NoRows };
+enum class DecodeStatus { OK, ZeroSize, OverLimit, TooLittleData, Unsupported, Stopped, NoRows };
+
+// Huffman coding spends at least one bit on every 8 x 8 block of the first scan (a DC code),
+// so no such file codes more than 512 pixels per byte; a header claiming more describes data
+// that is not there, and is refused before a row buffer or a progressive file's coefficient
+// arrays are sized by it. (Arithmetic coding has no such floor.)
+constexpr std::uint64_t kMaximumPixelsPerByte = 1024;
 
 // The guarded part of a decode: trivially destructible locals only.
 DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t size, int denom, RowSink& sink) {
@@ -197,6 +203,8 @@ DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t s
   jpeg_decompress_struct& c = d.cinfo;
   if (c.image_width == 0 || c.image_height == 0) return DecodeStatus::ZeroSize;
   if (exceedsPixelLimit(c.image_width, c.image_height)) return DecodeStatus::OverLimit;
+  if (!c.arith_code && std::uint64_t{c.image_width} * c.image_height > kMaximumPixelsPerByte * size)
+    return DecodeStatus::TooLittleData;
   const bool cmyk = c.jpeg_color_space == JCS_CMYK || c.jpeg_color_space == JCS_YCCK;
   const bool inverted = cmyk && c.saw_Adobe_marker;
   c.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
@@ -251,6 +259,10 @@ bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest&
     case DecodeStatus::OK: return true;
     case DecodeStatus::ZeroSize: error = "corrupt JPEG: zero image size"; break;
     case DecodeStatus::OverLimit: error = checkPixelLimit(d.cinfo.image_width, d.cinfo.image_height); break;
+    case DecodeStatus::TooLittleData:
+      error = "corrupt JPEG: " + std::to_string(d.cinfo.image_width) + " x " + std::to_string(d.cinfo.image_height) +
+              " pixels cannot be coded in " + std::to_string(size) + " bytes";
+      break;
     case DecodeStatus::Unsupported: error = "unsupported JPEG colour space"; break;
     case DecodeStatus::Stopped: error = "stopped"; break;
     case DecodeStatus::NoRows: error = "corrupt JPEG: no rows decoded"; break;

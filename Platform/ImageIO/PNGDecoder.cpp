@@ -51,6 +51,30 @@ struct ReadStruct {
   }
 };
 
+// The chunks up to the first IDAT, checked against the bytes really there: libpng sizes its
+// buffer for an ancillary chunk (text, profile) by the length the chunk claims, so a file of a
+// few bytes could make it allocate gigabytes before finding the data missing. Empty when every
+// chunk fits; otherwise the reason. (IDAT data is read in pieces, and chunks after it are never
+// read.)
+std::string chunkLengthProblem(const std::uint8_t* data, std::size_t size) {
+  std::size_t offset = 8;  // after the signature
+  while (offset + 8 <= size) {
+    const std::uint32_t length = (std::uint32_t{data[offset]} << 24) | (std::uint32_t{data[offset + 1]} << 16) |
+                                 (std::uint32_t{data[offset + 2]} << 8) | std::uint32_t{data[offset + 3]};
+    const std::string type(reinterpret_cast<const char*>(data + offset + 4), 4);
+    if (type == "IDAT") return {};
+    const std::size_t left = size - offset - 8;
+    if (std::uint64_t{length} + 4 > left) {
+      std::string printable;
+      for (char c : type) printable += (c >= 0x20 && c < 0x7f) ? c : '?';
+      return "chunk " + printable + " claims " + std::to_string(length) + " bytes but the file has " +
+             std::to_string(left) + " left";
+    }
+    offset += 8 + std::size_t{length} + 4;
+  }
+  return {};
+}
+
 // Creates the read structures; false when out of memory.
 bool open(ReadStruct& s, const std::uint8_t* data, std::size_t size) {
   s.reader.data = data;
@@ -163,6 +187,10 @@ DecodeStatus decodeBody(ReadStruct& s, RowSink& sink, RawHeader& raw) {
 }  // namespace
 
 bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
+  if (const std::string problem = chunkLengthProblem(data, size); !problem.empty()) {
+    error = "corrupt PNG: " + problem;
+    return false;
+  }
   ReadStruct s;
   if (!open(s, data, size)) {
     error = "out of memory";
@@ -179,6 +207,10 @@ bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info,
 }
 
 bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error) {
+  if (const std::string problem = chunkLengthProblem(data, size); !problem.empty()) {
+    error = "corrupt PNG: " + problem;
+    return false;
+  }
   ReadStruct s;
   if (!open(s, data, size)) {
     error = "out of memory";

@@ -2,6 +2,8 @@
 // message rather than a crash.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <filesystem>
 
 #include "ImageIOTestSupport.h"
@@ -110,6 +112,60 @@ TEST(ImageIOLimits, HugeJPEGAndWebPHeadersAreRefused) {
   auto small = CGImageSourceCreateWithData(encode(noise(10, 10), kUTTypePNG));
   EXPECT_EQ(CGImageSourceGetCount(small), 1u);  // exactly at the limit is allowed
   EXPECT_TRUE(CGImageSourceCreateImageAtIndex(small, 0));
+}
+
+// The process's peak resident size so far, in KiB.
+long peakResidentKiB() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+TEST(ImageIOLimits, AJPEGClaimingMorePixelsThanItsDataCanCodeIsRefusedBeforeDecoding) {
+  // 16 x 16 pixels of data under a header claiming 16000 x 16000: Huffman coding spends at
+  // least a bit per 8 x 8 block, so the file cannot hold them.
+  const Bytes jpg = withJPEGSize(encode(noise(16, 16), kUTTypeJPEG), 16000, 16000);
+  ASSERT_FALSE(jpg.empty());
+  auto src = CGImageSourceCreateWithData(jpg);
+  ASSERT_EQ(CGImageSourceGetCount(src), 1u);
+  const long before = peakResidentKiB();
+  EXPECT_EQ(CGImageSourceCreateImageAtIndex(src, 0), nullptr);
+  EXPECT_EQ(CGImageSourceGetLastError(src),
+            "corrupt JPEG: 16000 x 16000 pixels cannot be coded in " + std::to_string(jpg.size()) + " bytes");
+  EXPECT_LT(peakResidentKiB() - before, 100 * 1024);
+}
+
+TEST(ImageIOLimits, APNGChunkLongerThanTheFileIsRefusedBeforeItIsAllocated) {
+  // 44 bytes whose text chunk claims 2 GB.
+  Bytes png = pngSignature();
+  pngChunk(png, "IHDR", ihdr(1, 1, 8, 2));
+  putBE32(png, 0x7fff0000u);
+  for (char c : std::string("tEXtabc")) png.push_back(static_cast<std::uint8_t>(c));
+  ASSERT_EQ(png.size(), 44u);
+  const long before = peakResidentKiB();
+  auto src = CGImageSourceCreateWithData(png);
+  EXPECT_EQ(CGImageSourceGetCount(src), 0u);
+  EXPECT_EQ(CGImageSourceGetLastError(src), "corrupt PNG: chunk tEXt claims 2147418112 bytes but the file has 3 left");
+  EXPECT_LT(peakResidentKiB() - before, 100 * 1024);
+}
+
+TEST(ImageIOLimits, AWholeImageDecodeGrowsWithTheRowsReallyThere) {
+  // 16000 x 16000 grey, under the pixel limit, whose data ends after four rows: the whole-image
+  // decode fails without sizing a 1 GB buffer by the header.
+  Bytes png = pngSignature();
+  pngChunk(png, "IHDR", ihdr(16000, 16000, 8, 0));
+  Bytes rows;
+  for (int r = 0; r < 4; ++r) {
+    rows.push_back(0);
+    rows.insert(rows.end(), 16000, 0);
+  }
+  pngChunk(png, "IDAT", zlibStored(rows));
+  auto src = CGImageSourceCreateWithData(png);
+  ASSERT_EQ(CGImageSourceGetCount(src), 1u);
+  const long before = peakResidentKiB();
+  EXPECT_EQ(CGImageSourceCreateImageAtIndex(src, 0), nullptr);
+  EXPECT_EQ(CGImageSourceGetLastError(src), "corrupt PNG: file is truncated");
+  EXPECT_LT(peakResidentKiB() - before, 100 * 1024);
 }
 
 TEST(ImageIOErrors, TruncatedFilesGiveNilAndAMessage) {
