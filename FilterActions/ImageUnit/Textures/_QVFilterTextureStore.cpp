@@ -13,6 +13,7 @@
 #include "Foundation/NSBundle.h"
 #include "Foundation/NSCache.h"
 #include "Foundation/PropertyList.h"
+#include "Foundation/TextureIdentifiers.h"
 #include "Framework/QVFilterImageUnitsConstants.h"
 #include "ImageIO/CGImageSource.h"
 #include "Textures/_QVFilterTextureImageProvider.h"
@@ -74,35 +75,16 @@ const Value& texturesOf(StoreState& state) {
 
 // "%@://%@/%@" with the percent-escaped last part.
 std::string identifierString(const StoreState& state, const char* scheme, const std::string& key) {
-  const auto escaped = stringByAddingPercentEscapesUsingEncoding(key);
-  return std::string(scheme) + "://" + bundleIdentifierOf(state) + "/" + escaped.value_or(std::string());
+  return QVTextureURLString(scheme, bundleIdentifierOf(state), key);
 }
 
 std::set<std::string> filteredKeys(StoreState& state, const std::set<std::string>& tags) {
   std::set<std::string> result;
   const Dictionary* map = texturesOf(state).dictionary();
   if (!map) return result;
-  for (const auto& [key, record] : *map) {
-    const Value tagsValue = record[_QVFilterTextureTagsKey];
-    const Array* recordTags = tagsValue.array();
-    bool matches = true;
-    for (const auto& tag : tags) {
-      bool found = false;
-      if (recordTags) {
-        for (const auto& t : *recordTags) {
-          if (const std::string* s = t.string(); s && *s == tag) {
-            found = true;
-            break;
-          }
-        }
-      }
-      if (!found) {
-        matches = false;
-        break;
-      }
-    }
-    if (matches) result.insert(identifierString(state, _QVFilterTextureStoreTextureScheme, key));
-  }
+  for (const auto& [key, record] : *map)
+    if (QVTextureRecordHasTags(record, tags))
+      result.insert(identifierString(state, _QVFilterTextureStoreTextureScheme, key));
   return result;
 }
 

@@ -13,12 +13,13 @@
 #include "CoreGraphics/CGGeometry.h"
 #include "CoreImage/CIImage.h"
 #include "Foundation/NSURL.h"
+#include "Foundation/TextureIdentifiers.h"
 #include "Foundation/Value.h"
 
 class NSBundle;
 
 // Keys of the texture index.
-inline constexpr const char* _QVFilterTextureTagsKey = "tags";
+inline constexpr const char* _QVFilterTextureTagsKey = kQVTextureRecordTagsKey;
 inline constexpr const char* _QVFilterTextureDisplayNameKey = "displayName";
 inline constexpr const char* _QVFilterTextureFileNameKey = "fileName";
 inline constexpr const char* _QVFilterTextureConstraintsKey = "constraints";
@@ -28,8 +29,8 @@ inline constexpr const char* _QVFilterTextureConstraintOffsetKey = "offset";
 inline constexpr const char* _QVFilterTextureConstraintScaleKey = "scale";
 
 // URL schemes of texture identifiers and tag keys.
-inline constexpr const char* _QVFilterTextureStoreTextureScheme = "x-qvfilter-texture";
-inline constexpr const char* _QVFilterTextureStoreTagScheme = "x-qvfilter-tag";
+inline constexpr const char* _QVFilterTextureStoreTextureScheme = kQVTextureIdentifierScheme;
+inline constexpr const char* _QVFilterTextureStoreTagScheme = kQVTextureTagKeyScheme;
 
 // The index's resource name and type, and the folder of the texture files.
 inline constexpr const char* _QVFilterTextureIndexResourceName = "TextureIndex";

@@ -27,6 +27,7 @@
 #include "Foundation/NSBundle.h"
 #include "Foundation/NSURL.h"
 #include "Foundation/PropertyList.h"
+#include "Foundation/TextureIdentifiers.h"
 #include "ImageIO/ImageIO.h"
 #include "PlugIns.h"
 
@@ -35,8 +36,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kBundleIdentifier = "org.qvfilter.filters.imageunits";
-constexpr const char* kTextureScheme = "x-qvfilter-texture";
-constexpr const char* kTagScheme = "x-qvfilter-tag";
+constexpr const char* kTextureScheme = kQVTextureIdentifierScheme;
+constexpr const char* kTagScheme = kQVTextureTagKeyScheme;
 constexpr const char* kTexturesFolder = "Textures";
 const std::vector<std::string> kKinds = {"mask", "composite", "tile", "border"};
 const std::set<std::string> kAttributes = {"MinX", "MidX", "MaxX", "MinY", "MidY", "MaxY", "width", "height"};
@@ -84,23 +85,14 @@ Catalogue loadCatalogue(const std::string& bundleDir) {
   return c;
 }
 
-std::string escaped(const std::string& s) { return stringByAddingPercentEscapesUsingEncoding(s).value_or(s); }
-
 std::string identifierFor(const Catalogue& c, const std::string& key) {
-  return std::string(kTextureScheme) + "://" + c.identifier + "/" + escaped(key);
+  return QVTextureURLString(kTextureScheme, c.identifier, key);
 }
 std::string tagKeyFor(const Catalogue& c, const std::string& tag) {
-  return std::string(kTagScheme) + "://" + c.identifier + "/" + escaped(tag);
+  return QVTextureURLString(kTagScheme, c.identifier, tag);
 }
 
-std::vector<std::string> tagsOf(const Value& record) {
-  std::vector<std::string> tags;
-  const Value value = record["tags"];
-  if (const Array* a = value.array())
-    for (const auto& t : *a)
-      if (const std::string* s = t.string()) tags.push_back(*s);
-  return tags;
-}
+std::vector<std::string> tagsOf(const Value& record) { return QVTextureRecordTags(record); }
 
 std::string stringOf(const Value& v) { return v.string() ? *v.string() : std::string(); }
 
@@ -129,10 +121,8 @@ void runList(const ListOptions& options) {
   const Dictionary& textures = texturesOrFail(c);
   std::map<std::string, std::pair<std::string, Value>> selected;  // identifier -> (key, record)
   for (const auto& [key, record] : textures) {
-    const auto tags = tagsOf(record);
-    bool all = true;
-    for (const auto& t : options.tags) all = all && std::find(tags.begin(), tags.end(), t) != tags.end();
-    if (all) selected.emplace(identifierFor(c, key), std::make_pair(key, record));
+    if (QVTextureRecordHasTags(record, std::set<std::string>(options.tags.begin(), options.tags.end())))
+      selected.emplace(identifierFor(c, key), std::make_pair(key, record));
   }
   if (selected.empty() && !options.tags.empty()) {
     std::string list;
