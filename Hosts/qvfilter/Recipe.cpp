@@ -111,7 +111,10 @@ void checkKeys(const json& object, std::initializer_list<const char*> allowed, c
   }
 }
 
-std::string resolvePath(const std::string& path, const std::string& baseDir) {
+// A path of the recipe, relative to its folder. A NUL inside the text would end the name the
+// system sees early (another file than the one checked), so it is refused.
+std::string resolvePath(const std::string& path, const std::string& baseDir, const std::string& what) {
+  if (path.find('\0') != std::string::npos) throw RecipeError(what + ": a file name cannot contain a NUL character");
   std::filesystem::path p(path);
   if (p.is_relative() && !baseDir.empty()) p = std::filesystem::path(baseDir) / p;
   return p.lexically_normal().string();
@@ -194,7 +197,7 @@ class Builder {
       if (!spec["file"].is_string()) throw RecipeError(what + ": \"file\" must be a path string");
       if (!options_.allowFiles) throw RecipeError(what + ": file inputs are not allowed here");
       try {
-        image = imageFromFile(resolvePath(spec["file"].get<std::string>(), baseDir_));
+        image = imageFromFile(resolvePath(spec["file"].get<std::string>(), baseDir_, what + ": \"file\""));
       } catch (const ValueError& e) {
         throw RecipeError(what + ": " + e.what());
       }
@@ -256,10 +259,15 @@ class Builder {
         }
         Value value = valueFromJSON(given, attributeClassForKey(*filter, key), key,
                                     [this](const std::string& n) { return resolve(n); }, baseDir_);
+        checkInputValue(*filter, key, value);
+        if (const std::string warning = filterNameWarning(name, key, value); !warning.empty())
+          std::fprintf(stderr, "qvfilter: %s\n", warning.c_str());
         filter->setValue(value, key);
       }
       filter->setCalculatedValues();
-      return filter->outputImage();
+      CIImage output = filter->outputImage();
+      if (!output && previous && *previous) throw RecipeError(context + ": " + noImageMessage(name, *filter));
+      return output;
     } catch (const RecipeError&) {
       throw;
     } catch (const ValueError& e) {
@@ -295,7 +303,7 @@ class Builder {
       if (!out["file"].is_string() || out["file"].get_ref<const std::string&>().empty()) {
         throw RecipeError("recipe \"output\": \"file\" must be a path string");
       }
-      spec.file = resolvePath(out["file"].get<std::string>(), baseDir_);
+      spec.file = resolvePath(out["file"].get<std::string>(), baseDir_, "recipe \"output\": \"file\"");
     }
     if (!spec.file.empty()) {
       if (!options_.allowFiles) throw RecipeError("recipe \"output\": writing files is not allowed here");
@@ -342,6 +350,19 @@ class Builder {
   std::set<std::string> building_;
 };
 
+// The DOM parser, also remembering where the parser stopped: a number too large for a double
+// is reported by the library without a position of its own.
+struct PositionedParser : nlohmann::detail::json_sax_dom_parser<json> {
+  using nlohmann::detail::json_sax_dom_parser<json>::json_sax_dom_parser;
+  std::size_t stoppedAt = 0, tokenLength = 0;
+  template <class Exception>
+  bool parse_error(std::size_t position, const std::string& token, const Exception& ex) {
+    stoppedAt = position;
+    tokenLength = token.size();
+    return nlohmann::detail::json_sax_dom_parser<json>::parse_error(position, token, ex);
+  }
+};
+
 }  // namespace
 
 nlohmann::json parseRecipeJSON(std::string_view text) {
@@ -350,8 +371,14 @@ nlohmann::json parseRecipeJSON(std::string_view text) {
   }
   checkNesting(text);
   json doc;
+  PositionedParser parser(doc);
   try {
-    doc = json::parse(text.begin(), text.end());
+    json::sax_parse(text.begin(), text.end(), &parser);
+  } catch (const json::out_of_range& e) {
+    const std::size_t offset = parser.stoppedAt >= parser.tokenLength ? parser.stoppedAt - parser.tokenLength : 0;
+    auto [line, column] = lineAndColumn(text, offset);
+    throw RecipeError("malformed recipe JSON at line " + std::to_string(line) + ", column " + std::to_string(column) +
+                      ": a number too large for a double");
   } catch (const json::parse_error& e) {
     // e.byte is 1-based: the byte at which the parser stopped.
     const std::size_t offset = e.byte > 0 ? e.byte - 1 : 0;
@@ -454,7 +481,7 @@ nlohmann::json renderRecipe(const RecipeGraph& graph, const RecipeOptions& optio
     try {
       CIContext(fileOptions).writeToFile(graph.output, spec.file, integral, spec.quality);
     } catch (const std::exception& e) {
-      throw RecipeError("cannot write " + spec.file + ": " + e.what());
+      throw RecipeError(CIContext::writeErrorMessage(spec.file, e.what()));
     }
     result["file"] = spec.file;
   }

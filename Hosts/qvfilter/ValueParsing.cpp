@@ -1,18 +1,25 @@
 #include "ValueParsing.h"
 
+#include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <cmath>
 #include <cstdint>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <system_error>
 
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIVector.h"
+#include "ImageIO/CGImageSource.h"
 
 #if __has_include("Foundation/NSURL.h")
+#include "Foundation/NSBundle.h"
 #include "Foundation/NSURL.h"
+#include "Foundation/TextureIdentifiers.h"
 #define QV_HAVE_NSURL 1
 #else
 #define QV_HAVE_NSURL 0
@@ -36,6 +43,12 @@ std::string lowercase(std::string_view s) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   }
   return out;
+}
+
+// "Permission denied" -> "permission denied", as the rest of a message is written.
+std::string lowercaseFirst(std::string text) {
+  if (!text.empty() && text[0] >= 'A' && text[0] <= 'Z') text[0] = static_cast<char>(text[0] - 'A' + 'a');
+  return text;
 }
 
 std::string quote(std::string_view s) {
@@ -136,12 +149,27 @@ std::optional<std::vector<double>> parseNumberList(std::string_view text) {
 }
 
 CIImage imageFromFile(const std::string& path) {
+  // A NUL would end the name the system sees early: another file than the one named.
+  if (path.find('\0') != std::string::npos)
+    throw ValueError("cannot read image file " + quote(path) + ": a file name cannot contain a NUL character");
   std::error_code ec;
   const auto status = std::filesystem::status(path, ec);
   if (ec || !std::filesystem::exists(status)) throw ValueError("cannot read image file " + path + ": no such file");
   if (!std::filesystem::is_regular_file(status)) throw ValueError("cannot read image file " + path + ": not a regular file");
+  // A file that cannot be opened says why (permission denied...), not that it is no image.
+  if (std::FILE* f = std::fopen(path.c_str(), "rb")) {
+    std::fclose(f);
+  } else {
+    throw ValueError("cannot read image file " + path + ": " + lowercaseFirst(std::strerror(errno)));
+  }
   CIImage image = CIImage::imageWithContentsOfFile(path);
-  if (!image) throw ValueError("cannot read image file " + path + ": not an image this host can decode");
+  if (!image) {
+    // The decoder's own reason ("corrupt PNG: file is truncated"...) where it gives one.
+    const CGImageSourceRef source = CGImageSourceCreateWithURL(path);
+    const std::string reason = source ? CGImageSourceGetLastError(source) : CGImageSourceGetCreateError();
+    throw ValueError("cannot read image file " + path + ": " +
+                     (reason.empty() ? std::string("not an image this host can decode") : reason));
+  }
   return image;
 }
 
@@ -204,6 +232,156 @@ bool valueFitsClass(const Value& value, std::string_view attributeClass) {
   if (attributeClass == "NSArray") return value.array() != nullptr;
   if (attributeClass == "NSDictionary") return value.dictionary() != nullptr;
   return true;
+}
+
+namespace {
+
+// The shortest text that reads back as `v` ("1e+308", "9.223372036854776e+18", "nan").
+std::string numberText(double v) {
+  char buf[64];
+  const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  return ec == std::errc() ? std::string(buf, end) : std::string("?");
+}
+
+// What a vector input takes, from its default or its attribute type: the number of values
+// (0 when the filter does not say) and whether it is a rectangle (x, y, width, height).
+struct VectorForm {
+  std::size_t count = 0;
+  bool rectangle = false;
+};
+
+VectorForm vectorFormForKey(const CIFilter& filter, const std::string& key) {
+  VectorForm form;
+  const Dictionary attributes = filter.attributes();
+  const auto entry = attributes.find(key);
+  if (entry == attributes.end() || !entry->second.dictionary()) return form;
+  const Dictionary& dict = *entry->second.dictionary();
+  std::string type;
+  if (const auto t = dict.find(kCIAttributeType); t != dict.end() && t->second.string()) type = *t->second.string();
+  form.rectangle = type == kCIAttributeTypeRectangle || key == "inputRectangle" || key == "inputExtent";
+  if (const auto def = dict.find(kCIAttributeDefault); def != dict.end())
+    if (const auto v = CIVector::fromValue(def->second)) form.count = v->count();
+  if (form.count == 0) {
+    if (type == kCIAttributeTypePosition || type == kCIAttributeTypeOffset) form.count = 2;
+    if (type == "CIAttributeTypePosition3") form.count = 3;
+    if (type == kCIAttributeTypeRectangle) form.count = 4;
+  }
+  if (form.count != 4) form.rectangle = false;
+  return form;
+}
+
+std::string vectorFormText(const VectorForm& form) {
+  switch (form.count) {
+    case 1: return "1 number (\"x\")";
+    case 2: return "2 numbers (\"x y\")";
+    case 3: return "3 numbers (\"x y z\")";
+    default: return form.rectangle ? "4 numbers (\"x y width height\")" : "4 numbers (\"x y z w\")";
+  }
+}
+
+std::string vectorText(const CIVector& v) {
+  std::string out;
+  for (double d : v.values()) out += (out.empty() ? "" : " ") + numberText(d);
+  return out;
+}
+
+}  // namespace
+
+void checkInputValue(const CIFilter& filter, const std::string& key, const Value& value) {
+  auto checkNumber = [&](double v, const std::string& form) {
+    if (!std::isfinite(v) || std::fabs(v) > kMaximumInputMagnitude)
+      throw ValueError(key + " expects " + form + " from -1e15 to 1e15, got " + numberText(v));
+  };
+  if (value.isNumber() && !value.isBoolean()) {
+    if (value.kind() == Value::Kind::Integer) {
+      const std::int64_t i = value.integerValue();
+      if (i > std::int64_t(kMaximumInputMagnitude) || i < -std::int64_t(kMaximumInputMagnitude))
+        throw ValueError(key + " expects a number from -1e15 to 1e15, got " + std::to_string(i));
+      return;
+    }
+    checkNumber(value.doubleValue(), "a number");
+    return;
+  }
+  if (const auto v = CIVector::fromValue(value)) {
+    for (double d : v->values()) checkNumber(d, "numbers");
+    const VectorForm form = vectorFormForKey(filter, key);
+    if (form.count != 0 && v->count() != form.count)
+      throw ValueError(key + " expects " + vectorFormText(form) + " (CIVector), got " + std::to_string(v->count()) +
+                       (v->count() == 1 ? " number" : " numbers"));
+    if (form.rectangle && !(v->Z() > 0 && v->W() > 0))
+      throw ValueError(key + " expects a rectangle \"x y width height\" with a width and a height above 0, got \"" +
+                       vectorText(*v) + "\"");
+    return;
+  }
+  if (const auto c = CIColor::fromValue(value)) {
+    for (double d : {c->red(), c->green(), c->blue(), c->alpha()}) checkNumber(d, "colour components");
+    return;
+  }
+  if (const auto* t = value.transform()) {
+    for (double d : {t->a, t->b, t->c, t->d, t->tx, t->ty}) checkNumber(d, "transform values");
+    return;
+  }
+#if QV_HAVE_NSURL
+  // A texture identifier or tag key names a texture of one loaded catalogue: the plug-in reads
+  // only its last path component, so one of another bundle would silently stand for a texture
+  // of this one.
+  std::string text;
+  if (const std::string* str = value.string()) text = *str;
+  if (isURLValue(value)) text = (*value.objectRef())->description();
+  const auto url = text.empty() ? nullptr : NSURL::URLWithString(text);
+  if (url && (url->scheme() == kQVTextureIdentifierScheme || url->scheme() == kQVTextureTagKeyScheme)) {
+    const std::string what = url->scheme() == kQVTextureIdentifierScheme ? "texture" : "tag";
+    if (!NSBundle::bundleWithIdentifier(url->host()))
+      throw ValueError(key + ": " + quote(text) + " names a " + what + " of " + quote(url->host()) +
+                       ", which is no loaded plug-in's catalogue");
+    if (!QVTextureURLKeyInCatalogue(*url, url->host()))
+      throw ValueError(key + " expects a " + what + " \"" + url->scheme() + "://BUNDLE/NAME\", got " + quote(text));
+  }
+#endif
+}
+
+const char* filterNameCategoryForKey(const std::string& key) {
+  if (key == "inputBlurFilterName") return kCICategoryBlur;
+  if (key == "inputCompositeFilterName") return kCICategoryCompositeOperation;
+  return nullptr;
+}
+
+std::string filterNameWarning(const std::string& filterName, const std::string& key, const Value& value) {
+  const char* category = filterNameCategoryForKey(key);
+  if (!category) return {};
+  const std::string name = value.string() ? *value.string() : std::string();
+  const auto names = CIFilter::filterNamesInCategory(category);
+  if (std::find(names.begin(), names.end(), name) != names.end()) return {};
+  return "warning: " + filterName + " " + key + ": " + quote(name) + " is no filter of " + category;
+}
+
+std::string inputsOutsideTheirRange(const CIFilter& filter) {
+  std::string out;
+  const Dictionary attributes = filter.attributes();
+  for (const std::string& key : filter.inputKeys()) {
+    const auto entry = attributes.find(key);
+    if (entry == attributes.end() || !entry->second.dictionary()) continue;
+    const Dictionary& dict = *entry->second.dictionary();
+    if (const auto cls = dict.find(kCIAttributeClass);
+        cls != dict.end() && cls->second.string() && *cls->second.string() == "CIImage") {
+      if (filter.valueForKey(key).isNil()) out += (out.empty() ? "" : "; ") + key + " is missing";
+      continue;
+    }
+    const auto min = dict.find(kCIAttributeMin), max = dict.find(kCIAttributeMax);
+    if (min == dict.end() || max == dict.end() || !min->second.isNumber() || !max->second.isNumber()) continue;
+    const Value value = filter.valueForKey(key);
+    if (!value.isNumber()) continue;
+    const double v = value.doubleValue(), lo = min->second.doubleValue(), hi = max->second.doubleValue();
+    if (v >= lo && v <= hi) continue;
+    out += (out.empty() ? "" : "; ") + key + " " + numberText(v) + " lies outside " + numberText(lo) + " to " +
+           numberText(hi);
+  }
+  return out;
+}
+
+std::string noImageMessage(const std::string& filterName, const CIFilter& filter) {
+  const std::string why = inputsOutsideTheirRange(filter);
+  return filterName + " produced no image" + (why.empty() ? "" : ": " + why);
 }
 
 std::string attributeClassForKey(const CIFilter& filter, const std::string& key) {

@@ -75,6 +75,35 @@ bool valueFitsClass(const Value& value, std::string_view attributeClass);
 // The class a value is reported as in messages ("NSNumber", "CIVector", "nil"...).
 std::string valueClassName(const Value& value);
 
+// Numbers a host passes to a filter stay within this magnitude: larger ones are no sensible
+// setting of any input and overflow the plug-in's integer and pixel arithmetic.
+inline constexpr double kMaximumInputMagnitude = 1e15;
+
+// Checks a value about to be set on `key` of `filter`: every number (alone, or inside a vector,
+// colour or transform) finite and within kMaximumInputMagnitude, and a vector with the number
+// of values that the key takes (the count of its default vector, or 2 for a position or an
+// offset, 3 for a 3D position, 4 for a rectangle). Throws ValueError naming the key and its
+// expected form.
+void checkInputValue(const CIFilter& filter, const std::string& key, const Value& value);
+
+// For an input that names a filter ("inputBlurFilterName", "inputCompositeFilterName"), the
+// category whose filters its parameter view offers; nullptr for other keys.
+const char* filterNameCategoryForKey(const std::string& key);
+// A warning (empty when there is none) for a filter-name input that names no filter of the
+// category its view offers: the plug-in then keeps its documented fallback, which is rarely
+// what was meant.
+std::string filterNameWarning(const std::string& filterName, const std::string& key, const Value& value);
+
+// Why a filter that was given an image may have produced none: its image inputs that are
+// missing ("inputBackgroundImage is missing") and its number inputs that lie outside their
+// attribute range ("inputLightSource 3 lies outside 0 to 2"), joined by "; "; empty when
+// there is neither.
+std::string inputsOutsideTheirRange(const CIFilter& filter);
+
+// The message for a step of a chain that produced no image from an image: names the filter
+// and, where it can, the inputs that explain it.
+std::string noImageMessage(const std::string& filterName, const CIFilter& filter);
+
 // The declared class (kCIAttributeClass) of a filter's input; without one, the class of its
 // default (or identity) value; "" when it has neither.
 std::string attributeClassForKey(const CIFilter& filter, const std::string& key);

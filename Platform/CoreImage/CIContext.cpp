@@ -499,6 +499,11 @@ void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowByt
   progress.finish();
 }
 
+std::string CIContext::writeErrorMessage(const std::string& path, const std::string& detail) {
+  if (detail.rfind("cannot write ", 0) == 0 || detail.rfind("cannot create ", 0) == 0) return detail;
+  return "cannot write " + path + (detail.empty() ? "" : ": " + detail);
+}
+
 void CIContext::writeToFile(const CIImage& image, const std::string& path, const CGRect& bounds, double quality) const {
   const PixelRect b = renderBounds(image, bounds);
   if (b.empty()) throw CIRenderError("cannot write " + path + ": the image is empty");
@@ -509,7 +514,7 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   const bool alpha = type != kUTTypeJPEG;
   Dictionary props{{kCGImageDestinationLossyCompressionQuality, Value(std::clamp(quality, 0.0, 1.0))}};
   if (!CGImageDestinationBeginImage(dest, std::size_t(b.width), std::size_t(b.height), 8, alpha, props))
-    throw CIRenderError("cannot write " + path + ": " + CGImageDestinationGetLastError(dest));
+    throw CIRenderError(writeErrorMessage(path, CGImageDestinationGetLastError(dest)));
 
   const Plan plan = makePlan(image.node().get());
   Progress progress;
@@ -530,7 +535,7 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   std::future<bool> written;
   auto finishWriting = [&] {
     if (written.valid() && !written.get())
-      throw CIRenderError("cannot write " + path + ": " + CGImageDestinationGetLastError(dest));
+      throw CIRenderError(writeErrorMessage(path, CGImageDestinationGetLastError(dest)));
   };
   try {
     for (std::int64_t s = 0; s < strips; ++s) {
@@ -549,6 +554,6 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
     throw;
   }
   if (!CGImageDestinationFinalize(dest))
-    throw CIRenderError("cannot write " + path + ": " + CGImageDestinationGetLastError(dest));
+    throw CIRenderError(writeErrorMessage(path, CGImageDestinationGetLastError(dest)));
   progress.finish();
 }

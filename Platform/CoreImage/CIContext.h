@@ -50,6 +50,9 @@ class CIContext {
   // Renders to a file through ImageIO in strips; the type comes from the extension (.png,
   // .jpg/.jpeg, .webp). Throws CIRenderError with a one-line reason on failure.
   void writeToFile(const CIImage& image, const std::string& path, const CGRect& bounds, double quality = 0.9) const;
+  // "cannot write PATH: DETAIL", or DETAIL itself when it already says which file it could
+  // not write or create (so a message passed up through several layers names the file once).
+  static std::string writeErrorMessage(const std::string& path, const std::string& detail);
 
  private:
   CIContextOptions options_;

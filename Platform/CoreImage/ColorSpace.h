@@ -21,8 +21,20 @@ inline float linearToSrgb(float v) {
 
 // Premultiplied working-space RGBA of a colour; with colour management off the components
 // are used as they are.
+// Components are first brought into ±kColorComponentLimit (NaN reads as 0): far beyond any
+// displayable value, so such a colour still saturates, but small enough that its linear form
+// and every product with it stay finite instead of turning into infinities and NaNs.
+inline constexpr double kColorComponentLimit = 65504;  // the largest half-float
+inline double limitedColorComponent(double v) {
+  if (std::isnan(v)) return 0;
+  return v < -kColorComponentLimit ? -kColorComponentLimit : v > kColorComponentLimit ? kColorComponentLimit : v;
+}
+
 inline std::array<float, 4> workingColor(const CIColor& c, bool colorManaged) {
-  const float a = static_cast<float>(c.alpha());
-  auto conv = [&](double v) { return colorManaged ? srgbToLinear(static_cast<float>(v)) : static_cast<float>(v); };
+  const float a = static_cast<float>(limitedColorComponent(c.alpha()));
+  auto conv = [&](double d) {
+    const float v = static_cast<float>(limitedColorComponent(d));
+    return colorManaged ? srgbToLinear(v) : v;
+  };
   return {conv(c.red()) * a, conv(c.green()) * a, conv(c.blue()) * a, a};
 }

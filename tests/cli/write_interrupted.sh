@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A write stopped by a signal (SIGTERM, SIGINT, or SIGXFSZ past the file-size limit) leaves
 # neither the target nor its temporary NAME.partial-PID behind.
-source "$QV_SOURCE_DIR/tests/cli/recipes/lib.sh"
+source "$QV_SOURCE_DIR/tests/cli/recipes/lib.sh" || exit 1
 tmp=$(scratch write_interrupted)
 cd "$tmp" || exit 1
 

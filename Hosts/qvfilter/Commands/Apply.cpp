@@ -17,6 +17,7 @@
 #include "Command.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
+#include "ImageFiles.h"
 #include "PlugIns.h"
 #include "Recipe.h"
 #include "ValueParsing.h"
@@ -29,7 +30,7 @@ struct ApplyOptions {
   bool extentOnly = false;
   bool progress = false;
   int threads = 0;
-  double quality = 90;
+  std::string quality = "90";
   CLI::Option* filterOption = nullptr;
   CLI::Option* setOption = nullptr;
 };
@@ -76,10 +77,16 @@ CIImage runStep(const Step& step, const CIImage& previous) {
         for (const auto& k : keys) list += (list.empty() ? "" : ", ") + k;
         throw qv::CommandError{step.filter + ": unknown key " + key + " (input keys: " + list + ")"};
       }
-      filter->setValue(qv::parseValueForClass(text, qv::attributeClassForKey(*filter, key), key), key);
+      const Value value = qv::parseValueForClass(text, qv::attributeClassForKey(*filter, key), key);
+      qv::checkInputValue(*filter, key, value);
+      if (const std::string warning = qv::filterNameWarning(step.filter, key, value); !warning.empty())
+        std::fprintf(stderr, "qvfilter: %s\n", warning.c_str());
+      filter->setValue(value, key);
     }
     filter->setCalculatedValues();
-    return filter->outputImage();
+    CIImage output = filter->outputImage();
+    if (!output && previous) throw qv::CommandError{qv::noImageMessage(step.filter, *filter)};
+    return output;
   } catch (const qv::CommandError&) {
     throw;
   } catch (const std::exception& e) {
@@ -109,6 +116,7 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   qvLoadPlugIns();
   qv::prepareFilterRegistry();
   const std::vector<Step> steps = stepsInOrder(cmd, options);
+  qv::parseQualityArgument(options.quality);  // checked before any decoding
   CIImage image;
   try {
     image = qv::imageFromFile(options.input);
@@ -155,9 +163,9 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
     contextOptions.progress = [printer](double f) { (*printer)(f); };
   }
   try {
-    CIContext(contextOptions).writeToFile(image, options.output, bounds, options.quality / 100.0);
+    CIContext(contextOptions).writeToFile(image, options.output, bounds, qv::parseQualityArgument(options.quality) / 100.0);
   } catch (const std::exception& e) {
-    throw qv::CommandError{"cannot write " + options.output + ": " + e.what()};
+    throw qv::CommandError{CIContext::writeErrorMessage(options.output, e.what())};
   }
   std::printf("%s -> %s (%sx%s)\n", options.input.c_str(), options.output.c_str(), number(bounds.size.width).c_str(),
               number(bounds.size.height).c_str());
@@ -178,7 +186,7 @@ const qv::CommandRegistration registration(30, [](CLI::App& app) {
                            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   cmd->add_flag("--extent", options->extentOnly, "Print the output extent (x y width height) without rendering");
   cmd->add_option("--threads", options->threads, "Render threads (0: one per core)")->check(CLI::Range(0, 256));
-  cmd->add_option("--quality", options->quality, "JPEG/WebP quality, 0 to 100")->check(CLI::Range(0.0, 100.0));
+  cmd->add_option("--quality", options->quality, "JPEG/WebP quality, 0 to 100");
   cmd->add_flag("--progress", options->progress, "Print progress on stderr even when it is not a terminal");
   cmd->footer(
       "Values are read by the input's class (see qvfilter info NAME): NSNumber 3, 2.5 or true; CIVector \"x y\" "

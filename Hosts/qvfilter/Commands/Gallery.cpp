@@ -205,7 +205,7 @@ void runGallery(const GalleryOptions& options) {
     original.width = bounds.size.width;
     original.height = bounds.size.height;
   } catch (const std::exception& e) {
-    throw qv::CommandError{"cannot write " + (dir / "original.png").string() + ": " + e.what()};
+    throw qv::CommandError{CIContext::writeErrorMessage((dir / "original.png").string(), e.what())};
   }
   entries.push_back(original);
 

@@ -20,6 +20,8 @@ std::string readKernelFile(const std::string& path) {
   auto status = fs::status(path, ec);
   if (ec || !fs::exists(status)) throw qv::CommandError{"cannot read " + path + ": no such file"};
   if (fs::is_directory(status)) throw qv::CommandError{"cannot read " + path + ": it is a directory"};
+  // A FIFO or device would block the open or never end; kernel texts are regular files.
+  if (!fs::is_regular_file(status)) throw qv::CommandError{"cannot read " + path + ": not a regular file"};
   auto size = fs::file_size(path, ec);
   if (!ec && size > kMaxKernelFileBytes)
     throw qv::CommandError{"cannot read " + path + ": the file is larger than 1 MB"};

@@ -72,6 +72,13 @@ Catalogue loadCatalogue(const std::string& bundleDir) {
     c.indexError = "Resources/TextureIndex.plist is missing";
     return c;
   }
+  std::error_code sizeError;
+  const std::uintmax_t indexSize = std::filesystem::file_size(c.indexPath, sizeError);
+  if (!sizeError && indexSize > kPropertyListMaximumSize) {
+    c.indexError = "Resources/TextureIndex.plist is larger than the limit of " +
+                   std::to_string(kPropertyListMaximumSize >> 20) + " MB for a property list";
+    return c;
+  }
   const Value index = propertyListFromFile(c.indexPath);
   if (!index.dictionary()) {
     c.indexError = "Resources/TextureIndex.plist is not a readable property list holding a dictionary";
@@ -205,6 +212,10 @@ void runResolve(const ResolveOptions& options) {
   if (url->scheme() != kTextureScheme && url->scheme() != kTagScheme)
     throw qv::CommandError{"not a texture identifier or tag key (scheme " + std::string(kTextureScheme) + " or " +
                            kTagScheme + "): " + key};
+  // The plug-in reads only an identifier's last path component; one of another catalogue
+  // would silently stand for a texture of this one.
+  if (!QVTextureURLKeyInCatalogue(*url, c.identifier))
+    throw qv::CommandError{key + " names no texture or tag of this catalogue (" + c.identifier + ")"};
   if (!options.hint.empty() && !NSURL::URLWithString(options.hint))
     throw qv::CommandError{"the hint is not a URL: " + options.hint};
   ResolveFunction resolve = storeResolver(*c.bundle);

@@ -92,8 +92,16 @@ class CILanczosScaleTransformFilter final : public CIBuiltinFilter {
     if (sx == 1 && sy == 1) return in;
     const CGRect e = in.extent();
     if (CGRectIsEmpty(e)) return CIImage::emptyImage();
-    // Shrinks beyond 1/4096 would need kernels wider than any tile.
-    if (sx < 1.0 / 4096 || sy < 1.0 / 4096 || sx > 65536 || sy > 65536) return CIImage::emptyImage();
+    // Shrinks beyond 1/4096 would need kernels wider than any tile. An enlargement keeps its
+    // three taps whatever the factor, so it is refused only when the scaled extent leaves the
+    // range where pixel positions are whole numbers exactly; a large one is a large image,
+    // which a host weighs against its own limits.
+    if (sx < 1.0 / 4096 || sy < 1.0 / 4096) return CIImage::emptyImage();
+    constexpr double kExactLimit = 9007199254740992.0;  // 2^53
+    if (!CGRectIsInfinite(e) &&
+        (std::fabs(CGRectGetMinX(e) * sx) > kExactLimit || std::fabs(CGRectGetMaxX(e) * sx) > kExactLimit ||
+         std::fabs(CGRectGetMinY(e) * sy) > kExactLimit || std::fabs(CGRectGetMaxY(e) * sy) > kExactLimit))
+      return CIImage::emptyImage();
     return CIImage(std::make_shared<LanczosScaleNode>(in, sx, sy));
   }
 };

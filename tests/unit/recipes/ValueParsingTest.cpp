@@ -2,6 +2,8 @@
 // the JSON form of values.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -9,6 +11,7 @@
 #include "CoreImage/CIImage.h"
 #include "CoreImage/CIVector.h"
 #include "TestFiles.h"
+#include "Recipe.h"
 #include "ValueParsing.h"
 
 namespace {
@@ -244,3 +247,79 @@ TEST(ValueParsing, JSONFormOfRects) {
 }
 
 }  // namespace
+
+namespace {
+
+CIFilterRef builtin(const char* name) {
+  qv::prepareFilterRegistry();
+  auto f = CIFilter::filterWithName(name);
+  EXPECT_TRUE(f) << name;
+  return f;
+}
+
+}  // namespace
+
+TEST(InputChecks, NumbersBeyondAnySettingAreRefusedWithTheirKey) {
+  auto bump = builtin("CIBumpDistortion");
+  ASSERT_TRUE(bump);
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*bump, "inputRadius", Value::real(1e308)); }),
+            "inputRadius expects a number from -1e15 to 1e15, got 1e+308");
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*bump, "inputRadius", Value::real(-1e16)); }),
+            "inputRadius expects a number from -1e15 to 1e15, got -1e+16");
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*bump, "inputRadius", Value::integer(INT64_MAX)); }),
+            "inputRadius expects a number from -1e15 to 1e15, got 9223372036854775807");
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*bump, "inputRadius", Value::real(1e15)); }), "(no error)");
+  EXPECT_EQ(errorOf([&] {
+              qv::checkInputValue(*bump, "inputCenter", Value(CIVector::vectorWithX(1, std::nan(""))));
+            }),
+            "inputCenter expects numbers from -1e15 to 1e15, got nan");
+}
+
+TEST(InputChecks, VectorsTakeTheNumberOfValuesOfTheirKey) {
+  auto bump = builtin("CIBumpDistortion");
+  ASSERT_TRUE(bump);
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*bump, "inputCenter", Value(CIVector::vectorWithX(5))); }),
+            "inputCenter expects 2 numbers (\"x y\") (CIVector), got 1 number");
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*bump, "inputCenter", Value(CIVector::vectorWithX(1, 2, 3, 4))); }),
+            "inputCenter expects 2 numbers (\"x y\") (CIVector), got 4 numbers");
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*bump, "inputCenter", Value(CIVector::vectorWithX(1, 2))); }),
+            "(no error)");
+  auto crop = builtin("CICrop");
+  ASSERT_TRUE(crop);
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*crop, "inputRectangle", Value(CIVector::vectorWithX(1, 2, 3))); }),
+            "inputRectangle expects 4 numbers (\"x y width height\") (CIVector), got 3 numbers");
+  EXPECT_EQ(
+      errorOf([&] { qv::checkInputValue(*crop, "inputRectangle", Value(CIVector::vectorWithX(0, 0, 0, 5))); }),
+      "inputRectangle expects a rectangle \"x y width height\" with a width and a height above 0, got \"0 0 0 5\"");
+}
+
+TEST(InputChecks, TextureIdentifiersOfAnotherCatalogueAreRefused) {
+  auto crop = builtin("CICrop");
+  ASSERT_TRUE(crop);
+  EXPECT_EQ(errorOf([&] {
+              qv::checkInputValue(*crop, "inputTextureName",
+                                  Value(std::string("x-qvfilter-texture://com.example.other/fabric-linen")));
+            }),
+            "inputTextureName: \"x-qvfilter-texture://com.example.other/fabric-linen\" names a texture of "
+            "\"com.example.other\", which is no loaded plug-in's catalogue");
+  EXPECT_EQ(errorOf([&] {
+              qv::checkInputValue(*crop, "inputTextureName",
+                                  Value(std::string("x-qvfilter-tag://com.example.other/fabric")));
+            }),
+            "inputTextureName: \"x-qvfilter-tag://com.example.other/fabric\" names a tag of \"com.example.other\", "
+            "which is no loaded plug-in's catalogue");
+  EXPECT_EQ(errorOf([&] { qv::checkInputValue(*crop, "inputTextureName", Value(std::string("plain text"))); }),
+            "(no error)");
+}
+
+TEST(InputChecks, FilterNamesOutsideTheirViewsCategoryAreWarnedAbout) {
+  qv::prepareFilterRegistry();
+  EXPECT_EQ(qv::filterNameWarning("QVFilterBlur", "inputBlurFilterName", Value(std::string("CICrop"))),
+            "warning: QVFilterBlur inputBlurFilterName: \"CICrop\" is no filter of CICategoryBlur");
+  EXPECT_EQ(qv::filterNameWarning("QVFilterBlur", "inputBlurFilterName", Value(std::string("CIGaussianBlur"))), "");
+  EXPECT_EQ(qv::filterNameWarning("F", "inputCompositeFilterName", Value(std::string("CIGaussianBlur"))),
+            "warning: F inputCompositeFilterName: \"CIGaussianBlur\" is no filter of CICategoryCompositeOperation");
+  EXPECT_EQ(qv::filterNameWarning("F", "inputCompositeFilterName", Value(std::string("CISourceOverCompositing"))),
+            "");
+  EXPECT_EQ(qv::filterNameWarning("F", "inputRadius", Value(std::string("CICrop"))), "");
+}
