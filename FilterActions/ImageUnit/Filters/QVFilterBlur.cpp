@@ -17,7 +17,7 @@ constexpr const char* kZoomBlurName = "QVFilterZoomBlur";
 }  // namespace
 
 const CIKernelRef& QVFilterBlur::noOpKernel() {
-  // Written once, never released.
+  // Written once, never released; a subclass's construction reaches the same static.
   static const CIKernelRef& kernel = *new CIKernelRef(QVFilterKernelsFromResource("NoOp").kernelAtIndex(0));
   return kernel;
 }

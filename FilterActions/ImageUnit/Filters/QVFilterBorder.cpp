@@ -46,6 +46,7 @@ CIImage QVFilterBorder::outputImage() const {
                                                                extent.size.width - 2 * w, extent.size.height - 2 * w))
                              .imageByApplyingTransform(shift);
     const CIFilterRef blend = QVFilterWithDefaults("CIBlendWithMask");
+    if (!blend) return {};
     blend->setValue(background, kCIInputBackgroundImageKey);
     blend->setValue(image, kCIInputImageKey);
     blend->setValue(mask, kCIInputMaskImageKey);
@@ -58,6 +59,7 @@ CIImage QVFilterBorder::outputImage() const {
     const CGRect framed = CGRectInset(extent, -w, -w);
     const CIImage background = CIImage::imageWithColor(inputColor()).imageByCroppingToRect(framed);
     const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
+    if (!over) return {};
     over->setValue(background, kCIInputBackgroundImageKey);
     over->setValue(image, kCIInputImageKey);
     return QVFilterOutputImage(over).imageByApplyingTransform(shift);

@@ -21,15 +21,8 @@ Value QVFilterBumpDistortion::customAttributes() const {
 CIImage QVFilterBumpDistortion::outputImage() const {
   const CIImage image = inputImage();
   if (!image) return {};
-  CIVectorRef center = CIVector::fromValue(inputCenter());
-  if (!center) {
-    const Dictionary attributes = this->attributes();
-    const auto entry = attributes.find(kCIInputCenterKey);
-    if (entry != attributes.end() && entry->second.dictionary()) {
-      const auto def = entry->second.dictionary()->find(kCIAttributeDefault);
-      if (def != entry->second.dictionary()->end()) center = CIVector::fromValue(def->second);
-    }
-  }
+  CIVectorRef center = inputCenter();
+  if (!center) center = CIVector::fromValue(QVFilterAttributeDefault(*this, kCIInputCenterKey));
   const double cx = center ? center->X() : 0.0, cy = center ? center->Y() : 0.0;
   const CGRect extent = image.extent();
 

@@ -10,7 +10,7 @@ class QVFilterBumpDistortion : public QVFilter {
   CIImage inputImage() const { return CIImage::fromValue(storedValue(kCIInputImageKey)); }
   void setInputImage(const CIImage& image) { storeValue(kCIInputImageKey, image); }
   // Centre of the bump in proportions of the input's extent.
-  Value inputCenter() const { return storedValue(kCIInputCenterKey); }
+  CIVectorRef inputCenter() const { return CIVector::fromValue(storedValue(kCIInputCenterKey)); }
   void setInputCenter(const Value& center) { storeValue(kCIInputCenterKey, center); }
   // Radius of the bump in pixels, handed on unchanged.
   Value inputRadius() const { return storedValue(kCIInputRadiusKey); }

@@ -16,19 +16,19 @@ class QVFilterColorMatrix : public QVFilter {
   CIImage inputImage() const { return CIImage::fromValue(storedValue(kCIInputImageKey)); }
   void setInputImage(const CIImage& image) { storeValue(kCIInputImageKey, image); }
   // Row of the red output (four numbers: weights of r, g, b, a).
-  Value inputRVector() const { return storedValue(QVFilterColorMatrix::rVectorKey); }
+  CIVectorRef inputRVector() const { return CIVector::fromValue(storedValue(QVFilterColorMatrix::rVectorKey)); }
   void setInputRVector(const Value& value) { storeValue(QVFilterColorMatrix::rVectorKey, value); }
   // Row of the green output.
-  Value inputGVector() const { return storedValue(QVFilterColorMatrix::gVectorKey); }
+  CIVectorRef inputGVector() const { return CIVector::fromValue(storedValue(QVFilterColorMatrix::gVectorKey)); }
   void setInputGVector(const Value& value) { storeValue(QVFilterColorMatrix::gVectorKey, value); }
   // Row of the blue output.
-  Value inputBVector() const { return storedValue(QVFilterColorMatrix::bVectorKey); }
+  CIVectorRef inputBVector() const { return CIVector::fromValue(storedValue(QVFilterColorMatrix::bVectorKey)); }
   void setInputBVector(const Value& value) { storeValue(QVFilterColorMatrix::bVectorKey, value); }
   // Row of the alpha output.
-  Value inputAVector() const { return storedValue(QVFilterColorMatrix::aVectorKey); }
+  CIVectorRef inputAVector() const { return CIVector::fromValue(storedValue(QVFilterColorMatrix::aVectorKey)); }
   void setInputAVector(const Value& value) { storeValue(QVFilterColorMatrix::aVectorKey, value); }
   // Added to r, g, b and a after the matrix.
-  Value inputBiasVector() const { return storedValue(QVFilterColorMatrix::biasVectorKey); }
+  CIVectorRef inputBiasVector() const { return CIVector::fromValue(storedValue(QVFilterColorMatrix::biasVectorKey)); }
   void setInputBiasVector(const Value& value) { storeValue(QVFilterColorMatrix::biasVectorKey, value); }
 
   std::vector<std::string> inputKeys() const override { return {kCIInputImageKey, rVectorKey, gVectorKey, bVectorKey, aVectorKey, biasVectorKey}; }

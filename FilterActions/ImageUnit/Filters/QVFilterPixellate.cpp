@@ -34,8 +34,8 @@ CGAffineTransform QVFilterPixellateClampTransform(const CGRect& extent, std::int
 CIImage QVFilterPixellate::outputImage() const {
   const CIImage image = inputImage();
   if (!image) return {};
-  Value center = inputCenter();
-  if (!center) center = QVFilterAttributeDefault(*this, kCIInputCenterKey);
+  CIVectorRef center = inputCenter();
+  if (!center) center = CIVector::fromValue(QVFilterAttributeDefault(*this, kCIInputCenterKey));
   Value scale = inputScale();
   if (!scale) scale = QVFilterAttributeDefault(*this, kCIInputScaleKey);
 

@@ -12,7 +12,7 @@ class QVFilterPixellate : public QVFilter {
   CIImage inputImage() const { return CIImage::fromValue(storedValue(kCIInputImageKey)); }
   void setInputImage(const CIImage& image) { storeValue(kCIInputImageKey, image); }
   // A point in image coordinates (pixels) on which the grid of squares is aligned.
-  Value inputCenter() const { return storedValue(kCIInputCenterKey); }
+  CIVectorRef inputCenter() const { return CIVector::fromValue(storedValue(kCIInputCenterKey)); }
   void setInputCenter(const Value& center) { storeValue(kCIInputCenterKey, center); }
   // Side of a square in pixels.
   Value inputScale() const { return storedValue(kCIInputScaleKey); }

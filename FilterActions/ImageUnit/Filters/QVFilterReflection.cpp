@@ -41,15 +41,18 @@ CIImage QVFilterReflection::outputImage() const {
   // A vertical ramp from white at opacity a0 at the reflection's top to black `fade` below it,
   // turned into an alpha mask over the reflection.
   const CIFilterRef gradient = QVFilterWithDefaults("CILinearGradient");
+  if (!gradient) return {};
   gradient->setValue(CIVector::vectorWithX(0.0, CGRectGetMaxY(reflected)), "inputPoint0");
   gradient->setValue(CIVector::vectorWithX(0.0, CGRectGetMaxY(reflected) - fade), "inputPoint1");
   gradient->setValue(CIColor::colorWithRed(1.0, 1.0, 1.0, alphaNought), "inputColor0");
   gradient->setValue(CIColor::colorWithCGColor(CGColorGetConstantColor(kCGColorBlack)), "inputColor1");
   const CIFilterRef toAlpha = QVFilterWithDefaults("CIMaskToAlpha");
+  if (!toAlpha) return {};
   toAlpha->setValue(QVFilterOutputImage(gradient), kCIInputImageKey);
   const CIImage mask = QVFilterOutputImage(toAlpha).imageByCroppingToRect(reflected);
 
   const CIFilterRef blend = QVFilterWithDefaults("CIBlendWithMask");
+  if (!blend) return {};
   blend->setValue(CIImage::emptyImage(), kCIInputBackgroundImageKey);
   blend->setValue(reflection, kCIInputImageKey);
   blend->setValue(mask, kCIInputMaskImageKey);
@@ -69,6 +72,7 @@ CIImage QVFilterReflection::outputImage() const {
   const CGAffineTransform lift = CGAffineTransformMakeTranslation(0.0, minY < 0 ? std::floor(-minY) : 0.0);
 
   const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
+  if (!over) return {};
   over->setValue(image.imageByApplyingTransform(lift), kCIInputImageKey);
   over->setValue(cut.imageByApplyingTransform(lift), kCIInputBackgroundImageKey);
   return QVFilterOutputImage(over);

@@ -36,6 +36,7 @@ CIImage QVFilterShine::outputImage() const {
 
   // The opacities are fixed: inputAlpha only switches the highlight on.
   const CIFilterRef gradient = QVFilterWithDefaults("CILinearGradient");
+  if (!gradient) return {};
   if (points) {
     gradient->setValue(light, "inputPoint0");
     gradient->setValue(middle, "inputPoint1");
@@ -52,6 +53,7 @@ CIImage QVFilterShine::outputImage() const {
   }
 
   const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
+  if (!over) return {};
   over->setValue(shine, kCIInputImageKey);
   over->setValue(image, kCIInputBackgroundImageKey);
   return QVFilterOutputImage(over);

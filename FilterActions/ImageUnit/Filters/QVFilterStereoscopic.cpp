@@ -32,6 +32,7 @@ bool isWhole(double v) { return std::isfinite(v) && v == std::floor(v); }
 CIImage colourLayer(const CIImage& image, const CIVectorRef& r, const CIVectorRef& g, const CIVectorRef& b,
                     double alpha) {
   const CIFilterRef matrix = QVFilterWithDefaults("CIColorMatrix");
+  if (!matrix) return {};
   matrix->setValue(r, "inputRVector");
   matrix->setValue(g, "inputGVector");
   matrix->setValue(b, "inputBVector");
@@ -43,11 +44,13 @@ CIImage colourLayer(const CIImage& image, const CIVectorRef& r, const CIVectorRe
 }  // namespace
 
 const CIKernelRef& QVFilterStereoscopic::QVFilterStereoscopic_DesaturateKernel() {
+  // Written once, never released; a subclass's construction reaches the same static.
   static const CIKernelRef& kernel = *new CIKernelRef(stereoscopicKernels().kernelAtIndex(0));
   return kernel;
 }
 
 const CIKernelRef& QVFilterStereoscopic::QVFilterStereoscopic_StereoscopicKernel() {
+  // Written once, never released; a subclass's construction reaches the same static.
   static const CIKernelRef& kernel = *new CIKernelRef(stereoscopicKernels().kernelAtIndex(1));
   return kernel;
 }
@@ -100,6 +103,7 @@ CIImage QVFilterStereoscopic::outputImage() const {
   CIImage result = image;
   for (const CIImage& layer : {cyanPlaced, redPlaced}) {
     const CIFilterRef lighten = QVFilterWithDefaults("CILightenBlendMode");
+    if (!lighten) return {};
     lighten->setValue(result, kCIInputBackgroundImageKey);
     lighten->setValue(layer, kCIInputImageKey);
     result = QVFilterOutputImage(lighten);

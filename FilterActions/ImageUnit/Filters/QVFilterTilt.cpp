@@ -28,6 +28,7 @@ CIImage QVFilterTilt::outputImage() const {
   // Both blurs from one filter object: the light one is taken before the radius grows, and an
   // image once taken keeps the radius it was made with.
   const CIFilterRef blur = QVFilterWithDefaults("CIBoxBlur");
+  if (!blur) return {};
   blur->setValue(image, kCIInputImageKey);
   blur->setValue(20.0 * intensity, kCIInputRadiusKey);
   const CIImage lightBlur = QVFilterOutputImage(blur).imageByCroppingToRect(extent);

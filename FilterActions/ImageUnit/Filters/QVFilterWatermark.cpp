@@ -41,10 +41,12 @@ CIImage QVFilterWatermark::outputImage() const {
 
   // Only the alpha row changes: the colour rows keep their identity defaults.
   const CIFilterRef fade = QVFilterWithDefaults("CIColorMatrix");
+  if (!fade) return {};
   fade->setValue(CIVector::vectorWithX(0, 0, 0, inputWatermarkAlpha().doubleValue()), "inputAVector");
   fade->setValue(moved, kCIInputImageKey);
 
   const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
+  if (!over) return {};
   over->setValue(image, kCIInputBackgroundImageKey);
   over->setValue(QVFilterOutputImage(fade), kCIInputImageKey);
   return QVFilterOutputImage(over).imageByCroppingToRect(

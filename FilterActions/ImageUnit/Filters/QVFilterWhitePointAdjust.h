@@ -3,6 +3,7 @@
 // extent.
 #pragma once
 
+#include "CoreImage/CIColor.h"
 #include "Framework/QVFilter.h"
 
 class QVFilterWhitePointAdjust : public QVFilter {
@@ -12,7 +13,7 @@ class QVFilterWhitePointAdjust : public QVFilter {
   CIImage inputImage() const { return CIImage::fromValue(storedValue(kCIInputImageKey)); }
   void setInputImage(const CIImage& image) { storeValue(kCIInputImageKey, image); }
   // The colour that white becomes.
-  Value inputColor() const { return storedValue(QVFilterWhitePointAdjust::colorKey); }
+  CIColorRef inputColor() const { return CIColor::fromValue(storedValue(QVFilterWhitePointAdjust::colorKey)); }
   void setInputColor(const Value& value) { storeValue(QVFilterWhitePointAdjust::colorKey, value); }
 
   std::vector<std::string> inputKeys() const override { return {kCIInputImageKey, colorKey}; }

@@ -23,9 +23,8 @@ Value QVFilterZoomBlur::customAttributes() const {
 CIImage QVFilterZoomBlur::outputImage() const {
   const CIImage image = inputImage();
   if (!image) return {};
-  Value centerValue = inputCenter();
-  if (!centerValue) centerValue = QVFilterAttributeDefault(*this, kCIInputCenterKey);
-  const CIVectorRef center = CIVector::fromValue(centerValue);
+  CIVectorRef center = inputCenter();
+  if (!center) center = CIVector::fromValue(QVFilterAttributeDefault(*this, kCIInputCenterKey));
   const CGRect extent = image.extent();
   const double x = CGRectGetMinX(extent) + (center ? center->X() : 0.0) * extent.size.width;
   const double y = CGRectGetMinY(extent) + (center ? center->Y() : 0.0) * extent.size.height;

@@ -10,7 +10,7 @@ class QVFilterZoomBlur : public QVFilter {
   CIImage inputImage() const { return CIImage::fromValue(storedValue(kCIInputImageKey)); }
   void setInputImage(const CIImage& image) { storeValue(kCIInputImageKey, image); }
   // Centre of the zoom in proportions of the input's extent.
-  Value inputCenter() const { return storedValue(kCIInputCenterKey); }
+  CIVectorRef inputCenter() const { return CIVector::fromValue(storedValue(kCIInputCenterKey)); }
   void setInputCenter(const Value& center) { storeValue(kCIInputCenterKey, center); }
   // Length of the zoom in pixels; only its whole part (floor) is used.
   Value inputRadius() const { return storedValue(kCIInputRadiusKey); }

@@ -21,3 +21,13 @@ CIImage QVFilterOutputImage(const CIFilterRef& filter) {
   if (!filter) return {};
   return filter->outputImage();  // what valueForKey(kCIOutputImageKey) answers
 }
+
+CIImage QVFilterPointOperationOutput(const CIFilter& filter, const std::string& builtinName, const CIImage& image) {
+  if (!image) return {};
+  const CIFilterRef builtin = QVFilterWithDefaults(builtinName);
+  if (!builtin) return {};
+  for (const std::string& key : filter.inputKeys())
+    if (key != kCIInputImageKey) builtin->setValue(filter.valueForKey(key), key);
+  builtin->setValue(image, kCIInputImageKey);
+  return QVFilterOutputImage(builtin).imageByCroppingToRect(image.extent());
+}

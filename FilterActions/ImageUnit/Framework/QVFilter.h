@@ -37,3 +37,10 @@ Value QVFilterAttributeDefault(const CIFilter& filter, const std::string& key);
 
 // The image a filter publishes under kCIOutputImageKey (nil for a nil filter).
 CIImage QVFilterOutputImage(const CIFilterRef& filter);
+
+// The one shape of the filters that wrap a single point operation of the platform (the colour
+// adjustments, the unsharp mask): nil for a nil image; otherwise the built-in `builtinName`
+// with its defaults, each other input of `filter` handed on as it stands (a nil value replaces
+// the built-in's default), the image, and the result cut back to the image's extent (never
+// larger than the input, even where the operation cannot grow it).
+CIImage QVFilterPointOperationOutput(const CIFilter& filter, const std::string& builtinName, const CIImage& image);
