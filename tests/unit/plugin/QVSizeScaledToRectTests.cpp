@@ -33,11 +33,7 @@ TEST(QVSizeScaledToRect, AspectMaxCoversKeepingProportions) {
   // A texture over an image reaches every edge of it, keeping its proportions, centred.
   const CGRect r = QVSizeScaledToRect(CGSizeMake(400, 100), CGRectMake(0, 0, 1000, 800), kQVGravityResizeAspectMax);
   EXPECT_RECT_EQ(r, -1100, 0, 3200, 800);
-  EXPECT_DOUBLE_EQ(r.size.width / r.size.height, 4.0);
-  EXPECT_LE(CGRectGetMinX(r), 0);
-  EXPECT_GE(CGRectGetMaxX(r), 1000);
-  EXPECT_LE(CGRectGetMinY(r), 0);
-  EXPECT_GE(CGRectGetMaxY(r), 800);
+  EXPECT_EQ(r.size.width / r.size.height, 4.0);
   // Smaller textures are scaled up to cover.
   EXPECT_RECT_EQ(QVSizeScaledToRect(CGSizeMake(256, 256), CGRectMake(10, 20, 1000, 600), kQVGravityResizeAspectMax),
                  10, -180, 1000, 1000);
