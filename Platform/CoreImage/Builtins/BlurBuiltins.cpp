@@ -52,6 +52,9 @@ using qv::blur::TileBuffer;
 constexpr double kMaxRadius = 1000.0;
 // Discs cost O(radius) per pixel: their radius is capped lower.
 constexpr double kMaxDiscRadius = 200.0;
+// Samples along one pixel's line in the motion and zoom blurs: one per pixel of the line up to
+// this many, then spread evenly, so a pixel's cost stays bounded whatever the radius.
+constexpr int kMaxLineSamples = 257;
 
 using qv::builtins::numberInput;
 using qv::builtins::positionInput;
@@ -156,7 +159,7 @@ class MotionBlurFilter final : public CIBuiltinFilter {
     if (r <= 0) return image;
     const double ux = std::cos(angle), uy = std::sin(angle);
     const int sx = int(std::ceil(r * std::fabs(ux))) + 1, sy = int(std::ceil(r * std::fabs(uy))) + 1;
-    const int n = 2 * int(std::ceil(r)) + 1;
+    const int n = std::min(2 * int(std::ceil(r)) + 1, kMaxLineSamples);
     return BlurNode::make("CIMotionBlur", growExtent(image.extent(), sx, sy), {image}, sx, sy,
                           [=](const PixelTile& out, std::span<const ConstPixelTile> in) {
                             const float inv = 1.0f / float(n);
@@ -204,7 +207,7 @@ class ZoomBlurFilter final : public CIBuiltinFilter {
                                   dx = dir * vx / d;
                                   dy = dir * vy / d;
                                 }
-                                const int n = int(std::ceil(length)) + 1;
+                                const int n = std::min(int(std::ceil(length)) + 1, kMaxLineSamples);
                                 float acc[4] = {0, 0, 0, 0}, sm[4];
                                 for (int k = 0; k < n; ++k) {
                                   const double t = n > 1 ? length * k / (n - 1) : 0.0;
@@ -298,34 +301,24 @@ class MaskedVariableBlurFilter final : public CIBuiltinFilter {
     for (int k = 1; k <= kLevels; ++k) plans.push_back(qv::blur::planGaussian(r * k / kLevels));
     if (plans.back().identity()) return image;
     const int sx = plans.back().supportX(), sy = plans.back().supportY();
-    BlurNode::RoiFn roi = [sx, sy](std::size_t index, const PixelRect& rect) {
-      return index == 0 ? rect.outset(sx, sy) : rect;
-    };
-    BlurNode::RenderFn render = [plans](const PixelTile& out, std::span<const ConstPixelTile> in) {
-      std::vector<TileBuffer> levels;
-      levels.reserve(plans.size());
-      for (const auto& plan : plans) {
-        levels.emplace_back(out.rect);
-        if (plan.identity()) {
-          for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
-            std::copy_n(in[0].at(out.rect.x, y), out.rect.width * 4, levels.back().tile().row(y));
-        } else {
-          qv::blur::applySeparable(in[0], levels.back().tile(), plan);
-        }
-      }
-      for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
-        for (std::int64_t x = out.rect.x; x < out.rect.maxX(); ++x) {
-          const float m = std::clamp(luminance(in[1].at(x, y)), 0.0f, 1.0f) * float(kLevels);
-          const int k = std::min(int(m), kLevels - 1);
-          const float f = m - float(k);
-          const float* a = k == 0 ? in[0].at(x, y) : levels[std::size_t(k - 1)].constTile().at(x, y);
-          const float* b = levels[std::size_t(k)].constTile().at(x, y);
-          float* o = out.at(x, y);
-          for (int c = 0; c < 4; ++c) o[c] = a[c] + f * (b[c] - a[c]);
-        }
-    };
-    return CIImage(std::make_shared<BlurNode>("CIMaskedVariableBlur", growExtent(image.extent(), sx, sy),
-                                              std::vector<CIImage>{image, mask}, std::move(roi), std::move(render)));
+    // Each level is a Gaussian of its own pair of passes (bounded work per tile whatever the
+    // radius); the node only mixes the image and the levels by the mask, pixel by pixel.
+    std::vector<CIImage> inputs{image, mask};
+    for (std::size_t k = 0; k < plans.size(); ++k)
+      inputs.push_back(plans[k].identity() ? image : separableImage("CIMaskedVariableBlur level", image, plans[k]));
+    return BlurNode::make("CIMaskedVariableBlur", growExtent(image.extent(), sx, sy), std::move(inputs), 0, 0,
+                          [](const PixelTile& out, std::span<const ConstPixelTile> in) {
+                            for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
+                              for (std::int64_t x = out.rect.x; x < out.rect.maxX(); ++x) {
+                                const float m = std::clamp(luminance(in[1].at(x, y)), 0.0f, 1.0f) * float(kLevels);
+                                const int k = std::min(int(m), kLevels - 1);
+                                const float f = m - float(k);
+                                const float* a = k == 0 ? in[0].at(x, y) : in[std::size_t(k) + 1].at(x, y);
+                                const float* b = in[std::size_t(k) + 2].at(x, y);
+                                float* o = out.at(x, y);
+                                for (int c = 0; c < 4; ++c) o[c] = a[c] + f * (b[c] - a[c]);
+                              }
+                          });
   }
 };
 
@@ -427,13 +420,17 @@ class UnsharpMaskFilter final : public CIBuiltinFilter {
     const SeparablePlan plan = qv::blur::planGaussian(inputDouble(kCIInputRadiusKey));
     if (intensity == 0 || plan.identity()) return image;
     const float k = float(std::clamp(intensity, -1000.0, 1000.0));
-    return BlurNode::make("CIUnsharpMask", image.extent(), {image}, plan.supportX(), plan.supportY(),
-                          [plan, k](const PixelTile& out, std::span<const ConstPixelTile> in) {
-                            qv::blur::applySeparable(in[0], out, plan);
+    // The blur is the Gaussian's own pair of passes, whose tiles read a band of rows and stream
+    // down columns; one node blurring in both directions would read a square of (tile + twice
+    // the support) per tile, gigabytes at the largest radii.
+    const CIImage blurred = separableImage("CIUnsharpMask blur", image, plan);
+    return BlurNode::make("CIUnsharpMask", image.extent(), {image, blurred}, 0, 0,
+                          [k](const PixelTile& out, std::span<const ConstPixelTile> in) {
                             for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
                               float* o = out.row(y);
                               const float* p = in[0].at(out.rect.x, y);
-                              for (std::int64_t i = 0; i < out.rect.width * 4; ++i) o[i] = p[i] + k * (p[i] - o[i]);
+                              const float* b = in[1].at(out.rect.x, y);
+                              for (std::int64_t i = 0; i < out.rect.width * 4; ++i) o[i] = p[i] + k * (p[i] - b[i]);
                             }
                           });
   }
