@@ -80,6 +80,12 @@ expect_message "Lanczos scale 1e5" \
 out=$("$QVFILTER" apply "$in" --extent -f CILanczosScaleTransform -s inputScale=1e5 2>&1)
 [ "$out" = "0 0 32000000 24000000" ] || fail "Lanczos 1e5 extent: $out"
 
+# A render that fails on a region of interest names the step the user asked for, not an
+# internal node.
+expect_message "transform of 1e-12" \
+  "qvfilter: cannot write o.png: CIAffineTransform with inputTransform=1e-12 0 0 1e-12 0 0 needs more of its input than can be rendered" \
+  "$QVFILTER" apply "$in" o.png -f CIAffineTransform -s "inputTransform=1e-12 0 0 1e-12 0 0"
+
 # File names with a NUL inside, from a recipe.
 printf '{"images": {"p": {"color": [1, 0, 0, 1], "extent": [0, 0, 4, 4]}},\n "chain": [{"filter": "CICrop", "inputs": {"inputImage": "@p"}}], "output": {"file": "a.png\\u0000.txt"}}\n' > nul-out.json
 expect_message "NUL in an output name" \

@@ -96,6 +96,31 @@ CIImage runStep(const Step& step, const CIImage& previous) {
 
 std::string number(double v) { return qv::jsonNumber(v).dump(); }
 
+// For a render that failed on a region of interest too large: the first step whose own output
+// cannot be rendered even for one pixel at the middle of its extent, with the inputs it was
+// given, as "CIAffineTransform with inputTransform=... needs more of its input than can be
+// rendered"; empty when no single step explains it.
+std::string stepThatCannotBeRendered(const std::vector<Step>& steps, const std::vector<CIImage>& outputs) {
+  CIContextOptions one;
+  one.threads = 1;
+  for (std::size_t i = 0; i < steps.size() && i < outputs.size(); ++i) {
+    const CGRect e = outputs[i].extent();
+    if (!outputs[i] || CGRectIsEmpty(e)) continue;
+    const CGRect pixel = CGRectIsInfinite(e) ? CGRectMake(0, 0, 1, 1)
+                                             : CGRectMake(std::floor(CGRectGetMidX(e)), std::floor(CGRectGetMidY(e)), 1, 1);
+    float rgba[4];
+    try {
+      CIContext(one).render(outputs[i], rgba, sizeof rgba, pixel, CIRenderFormat::RGBAf);
+    } catch (const CIRenderError&) {
+      std::string inputs;
+      for (const auto& [key, text] : steps[i].settings) inputs += (inputs.empty() ? "" : ", ") + key + "=" + text;
+      return steps[i].filter + (inputs.empty() ? std::string() : " with " + inputs) +
+             " needs more of its input than can be rendered";
+    }
+  }
+  return {};
+}
+
 // Prints "rendering: N%" lines on stderr, at most one per tenth.
 class ProgressPrinter {
  public:
@@ -123,7 +148,11 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   } catch (const qv::ValueError& e) {
     throw qv::CommandError{e.what()};
   }
-  for (const Step& step : steps) image = runStep(step, image);
+  std::vector<CIImage> stepOutputs;
+  for (const Step& step : steps) {
+    image = runStep(step, image);
+    stepOutputs.push_back(image);
+  }
   if (!image) throw qv::CommandError{"the filter chain produced no image"};
   const CGRect extent = image.extent();
   if (options.extentOnly) {
@@ -164,6 +193,10 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   }
   try {
     CIContext(contextOptions).writeToFile(image, options.output, bounds, qv::parseQualityArgument(options.quality) / 100.0);
+  } catch (const CIRenderError& e) {
+    // The renderer names the internal node it could not serve; the user asked for filters.
+    const std::string step = stepThatCannotBeRendered(steps, stepOutputs);
+    throw qv::CommandError{CIContext::writeErrorMessage(options.output, step.empty() ? e.what() : step)};
   } catch (const std::exception& e) {
     throw qv::CommandError{CIContext::writeErrorMessage(options.output, e.what())};
   }
