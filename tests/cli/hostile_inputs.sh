@@ -138,6 +138,15 @@ expect_message "texture below another path" \
   "qvfilter: x-qvfilter-texture://org.qvfilter.filters.imageunits/x/paper-kraft names no texture or tag of this catalogue (org.qvfilter.filters.imageunits)" \
   "$QVFILTER" textures resolve x-qvfilter-texture://org.qvfilter.filters.imageunits/x/paper-kraft
 
+# A texture index over the property-list size cap says so (a sparse file: no disk used).
+bundle="$(cd "$(dirname "$QVFILTER")/../lib/qvfilter/QVFilterImageUnits.plugin" && pwd)"
+mkdir -p big.plugin/Resources
+cp "$bundle/Info.plist" big.plugin/
+truncate -s 65M big.plugin/Resources/TextureIndex.plist
+expect_message "oversized texture index" \
+  "qvfilter: cannot read the texture index: Resources/TextureIndex.plist is larger than the limit of 64 MB for a property list" \
+  "$QVFILTER" textures --bundle big.plugin
+
 # A kernel check of a FIFO would block in open forever.
 mkfifo kernel.fifo
 expect_message "kernel check of a FIFO" "qvfilter: cannot read kernel.fifo: not a regular file" \
