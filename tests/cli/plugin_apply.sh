@@ -40,7 +40,9 @@ check() {  # check NAME "EXPECTED EXTENT" "EXPECTED FILE SIZE" ARGS...
 }
 
 check squarecrop "50 0 200 200" "200 200" -f QVFilterSquareCrop
-check rotate0 "0 0 300 200" "300 200" -f QVFilterRotate
+check rotate0 "0 0 300 200" "300 200" -f QVFilterRotate -s inputAngle=0
+# The default angle is a slight turn (5 degrees): the bounding box grows, its origin rounds.
+check rotatedefault "-17 0 315.85840942752367 225" "316 225" -f QVFilterRotate
 check rotate90 "-200 0 200 300" "200 300" -f QVFilterRotate -s inputAngle=1.5707963267948966
 check proportional "0 0 300 200" "300 200" -f QVFilterProportionalCrop
 # Its inputs are described by their default vectors alone; -s reads them as vectors too.
