@@ -385,11 +385,21 @@ CIImage morphologyRectangleImage(const CIImage& image, double width, double heig
   if (!image) return {};
   const int rx = oddHalfWidth(width), ry = oddHalfWidth(height);
   if (rx == 0 && ry == 0) return image;
+  // A rectangle's extremum is separable, and exactly so: along rows, then along columns, as two
+  // nodes, so that a tile reads a band of (tile + 2 rx) by tile pixels and then one of tile by
+  // (tile + 2 ry), never the square of both that one node would need at the largest sides.
+  const std::string name = maximum ? "CIMorphologyRectangleMaximum" : "CIMorphologyRectangleMinimum";
+  const CGRect rowsExtent = maximum ? growExtent(image.extent(), rx, 0) : image.extent();
+  const CIImage rows = rx == 0 ? image
+                               : BlurNode::make(name + " rows", rowsExtent, {image}, rx, 0,
+                                                [=](const PixelTile& out, std::span<const ConstPixelTile> in) {
+                                                  qv::blur::morphologyRect(in[0], out, rx, 0, maximum);
+                                                });
+  if (ry == 0) return rows;
   const CGRect extent = maximum ? growExtent(image.extent(), rx, ry) : image.extent();
-  return BlurNode::make(maximum ? "CIMorphologyRectangleMaximum" : "CIMorphologyRectangleMinimum", extent, {image}, rx,
-                        ry, [=](const PixelTile& out, std::span<const ConstPixelTile> in) {
-                          qv::blur::morphologyRect(in[0], out, rx, ry, maximum);
-                        });
+  return BlurNode::make(name, extent, {rows}, 0, ry, [=](const PixelTile& out, std::span<const ConstPixelTile> in) {
+    qv::blur::morphologyRect(in[0], out, 0, ry, maximum);
+  });
 }
 
 class MorphologyRectangleMaximumFilter final : public CIBuiltinFilter {

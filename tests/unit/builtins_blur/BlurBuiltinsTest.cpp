@@ -562,3 +562,23 @@ TEST(BlurFilters, MaskedVariableBlurAtAHugeRadiusMixesGaussianLevels) {
   for (std::size_t i = 0; i < mixed.size(); ++i) largest = std::max(largest, std::fabs(mixed[i] - widest[i]));
   EXPECT_LT(largest, 1e-6f);
 }
+
+TEST(BlurFilters, MorphologyRectangleOfHugeSidesReachesAcrossTheImageInBands) {
+  // Sides of 1e9 are capped at 2001: every pixel of a 96 x 64 image sees all of it, so the
+  // maximum is the image's maximum per channel, and the minimum is 0 (the transparent outside).
+  const CIImage image = blurtest::photo(96, 64);
+  const auto source = renderRGBAf(image, image.extent());
+  float largest[4] = {0, 0, 0, 0};
+  for (std::size_t i = 0; i < source.size(); ++i) largest[i % 4] = std::max(largest[i % 4], source[i]);
+  const long before = peakResidentKiB();
+  const auto maximum = renderRGBAf(
+      applyFilter("CIMorphologyRectangleMaximum", image, {{"inputWidth", Value(1e9)}, {"inputHeight", Value(1e9)}}),
+      image.extent());
+  const auto minimum = renderRGBAf(
+      applyFilter("CIMorphologyRectangleMinimum", image, {{"inputWidth", Value(1e9)}, {"inputHeight", Value(1e9)}}),
+      image.extent());
+  EXPECT_LT(peakResidentKiB() - before, 512 * 1024);
+  std::size_t wrong = 0;
+  for (std::size_t i = 0; i < maximum.size(); ++i) wrong += maximum[i] != largest[i % 4] || minimum[i] != 0.0f;
+  EXPECT_EQ(wrong, 0u);
+}
