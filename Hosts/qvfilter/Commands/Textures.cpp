@@ -123,23 +123,26 @@ struct ListOptions {
   std::string bundle;
 };
 
+// Entries are written as they are made (the JSON array too, one element at a time), and the
+// selection refers to the index's records instead of copying them, so a catalogue of a million
+// textures costs memory for the index only.
 void runList(const ListOptions& options) {
   const Catalogue c = loadCatalogue(options.bundle);
   const Dictionary& textures = texturesOrFail(c);
-  std::map<std::string, std::pair<std::string, Value>> selected;  // identifier -> (key, record)
-  for (const auto& [key, record] : textures) {
-    if (QVTextureRecordHasTags(record, std::set<std::string>(options.tags.begin(), options.tags.end())))
-      selected.emplace(identifierFor(c, key), std::make_pair(key, record));
-  }
+  const std::set<std::string> wanted(options.tags.begin(), options.tags.end());
+  std::map<std::string, std::pair<const std::string*, const Value*>> selected;  // identifier -> (key, record)
+  for (const auto& [key, record] : textures)
+    if (QVTextureRecordHasTags(record, wanted)) selected.emplace(identifierFor(c, key), std::make_pair(&key, &record));
   if (selected.empty() && !options.tags.empty()) {
     std::string list;
     for (const auto& t : options.tags) list += (list.empty() ? "" : ", ") + t;
     throw qv::CommandError{"no texture carries the tag(s) " + list};
   }
-  std::string out;
-  auto json = nlohmann::json::array();
+  if (options.json) std::fputs(selected.empty() ? "[]\n" : "[\n", stdout);
+  std::size_t written = 0;
   for (const auto& [identifier, entry] : selected) {
-    const auto& [key, record] = entry;
+    const std::string& key = *entry.first;
+    const Value& record = *entry.second;
     const std::string path = texturePath(c, record);
     long long width = 0, height = 0;
     if (!path.empty()) {
@@ -152,23 +155,31 @@ void runList(const ListOptions& options) {
     const auto tags = tagsOf(record);
     const std::string display = stringOf(record["displayName"]);
     const std::string file = stringOf(record["fileName"]);
+    std::string out;
     if (options.json) {
-      json.push_back({{"identifier", identifier},
-                      {"key", key},
-                      {"displayName", display.empty() ? identifier : display},
-                      {"tags", tags},
-                      {"fileName", file},
-                      {"width", width},
-                      {"height", height}});
+      const nlohmann::json element = {{"identifier", identifier},
+                                      {"key", key},
+                                      {"displayName", display.empty() ? identifier : display},
+                                      {"tags", tags},
+                                      {"fileName", file},
+                                      {"width", width},
+                                      {"height", height}};
+      // As the whole array would print with an indent of 2: each line of the element indented.
+      const std::string text = element.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+      out = "  ";
+      for (char ch : text) {
+        out += ch;
+        if (ch == '\n') out += "  ";
+      }
+      out += ++written < selected.size() ? ",\n" : "\n]\n";
     } else {
       std::string tagList;
       for (const auto& t : tags) tagList += (tagList.empty() ? "" : ",") + t;
-      out += identifier + "\t" + (display.empty() ? identifier : display) + "\t" + tagList + "\t" + file + "\t" +
-             std::to_string(width) + "x" + std::to_string(height) + "\n";
+      out = identifier + "\t" + (display.empty() ? identifier : display) + "\t" + tagList + "\t" + file + "\t" +
+            std::to_string(width) + "x" + std::to_string(height) + "\n";
     }
+    std::fwrite(out.data(), 1, out.size(), stdout);
   }
-  if (options.json) out = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-  std::fwrite(out.data(), 1, out.size(), stdout);
 }
 
 // ---- resolve ----
