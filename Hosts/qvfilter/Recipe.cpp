@@ -101,8 +101,9 @@ CGRect rectFromJSON(const json& j, const std::string& what, bool allowEmpty) {
 }
 
 void checkKeys(const json& object, std::initializer_list<const char*> allowed, const std::string& what) {
-  for (const auto& [key, value] : object.items()) {
-    (void)value;
+  for (auto item = object.begin(); item != object.end(); ++item) {
+    // A named key, not a structured binding: clang before 16 cannot capture bindings in lambdas.
+    const std::string& key = item.key();
     if (std::none_of(allowed.begin(), allowed.end(), [&](const char* a) { return key == a; })) {
       std::string list;
       for (const char* a : allowed) list += (list.empty() ? "" : ", ") + std::string("\"") + a + "\"";
