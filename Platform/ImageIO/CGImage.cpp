@@ -190,57 +190,142 @@ CGImageRef CGImageCreateByApplyingOrientation(const CGImageRef& image, int orien
   return out;
 }
 
+namespace {
+
+// How an image of srcWidth x srcHeight is brought to width x height: a box pre-reduction by
+// whole factors (kx, ky), leaving at least a factor of two for the Lanczos pass, so that the
+// filter never needs more than about a dozen taps per axis; then the Lanczos weights from the
+// intermediate size (midW x midH).
+struct ScalePlan {
+  std::size_t width = 0, height = 0, kx = 1, ky = 1, midW = 0, midH = 0;
+  Weights wx, wy;
+  ScalePlan(std::size_t srcWidth, std::size_t srcHeight, std::size_t w, std::size_t h)
+      : width(w),
+        height(h),
+        kx(std::max<std::size_t>(1, srcWidth / w / 2)),
+        ky(std::max<std::size_t>(1, srcHeight / h / 2)),
+        midW((srcWidth + kx - 1) / kx),
+        midH((srcHeight + ky - 1) / ky),
+        wx(makeWeights(midW, w)),
+        wy(makeWeights(midH, h)) {}
+
+  // The horizontal pass of one intermediate row (midW premultiplied pixels) into dst (width).
+  void horizontalRow(const float* row, float* dst) const {
+    for (std::size_t x = 0; x < width; ++x) {
+      const float* w = wx.weights.data() + x * static_cast<std::size_t>(wx.stride);
+      const float* s = row + static_cast<std::size_t>(wx.start[x]) * 4;
+      float acc[4] = {0, 0, 0, 0};
+      for (int k = 0; k < wx.count[x]; ++k)
+        for (int c = 0; c < 4; ++c) acc[c] += w[k] * s[k * 4 + c];
+      for (int c = 0; c < 4; ++c) dst[x * 4 + c] = acc[c];
+    }
+  }
+
+  // The vertical pass over the horizontally filtered rows (width x midH) into the output.
+  void verticalPass(const std::vector<float>& horizontal, CGImage& out) const {
+    const bool sixteen = out.bitsPerComponent == 16;
+    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, height, 8), [&](const tbb::blocked_range<std::size_t>& r) {
+      std::vector<float> acc(width * 4);
+      for (std::size_t y = r.begin(); y < r.end(); ++y) {
+        std::fill(acc.begin(), acc.end(), 0.0f);
+        const float* w = wy.weights.data() + y * static_cast<std::size_t>(wy.stride);
+        for (int k = 0; k < wy.count[y]; ++k) {
+          const float* s = horizontal.data() + (static_cast<std::size_t>(wy.start[y] + k)) * width * 4;
+          const float wk = w[k];
+          for (std::size_t i = 0; i < width * 4; ++i) acc[i] += wk * s[i];
+        }
+        std::uint8_t* dst = out.row(y);
+        for (std::size_t x = 0; x < width; ++x) writePixel(dst, x, acc.data() + x * 4, sixteen);
+      }
+    });
+  }
+};
+
+}  // namespace
+
 CGImageRef CGImageCreateScaled(const CGImageRef& image, std::size_t width, std::size_t height) {
   if (!image || width == 0 || height == 0 || image->width == 0 || image->height == 0) return nullptr;
   if (width == image->width && height == image->height) return image;
   const CGImage& src = *image;
-  // Box pre-reduction by whole factors, leaving at least a factor of two for the Lanczos pass,
-  // so that the filter never needs more than about a dozen taps per axis.
-  const std::size_t kx = std::max<std::size_t>(1, src.width / width / 2);
-  const std::size_t ky = std::max<std::size_t>(1, src.height / height / 2);
-  const std::size_t midW = (src.width + kx - 1) / kx, midH = (src.height + ky - 1) / ky;
-  const Weights wx = makeWeights(midW, width);
-  const Weights wy = makeWeights(midH, height);
+  const ScalePlan plan(src.width, src.height, width, height);
   auto out = blankLike(src, width, height, src.bitsPerComponent);
   if (!out) return nullptr;
   // Horizontal pass over every intermediate row into a float buffer (width x midH).
   std::vector<float> horizontal;
   try {
-    horizontal.resize(width * midH * 4);
+    horizontal.resize(width * plan.midH * 4);
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, midH, 8), [&](const tbb::blocked_range<std::size_t>& r) {
-    std::vector<float> row(midW * 4);
+  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, plan.midH, 8), [&](const tbb::blocked_range<std::size_t>& r) {
+    std::vector<float> row(plan.midW * 4);
     for (std::size_t y = r.begin(); y < r.end(); ++y) {
-      readBoxRow(src, y * ky, ky, kx, midW, row.data());
-      float* dst = horizontal.data() + y * width * 4;
-      for (std::size_t x = 0; x < width; ++x) {
-        const float* w = wx.weights.data() + x * static_cast<std::size_t>(wx.stride);
-        const float* s = row.data() + static_cast<std::size_t>(wx.start[x]) * 4;
-        float acc[4] = {0, 0, 0, 0};
-        for (int k = 0; k < wx.count[x]; ++k)
-          for (int c = 0; c < 4; ++c) acc[c] += w[k] * s[k * 4 + c];
-        for (int c = 0; c < 4; ++c) dst[x * 4 + c] = acc[c];
-      }
+      readBoxRow(src, y * plan.ky, plan.ky, plan.kx, plan.midW, row.data());
+      plan.horizontalRow(row.data(), horizontal.data() + y * width * 4);
     }
   });
-  // Vertical pass into the output.
-  const bool sixteen = src.bitsPerComponent == 16;
-  tbb::parallel_for(tbb::blocked_range<std::size_t>(0, height, 8), [&](const tbb::blocked_range<std::size_t>& r) {
-    std::vector<float> acc(width * 4);
-    for (std::size_t y = r.begin(); y < r.end(); ++y) {
-      std::fill(acc.begin(), acc.end(), 0.0f);
-      const float* w = wy.weights.data() + y * static_cast<std::size_t>(wy.stride);
-      for (int k = 0; k < wy.count[y]; ++k) {
-        const float* s = horizontal.data() + (static_cast<std::size_t>(wy.start[y] + k)) * width * 4;
-        const float wk = w[k];
-        for (std::size_t i = 0; i < width * 4; ++i) acc[i] += wk * s[i];
-      }
-      std::uint8_t* dst = out->row(y);
-      for (std::size_t x = 0; x < width; ++x) writePixel(dst, x, acc.data() + x * 4, sixteen);
+  plan.verticalPass(horizontal, *out);
+  return out;
+}
+
+struct CGImageStreamingScaler::State {
+  ScalePlan plan;
+  CGImage band;  // the source rows of one box group, as an image of up to ky rows
+  std::size_t srcHeight = 0, filled = 0, rowsSeen = 0, group = 0;
+  std::vector<float> row, horizontal;
+  std::shared_ptr<CGImage> out;
+  State(std::size_t srcWidth, std::size_t srcHeight_, std::size_t w, std::size_t h)
+      : plan(srcWidth, srcHeight_, w, h), srcHeight(srcHeight_) {}
+};
+
+CGImageStreamingScaler::CGImageStreamingScaler(std::size_t srcWidth, std::size_t srcHeight, int bitsPerComponent,
+                                               std::size_t width, std::size_t height) {
+  if (srcWidth == 0 || srcHeight == 0 || width == 0 || height == 0 ||
+      (bitsPerComponent != 8 && bitsPerComponent != 16))
+    return;
+  try {
+    auto state = std::make_unique<State>(srcWidth, srcHeight, width, height);
+    state->band.width = srcWidth;
+    state->band.height = state->plan.ky;
+    state->band.bitsPerComponent = bitsPerComponent;
+    state->band.bytesPerRow = srcWidth * 4 * static_cast<std::size_t>(bitsPerComponent / 8);
+    state->band.pixels.resize(state->band.bytesPerRow * state->plan.ky);
+    state->row.resize(state->plan.midW * 4);
+    state->horizontal.resize(width * state->plan.midH * 4);
+    state->out = CGImageCreateBlank(width, height, bitsPerComponent);
+    if (state->out) state_ = std::move(state);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+CGImageStreamingScaler::~CGImageStreamingScaler() = default;
+
+bool CGImageStreamingScaler::addRows(const std::uint8_t* rows, std::size_t bytesPerRow, std::size_t count) {
+  if (!state_) return false;
+  State& s = *state_;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (s.rowsSeen == s.srcHeight) return false;
+    std::memcpy(s.band.row(s.filled), rows + i * bytesPerRow, s.band.bytesPerRow);
+    ++s.filled;
+    ++s.rowsSeen;
+    if (s.filled == s.plan.ky || s.rowsSeen == s.srcHeight) {
+      // The group's box rows, clipped at the bottom edge as the whole-image scaler clips them.
+      s.band.height = s.filled;
+      readBoxRow(s.band, 0, s.plan.ky, s.plan.kx, s.plan.midW, s.row.data());
+      s.plan.horizontalRow(s.row.data(), s.horizontal.data() + s.group * s.plan.width * 4);
+      s.band.height = s.plan.ky;
+      s.filled = 0;
+      ++s.group;
     }
-  });
+  }
+  return true;
+}
+
+std::shared_ptr<CGImage> CGImageStreamingScaler::finish() {
+  if (!state_ || state_->rowsSeen != state_->srcHeight) return nullptr;
+  state_->plan.verticalPass(state_->horizontal, *state_->out);
+  std::shared_ptr<CGImage> out = std::move(state_->out);
+  state_.reset();
   return out;
 }
 

@@ -43,6 +43,28 @@ CGImageRef CGImageCreateByApplyingOrientation(const CGImageRef& image, int orien
 // zero size; the same image when the size is unchanged.
 CGImageRef CGImageCreateScaled(const CGImageRef& image, std::size_t width, std::size_t height);
 
+// CGImageCreateScaled for an image that arrives in rows, top down: the same result, bit for
+// bit, holding only one box group of source rows and the horizontally filtered intermediate
+// rows (width x about twice the height) instead of the whole source. Bounded decodes of large
+// files into small thumbnails use it. The output has the given depth; the caller sets its
+// alpha flag and colour model.
+class CGImageStreamingScaler {
+ public:
+  CGImageStreamingScaler(std::size_t srcWidth, std::size_t srcHeight, int bitsPerComponent, std::size_t width,
+                         std::size_t height);
+  ~CGImageStreamingScaler();
+  CGImageStreamingScaler(const CGImageStreamingScaler&) = delete;
+  CGImageStreamingScaler& operator=(const CGImageStreamingScaler&) = delete;
+  // False when out of memory (at construction) or given more rows than the source has.
+  bool addRows(const std::uint8_t* rows, std::size_t bytesPerRow, std::size_t count);
+  // The scaled image once every source row has arrived; nil otherwise.
+  std::shared_ptr<CGImage> finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
 // The part of the image inside rect (pixel coordinates, origin at the top-left corner, as the
 // platform's image coordinates are), clipped to the bounds; nil when nothing is left.
 CGImageRef CGImageCreateWithImageInRect(const CGImageRef& image, const CGRect& rect);

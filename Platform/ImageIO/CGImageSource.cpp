@@ -101,6 +101,49 @@ class ImageSink final : public RowSink {
   std::shared_ptr<CGImage> image_;
 };
 
+// Collects an image scaled to a target size as its rows arrive: the decoded rows pass through
+// a streaming scaler and are not kept, so a large file (a compression bomb under the pixel
+// limit) costs a strip and the scaler's small intermediate, not its whole decoded size. A
+// decode that already has the target size is collected whole.
+class ScalingSink final : public RowSink {
+ public:
+  ScalingSink(std::size_t width, std::size_t height) : width_(width), height_(height) {}
+  bool begin(std::size_t width, std::size_t height, int bits) override {
+    if (width == width_ && height == height_) {
+      whole_ = std::make_unique<ImageSink>();
+      return whole_->begin(width, height, bits);
+    }
+    bytesPerRow_ = width * 4 * static_cast<std::size_t>(bits / 8);
+    scaler_ = std::make_unique<CGImageStreamingScaler>(width, height, bits, width_, height_);
+    return true;
+  }
+  std::uint8_t* rows(std::size_t firstRow, std::size_t rowCount, std::size_t& bytesPerRow) override {
+    if (whole_) return whole_->rows(firstRow, rowCount, bytesPerRow);
+    bytesPerRow = bytesPerRow_;
+    try {
+      if (strip_.size() < rowCount * bytesPerRow_) strip_.resize(rowCount * bytesPerRow_);
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+    return strip_.data();
+  }
+  bool commit(std::size_t firstRow, std::size_t rowCount) override {
+    if (whole_) return whole_->commit(firstRow, rowCount);
+    return scaler_->addRows(strip_.data(), bytesPerRow_, rowCount);
+  }
+  std::size_t maxStripRows() const override { return 32; }
+  std::shared_ptr<CGImage> take() {
+    if (whole_) return whole_->take();
+    return scaler_ ? scaler_->finish() : nullptr;
+  }
+
+ private:
+  std::size_t width_, height_, bytesPerRow_ = 0;
+  std::unique_ptr<ImageSink> whole_;
+  std::unique_ptr<CGImageStreamingScaler> scaler_;
+  std::vector<std::uint8_t> strip_;
+};
+
 // Hands strips to a consumer, through one reusable strip buffer.
 class StripSink final : public RowSink {
  public:
@@ -418,15 +461,21 @@ CGImageRef CGImageSourceCreateThumbnailAtIndex(const CGImageSourceRef& source, s
     request.targetHeight = targetHeight;
   }
   source->lastScaleDenominator.store(request.scaleDenominator);
-  CGImageRef image = decodeWhole(source, request);
-  if (!image) return nullptr;
-  if (image->width != targetWidth || image->height != targetHeight) {
-    image = CGImageCreateScaled(image, targetWidth, targetHeight);
-    if (!image) {
-      source->setError("out of memory");
-      return nullptr;
-    }
+  ScalingSink sink(targetWidth, targetHeight);
+  std::string error;
+  if (!source->decode(request, sink, error)) {
+    source->setError(error == "stopped" ? "out of memory" : error);
+    return nullptr;
   }
+  const std::shared_ptr<CGImage> scaled = sink.take();
+  if (!scaled) {
+    source->setError("out of memory");
+    return nullptr;
+  }
+  scaled->hasAlpha = info.hasAlpha;
+  scaled->colorModel = info.colorModel == "Gray" ? "Gray" : "RGB";
+  source->setError("");
+  CGImageRef image = scaled;
   if (optionBool(options, kCGImageSourceCreateThumbnailWithTransform) && info.orientation != 1)
     image = CGImageCreateByApplyingOrientation(image, info.orientation);
   return image;

@@ -2,6 +2,8 @@
 // the DCT-domain reduction JPEG thumbnails are decoded at, and the resampler.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <cmath>
 
 #include "ImageIOTestSupport.h"
@@ -269,4 +271,45 @@ TEST(ImageIOScale, SixteenBitAndCropping) {
   EXPECT_EQ(pixel(crop, 0, 0), kRed);
   EXPECT_EQ(pixel(crop, 9, 24), kWhite);
   EXPECT_EQ(CGImageCreateWithImageInRect(quadrants(4, 4), CGRectMake(10, 10, 5, 5)), nullptr);
+}
+
+TEST(ImageIOThumbnail, AThumbnailIsScaledAsTheRowsArriveWithTheWholeImagesResult) {
+  // The streaming scaler gives the whole-image scaler's pixels bit for bit.
+  std::uint32_t state = 7;
+  auto img = makeImage(301, 203, true, [&](std::size_t x, std::size_t y) {
+    state = state * 1664525u + 1013904223u;
+    return RGBA{static_cast<std::uint8_t>(x), static_cast<std::uint8_t>(y), static_cast<std::uint8_t>(state >> 24),
+                static_cast<std::uint8_t>(128 + (state >> 28))};
+  });
+  auto source = CGImageSourceCreateWithData(encode(img, kUTTypePNG));
+  ASSERT_EQ(CGImageSourceGetCount(source), 1u);
+  auto whole = CGImageSourceCreateImageAtIndex(source, 0);
+  ASSERT_TRUE(whole);
+  for (int side : {37, 100, 150, 300}) {
+    auto thumb = CGImageSourceCreateThumbnailAtIndex(source, 0, {{kCGImageSourceThumbnailMaxPixelSize, side}});
+    ASSERT_TRUE(thumb) << side;
+    auto expected = CGImageCreateScaled(whole, thumb->width, thumb->height);
+    ASSERT_TRUE(expected);
+    EXPECT_EQ(thumb->width, std::size_t(side));
+    EXPECT_TRUE(thumb->pixels == expected->pixels) << side;
+    EXPECT_EQ(thumb->hasAlpha, expected->hasAlpha);
+  }
+}
+
+TEST(ImageIOThumbnail, ALargePNGMakesASmallThumbnailInLittleMemory) {
+  // 6000 x 6000 grey, 144 MB once decoded as RGBA: the thumbnail never holds it whole.
+  const std::uint32_t side = 6000;
+  Bytes png = pngSignature();
+  pngChunk(png, "IHDR", ihdr(side, side, 8, 0));
+  pngChunk(png, "IDAT", zlibStored(Bytes(std::size_t(side + 1) * side, 0)));
+  pngChunk(png, "IEND", {});
+  auto source = CGImageSourceCreateWithData(std::move(png));
+  rusage before{}, after{};
+  getrusage(RUSAGE_SELF, &before);
+  auto thumb = CGImageSourceCreateThumbnailAtIndex(source, 0, {{kCGImageSourceThumbnailMaxPixelSize, 256}});
+  getrusage(RUSAGE_SELF, &after);
+  ASSERT_TRUE(thumb);
+  EXPECT_EQ(thumb->width, 256u);
+  EXPECT_EQ(thumb->height, 256u);
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024);
 }
