@@ -5,6 +5,7 @@
 
 #include "CoreImage/CIVector.h"
 #include "Foundation/NSKeyedArchiver.h"
+#include "Framework/CIImage+QVFilterImageUnitsAdditions.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
 
 namespace {
@@ -64,11 +65,5 @@ CIImage QVFilterGradientComposite::outputImage() const {
 
   // Drawn in a square of the longer side on the centre, then stretched to the input's shape.
   const CGRect square = CGRectMake(std::floor(CGRectGetMidX(e) - d * 0.5), std::floor(CGRectGetMidY(e) - d * 0.5), d, d);
-  const CIImage cropped = QVFilterOutputImage(gradient).imageByCroppingToRect(square);
-  const CIImage scaled = cropped.imageByApplyingTransform(
-      CGAffineTransformMakeScale(CGRectGetWidth(e) / CGRectGetWidth(square), CGRectGetHeight(e) / CGRectGetHeight(square)));
-  const CGRect scaledExtent = scaled ? scaled.extent() : CGRectZero;
-  const CIImage layer = scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(
-      CGRectGetMinX(e) - CGRectGetMinX(scaledExtent), CGRectGetMinY(e) - CGRectGetMinY(scaledExtent)));
-  return applyInputComposite(layer);
+  return applyInputComposite(imageByFittingToRect(QVFilterOutputImage(gradient).imageByCroppingToRect(square), e));
 }

@@ -72,13 +72,8 @@ CIImage QVFilterMask::applyInputMask(const CIImage& image) const {
 
   // Fitted over the image grown by one pixel, so that the mask overlaps the image's edges.
   const CGRect target = CGRectInset(image.extent(), -1.0, -1.0);
-  const CGRect maskExtent = mask.extent();
-  const CGRect placed = QVSizeScaledToRect(maskExtent.size, target, kCAGravityResizeAspectFill);
-  const CIImage scaled = mask.imageByApplyingTransform(CGAffineTransformMakeScale(
-      placed.size.width / maskExtent.size.width, placed.size.height / maskExtent.size.height));
-  const CGRect scaledExtent = scaled.extent();
-  const CIImage fitted = scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(
-      CGRectGetMinX(placed) - CGRectGetMinX(scaledExtent), CGRectGetMinY(placed) - CGRectGetMinY(scaledExtent)));
+  const CIImage fitted =
+      imageByFittingToRect(mask, QVSizeScaledToRect(mask.extent().size, target, kCAGravityResizeAspectFill));
 
   // Black keeps the image, white lets the empty image through.
   const CIFilterRef blend = QVFilterWithDefaults("CIBlendWithMask");

@@ -11,16 +11,6 @@ namespace {
 const QVFilterClassRegistration registration =
     QVFilterClassRegistration::filter<QVFilterTextureBorder>("QVFilterTextureBorder", "QVFilter");
 
-// The image scaled and moved so that its extent is `rect`.
-CIImage fitted(const CIImage& image, const CGRect& rect) {
-  const CGRect extent = image.extent();
-  const CIImage scaled = image.imageByApplyingTransform(
-      CGAffineTransformMakeScale(CGRectGetWidth(rect) / CGRectGetWidth(extent), CGRectGetHeight(rect) / CGRectGetHeight(extent)));
-  const CGRect scaledExtent = scaled.extent();
-  return scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(
-      CGRectGetMinX(rect) - CGRectGetMinX(scaledExtent), CGRectGetMinY(rect) - CGRectGetMinY(scaledExtent)));
-}
-
 }  // namespace
 
 void QVFilterTextureBorder::setInputTextureName(const Value& name) {
@@ -89,8 +79,8 @@ CIImage QVFilterTextureBorder::outputImage() const {
   // The picture's place inside the frame's rectangle, then the frame fitted over it.
   const CGRect pictureRect = QVSizeScaledToRect(input.extent().size, frameExtent, kQVGravityResizeAspectMax);
   const CGRect frameRect = QVSizeScaledToRect(frameExtent.size, pictureRect, kCAGravityResizeAspect);
-  const CIImage background = fitted(input, pictureRect);
-  const CIImage top = frame ? fitted(frame, frameRect) : CIImage();
+  const CIImage background = imageByFittingToRect(input, pictureRect);
+  const CIImage top = imageByFittingToRect(frame, frameRect);
 
   const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
   if (!over) return {};

@@ -137,11 +137,7 @@ CIImage QVFilterTextureComposite::outputImage() const {
   const CGRect textureExtent = texture ? texture.extent() : CGRectZero;
 
   const CGRect rect = QVFilterTextureCompositePlacement(textureExtent, extent, record[_QVFilterTextureConstraintsKey]);
-  const CIImage scaled = texture.imageByApplyingTransform(CGAffineTransformMakeScale(
-      CGRectGetWidth(rect) / CGRectGetWidth(textureExtent), CGRectGetHeight(rect) / CGRectGetHeight(textureExtent)));
-  const CGRect scaledExtent = scaled.extent();
-  const CIImage placed = scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(
-      CGRectGetMinX(rect) - CGRectGetMinX(scaledExtent), CGRectGetMinY(rect) - CGRectGetMinY(scaledExtent)));
+  const CIImage placed = imageByFittingToRect(texture, rect);
 
   // On a transparent canvas of the input's size: what lies outside the input is cut away.
   const CIFilterRef over = QVFilterWithDefaults("CISourceOverCompositing");
