@@ -13,6 +13,7 @@
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
 #include "CoreImage/ColorSpace.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace qv {
@@ -127,6 +128,13 @@ std::string lowercaseExtension(const std::string& path) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   }
   return ext;
+}
+
+void reportWarning(const RecipeOptions& options, const std::string& line) {
+  if (options.warn)
+    options.warn(line);
+  else
+    printWarning(line);
 }
 
 class Builder {
@@ -261,11 +269,10 @@ class Builder {
         Value value = valueFromJSON(given, attributeClassForKey(*filter, key), key,
                                     [this](const std::string& n) { return resolve(n); }, baseDir_);
         checkInputValue(*filter, key, value);
-        if (const std::string warning = filterNameWarning(name, key, value); !warning.empty())
-          std::fprintf(stderr, "qvfilter: %s\n", warning.c_str());
         filter->setValue(value, key);
       }
       filter->setCalculatedValues();
+      for (const std::string& warning : checkFilterInputs(*filter)) reportWarning(options_, where + ": " + warning);
       CIImage output = filter->outputImage();
       if (!output && previous && *previous) throw RecipeError(context + ": " + noImageMessage(name, *filter));
       return output;

@@ -346,15 +346,6 @@ const char* filterNameCategoryForKey(const std::string& key) {
   return nullptr;
 }
 
-std::string filterNameWarning(const std::string& filterName, const std::string& key, const Value& value) {
-  const char* category = filterNameCategoryForKey(key);
-  if (!category) return {};
-  const std::string name = value.string() ? *value.string() : std::string();
-  const auto names = CIFilter::filterNamesInCategory(category);
-  if (std::find(names.begin(), names.end(), name) != names.end()) return {};
-  return "warning: " + filterName + " " + key + ": " + quote(name) + " is no filter of " + category;
-}
-
 std::string inputsOutsideTheirRange(const CIFilter& filter) {
   std::string out;
   const Dictionary attributes = filter.attributes();

@@ -89,11 +89,6 @@ void checkInputValue(const CIFilter& filter, const std::string& key, const Value
 // For an input that names a filter ("inputBlurFilterName", "inputCompositeFilterName"), the
 // category whose filters its parameter view offers; nullptr for other keys.
 const char* filterNameCategoryForKey(const std::string& key);
-// A warning (empty when there is none) for a filter-name input that names no filter of the
-// category its view offers: the plug-in then keeps its documented fallback, which is rarely
-// what was meant.
-std::string filterNameWarning(const std::string& filterName, const std::string& key, const Value& value);
-
 // Why a filter that was given an image may have produced none: its image inputs that are
 // missing ("inputBackgroundImage is missing") and its number inputs that lie outside their
 // attribute range ("inputLightSource 3 lies outside 0 to 2"), joined by "; "; empty when

@@ -32,3 +32,12 @@ CGAffineTransform affineTransformForMatchingOrientationOfImage(const CIImage& re
 CIImage imageByApplyingTransformToMatchOrientationOfImage(const CIImage& receiver, const CIImage& image) {
   return receiver.imageByApplyingTransform(affineTransformForMatchingOrientationOfImage(receiver, image));
 }
+
+CIImage imageByFittingToRect(const CIImage& receiver, const CGRect& rect) {
+  const CGRect extent = receiver.extent();
+  const CIImage scaled = receiver.imageByApplyingTransform(CGAffineTransformMakeScale(
+      CGRectGetWidth(rect) / CGRectGetWidth(extent), CGRectGetHeight(rect) / CGRectGetHeight(extent)));
+  const CGRect scaledExtent = scaled.extent();
+  return scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(
+      CGRectGetMinX(rect) - CGRectGetMinX(scaledExtent), CGRectGetMinY(rect) - CGRectGetMinY(scaledExtent)));
+}

@@ -19,3 +19,8 @@ CIImage imageByApplyingTransformToMatchOrientationOfImage(const CIImage& receive
 // single-precision values widened to double; a ratio that is not a number (a nil or empty
 // image) is portrait.
 int QVFilterImageOrientationClass(const CIImage& image);
+
+// The receiver scaled about the origin by (rect width / extent width, rect height / extent
+// height), then moved by the difference of the two lower-left corners, so that its extent is
+// `rect`: how textures, masks, frames and generated layers are laid over a rectangle.
+CIImage imageByFittingToRect(const CIImage& receiver, const CGRect& rect);

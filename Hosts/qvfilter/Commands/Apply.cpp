@@ -20,6 +20,7 @@
 #include "ImageFiles.h"
 #include "PlugIns.h"
 #include "Recipe.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace {
@@ -79,11 +80,10 @@ CIImage runStep(const Step& step, const CIImage& previous) {
       }
       const Value value = qv::parseValueForClass(text, qv::attributeClassForKey(*filter, key), key);
       qv::checkInputValue(*filter, key, value);
-      if (const std::string warning = qv::filterNameWarning(step.filter, key, value); !warning.empty())
-        std::fprintf(stderr, "qvfilter: %s\n", warning.c_str());
       filter->setValue(value, key);
     }
     filter->setCalculatedValues();
+    for (const std::string& warning : qv::checkFilterInputs(*filter)) qv::printWarning(warning);
     CIImage output = filter->outputImage();
     if (!output && previous) throw qv::CommandError{qv::noImageMessage(step.filter, *filter)};
     return output;

@@ -7,8 +7,8 @@
 //
 // The catalogue is read from the loaded plug-in bundle (or from --bundle, a bundle directory
 // that is not loaded, e.g. one being built). Resolution goes through the plug-in's own texture
-// store, reached by name in the loaded bundle, so that it picks exactly as filters do.
-#include <dlfcn.h>
+// store (TextureCatalogue.h), so that it picks exactly as filters do.
+#include <optional>
 
 #include <algorithm>
 #include <cstdio>
@@ -30,6 +30,7 @@
 #include "Foundation/TextureIdentifiers.h"
 #include "ImageIO/ImageIO.h"
 #include "PlugIns.h"
+#include "TextureCatalogue.h"
 
 namespace {
 
@@ -189,17 +190,6 @@ struct ResolveOptions {
   std::string hint;
 };
 
-using ResolveFunction = char* (*)(const char*, const char*);
-
-ResolveFunction storeResolver(const NSBundle& bundle) {
-  const std::string library = bundle.executablePath();
-  if (library.empty()) return nullptr;
-  // The bundle is already loaded: this only finds it again.
-  void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
-  if (!handle) return nullptr;
-  return reinterpret_cast<ResolveFunction>(dlsym(handle, "QVFilterTextureStoreResolveKey"));
-}
-
 void runResolve(const ResolveOptions& options) {
   const Catalogue c = loadCatalogue("");
   const Dictionary& textures = texturesOrFail(c);
@@ -229,12 +219,11 @@ void runResolve(const ResolveOptions& options) {
     throw qv::CommandError{key + " names no texture or tag of this catalogue (" + c.identifier + ")"};
   if (!options.hint.empty() && !NSURL::URLWithString(options.hint))
     throw qv::CommandError{"the hint is not a URL: " + options.hint};
-  ResolveFunction resolve = storeResolver(*c.bundle);
-  if (!resolve) throw qv::CommandError{"the loaded plug-in does not offer texture resolution"};
-  char* resolved = resolve(key.c_str(), options.hint.empty() ? nullptr : options.hint.c_str());
+  if (!qv::textureResolutionAvailable())
+    throw qv::CommandError{"the loaded plug-in does not offer texture resolution"};
+  const std::optional<std::string> resolved = qv::resolveTextureName(key, options.hint);
   if (!resolved) throw qv::CommandError{"resolves to no texture: " + key};
-  const std::string identifier = resolved;
-  std::free(resolved);
+  const std::string identifier = *resolved;
   const auto resolvedURL = NSURL::URLWithString(identifier);
   const std::string textureKey = resolvedURL ? resolvedURL->lastPathComponent() : std::string();
   std::string out = identifier + "\n";

@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "CoreImage/Builtins/BuiltinFilter.h"
+#include "CoreImage/CIColor.h"
 #include "CoreImage/CIFilter.h"
+#include "CoreImage/CIVector.h"
 #include "RenderSupport.h"
 
 namespace {
@@ -25,6 +27,8 @@ class TestDescribedFilter : public CIFilter {
   Value customAttributes() const override {
     return Value(Dictionary{{"inputAmount", Value(Dictionary{{kCIAttributeClass, "NSNumber"},
                                                              {kCIAttributeDefault, 7}})},
+                            {"inputRadius", Value(Dictionary{})},
+                            {"inputUndescribed", Value(Dictionary{})},
                             {"notADictionary", Value(3)}});
   }
 };
@@ -143,7 +147,10 @@ TEST(CIFilterRegistry, DescribedAttributesAndCustomReplacementWhole) {
   const Value amount = attrs.at("inputAmount");
   EXPECT_EQ(amount[kCIAttributeDefault], Value(7));
   EXPECT_EQ(amount.dictionary()->count(kCIAttributeMax), 0u);
+  // An empty entry states nothing and replaces nothing: the described default stands; for an
+  // input the description leaves out, the empty entry is the input's attributes.
   EXPECT_EQ(attrs.at("inputRadius")[kCIAttributeDefault], Value(3));
+  EXPECT_EQ(attrs.at("inputUndescribed"), Value(Dictionary{}));
   // A non-dictionary custom entry is ignored.
   EXPECT_EQ(attrs.count("notADictionary"), 0u);
   f->setDefaults();
@@ -168,4 +175,43 @@ TEST(CIFilterRegistry, ReRegisteringReplaces) {
   CIFilter::registerFilter(reg);
   EXPECT_EQ(CIFilter::registrationForName("TestReplaceFilter")->displayName, "Two");
   EXPECT_EQ(CIFilter::filterWithName("TestReplaceFilter")->attributes().at(kCIAttributeFilterDisplayName), Value("Two"));
+}
+
+TEST(CIFilterRegistry, CopyTakesEveryStoredValue) {
+  registerTestFilters();
+  auto f = CIFilter::filterWithName("TestTableFilter");
+  f->setValue(5, "inputShift");
+  f->setValue(makeTestImage(4, 4), kCIInputImageKey);
+  CIFilterRef copy = f->copy();
+  ASSERT_TRUE(copy);
+  EXPECT_NE(copy, f);
+  EXPECT_EQ(copy->name(), "TestTableFilter");
+  EXPECT_EQ(copy->valueForKey("inputShift"), Value(5));
+  EXPECT_EQ(copy->valueForKey(kCIInputImageKey), f->valueForKey(kCIInputImageKey));
+  // The copy is independent of the original.
+  copy->setValue(1, "inputShift");
+  EXPECT_EQ(f->valueForKey("inputShift"), Value(5));
+}
+
+TEST(CIFilterRegistry, ArchivesHoldInputsButNeverImages) {
+  registerTestFilters();
+  auto f = CIFilter::filterWithName("TestDescribedFilter");
+  f->setValue(2.5, "inputAmount");
+  f->setValue(CIColor::colorWithRed(0.5, 0.25, 1, 0.75), "inputColor");
+  f->setValue(CIVector::vectorWithX(1, 2, 3), "inputVector");
+  f->setValue(makeTestImage(4, 4), kCIInputImageKey);
+  const auto data = CIFilter::archivedDataWithFilter(*f);
+  ASSERT_TRUE(data);
+  EXPECT_EQ(data->find(kCIInputImageKey), std::string::npos);
+  CIFilterRef back = CIFilter::filterWithArchivedData(*data);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(back->name(), "TestDescribedFilter");
+  EXPECT_EQ(back->valueForKey("inputAmount"), Value(2.5));
+  EXPECT_EQ(CIColor::fromValue(back->valueForKey("inputColor"))->stringRepresentation(), "0.5 0.25 1.0 0.75");
+  EXPECT_EQ(back->valueForKey("inputVector").object<CIVector>()->stringRepresentation(), "[1 2 3]");
+  EXPECT_TRUE(back->valueForKey(kCIInputImageKey).isNil());
+  // An archive naming no registered class gives nil.
+  std::string renamed = *data;
+  renamed.replace(renamed.find("TestDescribedFilter"), 19, "NoSuchRegistered123");
+  EXPECT_FALSE(CIFilter::filterWithArchivedData(renamed));
 }

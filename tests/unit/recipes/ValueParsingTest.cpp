@@ -312,14 +312,8 @@ TEST(InputChecks, TextureIdentifiersOfAnotherCatalogueAreRefused) {
             "(no error)");
 }
 
-TEST(InputChecks, FilterNamesOutsideTheirViewsCategoryAreWarnedAbout) {
-  qv::prepareFilterRegistry();
-  EXPECT_EQ(qv::filterNameWarning("QVFilterBlur", "inputBlurFilterName", Value(std::string("CICrop"))),
-            "warning: QVFilterBlur inputBlurFilterName: \"CICrop\" is no filter of CICategoryBlur");
-  EXPECT_EQ(qv::filterNameWarning("QVFilterBlur", "inputBlurFilterName", Value(std::string("CIGaussianBlur"))), "");
-  EXPECT_EQ(qv::filterNameWarning("F", "inputCompositeFilterName", Value(std::string("CIGaussianBlur"))),
-            "warning: F inputCompositeFilterName: \"CIGaussianBlur\" is no filter of CICategoryCompositeOperation");
-  EXPECT_EQ(qv::filterNameWarning("F", "inputCompositeFilterName", Value(std::string("CISourceOverCompositing"))),
-            "");
-  EXPECT_EQ(qv::filterNameWarning("F", "inputRadius", Value(std::string("CICrop"))), "");
+TEST(InputChecks, FilterNameInputsOfferTheirViewsCategory) {
+  EXPECT_STREQ(qv::filterNameCategoryForKey("inputBlurFilterName"), kCICategoryBlur);
+  EXPECT_STREQ(qv::filterNameCategoryForKey("inputCompositeFilterName"), kCICategoryCompositeOperation);
+  EXPECT_EQ(qv::filterNameCategoryForKey("inputRadius"), nullptr);
 }
