@@ -496,11 +496,37 @@ nlohmann::json renderRecipe(const RecipeGraph& graph, const RecipeOptions& optio
   if (!spec.probes.empty()) {
     CIContext context(contextOptions);
     auto probes = json::array();
+    // Probes within a modest rectangle are read from one render of it (a tiled render equals
+    // the pixel-by-pixel one bit for bit), so many probes do not render the chain's region of
+    // interest once each; scattered probes are rendered one by one.
+    double minX = HUGE_VAL, minY = HUGE_VAL, maxX = -HUGE_VAL, maxY = -HUGE_VAL;
+    for (const CGPoint& p : spec.probes) {
+      minX = std::min(minX, std::floor(p.x)), minY = std::min(minY, std::floor(p.y));
+      maxX = std::max(maxX, std::floor(p.x) + 1), maxY = std::max(maxY, std::floor(p.y) + 1);
+    }
+    constexpr double kMaxProbeRectPixels = 1 << 20;
+    std::vector<float> block;
+    const CGRect blockRect = CGRectMake(minX, minY, maxX - minX, maxY - minY);
+    if (spec.probes.size() > 1 && blockRect.size.width * blockRect.size.height <= kMaxProbeRectPixels) {
+      block.resize(std::size_t(blockRect.size.width * blockRect.size.height) * 4);
+      try {
+        context.render(graph.output, block.data(), std::ptrdiff_t(blockRect.size.width) * 4 * sizeof(float), blockRect,
+                       CIRenderFormat::RGBAf);
+      } catch (const std::exception&) {
+        block.clear();  // each probe then reports its own failure
+      }
+    }
     for (const CGPoint& p : spec.probes) {
       const double x = std::floor(p.x), y = std::floor(p.y);
       std::array<float, 4> working{0, 0, 0, 0};
       try {
-        context.render(graph.output, working.data(), sizeof working, CGRectMake(x, y, 1, 1), CIRenderFormat::RGBAf);
+        if (!block.empty()) {
+          // Row 0 of the buffer is the rectangle's top row.
+          const std::size_t col = std::size_t(x - minX), row = std::size_t(maxY - 1 - y);
+          std::copy_n(block.data() + (row * std::size_t(blockRect.size.width) + col) * 4, 4, working.data());
+        } else {
+          context.render(graph.output, working.data(), sizeof working, CGRectMake(x, y, 1, 1), CIRenderFormat::RGBAf);
+        }
       } catch (const std::exception& e) {
         throw RecipeError("cannot render the probe at (" + std::to_string(std::int64_t(x)) + ", " +
                           std::to_string(std::int64_t(y)) + "): " + e.what());

@@ -48,6 +48,28 @@ if expect_ok "saturated colour" "$QVFILTER" run saturated.json; then
   check_json "saturated colour" "$out" 'r["probes"][0]["rgba"] == [1.0, 0.5, 0.5, 1.0]'
 fi
 
+# 4096 probes over a 51-step chain are read from one render, with the values single probes give.
+python3 - <<'PY'
+import json
+chain = [{"filter": "CISourceOverCompositing", "inputs": {"inputImage": "@dot", "inputBackgroundImage": "@plain"}}]
+chain += [{"filter": "CIGaussianBlur", "inputs": {"inputRadius": 2}} for _ in range(49)]
+chain += [{"filter": "CICrop", "inputs": {"inputRectangle": [0, 0, 64, 64]}}]
+recipe = {"images": {"plain": {"color": [0.2, 0.4, 0.6, 1], "extent": [0, 0, 64, 64]},
+                     "dot": {"color": [1, 0, 0, 1], "extent": [20, 20, 8, 8]}},
+          "chain": chain, "output": {"probes": [[x, y] for y in range(64) for x in range(64)]}}
+json.dump(recipe, open("probes.json", "w"))
+recipe["output"]["probes"] = [[21, 37]]
+json.dump(recipe, open("probe.json", "w"))
+PY
+timeout 60 "$QVFILTER" run probes.json >probes.out 2>&1 || fail "4096 probes: $(head -c 300 probes.out)"
+timeout 60 "$QVFILTER" run probe.json >probe.out 2>&1 || fail "one probe: $(head -c 300 probe.out)"
+python3 - <<'PY' || fail "a probe among many differs from the same probe alone"
+import json
+many = {tuple(p["at"]): p["rgba"] for p in json.load(open("probes.out"))["probes"]}
+one = json.load(open("probe.out"))["probes"][0]
+assert len(many) == 4096 and many[tuple(one["at"])] == one["rgba"], (one, many.get(tuple(one["at"])))
+PY
+
 # Vectors of the wrong length, and empty frames.
 expect_message "centre of one value" \
   "qvfilter: CIBumpDistortion: inputCenter expects 2 numbers (\"x y\") (CIVector), got 1 number" \
