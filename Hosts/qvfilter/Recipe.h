@@ -69,6 +69,12 @@ struct RecipeOptions {
   std::string outputFileOverride;
   // Render progress (fraction done), passed to the context.
   std::function<void(double)> progress;
+  // When not nil, the first chain step takes this image as its inputImage (unless the step
+  // gives one), as every later step takes the previous step's output: how a batch feeds each
+  // of its files through the same chain.
+  CIImage chainInput;
+  // Replaces "output"."quality" (0...1) when set.
+  std::optional<double> quality;
 };
 
 struct RecipeOutputSpec {

@@ -29,91 +29,40 @@
 #include "Foundation/PropertyList.h"
 #include "ImageIO/ImageIO.h"
 #include "PlugIns.h"
+#include "TextureCatalogue.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kBundleIdentifier = "org.qvfilter.filters.imageunits";
-constexpr const char* kTextureScheme = "x-qvfilter-texture";
-constexpr const char* kTagScheme = "x-qvfilter-tag";
-constexpr const char* kTexturesFolder = "Textures";
+using qv::kTagScheme;
+using qv::kTextureScheme;
+using qv::kTexturesFolder;
+using qv::texturePath;
+using Catalogue = qv::TextureCatalogue;
 const std::vector<std::string> kKinds = {"mask", "composite", "tile", "border"};
 const std::set<std::string> kAttributes = {"MinX", "MidX", "MaxX", "MinY", "MidY", "MaxY", "width", "height"};
 
-struct Catalogue {
-  std::shared_ptr<NSBundle> bundle;
-  std::string identifier;  // the bundle's identifier
-  Value textures;          // the index's "textures" dictionary (nil when unreadable)
-  std::string indexPath;   // "" when the index is missing
-  std::string indexError;  // why the index cannot be used
-};
-
-std::shared_ptr<NSBundle> pluginBundle(const std::string& bundleDir) {
-  if (!bundleDir.empty()) {
-    auto bundle = NSBundle::bundleWithPath(bundleDir);
-    if (!bundle) throw qv::CommandError{"not a bundle (no readable Info.plist): " + bundleDir};
-    return bundle;
-  }
-  qvLoadPlugIns();
-  auto bundle = NSBundle::bundleWithIdentifier(kBundleIdentifier);
-  if (!bundle) throw qv::CommandError{std::string("the plug-in bundle ") + kBundleIdentifier + " is not loaded"};
-  return bundle;
-}
-
 Catalogue loadCatalogue(const std::string& bundleDir) {
-  Catalogue c;
-  c.bundle = pluginBundle(bundleDir);
-  c.identifier = c.bundle->bundleIdentifier();
-  if (c.identifier.empty()) c.identifier = kBundleIdentifier;
-  c.indexPath = c.bundle->pathForResource("TextureIndex", "plist");
-  if (c.indexPath.empty()) {
-    c.indexError = "Resources/TextureIndex.plist is missing";
-    return c;
+  if (bundleDir.empty()) qvLoadPlugIns();
+  try {
+    return qv::loadTextureCatalogue(bundleDir);
+  } catch (const qv::CatalogueError& e) {
+    throw qv::CommandError{e.what()};
   }
-  const Value index = propertyListFromFile(c.indexPath);
-  if (!index.dictionary()) {
-    c.indexError = "Resources/TextureIndex.plist is not a readable property list holding a dictionary";
-    return c;
-  }
-  if (!index["textures"].dictionary()) {
-    c.indexError = "Resources/TextureIndex.plist has no \"textures\" dictionary";
-    return c;
-  }
-  c.textures = index["textures"];
-  return c;
 }
 
-std::string escaped(const std::string& s) { return stringByAddingPercentEscapesUsingEncoding(s).value_or(s); }
-
-std::string identifierFor(const Catalogue& c, const std::string& key) {
-  return std::string(kTextureScheme) + "://" + c.identifier + "/" + escaped(key);
-}
-std::string tagKeyFor(const Catalogue& c, const std::string& tag) {
-  return std::string(kTagScheme) + "://" + c.identifier + "/" + escaped(tag);
-}
-
-std::vector<std::string> tagsOf(const Value& record) {
-  std::vector<std::string> tags;
-  const Value value = record["tags"];
-  if (const Array* a = value.array())
-    for (const auto& t : *a)
-      if (const std::string* s = t.string()) tags.push_back(*s);
-  return tags;
-}
-
+std::string identifierFor(const Catalogue& c, const std::string& key) { return qv::textureIdentifierFor(c, key); }
+std::string tagKeyFor(const Catalogue& c, const std::string& tag) { return qv::textureTagKeyFor(c, tag); }
+std::vector<std::string> tagsOf(const Value& record) { return qv::textureTags(record); }
 std::string stringOf(const Value& v) { return v.string() ? *v.string() : std::string(); }
 
-// The texture file's path, when its name stays inside Textures/ and the file exists.
-std::string texturePath(const Catalogue& c, const Value& record) {
-  const std::string name = stringOf(record["fileName"]);
-  if (name.empty()) return {};
-  return c.bundle->pathForResource(name, "", kTexturesFolder);
-}
-
 const Dictionary& texturesOrFail(const Catalogue& c) {
-  if (!c.textures.dictionary()) throw qv::CommandError{"cannot read the texture index: " + c.indexError};
-  return *c.textures.dictionary();
+  try {
+    return qv::catalogueTextures(c);
+  } catch (const qv::CatalogueError& e) {
+    throw qv::CommandError{e.what()};
+  }
 }
 
 // ---- list ----
@@ -125,52 +74,25 @@ struct ListOptions {
 };
 
 void runList(const ListOptions& options) {
-  const Catalogue c = loadCatalogue(options.bundle);
-  const Dictionary& textures = texturesOrFail(c);
-  std::map<std::string, std::pair<std::string, Value>> selected;  // identifier -> (key, record)
-  for (const auto& [key, record] : textures) {
-    const auto tags = tagsOf(record);
-    bool all = true;
-    for (const auto& t : options.tags) all = all && std::find(tags.begin(), tags.end(), t) != tags.end();
-    if (all) selected.emplace(identifierFor(c, key), std::make_pair(key, record));
-  }
-  if (selected.empty() && !options.tags.empty()) {
-    std::string list;
-    for (const auto& t : options.tags) list += (list.empty() ? "" : ", ") + t;
-    throw qv::CommandError{"no texture carries the tag(s) " + list};
+  if (options.bundle.empty()) qvLoadPlugIns();
+  nlohmann::json list;
+  try {
+    list = qv::textureCatalogueJSON(options.tags, options.bundle);
+  } catch (const qv::CatalogueError& e) {
+    throw qv::CommandError{e.what()};
   }
   std::string out;
-  auto json = nlohmann::json::array();
-  for (const auto& [identifier, entry] : selected) {
-    const auto& [key, record] = entry;
-    const std::string path = texturePath(c, record);
-    long long width = 0, height = 0;
-    if (!path.empty()) {
-      if (auto source = CGImageSourceCreateWithURL(path)) {
-        const Dictionary props = CGImageSourceCopyPropertiesAtIndex(source, 0);
-        if (auto it = props.find(kCGImagePropertyPixelWidth); it != props.end()) width = it->second.integerValue();
-        if (auto it = props.find(kCGImagePropertyPixelHeight); it != props.end()) height = it->second.integerValue();
-      }
-    }
-    const auto tags = tagsOf(record);
-    const std::string display = stringOf(record["displayName"]);
-    const std::string file = stringOf(record["fileName"]);
-    if (options.json) {
-      json.push_back({{"identifier", identifier},
-                      {"key", key},
-                      {"displayName", display.empty() ? identifier : display},
-                      {"tags", tags},
-                      {"fileName", file},
-                      {"width", width},
-                      {"height", height}});
-    } else {
+  if (options.json) {
+    out = list.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  } else {
+    for (const auto& t : list) {
       std::string tagList;
-      for (const auto& t : tags) tagList += (tagList.empty() ? "" : ",") + t;
-      out += identifier + "\t" + (display.empty() ? identifier : display) + "\t" + tagList + "\t" + file + "\t" +
-             std::to_string(width) + "x" + std::to_string(height) + "\n";
+      for (const auto& tag : t["tags"]) tagList += (tagList.empty() ? "" : ",") + tag.get<std::string>();
+      out += t["identifier"].get<std::string>() + "\t" + t["displayName"].get<std::string>() + "\t" + tagList + "\t" +
+             t["fileName"].get<std::string>() + "\t" + std::to_string(t["width"].get<long long>()) + "x" +
+             std::to_string(t["height"].get<long long>()) + "\n";
     }
   }
-  if (options.json) out = json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   std::fwrite(out.data(), 1, out.size(), stdout);
 }
 
