@@ -1,6 +1,7 @@
 #include "Batch.h"
 
 #include <glob.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,6 +71,28 @@ std::string outputName(const std::string& input, const std::string& format) {
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Removes what an earlier attempt at `output` left when its process died while writing: the
+// temporary files "<output>.partial-<pid>" whose process is gone. A live writer's are kept.
+void removeAbandonedPartials(const std::string& output) {
+  const std::string prefix = output + ".partial-";
+  glob_t g{};
+  std::string pattern;
+  for (char c : prefix) {
+    if (c == '*' || c == '?' || c == '[' || c == '\\') pattern += '\\';
+    pattern += c;
+  }
+  if (glob((pattern + "*").c_str(), 0, nullptr, &g) == 0) {
+    for (std::size_t i = 0; i < g.gl_pathc; ++i) {
+      const std::string path = g.gl_pathv[i];
+      const std::string digits = path.substr(prefix.size());
+      if (digits.empty() || digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos) continue;
+      const pid_t pid = static_cast<pid_t>(std::stol(digits));
+      if (pid != ::getpid() && ::kill(pid, 0) != 0 && errno == ESRCH) std::remove(path.c_str());
+    }
+  }
+  globfree(&g);
 }
 
 double rounded(double seconds) { return std::round(seconds * 1000.0) / 1000.0; }
@@ -174,6 +197,7 @@ nlohmann::json BatchRecipe::run(const BatchEntry& entry, const BatchFileOptions&
       fs::create_directories(dir, ec);
       if (ec) return failed("cannot create " + dir.string() + ": " + ec.message());
     }
+    removeAbandonedPartials(entry.output);
     renderRecipe(graph, recipeOptions);
   } catch (const std::exception& e) {
     return failed(e.what());

@@ -63,7 +63,8 @@ class BatchRecipe {
 
   // Runs one entry: {"input", "output", "status", "error"?, "seconds"}. Never throws for a bad
   // file; the output is written under a temporary name and renamed when complete, so a
-  // failure leaves nothing behind.
+  // failure leaves nothing behind, and the temporary file of an earlier attempt whose process
+  // died (a killed worker) is removed when the file is run again.
   nlohmann::json run(const BatchEntry& entry, const BatchFileOptions& options) const;
 
  private:

@@ -53,6 +53,14 @@ rc=$?
 [ -s out/two.jpg ] || fail "skip-existing did not write the missing output"
 check_json "skip report" "$(cat skip.json)" '[f["status"] for f in r["files"]] == ["skipped", "written"] and r["summary"]["skipped"] == 1'
 
+# ---- A temporary file left by a writer that died is removed when its file is run again ----
+echo "half" >out/one.png.partial-99999999
+echo "live" >"out/one.png.partial-$$"
+"$QVFILTER" batch border.json in/one.png -o out -q >/dev/null 2>&1 || fail "rerun: exit $?"
+[ -e out/one.png.partial-99999999 ] && fail "an abandoned temporary file was left"
+[ -e "out/one.png.partial-$$" ] || fail "a live writer's temporary file was removed"
+rm -f "out/one.png.partial-$$"
+
 # ---- Globs, --format, --quality, and every input once ----
 "$QVFILTER" batch border.json 'in/*.png' 'in/t*' in/one.png -o fmt --format png --quality 50 --report fmt.json >/dev/null 2>&1
 rc=$?

@@ -66,9 +66,10 @@ def run(recipe, inputs, output_dir, client=None, scheduler=None, workers=None, f
     if quality is not None and not 0 <= quality <= 100:
         raise ValueError("quality must be a number from 0 to 100")
     os.makedirs(output_dir, exist_ok=True)
-    entries = plan([os.path.abspath(os.fspath(i)) for i in
-                    ([inputs] if isinstance(inputs, (str, os.PathLike)) else inputs)],
-                   os.path.abspath(os.fspath(output_dir)), format)
+    # Reported as given; run with absolute paths, since workers may start elsewhere.
+    entries = plan(inputs, output_dir, format)
+    absolute = [dict(e, input=os.path.abspath(e["input"]),
+                     output=os.path.abspath(e["output"]) if e["output"] else e["output"]) for e in entries]
     if report is not None:
         _qvfilter.write_json(os.fspath(report), _qvfilter.batch_report(recipe_path, os.fspath(output_dir), [], 0, False))
 
@@ -78,7 +79,7 @@ def run(recipe, inputs, output_dir, client=None, scheduler=None, workers=None, f
             own_client = Client(scheduler)
         else:
             cluster = LocalCluster(n_workers=workers or os.cpu_count() or 1, threads_per_worker=1,
-                                   processes=True, dashboard_address=None)
+                                   processes=True, dashboard_address=":0")
             own_client = Client(cluster)
         client = own_client
     start = time.monotonic()
@@ -88,7 +89,7 @@ def run(recipe, inputs, output_dir, client=None, scheduler=None, workers=None, f
         if entries:
             nworkers = max(1, len(client.scheduler_info().get("workers", {})) or (workers or 1))
             size = partition_size or max(1, min(16, len(entries) // (4 * nworkers) or 1))
-            bag = db.from_sequence(list(enumerate(entries)), partition_size=size)
+            bag = db.from_sequence(list(enumerate(absolute)), partition_size=size)
             parts = bag.map_partitions(_run_indexed, recipe_text, base_dir, recipe_path, quality, skip_existing)
             futures = client.compute(parts.to_delayed())
             if progress:
@@ -97,6 +98,7 @@ def run(recipe, inputs, output_dir, client=None, scheduler=None, workers=None, f
             for future in as_completed(futures):
                 part = future.result()
                 for index, result in part:
+                    result.update(input=entries[index]["input"], output=entries[index]["output"])
                     results[index] = result
                 if on_results is not None:
                     on_results([r for _, r in part])
