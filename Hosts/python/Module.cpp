@@ -145,8 +145,19 @@ CIContextOptions contextOptions(bool colorManagement, int threads) {
   return o;
 }
 
-py::array renderImage(const PyImage& self, py::handle rect, const std::string& dtype, bool colorManagement,
+py::array renderImage(const PyImage& self, py::handle rect, py::handle dtypeObject, bool colorManagement,
                       int threads) {
+  // "uint8", np.uint8 and np.dtype("uint8") alike.
+  std::string dtype;
+  if (py::isinstance<py::str>(dtypeObject)) {
+    dtype = dtypeObject.cast<std::string>();
+  } else {
+    try {
+      dtype = py::str(py::module_::import("numpy").attr("dtype")(dtypeObject).attr("name")).cast<std::string>();
+    } catch (const py::error_already_set&) {
+      throw py::type_error("dtype must be \"uint8\", \"uint16\" or \"float32\"");
+    }
+  }
   const CGRect bounds = renderBounds(self, rect, "render");
   const auto width = py::ssize_t(bounds.size.width), height = py::ssize_t(bounds.size.height);
   const CIContext context(contextOptions(colorManagement, threads));

@@ -42,7 +42,7 @@ def test_round_trip(dtype, channels, order):
     assert a.flags.f_contiguous == (order == "F")
     image = qvfilter.Image.from_array(a)
     assert image.extent == (0, 0, W, H)
-    back = image.render(dtype=np.dtype(dtype).name)
+    back = image.render(dtype=np.dtype(dtype).name if order == "C" else dtype)
     assert back.shape == (H, W, 4) and back.dtype == dtype and back.flags.c_contiguous
     want = expected_rgba(a)
     if dtype == np.uint8:
