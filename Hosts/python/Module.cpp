@@ -466,15 +466,15 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
   py::class_<PyFilter>(m, "_FilterHandle", "A filter created by name (use qvfilter.Filter).")
       .def(py::init(&makeFilter), py::arg("name"))
       .def_readonly("name", &PyFilter::name)
-      .def("input_keys", [](const PyFilter& self) { return self.filter->inputKeys(); })
-      .def("output_keys", [](const PyFilter& self) { return self.filter->outputKeys(); })
-      .def("has_input", &hasInput)
+      .def("input_keys", [](const PyFilter& self) { return self.filter->inputKeys(); }, "The input keys, in order.")
+      .def("output_keys", [](const PyFilter& self) { return self.filter->outputKeys(); }, "The output keys.")
+      .def("has_input", &hasInput, py::arg("key"), "True when the filter has this input key.")
       .def("get", [](const PyFilter& self, const std::string& key) {
         if (!hasInput(self, key)) unknownInput(self, key);
         return pythonFromValue(self.filter->valueForKey(key));
-      })
-      .def("set", &setInput)
-      .def("set_defaults", [](PyFilter& self) { self.filter->setDefaults(); })
+      }, py::arg("key"), "The value of an input.")
+      .def("set", &setInput, py::arg("key"), py::arg("value"), "Sets an input, read by its class.")
+      .def("set_defaults", [](PyFilter& self) { self.filter->setDefaults(); }, "Resets every input to its default.")
       .def("output", [](PyFilter& self) -> py::object {
         try {
           self.filter->setCalculatedValues();
@@ -486,7 +486,7 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
         } catch (const std::runtime_error& e) {
           throw py::value_error(self.name + ": " + e.what());
         }
-      });
+      }, "The output image, or None.");
 
   m.def(
       "filters",
@@ -499,7 +499,8 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
         }
         return names;
       },
-      py::arg("category") = py::none(), py::arg("bundle_only") = false);
+      py::arg("category") = py::none(), py::arg("bundle_only") = false,
+      "Registered filter names, sorted; of one category, or of the loaded bundles only.");
   m.def("info", [](const std::string& name) {
     qv::prepareFilterRegistry();
     CIFilterRef filter = CIFilter::filterWithName(name);
@@ -511,17 +512,17 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
     }
     description["classes"] = classes;
     return pythonFromJSON(description);
-  });
+  }, py::arg("name"), "A filter's keys, attributes and input classes as a dict.");
   m.def("info_text", [](const std::string& name) {
     qv::prepareFilterRegistry();
     if (!CIFilter::filterWithName(name)) throw py::key_error("no such filter: " + name);
     return qv::filterInfoText(name);
-  });
+  }, py::arg("name"), "A filter's description as text, as `qvfilter info NAME` prints it.");
   m.def("textures", [](py::handle tag) {
     std::vector<std::string> tags;
     if (!tag.is_none()) tags.push_back(tag.cast<std::string>());
     return translateRecipeErrors([&] { return pythonFromJSON(qv::textureCatalogueJSON(tags)); });
-  });
+  }, py::arg("tag") = py::none(), "The texture catalogue, or the textures carrying one tag.");
   m.def(
       "run",
       [](py::handle recipe, const std::string& baseDir, int threads) {
@@ -542,13 +543,14 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
         if (!error.empty()) throw py::value_error(error);
         return pythonFromJSON(result);
       },
-      py::arg("recipe"), py::arg("base_dir") = "", py::arg("threads") = 0);
+      py::arg("recipe"), py::arg("base_dir") = "", py::arg("threads") = 0,
+      "Runs a recipe dict and returns its result dict; the GIL is released while it renders.");
   m.def("plugin_search_path", [] {
     const std::string here = qvDirectoryOfLoadedObject(reinterpret_cast<const void*>(&loadPlugIns));
     return qvPlugInSearchPath(here.empty() ? std::vector<std::string>{}
                                            : std::vector<std::string>{(fs::path(here) / "lib" / "qvfilter").string()});
-  });
-  m.def("loaded_plugins", [] { return CIPlugIn::loadedPlugIns(); });
+  }, "Where the plug-in bundles are looked for, in order.");
+  m.def("loaded_plugins", [] { return CIPlugIn::loadedPlugIns(); }, "The paths of the loaded plug-in bundles.");
 
   // Batches: the same planning, per-file run and report as `qvfilter batch`.
   m.def("plan_batch", [](const std::vector<std::string>& inputs, const std::string& outputDirectory,
@@ -564,7 +566,8 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
       }
       return out;
     });
-  });
+  }, py::arg("inputs"), py::arg("output_dir"), py::arg("format") = "",
+  "The files of a batch and their outputs, as `qvfilter batch` plans them.");
   py::class_<qv::BatchRecipe>(m, "BatchRecipe", "A recipe read once and run over many files.")
       .def(py::init([](const std::string& path) { return translateRecipeErrors([&] { return qv::BatchRecipe::fromFile(path); }); }),
            py::arg("path"))
@@ -595,14 +598,17 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
             }
             return pythonFromJSON(result);
           },
-          py::arg("entry"), py::arg("threads") = 1, py::arg("quality") = py::none(), py::arg("skip_existing") = false);
-  m.def("batch_not_run", [](const py::dict& entry) { return pythonFromJSON(qv::batchNotRunResult(entryFromPython(entry))); });
+          py::arg("entry"), py::arg("threads") = 1, py::arg("quality") = py::none(), py::arg("skip_existing") = false,
+          "Runs one planned file; returns its result dict. The GIL is released meanwhile.");
+  m.def("batch_not_run", [](const py::dict& entry) { return pythonFromJSON(qv::batchNotRunResult(entryFromPython(entry))); },
+        py::arg("entry"), "The result of a file that was never run.");
   m.def("batch_report", [](const std::string& recipeName, const std::string& outputDirectory, py::handle files,
                            double seconds, bool interrupted) {
     std::vector<json> results;
     for (auto f : py::iter(files)) results.push_back(jsonFromPython(f, "result", false));
     return pythonFromJSON(qv::batchReport(recipeName, outputDirectory, results, seconds, interrupted));
-  });
+  }, py::arg("recipe"), py::arg("output_dir"), py::arg("files"), py::arg("seconds"), py::arg("interrupted"),
+  "A batch report from per-file results, with its summary.");
   m.def("write_json", [](const std::string& path, py::handle document) {
     const json doc = jsonFromPython(document, "document", false);
     try {
@@ -611,5 +617,5 @@ copy=True. TypeError for another type of samples, ValueError for another shape.
       PyErr_SetString(PyExc_OSError, e.what());
       throw py::error_already_set();
     }
-  });
+  }, py::arg("path"), py::arg("document"), "Writes a JSON document atomically (a temporary file renamed).");
 }

@@ -100,6 +100,14 @@ def test_help_describes_the_filter():
     for fn in (qvfilter.filters, qvfilter.info, qvfilter.run, qvfilter.textures, qvfilter.Image.render,
                qvfilter.Image.save, qvfilter.Image.from_array, qvfilter.Image.open, qvfilter.Image.color):
         assert fn.__doc__ and len(fn.__doc__) > 40, fn
+    from qvfilter import _qvfilter, batch
+    native = [getattr(_qvfilter, n) for n in dir(_qvfilter) if not n.startswith("__")]
+    for cls in (_qvfilter.Image, _qvfilter._FilterHandle, _qvfilter.BatchRecipe):
+        native += [getattr(cls, n) for n in dir(cls) if not n.startswith("_") and callable(getattr(cls, n))]
+    python = [getattr(m, n) for m in (qvfilter, batch) for n in dir(m)
+              if callable(getattr(m, n)) and getattr(getattr(m, n), "__module__", "").startswith("qvfilter")]
+    for fn in native + python:
+        assert (fn.__doc__ or "").strip(), fn
 
 
 def test_textures():

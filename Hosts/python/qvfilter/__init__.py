@@ -75,6 +75,7 @@ _FILTER_CLASSES = {}
 
 
 def _filter_doc(name):
+    """The docstring of a filter's class: how to use it, and its inputs as `info` gives them."""
     text = _qvfilter.info_text(name)
     return (
         f"The filter {name}. Set inputs as attributes or keyword arguments; read .output.\n\n"

@@ -28,6 +28,7 @@ from . import _qvfilter
 
 @functools.lru_cache(maxsize=8)
 def _recipe(text, base_dir, name):
+    """The batch recipe of a worker, read once per recipe."""
     return _qvfilter.BatchRecipe(json.loads(text), base_dir, name)
 
 
@@ -118,12 +119,14 @@ def run(recipe, inputs, output_dir, client=None, scheduler=None, workers=None, f
 
 
 def _run_indexed(pairs, recipe_text, base_dir, name, quality, skip_existing):
+    """Runs a partition of (index, entry) pairs; returns (index, result) pairs."""
     pairs = list(pairs)
     results = _run_partition([e for _, e in pairs], recipe_text, base_dir, name, quality, skip_existing)
     return [(i, r) for (i, _), r in zip(pairs, results)]
 
 
 def main(argv=None):
+    """The command line: python3 -m qvfilter.batch RECIPE INPUT_DIR OUTPUT_DIR [options]."""
     parser = argparse.ArgumentParser(
         prog="python3 -m qvfilter.batch",
         description="Apply a recipe's chain to every image of a directory on a Dask cluster.",
