@@ -65,7 +65,9 @@ def check_report(report, photos, out, untouched=()):
 
 def test_local_cluster_reports_exactly_the_broken_files(cluster, photos, recipe, tmp_path):
     out = tmp_path / "out"
-    report = batch.run(str(recipe), [str(photos)], out, client=cluster, report=tmp_path / "report.json",
+    # Through the scheduler's address, as on a real cluster.
+    address = cluster.scheduler_info()["address"]
+    report = batch.run(str(recipe), [str(photos)], out, scheduler=address, report=tmp_path / "report.json",
                        progress=False)
     check_report(report, photos, out)
     assert json.loads((tmp_path / "report.json").read_text()) == report
