@@ -208,7 +208,12 @@ void saveImage(const PyImage& self, const fs::path& file, double quality, py::ha
 std::shared_ptr<const void> keepAlive(py::object obj) {
   PyObject* raw = obj.release().ptr();
   return std::shared_ptr<const void>(raw, [](const void* p) {
-    if (!Py_IsInitialized() || _Py_IsFinalizing()) return;
+#if PY_VERSION_HEX >= 0x030D0000
+    const bool finalizing = Py_IsFinalizing();
+#else
+    const bool finalizing = _Py_IsFinalizing();
+#endif
+    if (!Py_IsInitialized() || finalizing) return;
     py::gil_scoped_acquire gil;
     Py_DECREF(static_cast<PyObject*>(const_cast<void*>(p)));
   });
