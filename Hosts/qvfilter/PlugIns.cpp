@@ -1,10 +1,12 @@
 #include "PlugIns.h"
 
+#include <dlfcn.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <set>
 #include <system_error>
 
 #include "CoreImage/CIPlugIn.h"
@@ -21,9 +23,15 @@ fs::path executableDirectory() {
   return exe.parent_path();
 }
 
+std::vector<std::string> executableLocations() {
+  const fs::path bin = executableDirectory();
+  if (bin.empty()) return {};
+  return {(bin / ".." / "lib" / "qvfilter").lexically_normal().string()};
+}
+
 }  // namespace
 
-std::vector<std::string> qvPlugInSearchPath() {
+std::vector<std::string> qvPlugInSearchPath(const std::vector<std::string>& installedLocations) {
   std::vector<std::string> path;
   if (const char* env = std::getenv("QV_PLUGIN_PATH")) {
     std::string list(env);
@@ -35,15 +43,39 @@ std::vector<std::string> qvPlugInSearchPath() {
       start = end + 1;
     }
   }
-  const fs::path bin = executableDirectory();
-  if (!bin.empty()) path.push_back((bin / ".." / "lib" / "qvfilter").lexically_normal().string());
+  path.insert(path.end(), installedLocations.begin(), installedLocations.end());
   return path;
 }
 
-void qvLoadPlugIns() {
+std::vector<std::string> qvPlugInSearchPath() { return qvPlugInSearchPath(executableLocations()); }
+
+void qvLoadPlugIns(const std::vector<std::string>& installedLocations) {
   static std::once_flag once;
-  std::call_once(once, [] {
-    for (const std::string& failure : CIPlugIn::loadAllPlugIns(qvPlugInSearchPath()))
+  std::call_once(once, [&] {
+    for (const std::string& failure : CIPlugIn::loadAllPlugIns(qvPlugInSearchPath(installedLocations)))
       std::fprintf(stderr, "qvfilter: cannot load plug-in %s\n", failure.c_str());
   });
+}
+
+void qvLoadPlugIns() { qvLoadPlugIns(executableLocations()); }
+
+std::string qvDirectoryOfLoadedObject(const void* address) {
+  Dl_info info{};
+  if (dladdr(address, &info) == 0 || !info.dli_fname) return {};
+  std::error_code ec;
+  const fs::path file = fs::canonical(info.dli_fname, ec);
+  return ec ? std::string() : file.parent_path().string();
+}
+
+std::vector<std::string> qvPlugInFilterNames() {
+  std::set<std::string> names;
+  for (const std::string& bundle : CIPlugIn::loadedPlugIns()) {
+    std::string error;
+    const Value description = CIPlugIn::readFilterDescription(
+        bundle + "/Resources/" + kCIPlugInDescriptionResource + "." + kCIPlugInDescriptionExtension, &error);
+    if (const Dictionary* d = description.dictionary())
+      for (const auto& [name, entry] : *d)
+        if (CIFilter::registrationForName(name)) names.insert(name);
+  }
+  return {names.begin(), names.end()};
 }

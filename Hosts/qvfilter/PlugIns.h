@@ -1,4 +1,4 @@
-// Loading the image-unit bundles into the qvfilter host.
+// Loading the image-unit bundles into a host (the qvfilter command line, the Python module).
 #pragma once
 
 #include <string>
@@ -12,5 +12,18 @@
 //   qvfilter: cannot load plug-in PATH: REASON
 void qvLoadPlugIns();
 
+// The same for a host that is itself a loaded library: `installedLocations` (directories
+// holding *.plugin bundles, searched after QV_PLUGIN_PATH) replace the executable's.
+void qvLoadPlugIns(const std::vector<std::string>& installedLocations);
+
 // The directories and bundles qvLoadPlugIns searches, in order.
 std::vector<std::string> qvPlugInSearchPath();
+std::vector<std::string> qvPlugInSearchPath(const std::vector<std::string>& installedLocations);
+
+// The directory of the shared object (executable or library) that holds `address`; "" when it
+// cannot be found.
+std::string qvDirectoryOfLoadedObject(const void* address);
+
+// The filters the loaded bundles offer: the registered classes their filter descriptions name,
+// sorted.
+std::vector<std::string> qvPlugInFilterNames();

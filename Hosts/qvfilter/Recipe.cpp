@@ -158,9 +158,10 @@ class Builder {
       if (chain.size() > kMaxRecipeSteps) {
         throw RecipeError("recipe \"chain\" has more than " + std::to_string(kMaxRecipeSteps) + " steps");
       }
-      CIImage previous;
+      CIImage previous = options_.chainInput;
       for (std::size_t i = 0; i < chain.size(); ++i) {
-        previous = applyStep(chain[i], i == 0 ? nullptr : &previous, "chain step " + std::to_string(i + 1), false);
+        previous = applyStep(chain[i], i == 0 && !options_.chainInput ? nullptr : &previous,
+                             "chain step " + std::to_string(i + 1), false);
       }
       graph.output = previous;
       haveOutput = !chain.empty();
@@ -326,6 +327,7 @@ class Builder {
       spec.quality = finiteNumber(out["quality"], "recipe \"output\": \"quality\"");
       if (spec.quality < 0 || spec.quality > 1) throw RecipeError("recipe \"output\": \"quality\" must lie in 0...1");
     }
+    if (options_.quality) spec.quality = std::clamp(*options_.quality, 0.0, 1.0);
     if (out.contains("colorManagement")) {
       if (!out["colorManagement"].is_boolean()) {
         throw RecipeError("recipe \"output\": \"colorManagement\" must be true or false");

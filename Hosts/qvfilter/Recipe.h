@@ -73,6 +73,12 @@ struct RecipeOptions {
   // name or tag that resolves to no texture, an operation name that names no filter; see
   // checkFilterInputs). Unset: each is printed on stderr as "qvfilter: warning: LINE".
   std::function<void(const std::string&)> warn;
+  // When not nil, the first chain step takes this image as its inputImage (unless the step
+  // gives one), as every later step takes the previous step's output: how a batch feeds each
+  // of its files through the same chain.
+  CIImage chainInput;
+  // Replaces "output"."quality" (0...1) when set.
+  std::optional<double> quality;
 };
 
 struct RecipeOutputSpec {

@@ -30,7 +30,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return app.exit(e);
   } catch (const qv::CommandError& e) {
-    std::fprintf(stderr, "qvfilter: %s\n", e.message.c_str());
+    // An empty message: the command has said all there is to say and only sets the status.
+    if (!e.message.empty()) std::fprintf(stderr, "qvfilter: %s\n", e.message.c_str());
     return e.exitCode;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "qvfilter: %s\n", e.what());

@@ -528,7 +528,10 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   progress.total = 0;
   for (std::int64_t s = 0; s < strips; ++s) progress.total += renderer.tilesIn(std::min(stripRows, b.height - s * stripRows));
   // The encoder writes one strip while the workers render the next: two strip buffers, and
-  // the encoder never more than one strip behind.
+  // the encoder never more than one strip behind. A context of one thread encodes on that
+  // thread, after each strip: a caller that renders several files at once (a batch) asked for
+  // exactly one thread per file.
+  const bool encodeAlongside = options_.threads != 1;
   const std::ptrdiff_t rowBytes = b.width * 4;
   std::vector<std::uint8_t> stripBuffers[2];
   for (auto& buffer : stripBuffers) buffer.resize(std::size_t(rowBytes) * std::size_t(stripRows));
@@ -544,13 +547,14 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
       std::vector<std::uint8_t>& strip = stripBuffers[s % 2];
       renderer.render(PixelRect{b.x, top - h, b.width, h}, strip.data(), rowBytes, CIRenderFormat::RGBA8);
       finishWriting();
-      written = std::async(std::launch::async, [&dest, &strip, rowBytes, h] {
+      const auto policy = encodeAlongside ? std::launch::async : std::launch::deferred;
+      written = std::async(policy, [&dest, &strip, rowBytes, h] {
         return CGImageDestinationWriteRows(dest, strip.data(), std::size_t(rowBytes), std::size_t(h));
       });
     }
     finishWriting();
   } catch (...) {
-    if (written.valid()) written.wait();  // the encoder still reads a strip buffer
+    if (written.valid() && encodeAlongside) written.wait();  // the encoder still reads a strip buffer
     throw;
   }
   if (!CGImageDestinationFinalize(dest))

@@ -65,20 +65,6 @@ std::string whole(double v) {
   return s.str();
 }
 
-// The filters of every loaded bundle: the classes their filter descriptions name, sorted.
-std::vector<std::string> bundleFilterNames() {
-  std::set<std::string> names;
-  for (const std::string& bundle : CIPlugIn::loadedPlugIns()) {
-    std::string error;
-    const Value description = CIPlugIn::readFilterDescription(
-        bundle + "/Resources/" + kCIPlugInDescriptionResource + "." + kCIPlugInDescriptionExtension, &error);
-    if (const Dictionary* d = description.dictionary())
-      for (const auto& [name, entry] : *d)
-        if (CIFilter::registrationForName(name)) names.insert(name);
-  }
-  return {names.begin(), names.end()};
-}
-
 // "A,B , C" -> {A, B, C}; an empty item or an unknown filter is an error.
 std::vector<std::string> parseFilterList(const std::string& text) {
   std::vector<std::string> names;
@@ -173,7 +159,7 @@ void runGallery(const GalleryOptions& options) {
   qvLoadPlugIns();
   qv::prepareFilterRegistry();
   const std::vector<std::string> names =
-      options.filters.empty() ? bundleFilterNames() : parseFilterList(options.filters);
+      options.filters.empty() ? qvPlugInFilterNames() : parseFilterList(options.filters);
   if (names.empty()) throw qv::CommandError{"no plug-in filters are loaded (is the bundle installed?)"};
 
   CIImage input;

@@ -8,8 +8,6 @@
 // The catalogue is read from the loaded plug-in bundle (or from --bundle, a bundle directory
 // that is not loaded, e.g. one being built). Resolution goes through the plug-in's own texture
 // store (TextureCatalogue.h), so that it picks exactly as filters do.
-#include <optional>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +15,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,93 +26,44 @@
 #include "Foundation/NSBundle.h"
 #include "Foundation/NSURL.h"
 #include "Foundation/PropertyList.h"
-#include "Foundation/TextureIdentifiers.h"
 #include "ImageIO/ImageIO.h"
 #include "PlugIns.h"
+#include "Foundation/TextureIdentifiers.h"
 #include "TextureCatalogue.h"
+#include "TextureIndexFile.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kBundleIdentifier = "org.qvfilter.filters.imageunits";
 constexpr const char* kTextureScheme = kQVTextureIdentifierScheme;
 constexpr const char* kTagScheme = kQVTextureTagKeyScheme;
-constexpr const char* kTexturesFolder = "Textures";
+using qv::kTexturesFolder;
+using qv::texturePath;
+using Catalogue = qv::TextureIndexFile;
 const std::vector<std::string> kKinds = {"mask", "composite", "tile", "border"};
 const std::set<std::string> kAttributes = {"MinX", "MidX", "MaxX", "MinY", "MidY", "MaxY", "width", "height"};
 
-struct Catalogue {
-  std::shared_ptr<NSBundle> bundle;
-  std::string identifier;  // the bundle's identifier
-  Value textures;          // the index's "textures" dictionary (nil when unreadable)
-  std::string indexPath;   // "" when the index is missing
-  std::string indexError;  // why the index cannot be used
-};
-
-std::shared_ptr<NSBundle> pluginBundle(const std::string& bundleDir) {
-  if (!bundleDir.empty()) {
-    auto bundle = NSBundle::bundleWithPath(bundleDir);
-    if (!bundle) throw qv::CommandError{"not a bundle (no readable Info.plist): " + bundleDir};
-    return bundle;
-  }
-  qvLoadPlugIns();
-  auto bundle = NSBundle::bundleWithIdentifier(kBundleIdentifier);
-  if (!bundle) throw qv::CommandError{std::string("the plug-in bundle ") + kBundleIdentifier + " is not loaded"};
-  return bundle;
-}
-
 Catalogue loadCatalogue(const std::string& bundleDir) {
-  Catalogue c;
-  c.bundle = pluginBundle(bundleDir);
-  c.identifier = c.bundle->bundleIdentifier();
-  if (c.identifier.empty()) c.identifier = kBundleIdentifier;
-  c.indexPath = c.bundle->pathForResource("TextureIndex", "plist");
-  if (c.indexPath.empty()) {
-    c.indexError = "Resources/TextureIndex.plist is missing";
-    return c;
+  if (bundleDir.empty()) qvLoadPlugIns();
+  try {
+    return qv::loadTextureIndexFile(bundleDir);
+  } catch (const qv::CatalogueError& e) {
+    throw qv::CommandError{e.what()};
   }
-  std::error_code sizeError;
-  const std::uintmax_t indexSize = std::filesystem::file_size(c.indexPath, sizeError);
-  if (!sizeError && indexSize > kPropertyListMaximumSize) {
-    c.indexError = "Resources/TextureIndex.plist is larger than the limit of " +
-                   std::to_string(kPropertyListMaximumSize >> 20) + " MB for a property list";
-    return c;
-  }
-  const Value index = propertyListFromFile(c.indexPath);
-  if (!index.dictionary()) {
-    c.indexError = "Resources/TextureIndex.plist is not a readable property list holding a dictionary";
-    return c;
-  }
-  if (!index["textures"].dictionary()) {
-    c.indexError = "Resources/TextureIndex.plist has no \"textures\" dictionary";
-    return c;
-  }
-  c.textures = index["textures"];
-  return c;
 }
 
-std::string identifierFor(const Catalogue& c, const std::string& key) {
-  return QVTextureURLString(kTextureScheme, c.identifier, key);
-}
-std::string tagKeyFor(const Catalogue& c, const std::string& tag) {
-  return QVTextureURLString(kTagScheme, c.identifier, tag);
-}
-
-std::vector<std::string> tagsOf(const Value& record) { return QVTextureRecordTags(record); }
-
+std::string identifierFor(const Catalogue& c, const std::string& key) { return qv::textureIdentifierFor(c, key); }
+std::string tagKeyFor(const Catalogue& c, const std::string& tag) { return qv::textureTagKeyFor(c, tag); }
+std::vector<std::string> tagsOf(const Value& record) { return qv::textureTags(record); }
 std::string stringOf(const Value& v) { return v.string() ? *v.string() : std::string(); }
 
-// The texture file's path, when its name stays inside Textures/ and the file exists.
-std::string texturePath(const Catalogue& c, const Value& record) {
-  const std::string name = stringOf(record["fileName"]);
-  if (name.empty()) return {};
-  return c.bundle->pathForResource(name, "", kTexturesFolder);
-}
-
 const Dictionary& texturesOrFail(const Catalogue& c) {
-  if (!c.textures.dictionary()) throw qv::CommandError{"cannot read the texture index: " + c.indexError};
-  return *c.textures.dictionary();
+  try {
+    return qv::catalogueTextures(c);
+  } catch (const qv::CatalogueError& e) {
+    throw qv::CommandError{e.what()};
+  }
 }
 
 // ---- list ----
@@ -124,63 +74,37 @@ struct ListOptions {
   std::string bundle;
 };
 
-// Entries are written as they are made (the JSON array too, one element at a time), and the
-// selection refers to the index's records instead of copying them, so a catalogue of a million
-// textures costs memory for the index only.
+// Entries are written as they are made (the JSON array too, one element at a time), so a
+// catalogue of a million textures costs memory for its index only.
 void runList(const ListOptions& options) {
   const Catalogue c = loadCatalogue(options.bundle);
-  const Dictionary& textures = texturesOrFail(c);
-  const std::set<std::string> wanted(options.tags.begin(), options.tags.end());
-  std::map<std::string, std::pair<const std::string*, const Value*>> selected;  // identifier -> (key, record)
-  for (const auto& [key, record] : textures)
-    if (QVTextureRecordHasTags(record, wanted)) selected.emplace(identifierFor(c, key), std::make_pair(&key, &record));
-  if (selected.empty() && !options.tags.empty()) {
-    std::string list;
-    for (const auto& t : options.tags) list += (list.empty() ? "" : ", ") + t;
-    throw qv::CommandError{"no texture carries the tag(s) " + list};
-  }
-  if (options.json) std::fputs(selected.empty() ? "[]\n" : "[\n", stdout);
   std::size_t written = 0;
-  for (const auto& [identifier, entry] : selected) {
-    const std::string& key = *entry.first;
-    const Value& record = *entry.second;
-    const std::string path = texturePath(c, record);
-    long long width = 0, height = 0;
-    if (!path.empty()) {
-      if (auto source = CGImageSourceCreateWithURL(path)) {
-        const Dictionary props = CGImageSourceCopyPropertiesAtIndex(source, 0);
-        if (auto it = props.find(kCGImagePropertyPixelWidth); it != props.end()) width = it->second.integerValue();
-        if (auto it = props.find(kCGImagePropertyPixelHeight); it != props.end()) height = it->second.integerValue();
+  try {
+    qv::forEachCatalogueTexture(c, options.tags, [&](const nlohmann::json& t, std::size_t count) {
+      std::string out;
+      if (options.json) {
+        // As the whole array would print with an indent of 2: each line of the element indented.
+        const std::string text = t.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+        out = written == 0 ? "[\n  " : "  ";
+        for (char ch : text) {
+          out += ch;
+          if (ch == '\n') out += "  ";
+        }
+        out += ++written < count ? ",\n" : "\n]\n";
+      } else {
+        std::string tagList;
+        for (const auto& tag : t["tags"]) tagList += (tagList.empty() ? "" : ",") + tag.get<std::string>();
+        out = t["identifier"].get<std::string>() + "\t" + t["displayName"].get<std::string>() + "\t" + tagList +
+              "\t" + t["fileName"].get<std::string>() + "\t" + std::to_string(t["width"].get<long long>()) + "x" +
+              std::to_string(t["height"].get<long long>()) + "\n";
+        ++written;
       }
-    }
-    const auto tags = tagsOf(record);
-    const std::string display = stringOf(record["displayName"]);
-    const std::string file = stringOf(record["fileName"]);
-    std::string out;
-    if (options.json) {
-      const nlohmann::json element = {{"identifier", identifier},
-                                      {"key", key},
-                                      {"displayName", display.empty() ? identifier : display},
-                                      {"tags", tags},
-                                      {"fileName", file},
-                                      {"width", width},
-                                      {"height", height}};
-      // As the whole array would print with an indent of 2: each line of the element indented.
-      const std::string text = element.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
-      out = "  ";
-      for (char ch : text) {
-        out += ch;
-        if (ch == '\n') out += "  ";
-      }
-      out += ++written < selected.size() ? ",\n" : "\n]\n";
-    } else {
-      std::string tagList;
-      for (const auto& t : tags) tagList += (tagList.empty() ? "" : ",") + t;
-      out = identifier + "\t" + (display.empty() ? identifier : display) + "\t" + tagList + "\t" + file + "\t" +
-            std::to_string(width) + "x" + std::to_string(height) + "\n";
-    }
-    std::fwrite(out.data(), 1, out.size(), stdout);
+      std::fwrite(out.data(), 1, out.size(), stdout);
+    });
+  } catch (const qv::CatalogueError& e) {
+    throw qv::CommandError{e.what()};
   }
+  if (options.json && written == 0) std::fputs("[]\n", stdout);
 }
 
 // ---- resolve ----
@@ -213,12 +137,12 @@ void runResolve(const ResolveOptions& options) {
   if (url->scheme() != kTextureScheme && url->scheme() != kTagScheme)
     throw qv::CommandError{"not a texture identifier or tag key (scheme " + std::string(kTextureScheme) + " or " +
                            kTagScheme + "): " + key};
+  if (!options.hint.empty() && !NSURL::URLWithString(options.hint))
+    throw qv::CommandError{"the hint is not a URL: " + options.hint};
   // The plug-in reads only an identifier's last path component; one of another catalogue
   // would silently stand for a texture of this one.
   if (!QVTextureURLKeyInCatalogue(*url, c.identifier))
     throw qv::CommandError{key + " names no texture or tag of this catalogue (" + c.identifier + ")"};
-  if (!options.hint.empty() && !NSURL::URLWithString(options.hint))
-    throw qv::CommandError{"the hint is not a URL: " + options.hint};
   if (!qv::textureResolutionAvailable())
     throw qv::CommandError{"the loaded plug-in does not offer texture resolution"};
   const std::optional<std::string> resolved = qv::resolveTextureName(key, options.hint);
