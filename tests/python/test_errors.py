@@ -62,7 +62,7 @@ def test_arrays_of_the_wrong_kind():
 def test_files():
     with pytest.raises(FileNotFoundError, match="/no/such/file.png"):
         qvfilter.Image.open("/no/such/file.png")
-    with pytest.raises(OSError, match="not an image"):
+    with pytest.raises(OSError, match="not a JPEG, PNG or WebP image"):
         qvfilter.Image.open(__file__)
 
 
