@@ -45,21 +45,16 @@ void QVFilterMask::setCalculatedValues() {
   _updateInputMaskTextureIdentifier();
 }
 
-std::vector<QVFilterMask::TexturePair> QVFilterMask::_texturePairs() const {
-  return {{inputMaskTextureNameKey, inputMaskTextureIdentifierKey}};
-}
-
 void QVFilterMask::encodeWithCoder(NSCoder& coder) const {
-  // What is written is this filter with its identifiers cleared: only the names are archived.
+  // What is written is this filter with its identifier cleared: only the name is archived.
   QVFilter::encodeWithCoder(coder);
-  for (const TexturePair& pair : _texturePairs()) coder.removeObjectForKey(pair.identifierKey);
+  coder.removeObjectForKey(inputMaskTextureIdentifierKey);
 }
 
 bool QVFilterMask::initWithCoder(const NSCoder& coder) {
   if (!QVFilter::initWithCoder(coder)) return false;
-  // Whatever identifier the archive held is dropped: each is resolved afresh, without hint.
-  for (const TexturePair& pair : _texturePairs())
-    storeValue(pair.identifierKey, QVFilterResolveTextureName(storedValue(pair.nameKey), nullptr));
+  // Whatever identifier the archive held is dropped: it is resolved afresh, without hint.
+  setInputMaskTextureIdentifier(QVFilterResolveTextureName(inputMaskTextureName(), nullptr));
   return true;
 }
 

@@ -63,16 +63,6 @@ class QVFilterMask : public QVFilter {
   // `image` with the mask texture cut out of it; `image` itself when there is no mask texture;
   // nil for a nil image.
   CIImage applyInputMask(const CIImage& image) const;
-
- protected:
-  // The name/identifier pairs of the filter, for archiving: the identifiers are left out of
-  // an archive and resolved again, without hint, from the names after decoding. The mask's
-  // pair here; texture filters add theirs.
-  struct TexturePair {
-    const char* nameKey;
-    const char* identifierKey;
-  };
-  virtual std::vector<TexturePair> _texturePairs() const;
 };
 
 // The texture identifier that a texture name resolves to through the texture store: a texture

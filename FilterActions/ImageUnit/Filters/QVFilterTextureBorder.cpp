@@ -1,7 +1,5 @@
 #include "Filters/QVFilterTextureBorder.h"
 
-#include "Filters/QVFilterMask.h"
-#include "Foundation/NSKeyedArchiver.h"
 #include "Framework/CIImage+QVFilterImageUnitsAdditions.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVSizeScaledToRect.h"
@@ -12,45 +10,6 @@ const QVFilterClassRegistration registration =
     QVFilterClassRegistration::filter<QVFilterTextureBorder>("QVFilterTextureBorder", "QVFilter");
 
 }  // namespace
-
-void QVFilterTextureBorder::setInputTextureName(const Value& name) {
-  storeValue(inputTextureNameKey, name);
-  _updateInputTextureIdentifier();
-}
-
-void QVFilterTextureBorder::_updateInputTextureIdentifier() {
-  setInputTextureIdentifier(QVFilterResolveTextureName(inputTextureName(), inputTextureIdentifier()));
-}
-
-Value QVFilterTextureBorder::customAttributes() const {
-  return QVFilterAttributesByAdding(QVFilter::customAttributes(),
-                                    Dictionary{{inputTextureIdentifierKey, Value(Dictionary{})}});
-}
-
-void QVFilterTextureBorder::setValue(const Value& value, const std::string& key) {
-  if (key == inputTextureNameKey) {
-    setInputTextureName(value);
-    return;
-  }
-  QVFilter::setValue(value, key);
-}
-
-void QVFilterTextureBorder::setCalculatedValues() {
-  QVFilter::setCalculatedValues();
-  _updateInputTextureIdentifier();
-}
-
-void QVFilterTextureBorder::encodeWithCoder(NSCoder& coder) const {
-  // Only the name is archived, never the identifier.
-  QVFilter::encodeWithCoder(coder);
-  coder.removeObjectForKey(inputTextureIdentifierKey);
-}
-
-bool QVFilterTextureBorder::initWithCoder(const NSCoder& coder) {
-  if (!QVFilter::initWithCoder(coder)) return false;
-  setInputTextureIdentifier(QVFilterResolveTextureName(inputTextureName(), nullptr));
-  return true;
-}
 
 CIImage QVFilterTextureBorder::_textureBorderImage() const {
   const CIImage input = inputImage();

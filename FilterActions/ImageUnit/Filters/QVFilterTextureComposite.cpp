@@ -84,43 +84,10 @@ CGRect QVFilterTextureCompositePlacement(const CGRect& textureExtent, const CGRe
   return rect;
 }
 
-void QVFilterTextureComposite::setInputTextureName(const Value& name) {
-  storeValue(inputTextureNameKey, name);
-  _updateInputTextureIdentifier();
-}
-
-void QVFilterTextureComposite::_updateInputTextureIdentifier() {
-  setInputTextureIdentifier(QVFilterResolveTextureName(inputTextureName(), inputTextureIdentifier()));
-}
-
 std::vector<std::string> QVFilterTextureComposite::customInputKeys() const {
   std::vector<std::string> keys = QVFilterComposite::customInputKeys();
   keys.insert(keys.end(), {inputTextureNameKey, inputTextureIdentifierKey, inputTextureShouldMatchInputImageOrientationKey});
   return keys;
-}
-
-Value QVFilterTextureComposite::customAttributes() const {
-  return QVFilterAttributesByAdding(QVFilterComposite::customAttributes(),
-                                    Dictionary{{inputTextureIdentifierKey, Value(Dictionary{})}});
-}
-
-void QVFilterTextureComposite::setValue(const Value& value, const std::string& key) {
-  if (key == inputTextureNameKey) {
-    setInputTextureName(value);
-    return;
-  }
-  QVFilterComposite::setValue(value, key);
-}
-
-void QVFilterTextureComposite::setCalculatedValues() {
-  QVFilterComposite::setCalculatedValues();
-  _updateInputTextureIdentifier();
-}
-
-std::vector<QVFilterMask::TexturePair> QVFilterTextureComposite::_texturePairs() const {
-  std::vector<TexturePair> pairs = QVFilterComposite::_texturePairs();
-  pairs.push_back({inputTextureNameKey, inputTextureIdentifierKey});
-  return pairs;
 }
 
 CIImage QVFilterTextureComposite::outputImage() const {

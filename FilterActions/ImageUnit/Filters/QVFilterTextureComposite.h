@@ -11,24 +11,17 @@
 // the position rules. A source attribute outside the vocabulary, or an offset on "width" or
 // "height", raises NSInternalInconsistencyException.
 //
-// The texture is held as a name / identifier pair, as QVFilterMask holds its mask.
+// The texture is held as a name / identifier pair (QVFilterTextureInput).
 #pragma once
 
 #include "Filters/QVFilterComposite.h"
+#include "Filters/QVFilterTextureInput.h"
 
-class QVFilterTextureComposite : public QVFilterComposite {
+class QVFilterTextureComposite : public QVFilterTextureInput<QVFilterComposite> {
  public:
-  static constexpr const char* inputTextureNameKey = "inputTextureName";
-  static constexpr const char* inputTextureIdentifierKey = "inputTextureIdentifier";
   static constexpr const char* inputTextureShouldMatchInputImageOrientationKey =
       "inputTextureShouldMatchInputImageOrientation";
 
-  // The texture the user chose: a texture identifier string or a tag key.
-  Value inputTextureName() const { return storedValue(inputTextureNameKey); }
-  // Keeps the name and resolves the identifier from it.
-  void setInputTextureName(const Value& name);
-  NSURLRef inputTextureIdentifier() const { return storedValue(inputTextureIdentifierKey).object<NSURL>(); }
-  void setInputTextureIdentifier(const NSURLRef& identifier) { storeValue(inputTextureIdentifierKey, identifier); }
   // When true, the texture is turned to the input's orientation before it is placed.
   Value inputTextureShouldMatchInputImageOrientation() const {
     return storedValue(inputTextureShouldMatchInputImageOrientationKey);
@@ -39,15 +32,7 @@ class QVFilterTextureComposite : public QVFilterComposite {
 
   // The composite's keys, then the texture's name, identifier and orientation switch.
   std::vector<std::string> customInputKeys() const override;
-  // The composite's entries plus an empty entry for "inputTextureIdentifier".
-  Value customAttributes() const override;
-  void setValue(const Value& value, const std::string& key) override;
-  void setCalculatedValues() override;
-  void _updateInputTextureIdentifier();
   CIImage outputImage() const override;
-
- protected:
-  std::vector<TexturePair> _texturePairs() const override;
 };
 
 // The rectangle a texture of `textureExtent`'s size covers over an input of `inputExtent`:

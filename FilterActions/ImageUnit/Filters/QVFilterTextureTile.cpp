@@ -19,43 +19,10 @@ const CIKernelRef& QVFilterTextureTile::textureTileKernel() {
 
 QVFilterTextureTile::QVFilterTextureTile() { textureTileKernel(); }
 
-void QVFilterTextureTile::setInputTextureName(const Value& name) {
-  storeValue(inputTextureNameKey, name);
-  _updateInputTextureIdentifier();
-}
-
-void QVFilterTextureTile::_updateInputTextureIdentifier() {
-  setInputTextureIdentifier(QVFilterResolveTextureName(inputTextureName(), inputTextureIdentifier()));
-}
-
 std::vector<std::string> QVFilterTextureTile::customInputKeys() const {
   std::vector<std::string> keys = QVFilterComposite::customInputKeys();
   keys.insert(keys.end(), {inputTextureNameKey, inputTextureIdentifierKey});
   return keys;
-}
-
-Value QVFilterTextureTile::customAttributes() const {
-  return QVFilterAttributesByAdding(QVFilterComposite::customAttributes(),
-                                    Dictionary{{inputTextureIdentifierKey, Value(Dictionary{})}});
-}
-
-void QVFilterTextureTile::setValue(const Value& value, const std::string& key) {
-  if (key == inputTextureNameKey) {
-    setInputTextureName(value);
-    return;
-  }
-  QVFilterComposite::setValue(value, key);
-}
-
-void QVFilterTextureTile::setCalculatedValues() {
-  QVFilterComposite::setCalculatedValues();
-  _updateInputTextureIdentifier();
-}
-
-std::vector<QVFilterMask::TexturePair> QVFilterTextureTile::_texturePairs() const {
-  std::vector<TexturePair> pairs = QVFilterComposite::_texturePairs();
-  pairs.push_back({inputTextureNameKey, inputTextureIdentifierKey});
-  return pairs;
 }
 
 CIImage QVFilterTextureTile::outputImage() const {
