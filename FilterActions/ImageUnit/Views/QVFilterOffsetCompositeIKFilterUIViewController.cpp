@@ -1,0 +1,17 @@
+#include "Views/QVFilterOffsetCompositeIKFilterUIViewController.h"
+
+namespace {
+constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterOffsetCompositeIKFilterUIViewController";
+constexpr int kPreconditionLine = 25;
+}  // namespace
+
+void QVFilterOffsetCompositeIKFilterUIViewController::loadView() {
+  const CIFilterRef& filter = representedObject();
+  if (!assertPrecondition(filter != nullptr && filterIsKindOfClass(filter.get(), "QVFilterOffsetComposite"),
+                          "-[QVFilterOffsetCompositeIKFilterUIViewController loadView]",
+                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterOffsetComposite class]]",
+                          kSourceFile, kPreconditionLine))
+    return;
+  QVFilterCompositeIKFilterUIViewController::loadView();
+  bindToFilter(requiredOutlet<NSSlider>("inputOffsetSlider"), NSValueBinding, "inputOffset");
+}

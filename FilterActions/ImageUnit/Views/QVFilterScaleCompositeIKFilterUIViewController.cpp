@@ -1,0 +1,17 @@
+#include "Views/QVFilterScaleCompositeIKFilterUIViewController.h"
+
+namespace {
+constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterScaleCompositeIKFilterUIViewController";
+constexpr int kPreconditionLine = 25;
+}  // namespace
+
+void QVFilterScaleCompositeIKFilterUIViewController::loadView() {
+  const CIFilterRef& filter = representedObject();
+  if (!assertPrecondition(filter != nullptr && filterIsKindOfClass(filter.get(), "QVFilterScaleComposite"),
+                          "-[QVFilterScaleCompositeIKFilterUIViewController loadView]",
+                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterScaleComposite class]]",
+                          kSourceFile, kPreconditionLine))
+    return;
+  QVFilterCompositeIKFilterUIViewController::loadView();
+  bindToFilter(requiredOutlet<NSSlider>("inputScaleSlider"), NSValueBinding, kCIInputScaleKey);
+}
