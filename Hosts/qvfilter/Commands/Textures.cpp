@@ -8,8 +8,6 @@
 // The catalogue is read from the loaded plug-in bundle (or from --bundle, a bundle directory
 // that is not loaded, e.g. one being built). Resolution goes through the plug-in's own texture
 // store, reached by name in the loaded bundle, so that it picks exactly as filters do.
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +26,7 @@
 #include "Foundation/NSURL.h"
 #include "Foundation/PropertyList.h"
 #include "ImageIO/ImageIO.h"
+#include "PlugInSymbols.h"
 #include "PlugIns.h"
 
 namespace {
@@ -184,12 +183,8 @@ struct ResolveOptions {
 using ResolveFunction = char* (*)(const char*, const char*);
 
 ResolveFunction storeResolver(const NSBundle& bundle) {
-  const std::string library = bundle.executablePath();
-  if (library.empty()) return nullptr;
-  // The bundle is already loaded: this only finds it again.
-  void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
-  if (!handle) return nullptr;
-  return reinterpret_cast<ResolveFunction>(dlsym(handle, "QVFilterTextureStoreResolveKey"));
+  return reinterpret_cast<ResolveFunction>(
+      qv::loadedPlugInSymbol(bundle.bundleIdentifier(), "QVFilterTextureStoreResolveKey"));
 }
 
 void runResolve(const ResolveOptions& options) {
