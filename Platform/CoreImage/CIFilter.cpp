@@ -6,6 +6,9 @@
 #include <shared_mutex>
 
 #include "CoreImage/Builtins/BuiltinFilter.h"
+#include "CoreImage/CIColor.h"
+#include "CoreImage/CIVector.h"
+#include "Foundation/NSKeyedArchiver.h"
 
 namespace {
 
@@ -134,8 +137,10 @@ Dictionary CIFilter::attributes() const {
   // A filter's own description of an input replaces the declared one whole.
   const Value custom = customAttributes();
   if (const Dictionary* d = custom.dictionary()) {
-    for (const auto& [key, value] : *d)
-      if (value.dictionary()) attrs[key] = value;
+    for (const auto& [key, value] : *d) {
+      const Dictionary* entry = value.dictionary();
+      if (entry && (!entry->empty() || !attrs.count(key))) attrs[key] = value;
+    }
   }
   return attrs;
 }
@@ -211,4 +216,56 @@ CIImage CIFilter::apply(const CIKernelRef& kernel, const Array& arguments, const
 void CISetKernelApplyHook(CIKernelApplyHook hook_) {
   std::lock_guard lock(hookMutex());
   hook() = std::move(hook_);
+}
+
+namespace {
+
+std::string encodeColor(const Object& o) { return static_cast<const CIColor&>(o).stringRepresentation(); }
+ObjectRef decodeColor(const std::string& s) { return CIColor::colorWithString(s); }
+std::string encodeVector(const Object& o) { return static_cast<const CIVector&>(o).stringRepresentation(); }
+ObjectRef decodeVector(const std::string& s) { return CIVector::vectorWithString(s); }
+
+// The string forms by which colours and vectors are archived.
+void registerCoreImageCodingClasses() {
+  static const bool registered = [] {
+    NSCoderRegisterClass(NSCodingClass{"CIColor", encodeColor, decodeColor});
+    NSCoderRegisterClass(NSCodingClass{"CIVector", encodeVector, decodeVector});
+    return true;
+  }();
+  (void)registered;
+}
+
+}  // namespace
+
+CIFilterRef CIFilter::copy() const {
+  CIFilterRef copied = filterWithName(name_);
+  if (copied) copied->values_ = values_;
+  return copied;
+}
+
+void CIFilter::encodeWithCoder(NSCoder& coder) const {
+  registerCoreImageCodingClasses();
+  for (const auto& [key, value] : values_) coder.encodeObject(value, key);
+}
+
+bool CIFilter::initWithCoder(const NSCoder& coder) {
+  registerCoreImageCodingClasses();
+  for (const std::string& key : coder.allKeys()) storeValue(key, coder.decodeObjectForKey(key));
+  return true;
+}
+
+std::optional<std::string> CIFilter::archivedDataWithFilter(const CIFilter& filter) {
+  NSCoder coder;
+  coder.setClassName(filter.name());
+  filter.encodeWithCoder(coder);
+  return NSKeyedArchiver::archivedDataWithCoder(coder);
+}
+
+CIFilterRef CIFilter::filterWithArchivedData(std::string_view data) {
+  registerCoreImageCodingClasses();
+  const std::optional<NSCoder> coder = NSKeyedUnarchiver::coderWithData(data);
+  if (!coder) return nullptr;
+  CIFilterRef filter = filterWithName(coder->className());
+  if (!filter || !filter->initWithCoder(*coder)) return nullptr;
+  return filter;
 }

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <string>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "Foundation/Value.h"
 
 class CIKernel;
+class NSCoder;
 using CIKernelRef = std::shared_ptr<const CIKernel>;
 class IKFilterUIView;
 
@@ -129,7 +132,9 @@ class CIFilter : public std::enable_shared_from_this<CIFilter> {
   virtual std::vector<std::string> inputKeys() const;
   virtual std::vector<std::string> outputKeys() const { return {kCIOutputImageKey}; }
   // Filter name, display name, categories, and one attribute dictionary per input key: the
-  // declared or described attributes, each replaced whole by customAttributes()'s entry.
+  // declared or described attributes, each replaced whole by customAttributes()'s entry. An
+  // empty entry of customAttributes() states nothing about its input and replaces nothing:
+  // the described attributes (defaults and ranges from a filter description) stand.
   virtual Dictionary attributes() const;
 
   // ---- Key-value coding ----
@@ -165,6 +170,31 @@ class CIFilter : public std::enable_shared_from_this<CIFilter> {
   using ObserverToken = std::uint64_t;
   ObserverToken addObserver(Observer observer);
   void removeObserver(ObserverToken token);
+
+  // ---- Copying and keyed archiving ----
+  // The platform's copying and coding of filters, as three virtual functions:
+  //
+  //   copy()               a new filter of the same class holding the same input values
+  //                        (values are immutable, so sharing them is copying). Here: a filter
+  //                        made by name with every stored value put in directly, so no setter
+  //                        runs and values the filter derived itself are kept as they are.
+  //   encodeWithCoder(c)   writes the input values by key, each that a coder can hold (numbers,
+  //                        strings, URLs, vectors, colours, transforms; images never).
+  //   initWithCoder(c)     takes back every input value the coder holds, stored directly;
+  //                        false refuses the archive (the unarchived filter is then nil).
+  //
+  // A class that derives inputs from others overrides them, calling these first, to leave the
+  // derived values out of an archive or derive them again after decoding. The archive names
+  // the filter's class (its registered name); filterWithArchivedData makes the filter by that
+  // name and hands it the coder.
+  virtual CIFilterRef copy() const;
+  virtual void encodeWithCoder(NSCoder& coder) const;
+  virtual bool initWithCoder(const NSCoder& coder);
+  // The filter as archive data (an XML property list); nullopt when it cannot be serialised.
+  static std::optional<std::string> archivedDataWithFilter(const CIFilter& filter);
+  // The filter an archive holds; nil for data that is not a filter archive, an unknown class,
+  // or a filter that refuses the coder.
+  static CIFilterRef filterWithArchivedData(std::string_view data);
 
  protected:
   // Inputs stored generically: used by the built-ins and by subclasses that need no typed

@@ -1,0 +1,29 @@
+#include "Filters/QVFilterOffsetComposite.h"
+
+#include <cmath>
+
+#include "Framework/QVFilterImageUnitsClasses.h"
+
+namespace {
+
+const QVFilterClassRegistration registration =
+    QVFilterClassRegistration::filter<QVFilterOffsetComposite>("QVFilterOffsetComposite", "QVFilterComposite");
+
+}  // namespace
+
+std::vector<std::string> QVFilterOffsetComposite::customInputKeys() const {
+  std::vector<std::string> keys = QVFilterComposite::customInputKeys();
+  keys.push_back(kQVInputOffsetKey);
+  return keys;
+}
+
+CIImage QVFilterOffsetComposite::outputImage() const {
+  const CIImage image = inputImage();
+  if (!image) return {};
+  const CGRect extent = image.extent();
+  const double dx = std::floor(inputOffset().doubleValue() * CGRectGetWidth(extent));
+  const CIImage layer = image.imageByApplyingTransform(CGAffineTransformMakeTranslation(dx, 0));
+  const CGRect layerExtent = layer ? layer.extent() : CGRectZero;
+  // The strip the shifted copy no longer covers is cut away.
+  return applyInputComposite(layer).imageByCroppingToRect(CGRectIntersection(extent, layerExtent));
+}
