@@ -45,6 +45,9 @@ class QVFilterTextureComposite : public QVFilterComposite {
   void setCalculatedValues() override;
   void _updateInputTextureIdentifier();
   CIImage outputImage() const override;
+  // The view of a QVFilterTextureIKFilterUIViewController offering the "composite" textures; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 
  protected:
   std::vector<TexturePair> _texturePairs() const override;
