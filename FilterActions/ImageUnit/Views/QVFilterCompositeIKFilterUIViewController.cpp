@@ -1,5 +1,7 @@
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"
 
+#include "Filters/QVFilterComposite.h"
+
 namespace {
 constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterCompositeIKFilterUIViewController";
 constexpr int kPreconditionLine = 32;
@@ -11,7 +13,7 @@ constexpr const char* kOperationKey = "inputCompositeFilterName";
 }  // namespace
 
 void QVFilterCompositeIKFilterUIViewController::loadView() {
-  if (!assertPrecondition(filterIsKindOfClass(representedObject().get(), "QVFilterComposite"),
+  if (!assertPrecondition(dynamic_cast<const QVFilterComposite*>(representedObject().get()) != nullptr,
                           "-[QVFilterCompositeIKFilterUIViewController loadView]",
                           "[[self representedObject] isKindOfClass:[QVFilterComposite class]]", kSourceFile,
                           kPreconditionLine))

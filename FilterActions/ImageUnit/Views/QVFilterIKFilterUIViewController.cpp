@@ -6,7 +6,6 @@
 #include "Foundation/KeyPath.h"
 #include "Foundation/NSBundle.h"
 #include "Foundation/NSURL.h"
-#include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVFilterImageUnitsConstants.h"
 #include "Textures/_QVFilterTextureStore.h"
 #include "Views/QVFilterColorWellValueTransformer.h"
@@ -141,19 +140,6 @@ bool QVFilterIKFilterUIViewController::assertPrecondition(bool holds, const char
   const CIFilterRef& filter = representedObject();
   NSAssertionHandler::currentHandler().handleFailureInMethod(
       method, filter ? "<" + filter->name() + ">" : std::string("nil"), file, line, conditionText);
-  return false;
-}
-
-bool QVFilterIKFilterUIViewController::filterIsKindOfClass(const CIFilter* filter, const std::string& className) {
-  if (!filter) return false;
-  const CIPlugInClassTable& table = QVFilterImageUnitsClasses();
-  std::string name = filter->name();
-  for (std::size_t depth = 0; depth <= table.classes.size() && !name.empty(); ++depth) {
-    if (name == className) return true;
-    const CIPlugInClass* cls = table.classNamed(name);
-    if (!cls) return false;
-    name = cls->superclassName;
-  }
   return false;
 }
 

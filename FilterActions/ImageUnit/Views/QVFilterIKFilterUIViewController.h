@@ -62,9 +62,6 @@ class QVFilterIKFilterUIViewController : public NSViewController {
   // and the handler came back; the caller then loads nothing.
   bool assertPrecondition(bool holds, const char* method, const char* conditionText, const char* file,
                           int line) const;
-  // Whether the filter is an instance of the named plug-in filter class or of a subclass of it,
-  // following the superclass names of the plug-in's class table.
-  static bool filterIsKindOfClass(const CIFilter* filter, const std::string& className);
 };
 
 // Makes the controller's view for the filter, as every filter that describes its own view hands

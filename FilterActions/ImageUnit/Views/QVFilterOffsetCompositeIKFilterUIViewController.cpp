@@ -1,5 +1,7 @@
 #include "Views/QVFilterOffsetCompositeIKFilterUIViewController.h"
 
+#include "Filters/QVFilterOffsetComposite.h"
+
 namespace {
 constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterOffsetCompositeIKFilterUIViewController";
 constexpr int kPreconditionLine = 25;
@@ -7,7 +9,7 @@ constexpr int kPreconditionLine = 25;
 
 void QVFilterOffsetCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && filterIsKindOfClass(filter.get(), "QVFilterOffsetComposite"),
+  if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterOffsetComposite*>(filter.get()) != nullptr,
                           "-[QVFilterOffsetCompositeIKFilterUIViewController loadView]",
                           "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterOffsetComposite class]]",
                           kSourceFile, kPreconditionLine))
