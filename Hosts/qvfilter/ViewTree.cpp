@@ -12,8 +12,8 @@
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIVector.h"
 #include "Foundation/KeyPath.h"
-#include "PlugInSymbols.h"
 #include "Recipe.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace qv {
@@ -21,7 +21,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* kPlugInBundleIdentifier = "org.qvfilter.filters.imageunits";
 constexpr const char* kTexturesMenuSymbol = "QVFilterTexturesMenuWithTags";
 constexpr const char* kColorTransformerName = "QVHostColorValueTransformer";
 constexpr const char* kVectorTransformerName = "QVHostVectorValueTransformer";
@@ -82,7 +81,7 @@ std::string keyPathFor(const std::string& key) { return stringWithKeyPathCompone
 
 NSMenuRef texturesMenu(const std::set<std::string>& tags) {
   using MenuFunction = void (*)(const std::set<std::string>*, NSMenuRef*);
-  auto make = reinterpret_cast<MenuFunction>(loadedPlugInSymbol(kPlugInBundleIdentifier, kTexturesMenuSymbol));
+  auto make = reinterpret_cast<MenuFunction>(loadedPlugInSymbol(kTexturesMenuSymbol));
   NSMenuRef menu;
   if (make) make(&tags, &menu);
   return menu;
@@ -135,7 +134,7 @@ void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectControll
     bindValue(std::make_shared<NSTextField>(whole), Dictionary{{NSValueTransformerNameBindingOption, kVectorTransformerName}});
   } else if (attributeClass == "CIImage") {
     bindValue(std::make_shared<NSImageView>(whole));
-  } else if (attributeClass == "NSString" && key.ends_with("TextureName")) {
+  } else if (attributeClass == "NSString" && isTextureNameKey(key)) {
     auto popup = std::make_shared<NSPopUpButton>(whole);
     NSMenuRef menu = texturesMenu(key.find("Mask") != std::string::npos ? std::set<std::string>{"mask"}
                                                                          : std::set<std::string>{});
