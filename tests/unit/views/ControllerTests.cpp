@@ -492,3 +492,35 @@ TEST_F(Views, ColorWellTransformer) {
   ASSERT_NE(registered, nullptr);
   EXPECT_EQ(registered->transformedValueClass(), "CIColor");
 }
+
+// ---- The shipped views ----
+
+TEST_F(Views, SlidersFollowTheFiltersSliderAttributes) {
+  for (const char* name : {"QVFilterBlur", "QVFilterColorComposite", "QVFilterBlurComposite", "QVFilterNoiseComposite",
+                           "QVFilterTextureComposite", "QVFilterTextureTile", "QVFilterGradientComposite",
+                           "QVFilterTextureBorder", "QVFilterOffsetComposite", "QVFilterScaleComposite"}) {
+    SCOPED_TRACE(name);
+    const CIFilterRef filter = qvtest::makeFilter(name);
+    ASSERT_NE(filter, nullptr);
+    const auto view = filter->provideViewForUIConfiguration({}, {});
+    ASSERT_NE(view, nullptr);
+    const Dictionary attributes = filter->attributes();
+    int sliders = 0;
+    std::function<void(const NSViewRef&)> walk = [&](const NSViewRef& v) {
+      if (auto* slider = dynamic_cast<NSSlider*>(v.get())) {
+        const NSBindingInfo* info = slider->infoForBinding(NSValueBinding);
+        ASSERT_NE(info, nullptr) << slider->identifier();
+        const std::string key = info->observedKeyPath.substr(std::string("selection.").size());
+        const Value attrs = attributes.at(key);
+        EXPECT_EQ(slider->minValue(), attrs[kCIAttributeSliderMin].doubleValue()) << key;
+        EXPECT_EQ(slider->maxValue(), attrs[kCIAttributeSliderMax].doubleValue()) << key;
+        // The filter's default shows on the slider.
+        EXPECT_EQ(slider->doubleValue(), attrs[kCIAttributeDefault].doubleValue()) << key;
+        ++sliders;
+      }
+      for (const auto& sub : v->subviews()) walk(sub);
+    };
+    walk(view);
+    EXPECT_EQ(sliders > 0, std::string(name) != "QVFilterTextureBorder");  // the border has none
+  }
+}
