@@ -87,14 +87,11 @@ NSMenuRef texturesMenu(const std::set<std::string>& tags) {
   return menu;
 }
 
-bool isIntegerType(const std::string& type) {
-  return type == kCIAttributeTypeInteger || type == kCIAttributeTypeCount;
-}
+bool isIntegerType(const std::string& type) { return type == kCIAttributeTypeInteger || type == kCIAttributeTypeCount; }
 
 // One row of generic controls for one input.
-void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectController>& controller,
-                         const std::string& key, const Value& attributes, const std::string& attributeClass,
-                         double y) {
+void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectController>& controller, const std::string& key,
+                         const Value& attributes, const std::string& attributeClass, double y) {
   const Value displayName = attributes[kCIAttributeDisplayName];
   content.addSubview(NSTextField::labelWithString((displayName.isString() ? *displayName.string() : key) + ":",
                                                   CGRectMake(kPad, y, kLabelWidth, kHeight)));
@@ -131,13 +128,14 @@ void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectControll
     bindValue(std::make_shared<NSColorWell>(CGRectMake(kControlX, y, 52, kHeight)),
               Dictionary{{NSValueTransformerNameBindingOption, kColorTransformerName}});
   } else if (attributeClass == "CIVector") {
-    bindValue(std::make_shared<NSTextField>(whole), Dictionary{{NSValueTransformerNameBindingOption, kVectorTransformerName}});
+    bindValue(std::make_shared<NSTextField>(whole),
+              Dictionary{{NSValueTransformerNameBindingOption, kVectorTransformerName}});
   } else if (attributeClass == "CIImage") {
     bindValue(std::make_shared<NSImageView>(whole));
   } else if (attributeClass == "NSString" && isTextureNameKey(key)) {
     auto popup = std::make_shared<NSPopUpButton>(whole);
-    NSMenuRef menu = texturesMenu(key.find("Mask") != std::string::npos ? std::set<std::string>{"mask"}
-                                                                         : std::set<std::string>{});
+    NSMenuRef menu =
+        texturesMenu(key.find("Mask") != std::string::npos ? std::set<std::string>{"mask"} : std::set<std::string>{});
     popup->setMenu(menu ? menu : std::make_shared<NSMenu>());
     bindValue(popup);
   } else {
@@ -147,7 +145,10 @@ void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectControll
   }
 }
 
-json rectJSON(const CGRect& r) { return json::array({jsonNumber(r.origin.x), jsonNumber(r.origin.y), jsonNumber(r.size.width), jsonNumber(r.size.height)}); }
+json rectJSON(const CGRect& r) {
+  return json::array(
+      {jsonNumber(r.origin.x), jsonNumber(r.origin.y), jsonNumber(r.size.width), jsonNumber(r.size.height)});
+}
 
 json colorJSON(const NSColorRef& c) {
   if (!c) return nullptr;
@@ -198,8 +199,8 @@ void appendViewText(std::string& out, const NSView& view, int depth) {
   if (auto* field = dynamic_cast<const NSTextField*>(&view)) {
     out += " \"" + field->stringValue() + "\"";
   } else if (auto* slider = dynamic_cast<const NSSlider*>(&view)) {
-    out += " " + jsonNumber(slider->minValue()).dump() + ".." + jsonNumber(slider->maxValue()).dump() +
-           " value " + jsonNumber(slider->doubleValue()).dump();
+    out += " " + jsonNumber(slider->minValue()).dump() + ".." + jsonNumber(slider->maxValue()).dump() + " value " +
+           jsonNumber(slider->doubleValue()).dump();
   } else if (auto* button = dynamic_cast<const NSButton*>(&view)) {
     out += " \"" + button->title() + "\" " + (button->state() ? "on" : "off");
   } else if (auto* well = dynamic_cast<const NSColorWell*>(&view)) {
@@ -350,8 +351,8 @@ json filterViewJSON(const FilterView& filterView) {
 }
 
 std::string filterViewText(const FilterView& filterView) {
-  std::string out = filterView.filter->name() + ": " +
-                    (filterView.provided ? "the filter's own view" : "generic controls") + "\n";
+  std::string out =
+      filterView.filter->name() + ": " + (filterView.provided ? "the filter's own view" : "generic controls") + "\n";
   appendViewText(out, *filterView.view, 0);
   out += "inputs:\n";
   for (const std::string& key : filterView.filter->inputKeys()) {
@@ -372,8 +373,7 @@ void editBoundControl(const FilterView& filterView, const std::string& key, cons
   if (auto* field = dynamic_cast<NSTextField*>(view)) {
     const NSBindingInfo* info = field->infoForBinding(NSValueBinding);
     const auto transformer = info->options.find(NSValueTransformerNameBindingOption);
-    if (field->formatter() && !parseNumber(text))
-      throw ValueError(key + ": expected a number, got \"" + text + "\"");
+    if (field->formatter() && !parseNumber(text)) throw ValueError(key + ": expected a number, got \"" + text + "\"");
     if (transformer != info->options.end() && transformer->second == Value(kVectorTransformerName)) {
       const auto numbers = parseNumberList(text);
       if (!numbers || numbers->empty() || numbers->size() > 4)
@@ -405,7 +405,8 @@ void editBoundControl(const FilterView& filterView, const std::string& key, cons
       if (!item->isSeparatorItem() && item->title() == text) index = i;
     }
     if (index < 0) throw ValueError(key + ": the menu has no item \"" + text + "\"");
-    if (!popup->userSelectItemAtIndex(index)) throw ValueError(key + ": the menu item \"" + text + "\" cannot be chosen");
+    if (!popup->userSelectItemAtIndex(index))
+      throw ValueError(key + ": the menu item \"" + text + "\" cannot be chosen");
   } else {
     throw ValueError(key + ": the " + view->className() + " bound to it cannot be edited");
   }

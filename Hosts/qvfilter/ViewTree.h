@@ -31,9 +31,8 @@
 #pragma once
 
 #include <memory>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "AppKit/IKFilterUIView.h"
 #include "CoreImage/CIFilter.h"
