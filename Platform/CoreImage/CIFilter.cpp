@@ -175,6 +175,32 @@ void CIFilter::storeValue(const std::string& key, const Value& value) {
     values_.erase(key);
   else
     values_[key] = value;
+  if (!observers_.list.empty()) notifyObservers(key);
+}
+
+std::shared_ptr<IKFilterUIView> CIFilter::provideViewForUIConfiguration(const Dictionary& /*configuration*/,
+                                                                        const std::vector<std::string>& /*excludedKeys*/) {
+  return nullptr;
+}
+
+CIFilter::ObserverToken CIFilter::addObserver(Observer observer) {
+  const ObserverToken token = observers_.next++;
+  observers_.list.emplace_back(token, std::move(observer));
+  return token;
+}
+
+void CIFilter::removeObserver(ObserverToken token) {
+  std::erase_if(observers_.list, [token](const auto& entry) { return entry.first == token; });
+}
+
+void CIFilter::notifyObservers(const std::string& key) {
+  // A copy, so that an observer may change the list; one removed meanwhile is not told.
+  const auto observers = observers_.list;
+  for (const auto& [token, observer] : observers) {
+    const bool stillRegistered = std::any_of(observers_.list.begin(), observers_.list.end(),
+                                             [t = token](const auto& entry) { return entry.first == t; });
+    if (stillRegistered) observer(key);
+  }
 }
 
 CIImage CIFilter::apply(const CIKernelRef& kernel, const Array& arguments, const Dictionary& options) const {

@@ -2,6 +2,7 @@
 // attribute dictionaries and a lazily built output image.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -15,6 +16,7 @@
 class CIKernel;
 class NSCoder;
 using CIKernelRef = std::shared_ptr<const CIKernel>;
+class IKFilterUIView;
 
 // ---- Key and attribute constants (the platform's strings) ----
 inline constexpr const char* kCIInputImageKey = "inputImage";
@@ -154,6 +156,20 @@ class CIFilter : public std::enable_shared_from_this<CIFilter> {
   virtual Value customAttributes() const { return {}; }
   // Hook for deriving dependent inputs from the ones the host set; does nothing here.
   virtual void setCalculatedValues() {}
+  // The filter's own parameter view for the host, or nil for the host's generic controls
+  // (every filter but the few that describe a view of their own). Main thread only.
+  virtual std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                        const std::vector<std::string>& excludedKeys);
+
+  // ---- Key-value observation ----
+  // Observers are told the key of every input stored from then on, through setValue or a typed
+  // setter, after the store. They run on the storing thread, in registration order; one may
+  // add or remove observers (itself included) while being told. Views use this on the main
+  // thread only; filters that nobody observes pay one emptiness check per store.
+  using Observer = std::function<void(const std::string& key)>;
+  using ObserverToken = std::uint64_t;
+  ObserverToken addObserver(Observer observer);
+  void removeObserver(ObserverToken token);
 
   // ---- Copying and keyed archiving ----
   // The platform's copying and coding of filters, as three virtual functions:
@@ -189,8 +205,20 @@ class CIFilter : public std::enable_shared_from_this<CIFilter> {
   void setName(std::string name) { name_ = std::move(name); }
 
  private:
+  void notifyObservers(const std::string& key);
+
+  // Observers belong to the object observed, not to its value: a copied filter starts with none.
+  struct Observers {
+    Observers() = default;
+    Observers(const Observers&) {}
+    Observers& operator=(const Observers&) { return *this; }
+    std::vector<std::pair<ObserverToken, Observer>> list;
+    ObserverToken next = 1;
+  };
+
   std::string name_;
   Dictionary values_;
+  Observers observers_;
 };
 
 // The hook through which CIFilter::apply reaches the kernel language; installed by the kernel

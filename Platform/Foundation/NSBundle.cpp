@@ -1,5 +1,7 @@
 #include "Foundation/NSBundle.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 #include <vector>
@@ -129,19 +131,45 @@ std::shared_ptr<const NSURL> NSBundle::URLForResource(const std::string& name, c
 std::string NSBundle::localizedStringForKey(const std::string& key, const std::string& value,
                                             const std::string& table) const {
   const std::string tableName = table.empty() ? "Localizable" : table;
-  Value strings;
-  {
-    std::lock_guard lock(stringsMutex_);
-    auto it = stringsTables_.find(tableName);
-    if (it == stringsTables_.end()) {
-      Value loaded;
-      const std::string file = pathForResource(tableName, "strings", "en.lproj");
-      if (!file.empty()) loaded = stringsTableFromFile(file);
-      it = stringsTables_.emplace(tableName, std::move(loaded)).first;
+  for (const std::string& language : preferredLocalizations()) {
+    const std::string folder = language + ".lproj";
+    Value strings;
+    {
+      std::lock_guard lock(stringsMutex_);
+      auto it = stringsTables_.find(folder + "/" + tableName);
+      if (it == stringsTables_.end()) {
+        Value loaded;
+        const std::string file = pathForResource(tableName, "strings", folder);
+        if (!file.empty()) loaded = stringsTableFromFile(file);
+        it = stringsTables_.emplace(folder + "/" + tableName, std::move(loaded)).first;
+      }
+      strings = it->second;
     }
-    strings = it->second;
+    const Value found = strings[key];
+    if (found.isString()) return *found.string();
   }
-  const Value found = strings[key];
-  if (found.isString()) return *found.string();
   return value.empty() ? key : value;
+}
+
+std::vector<std::string> NSBundle::preferredLocalizations() {
+  std::string locale;
+  for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+    const char* v = std::getenv(variable);
+    if (v && *v) {
+      locale = v;
+      break;
+    }
+  }
+  // language[_territory][.codeset][@modifier]
+  locale = locale.substr(0, locale.find_first_of(".@"));
+  std::vector<std::string> languages;
+  const bool usable = !locale.empty() && locale != "C" && locale != "POSIX" &&
+                      locale.find_first_of("/\\") == std::string::npos && locale.find("..") == std::string::npos;
+  if (usable) {
+    languages.push_back(locale);
+    const std::string language = locale.substr(0, locale.find('_'));
+    if (language != locale) languages.push_back(language);
+  }
+  if (std::find(languages.begin(), languages.end(), "en") == languages.end()) languages.push_back("en");
+  return languages;
 }

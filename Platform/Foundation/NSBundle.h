@@ -3,7 +3,7 @@
 //
 //   <bundle>/Info.plist             CFBundleIdentifier, CFBundleExecutable, NSPrincipalClass...
 //   <bundle>/<executable>           or <bundle>/lib/<executable>
-//   <bundle>/Resources/...          resources, localized strings in Resources/en.lproj/
+//   <bundle>/Resources/...          resources, localized strings in Resources/<language>.lproj/
 //
 // A bundle opened with bundleWithPath joins a process-wide table, in which bundleWithIdentifier
 // finds it again; opening the same directory twice gives the same object.
@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "Foundation/NSURL.h"
 #include "Foundation/Value.h"
@@ -46,10 +47,16 @@ class NSBundle {
   std::string pathForResource(const std::string& name, const std::string& extension,
                               const std::string& subdirectory = "") const;
 
-  // The localized string for key from Resources/en.lproj/<table>.strings ("Localizable" when
-  // table is empty). A missing key gives value, or the key itself when value is empty.
+  // The localized string for key from Resources/<language>.lproj/<table>.strings
+  // ("Localizable" when table is empty), trying the languages of preferredLocalizations() in
+  // order. A key no table holds gives value, or the key itself when value is empty.
   std::string localizedStringForKey(const std::string& key, const std::string& value,
                                     const std::string& table = "") const;
+
+  // The user's languages, most preferred first, as .lproj folder names: from the first of
+  // LC_ALL, LC_MESSAGES and LANG that is set and not empty ("de_DE.UTF-8@euro" gives "de_DE",
+  // "de"), always ending in the development language "en". "C" and "POSIX" mean English.
+  static std::vector<std::string> preferredLocalizations();
 
   // Use bundleWithPath.
   NSBundle(std::string path, Value info);
@@ -58,5 +65,6 @@ class NSBundle {
   const std::string path_;
   const Value info_;
   mutable std::mutex stringsMutex_;
-  mutable std::map<std::string, Value> stringsTables_;  // table name -> loaded table (nil: unreadable)
+  // "<language>.lproj/<table>" -> loaded table (nil: missing or unreadable)
+  mutable std::map<std::string, Value> stringsTables_;
 };

@@ -4,6 +4,7 @@
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVFilterImageUnitsConstants.h"
 #include "Framework/QVFilterKernelLoader.h"
+#include "Views/QVFilterBlurIKFilterUIViewController.h"
 
 namespace {
 
@@ -44,4 +45,11 @@ CIImage QVFilterBlur::outputImage() const {
   }
   blur->setValue(source, kCIInputImageKey);
   return QVFilterOutputImage(blur).imageByCroppingToRect(image.extent());
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterBlur::provideViewForUIConfiguration(const Dictionary& /*configuration*/,
+                                                                          const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(std::make_shared<QVFilterBlurIKFilterUIViewController>(
+                                             "BlurView", QVFilterIKFilterUIViewController::pluginBundle()),
+                                         *this);
 }

@@ -26,6 +26,9 @@ class QVFilterBlur : public QVFilter {
     return {kCIInputImageKey, kCIInputRadiusKey, inputBlurFilterNameKey};
   }
   CIImage outputImage() const override;
+  // The view of a QVFilterBlurIKFilterUIViewController on "BlurView"; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 
   // The pass-through kernel of the resource "NoOp" (nil when the resource is missing),
   // loaded once per process.

@@ -7,6 +7,7 @@
 #include "Foundation/NSKeyedArchiver.h"
 #include "Framework/CIImage+QVFilterImageUnitsAdditions.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
+#include "Views/QVFilterGradientCompositeIKFilterUIViewController.h"
 
 namespace {
 
@@ -66,4 +67,10 @@ CIImage QVFilterGradientComposite::outputImage() const {
   // Drawn in a square of the longer side on the centre, then stretched to the input's shape.
   const CGRect square = CGRectMake(std::floor(CGRectGetMidX(e) - d * 0.5), std::floor(CGRectGetMidY(e) - d * 0.5), d, d);
   return applyInputComposite(imageByFittingToRect(QVFilterOutputImage(gradient).imageByCroppingToRect(square), e));
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterGradientComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(
+      std::make_shared<QVFilterGradientCompositeIKFilterUIViewController>("GradientCompositeView", QVFilterIKFilterUIViewController::pluginBundle()), *this);
 }

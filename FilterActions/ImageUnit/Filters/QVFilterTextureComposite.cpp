@@ -6,6 +6,7 @@
 #include "Framework/CIImage+QVFilterImageUnitsAdditions.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVSizeScaledToRect.h"
+#include "Views/QVFilterTextureIKFilterUIViewController.h"
 
 namespace {
 
@@ -112,4 +113,9 @@ CIImage QVFilterTextureComposite::outputImage() const {
   over->setValue(CIImage::emptyImage().imageByCroppingToRect(extent), kCIInputBackgroundImageKey);
   over->setValue(placed, kCIInputImageKey);
   return applyInputComposite(QVFilterOutputImage(over).imageByCroppingToRect(extent));
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterTextureComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(QVFilterTextureIKFilterUIViewController::initWithTextureTags({"composite"}), *this);
 }

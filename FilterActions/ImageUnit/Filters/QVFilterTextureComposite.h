@@ -33,6 +33,9 @@ class QVFilterTextureComposite : public QVFilterTextureInput<QVFilterComposite> 
   // The composite's keys, then the texture's name, identifier and orientation switch.
   std::vector<std::string> customInputKeys() const override;
   CIImage outputImage() const override;
+  // The view of a QVFilterTextureIKFilterUIViewController offering the "composite" textures; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };
 
 // The rectangle a texture of `textureExtent`'s size covers over an input of `inputExtent`:

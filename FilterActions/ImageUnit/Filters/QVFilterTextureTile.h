@@ -19,6 +19,9 @@ class QVFilterTextureTile : public QVFilterTextureInput<QVFilterComposite> {
   // The composite's keys, then the texture's name and identifier.
   std::vector<std::string> customInputKeys() const override;
   CIImage outputImage() const override;
+  // The view of a QVFilterTextureIKFilterUIViewController offering the "tile" textures; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 
   // The first kernel of "QVFilterTextureTile" (nil when the resource is missing).
   static const CIKernelRef& textureTileKernel();
