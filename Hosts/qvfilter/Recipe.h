@@ -69,6 +69,10 @@ struct RecipeOptions {
   std::string outputFileOverride;
   // Render progress (fraction done), passed to the context.
   std::function<void(double)> progress;
+  // Receives one line per input that a filter of the recipe will silently ignore (a texture
+  // name or tag that resolves to no texture, an operation name that names no filter; see
+  // checkFilterInputs). Unset: each is printed on stderr as "qvfilter: warning: LINE".
+  std::function<void(const std::string&)> warn;
 };
 
 struct RecipeOutputSpec {

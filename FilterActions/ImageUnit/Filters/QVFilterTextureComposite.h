@@ -58,6 +58,9 @@ class QVFilterTextureComposite : public QVFilterComposite {
 // constraint records, or nil) in order. Raises NSInternalInconsistencyException for a source
 // attribute outside the vocabulary and for an offset on a source without "X" or "Y".
 CGRect QVFilterTextureCompositePlacement(const CGRect& textureExtent, const CGRect& inputExtent, const Value& constraints);
+// One placement rule (a constraint record) applied to `rect`, with its source read from
+// `inputExtent`. Raises as QVFilterTextureCompositePlacement does.
+void QVFilterTextureCompositeApplyConstraint(CGRect& rect, const Value& constraint, const CGRect& inputExtent);
 // The value of an attribute of `rect` named as in a rule's "sourceAttribute"; raises
 // NSInternalInconsistencyException, reason "<this function>, cannot evaluate source attribute
 // (<attribute>)", for any other name.
