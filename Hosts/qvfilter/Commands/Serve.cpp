@@ -303,7 +303,12 @@ void runServe(const ServeOptions& options) {
     return httplib::Server::HandlerResponse::Unhandled;
   });
   server.set_error_handler([](const httplib::Request&, httplib::Response& res) {
-    if (res.body.empty()) sendError(res, res.status, res.status == 404 ? "no such resource" : "bad request");
+    if (!res.body.empty()) return;
+    sendError(res, res.status,
+              res.status == 404   ? "no such resource"
+              : res.status == 413 ? "the request body is too large"
+              : res.status == 414 ? "the address is too long"
+                                  : "bad request");
   });
   server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr ep) {
     try {
