@@ -197,6 +197,8 @@ function layoutCompare() {
     const canvas = $('canvas').getBoundingClientRect();
     const x = rect.left - canvas.left + rect.width * studio.split;
     handle.style.left = `${x - 1}px`;
+    handle.style.top = `${rect.top - canvas.top}px`;
+    handle.style.height = `${rect.height}px`;
     handle.style.zIndex = 3;
     const b = before.getBoundingClientRect();
     const cut = Math.max(0, Math.min(b.width, rect.left + rect.width * studio.split - b.left));
