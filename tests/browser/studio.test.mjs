@@ -271,6 +271,61 @@ test('a two-step chain exports a picture that the exported recipe reproduces', a
   await page.screenshot({ path: path.join(ARTIFACTS, 'chain.png') });
 });
 
+test('steps are reordered, switched off and removed, and a slider drag previews as it moves', async () => {
+  await clearChain();
+  await addFilter('QVFilterColorControls');
+  await addFilter('QVFilterBlur');
+  const both = await previewPixels();
+  await andPreview(() => page.locator('#chain li').nth(1).locator('.up').click());
+  assert.deepEqual((await api('')).steps.map((s) => s.filter), ['QVFilterBlur', 'QVFilterColorControls']);
+  await andPreview(() => page.locator('#chain li').nth(0).locator('input.toggle').click());
+  assert.equal((await api('')).steps[0].enabled, false);
+  assert.notEqual(await previewPixels(), both, 'switching the blur off changes the picture');
+  await andPreview(() => page.locator('#chain li').nth(0).locator('input.toggle').click());
+
+  // A real drag of the blur's radius slider: previews arrive while the button is down.
+  await page.locator('#chain li').nth(0).click();
+  await page.waitForSelector('#params[data-filter="QVFilterBlur"]');
+  const slider = page.locator('#params [data-kind="slider"] input').first();
+  const box = await slider.boundingBox();
+  const start = await previews();
+  await page.mouse.move(box.x + 4, box.y + box.height / 2);
+  await page.mouse.down();
+  for (let i = 1; i <= 12; i++) {
+    await page.mouse.move(box.x + 4 + (box.width - 8) * i / 12, box.y + box.height / 2);
+    await page.waitForTimeout(120);
+  }
+  const during = await previews();
+  await page.mouse.up();
+  await page.waitForFunction(() => document.body.dataset.busy === '0');
+  assert.ok(during > start + 1, `previews during the drag: ${during - start}`);
+  const radius = (await inputs()).inputRadius;
+  assert.ok(radius > 90, `the drag to the end sets the radius near its maximum (${radius})`);
+  // One undo takes the whole drag back.
+  const n = await previews();
+  await page.click('#undo-button');
+  await settle(n);
+  assert.notEqual((await inputs()).inputRadius, radius);
+  assert.ok((await inputs()).inputRadius < 20);
+
+  await andPreview(() => page.locator('#chain li').nth(1).locator('.remove').click());
+  assert.deepEqual((await api('')).steps.map((s) => s.filter), ['QVFilterBlur']);
+});
+
+test('two tabs have sessions of their own', async () => {
+  const other = await context.newPage();
+  await other.goto(base);
+  await other.waitForSelector('body[data-ready="1"]');
+  const mine = await session();
+  const theirs = await other.evaluate(() => document.body.dataset.session);
+  assert.notEqual(theirs, mine);
+  const theirState = await other.evaluate(async (id) => (await fetch(`/api/sessions/${id}`)).json(), theirs);
+  assert.equal(theirState.steps.length, 0);
+  assert.equal(theirState.image, null);
+  assert.ok((await api('')).steps.length > 0);
+  await other.close();
+});
+
 test('undo and redo restore the chain and the inputs', async () => {
   const stepsBefore = (await api('')).steps.length;
   const n = await previews();

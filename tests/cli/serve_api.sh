@@ -104,6 +104,22 @@ check 400 "enabled of the wrong type" -d '{"enabled":"yes"}' "$T/enabled"
 check 400 "preview size that is not a number" "$S/preview?size=nan"
 check 200 "preview size far too large is bounded" "$S/preview?size=1e308"
 
+# Previews asked for while one renders: the waiting ones give way to the newest (204), which
+# is rendered.
+check 200 "a slow step" -d '{"key":"inputRadius","value":"60"}' "$T/edit"
+pids=()
+for i in 1 2 3 4 5; do
+  curl -s -o /dev/null -w '%{http_code}\n' "$S/preview?size=2048" >"preview-$i.status" &
+  pids+=($!)
+  [ "$i" = 1 ] && sleep 0.05
+done
+wait "${pids[@]}"
+# The four sent together arrive in any order; the last to arrive is the one rendered.
+superseded=$(cat preview-[2-5].status | grep -c 204)
+rendered=$(cat preview-[2-5].status | grep -c 200)
+[ "$superseded" -ge 1 ] || fail "no waiting preview was superseded: $(cat preview-*.status | tr '\n' ' ')"
+[ "$rendered" -ge 1 ] || fail "the newest preview was not rendered: $(cat preview-*.status | tr '\n' ' ')"
+
 # Textures: only identifiers of the catalogue.
 check 404 "a texture path" "$base/api/textures/thumbnail?id=../../Info.plist"
 check 404 "a texture identifier that leaves the folder" \
