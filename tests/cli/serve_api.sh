@@ -131,6 +131,15 @@ check 404 "a path outside the page" --path-as-is "$base/../../etc/passwd"
 check 400 "a malformed recipe" -d '{"chain": [' "$S/recipe" && expect_reason "malformed recipe" "malformed"
 check 400 "a recipe with an unknown filter" -d '{"chain":[{"filter":"Nope"}]}' "$S/recipe"
 check 400 "a recipe with an unknown key" -d '{"chain":[{"filter":"QVFilterBlur","inputs":{"inputNope":1}}]}' "$S/recipe"
+check 200 "a recipe imported" -d '{"images":{"photo":{"file":"p.jpg"}},"chain":[{"filter":"QVFilterBlur","inputs":{"inputImage":"@photo","inputRadius":7}},{"filter":"CIColorControls","inputs":{"inputSaturation":0.5}}]}' "$S/recipe"
+python3 -c 'import json; r=json.load(open("body.json")); assert [s["filter"] for s in r["steps"]] == ["QVFilterBlur", "CIColorControls"], r' ||
+  fail "the imported recipe's steps"
+check 200 "the chain exported as a recipe" "$S/recipe?format=jpeg&quality=0.8"
+python3 -c '
+import json; r=json.load(open("body.json"))
+assert r["chain"][0]["inputs"]["inputRadius"] == 7 and r["chain"][0]["inputs"]["inputImage"] == "@photo", r
+assert r["chain"][1]["inputs"]["inputSaturation"] == 0.5 and r["output"] == {"file": "result.jpg", "quality": 0.8}, r' ||
+  fail "the exported recipe: $body"
 check 400 "an unknown export format" -d '{"format":"gif"}' "$S/exports"
 check 400 "an export quality out of range" -d '{"format":"jpeg","quality":5}' "$S/exports"
 check 404 "an unknown export" "$S/exports/12345"
