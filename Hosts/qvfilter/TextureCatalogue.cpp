@@ -29,23 +29,6 @@ bool endsWith(const std::string& s, std::string_view suffix) {
   return s.size() > suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// A symbol of the first loaded bundle whose library exports it.
-void* loadedPlugInSymbol(const char* symbol) {
-  for (const std::string& path : CIPlugIn::loadedPlugIns()) {
-    auto bundle = NSBundle::bundleWithPath(path);
-    if (!bundle) continue;
-    const std::string library = bundle->executablePath();
-    if (library.empty()) continue;
-    // The bundle is already loaded: this only finds it again.
-    void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
-    if (!handle) continue;
-    void* found = dlsym(handle, symbol);
-    dlclose(handle);  // balances the lookup; the loader's own reference keeps it mapped
-    if (found) return found;
-  }
-  return nullptr;
-}
-
 using CopyFunction = char* (*)();
 using ResolveFunction = char* (*)(const char*, const char*);
 
@@ -78,6 +61,22 @@ TextureCatalogue readCatalogue() {
 std::string quoted(const std::string& s) { return "\"" + s + "\""; }
 
 }  // namespace
+
+void* loadedPlugInSymbol(const char* symbol) {
+  for (const std::string& path : CIPlugIn::loadedPlugIns()) {
+    auto bundle = NSBundle::bundleWithPath(path);
+    if (!bundle) continue;
+    const std::string library = bundle->executablePath();
+    if (library.empty()) continue;
+    // The bundle is already loaded: this only finds it again.
+    void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+    if (!handle) continue;
+    void* found = dlsym(handle, symbol);
+    dlclose(handle);  // balances the lookup; the loader's own reference keeps it mapped
+    if (found) return found;
+  }
+  return nullptr;
+}
 
 const CatalogueTexture* TextureCatalogue::textureWithIdentifier(const std::string& identifier) const {
   for (const auto& t : textures)

@@ -55,6 +55,10 @@ std::string textureIdentifierKeyForNameKey(const std::string& key);
 // scheme (a bare word, a file path): the filter would refuse it with an assertion.
 std::vector<std::string> checkFilterInputs(const CIFilter& filter);
 
+// A symbol of the first loaded bundle whose library exports it (the services a plug-in offers
+// hosts besides its filter classes); nullptr when none does.
+void* loadedPlugInSymbol(const char* symbol);
+
 // Prints one warning on stderr as "qvfilter: warning: LINE".
 void printWarning(const std::string& line);
 

@@ -82,4 +82,44 @@ json "$tmp/border-set.json" "assert d['inputs']['inputColor']=={'color':[0,0.5,1
   || fail "the colour well did not write the filter's colour"
 expect_error QVFilterBorder --set "inputColor=red"
 
+# The composite family's own views: the mask pop-up shows None for an unset mask, the texture
+# tile leaves the texture composite's orientation check box unbound, and a --set on the mask
+# pop-up writes the chosen identifier (None clears it; headings cannot be chosen).
+"$QVFILTER" view QVFilterNoiseComposite --json >"$tmp/noise.json" 2>"$tmp/err" \
+  || fail "view QVFilterNoiseComposite failed: $(cat "$tmp/err")"
+json "$tmp/noise.json" "
+controls={c.get('outlet'):c for c in d['view']['subviews'][0]['subviews']}
+m=controls['maskIdentifierPopupButton']; items=m['menu']['items']
+assert d['provided'] is True and d['inputs']['inputMaskTextureName'] is None, d['inputs']
+assert m['selectedIndex']==0 and items[0]=={'title':'None','tag':1,'representedObject':None,'enabled':True,'indentationLevel':0,'separator':False}, items[:2]
+assert items[1]['separator'] is True and m['menu']['autoenablesItems'] is False
+heads=[i['title'] for i in items if not i['enabled']]
+assert heads==sorted(heads) and 'mask' not in heads and heads, heads
+" || fail "the noise composite's mask pop-up"
+mask=$(json "$tmp/noise.json" "
+m=[c for c in d['view']['subviews'][0]['subviews'] if c.get('outlet')=='maskIdentifierPopupButton'][0]
+print([i['representedObject'] for i in m['menu']['items'] if i['indentationLevel']==1 and 'texture' in str(i['representedObject'])][0])")
+"$QVFILTER" view QVFilterNoiseComposite --json --set "inputMaskTextureName=$mask" >"$tmp/noise-set.json" \
+  || fail "--set of the mask failed"
+json "$tmp/noise-set.json" "assert d['inputs']['inputMaskTextureName']=='$mask' and d['inputs']['inputMaskTextureIdentifier']=={'url':'$mask'}, d['inputs']" \
+  || fail "the mask pop-up did not write the chosen texture (and the filter did not resolve it)"
+"$QVFILTER" view QVFilterNoiseComposite --json --set "inputMaskTextureName=$mask" --set inputMaskTextureName=None \
+  >"$tmp/noise-none.json" || fail "--set of None failed"
+json "$tmp/noise-none.json" "assert d['inputs']['inputMaskTextureName'] is None, d['inputs']" || fail "None did not clear the mask"
+heading=$(json "$tmp/noise.json" "
+m=[c for c in d['view']['subviews'][0]['subviews'] if c.get('outlet')=='maskIdentifierPopupButton'][0]
+print([i['title'] for i in m['menu']['items'] if not i['enabled']][0])")
+expect_error QVFilterNoiseComposite --set "inputMaskTextureName=$heading"
+grep -q "the menu item \"$heading\" cannot be chosen" "$tmp/err" || fail "a heading was chosen: $(cat "$tmp/err")"
+"$QVFILTER" view QVFilterTextureTile --json >"$tmp/tile.json" || fail "view QVFilterTextureTile failed"
+json "$tmp/tile.json" "
+controls={c.get('outlet'):c for c in d['view']['subviews'][0]['subviews']}
+assert controls['textureIdentifierMatchInputImageOrientationButton']['bindings']=={}
+assert controls['textureIdentifierPopupButton']['bindings']['selectedObject']['key']=='inputTextureName'
+" || fail "the texture tile's view"
+for f in QVFilterColorComposite QVFilterBlurComposite QVFilterTextureComposite QVFilterGradientComposite \
+         QVFilterTextureBorder QVFilterOffsetComposite QVFilterScaleComposite; do
+  "$QVFILTER" view "$f" 2>"$tmp/err" | head -1 | grep -q "^$f: the filter's own view" \
+    || fail "$f shows no view of its own: $(cat "$tmp/err")"
+done
 echo "views_show: ok"

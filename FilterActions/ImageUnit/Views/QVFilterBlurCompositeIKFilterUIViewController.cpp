@@ -9,10 +9,11 @@ constexpr int kPreconditionLine = 27;
 
 void QVFilterBlurCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterBlurComposite*>(filter.get()) != nullptr,
-                          "-[QVFilterBlurCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterBlurComposite class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterBlurComposite*>(filter.get()) != nullptr,
+          "-[QVFilterBlurCompositeIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterBlurComposite class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
   QVFilterBlurIKFilterUIViewController::bindBlurControls(*this);

@@ -9,10 +9,11 @@ constexpr int kPreconditionLine = 27;
 
 void QVFilterColorCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterColorComposite*>(filter.get()) != nullptr,
-                          "-[QVFilterColorCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterColorComposite class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterColorComposite*>(filter.get()) != nullptr,
+          "-[QVFilterColorCompositeIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterColorComposite class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
   bindColorWellToFilter(requiredOutlet<NSColorWell>("colorWell"), kCIInputColorKey);

@@ -24,7 +24,8 @@ void QVFilterCompositeIKFilterUIViewController::loadView() {
   mask.setMenu(menuForTexturesWithTags({kMaskTag}));
   bindToFilter(mask, NSSelectedObjectBinding, kMaskNameKey);
   // An unset mask shows "None" rather than no choice at all.
-  if (boundFilterValue(kMaskNameKey).isNil()) mask.selectItemWithTag(QVFilterIKFilterUIViewControllerTexturesMenuNoneItemTag);
+  if (boundFilterValue(kMaskNameKey).isNil())
+    mask.selectItemWithTag(QVFilterIKFilterUIViewControllerTexturesMenuNoneItemTag);
 
   bindToFilter(requiredOutlet<NSButton>("maskIdentifierMatchInputImageOrientationButton"), NSValueBinding,
                kMaskOrientationKey);

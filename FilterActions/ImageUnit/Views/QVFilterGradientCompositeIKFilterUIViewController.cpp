@@ -11,7 +11,8 @@ void QVFilterGradientCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
   if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterGradientComposite*>(filter.get()) != nullptr,
                           "-[QVFilterGradientCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterGradientComposite class]]",
+                          "[self representedObject] != nil && [[self representedObject] "
+                          "isKindOfClass:[QVFilterGradientComposite class]]",
                           kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();

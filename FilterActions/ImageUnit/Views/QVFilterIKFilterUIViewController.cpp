@@ -154,6 +154,6 @@ std::shared_ptr<IKFilterUIView> QVFilterIKFilterUIViewForFilter(
 // For hosts: the same texture menu, for the texture pickers they build for filters that do
 // not describe a view of their own.
 extern "C" __attribute__((visibility("default"))) void QVFilterTexturesMenuWithTags(const std::set<std::string>* tags,
-                                                                                  NSMenuRef* menu) {
+                                                                                    NSMenuRef* menu) {
   if (tags && menu) *menu = QVFilterIKFilterUIViewController::menuForTexturesWithTags(*tags);
 }

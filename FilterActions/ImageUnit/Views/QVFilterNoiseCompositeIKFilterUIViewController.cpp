@@ -9,10 +9,11 @@ constexpr int kPreconditionLine = 19;
 
 void QVFilterNoiseCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterNoiseComposite*>(filter.get()) != nullptr,
-                          "-[QVFilterNoiseCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterNoiseComposite class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterNoiseComposite*>(filter.get()) != nullptr,
+          "-[QVFilterNoiseCompositeIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterNoiseComposite class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
   // The composite controller has bound these already; binding them again replaces those

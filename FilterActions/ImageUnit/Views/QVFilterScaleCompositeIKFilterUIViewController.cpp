@@ -9,10 +9,11 @@ constexpr int kPreconditionLine = 25;
 
 void QVFilterScaleCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterScaleComposite*>(filter.get()) != nullptr,
-                          "-[QVFilterScaleCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterScaleComposite class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterScaleComposite*>(filter.get()) != nullptr,
+          "-[QVFilterScaleCompositeIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterScaleComposite class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
   bindToFilter(requiredOutlet<NSSlider>("inputScaleSlider"), NSValueBinding, kCIInputScaleKey);

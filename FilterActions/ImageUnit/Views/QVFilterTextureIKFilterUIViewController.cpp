@@ -20,9 +20,10 @@ std::shared_ptr<QVFilterTextureIKFilterUIViewController> QVFilterTextureIKFilter
 
 void QVFilterTextureIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr, "-[QVFilterTextureIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[CIFilter class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr, "-[QVFilterTextureIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[CIFilter class]]", kSourceFile,
+          kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
 

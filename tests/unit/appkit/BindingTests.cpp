@@ -50,7 +50,7 @@ TEST(Bindings, SliderRoundTrip) {
   b.filter->setValue(2.5, "inputAmount");
   slider->bind(NSValueBinding, b.controller(), "selection.inputAmount", {});
   EXPECT_EQ(slider->doubleValue(), 2.5);  // shown at once
-  slider->userSetDoubleValue(4.0);          // control -> filter
+  slider->userSetDoubleValue(4.0);        // control -> filter
   EXPECT_EQ(b.filter->valueForKey("inputAmount"), Value(4.0));
   b.filter->setValue(6.0, "inputAmount");  // filter -> control
   EXPECT_EQ(slider->doubleValue(), 6.0);
@@ -123,7 +123,8 @@ TEST(Bindings, PopUpSelectedObjectRoundTrip) {
   Bound b;
   auto popup = addControl<NSPopUpButton>(b);
   auto menu = std::make_shared<NSMenu>();
-  for (const char* name : {"A", "B", "C"}) menu->addItemWithTitle(std::string("Item ") + name)->setRepresentedObject(name);
+  for (const char* name : {"A", "B", "C"})
+    menu->addItemWithTitle(std::string("Item ") + name)->setRepresentedObject(name);
   menu->itemAtIndex(2)->setEnabled(false);
   popup->setMenu(menu);
   b.filter->setValue("B", "inputName");
@@ -148,7 +149,8 @@ TEST(Bindings, ImageWellRoundTrip) {
   auto well = addControl<NSImageView>(b);
   well->bind(NSValueBinding, b.controller(), "selection.inputImage", {});
   EXPECT_FALSE(well->image());
-  const CIImage red = CIImage::imageWithColor(CIColor::colorWithRed(1, 0, 0)).imageByCroppingToRect(CGRectMake(0, 0, 4, 4));
+  const CIImage red =
+      CIImage::imageWithColor(CIColor::colorWithRed(1, 0, 0)).imageByCroppingToRect(CGRectMake(0, 0, 4, 4));
   well->userSetImage(red);
   EXPECT_EQ(CIImage::fromValue(b.filter->valueForKey("inputImage")).extent().size.width, 4);
   b.filter->setValue(Value(), "inputImage");
@@ -197,8 +199,9 @@ TEST(Bindings, ErrorsAreExceptionsWithReasons) {
   EXPECT_EQ(reasonOf([&] { slider->bind(NSValueBinding, b.controller(), "selection.inputMissing", {}); }),
             "NSUnknownKeyException: [<AppKitTestFilter> valueForUndefinedKey:]: this class is not key value "
             "coding-compliant for the key inputMissing.");
-  EXPECT_NE(reasonOf([&] { slider->bind(NSValueBinding, b.controller(), "inputAmount", {}); }).find("selection.<input key>"),
-            std::string::npos);
+  EXPECT_NE(
+      reasonOf([&] { slider->bind(NSValueBinding, b.controller(), "inputAmount", {}); }).find("selection.<input key>"),
+      std::string::npos);
   EXPECT_NE(reasonOf([&] { slider->bind(NSValueBinding, b.controller(), "selection.a.b", {}); }), "no exception");
   // A failed bind leaves no binding behind.
   EXPECT_TRUE(slider->boundBindings().empty());

@@ -1,10 +1,10 @@
 // View descriptions: building views from them, refusing broken ones with a clear reason, and
 // view controllers that load them from a bundle.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 #include "AppKit/NSControl.h"
 #include "AppKit/NSViewController.h"
@@ -121,8 +121,8 @@ TEST(ViewDescription, BrokenDescriptionsSayWhatAndWhere) {
             "view description Test: subviews[0]: unknown key \"colour\"");
   EXPECT_EQ(reasonOf(withSubview({{"kind", "label"}, {"frame", {0, 0, 1, 1}}, {"title", 3}})),
             "view description Test: subviews[0].title: expected a string");
-  EXPECT_EQ(reasonOf(withSubview({{"kind", "textField"}, {"frame", {0, 0, 1, 1}},
-                                  {"numberFormat", {{"maximumFractionDigits", 40}}}})),
+  EXPECT_EQ(reasonOf(withSubview(
+                {{"kind", "textField"}, {"frame", {0, 0, 1, 1}}, {"numberFormat", {{"maximumFractionDigits", 40}}}})),
             "view description Test: subviews[0].numberFormat.maximumFractionDigits: expected an integer from 0 to 15");
   const json twice = {{"frame", {0, 0, 1, 1}},
                       {"subviews",
@@ -148,7 +148,8 @@ TEST(ViewController, LoadsItsDescriptionFromTheBundle) {
 }
 
 TEST(ViewController, MissingOrBrokenDescriptionsRaiseWithTheName) {
-  DescriptionBundle b(Descriptions{{"Broken", "{\"frame\": [0, 0, 1, 1], "}, {"Strange", "{\"frame\": [0, 0, 1, 1], \"size\": 2}"}});
+  DescriptionBundle b(
+      Descriptions{{"Broken", "{\"frame\": [0, 0, 1, 1], "}, {"Strange", "{\"frame\": [0, 0, 1, 1], \"size\": 2}"}});
   try {
     NSViewController("NoSuchView", b.bundle).view();
     FAIL() << "a missing description loaded";

@@ -1,12 +1,12 @@
 // The user's languages from the environment, and strings looked up in them with English as
 // the fallback.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <unistd.h>
 
 #include "Foundation/NSBundle.h"
 #include "Foundation/PropertyList.h"
@@ -82,9 +82,10 @@ TEST(NSBundleLocalization, StringsComeFromTheUsersLanguageThenEnglish) {
   const fs::path dir = fs::temp_directory_path() / ("qv-l10n-" + std::to_string(getpid()));
   fs::create_directories(dir / "Resources/en.lproj");
   fs::create_directories(dir / "Resources/de.lproj");
-  ASSERT_TRUE(writePropertyList(Dictionary{{"CFBundleIdentifier", "org.qvfilter.test.l10n"}},
-                                (dir / "Info.plist").string()));
-  std::ofstream(dir / "Resources/en.lproj/Localizable.strings") << "\"None\" = \"None\";\n\"Only\" = \"English only\";\n";
+  ASSERT_TRUE(
+      writePropertyList(Dictionary{{"CFBundleIdentifier", "org.qvfilter.test.l10n"}}, (dir / "Info.plist").string()));
+  std::ofstream(dir / "Resources/en.lproj/Localizable.strings")
+      << "\"None\" = \"None\";\n\"Only\" = \"English only\";\n";
   std::ofstream(dir / "Resources/de.lproj/Localizable.strings") << "\"None\" = \"Keine\";\n";
   const auto bundle = NSBundle::bundleWithPath(dir.string());
   ASSERT_NE(bundle, nullptr);

@@ -2,11 +2,11 @@
 // directions, the composite's "None" mask, the texture tile's unbound check box, and every
 // controller's precondition with its exact condition text, file and line.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <unistd.h>
 
 #include "AppKit/NSColor.h"
 #include "CoreImage/CIColor.h"
@@ -106,11 +106,16 @@ const std::string kCompositeCondition = "[[self representedObject] isKindOfClass
 // ---- Hand-out ----
 
 TEST_F(Views, TheTenFiltersHandOutTheirViewsAndOthersNone) {
-  const std::vector<CIFilterRef> filters = {made<QVFilterBlur>(),           made<QVFilterColorComposite>(),
-                                            made<QVFilterBlurComposite>(),  made<QVFilterNoiseComposite>(),
-                                            made<QVFilterTextureComposite>(), made<QVFilterTextureTile>(),
-                                            made<QVFilterGradientComposite>(), made<QVFilterTextureBorder>(),
-                                            made<QVFilterOffsetComposite>(), made<QVFilterScaleComposite>()};
+  const std::vector<CIFilterRef> filters = {made<QVFilterBlur>(),
+                                            made<QVFilterColorComposite>(),
+                                            made<QVFilterBlurComposite>(),
+                                            made<QVFilterNoiseComposite>(),
+                                            made<QVFilterTextureComposite>(),
+                                            made<QVFilterTextureTile>(),
+                                            made<QVFilterGradientComposite>(),
+                                            made<QVFilterTextureBorder>(),
+                                            made<QVFilterOffsetComposite>(),
+                                            made<QVFilterScaleComposite>()};
   for (const CIFilterRef& filter : filters) {
     const auto view = filter->provideViewForUIConfiguration({}, {});
     ASSERT_NE(view, nullptr) << typeid(*filter).name();
@@ -194,9 +199,9 @@ TEST_F(Views, AMissingOutletIsAClearError) {
   namespace fs = std::filesystem;
   const fs::path dir = fs::temp_directory_path() / ("qv-views-outlet-" + std::to_string(getpid()));
   fs::create_directories(dir / "Resources/Views");
-  writePropertyList(Dictionary{{"CFBundleIdentifier", "org.qvfilter.test.views.outlets"}}, (dir / "Info.plist").string());
-  std::ofstream(dir / "Resources/Views/BlurView.json")
-      << R"({"frame": [0, 0, 100, 40], "subviews": [
+  writePropertyList(Dictionary{{"CFBundleIdentifier", "org.qvfilter.test.views.outlets"}},
+                    (dir / "Info.plist").string());
+  std::ofstream(dir / "Resources/Views/BlurView.json") << R"({"frame": [0, 0, 100, 40], "subviews": [
              {"kind": "slider", "frame": [0, 0, 50, 20], "outlet": "blurFilterRadiusSlider", "minValue": 0, "maxValue": 1},
              {"kind": "popUpButton", "frame": [50, 0, 50, 20], "outlet": "blurFilterNamePopupButton"}]})";
   QVFilterBlurIKFilterUIViewController controller("BlurView", NSBundle::bundleWithPath(dir.string()));
@@ -247,7 +252,8 @@ TEST_F(Views, CompositeShowsNoneForAnUnsetMaskAndBindsItsControls) {
   EXPECT_EQ(filter->inputCompositeAlpha(), Value(0.25));
   EXPECT_EQ(controller->compositeFilterAlphaTextField()->stringValue(), "0.25");
   NSPopUpButton* operations = controller->compositeFilterNamePopupButton();
-  ASSERT_TRUE(operations->userSelectItemAtIndex(operations->menu()->indexOfItemWithRepresentedObject("CIMultiplyCompositing")));
+  ASSERT_TRUE(
+      operations->userSelectItemAtIndex(operations->menu()->indexOfItemWithRepresentedObject("CIMultiplyCompositing")));
   EXPECT_EQ(filter->inputCompositeFilterName(), Value("CIMultiplyCompositing"));
 
   // The noise view binds the alpha and operation controls a second time: one binding each.
@@ -420,8 +426,11 @@ TEST_F(Views, CompositeSubclassPreconditions) {
          return std::make_shared<QVFilterGradientCompositeIKFilterUIViewController>("GradientCompositeView", plugin());
        },
        "QVFilterGradientCompositeIKFilterUIViewController", "QVFilterGradientComposite", 27, made<QVFilterBorder>()},
-      {[] { return std::make_shared<QVFilterOffsetCompositeIKFilterUIViewController>("OffsetCompositeView", plugin()); },
-       "QVFilterOffsetCompositeIKFilterUIViewController", "QVFilterOffsetComposite", 25, made<QVFilterScaleComposite>()},
+      {[] {
+         return std::make_shared<QVFilterOffsetCompositeIKFilterUIViewController>("OffsetCompositeView", plugin());
+       },
+       "QVFilterOffsetCompositeIKFilterUIViewController", "QVFilterOffsetComposite", 25,
+       made<QVFilterScaleComposite>()},
       {[] { return std::make_shared<QVFilterScaleCompositeIKFilterUIViewController>("ScaleCompositeView", plugin()); },
        "QVFilterScaleCompositeIKFilterUIViewController", "QVFilterScaleComposite", 25, made<QVFilterOffsetComposite>()},
   };
@@ -491,4 +500,36 @@ TEST_F(Views, ColorWellTransformer) {
   const auto registered = NSValueTransformer::valueTransformerForName("QVFilterColorWellValueTransformer");
   ASSERT_NE(registered, nullptr);
   EXPECT_EQ(registered->transformedValueClass(), "CIColor");
+}
+
+// ---- The shipped views ----
+
+TEST_F(Views, SlidersFollowTheFiltersSliderAttributes) {
+  for (const char* name : {"QVFilterBlur", "QVFilterColorComposite", "QVFilterBlurComposite", "QVFilterNoiseComposite",
+                           "QVFilterTextureComposite", "QVFilterTextureTile", "QVFilterGradientComposite",
+                           "QVFilterTextureBorder", "QVFilterOffsetComposite", "QVFilterScaleComposite"}) {
+    SCOPED_TRACE(name);
+    const CIFilterRef filter = qvtest::makeFilter(name);
+    ASSERT_NE(filter, nullptr);
+    const auto view = filter->provideViewForUIConfiguration({}, {});
+    ASSERT_NE(view, nullptr);
+    const Dictionary attributes = filter->attributes();
+    int sliders = 0;
+    std::function<void(const NSViewRef&)> walk = [&](const NSViewRef& v) {
+      if (auto* slider = dynamic_cast<NSSlider*>(v.get())) {
+        const NSBindingInfo* info = slider->infoForBinding(NSValueBinding);
+        ASSERT_NE(info, nullptr) << slider->identifier();
+        const std::string key = info->observedKeyPath.substr(std::string("selection.").size());
+        const Value attrs = attributes.at(key);
+        EXPECT_EQ(slider->minValue(), attrs[kCIAttributeSliderMin].doubleValue()) << key;
+        EXPECT_EQ(slider->maxValue(), attrs[kCIAttributeSliderMax].doubleValue()) << key;
+        // The filter's default shows on the slider.
+        EXPECT_EQ(slider->doubleValue(), attrs[kCIAttributeDefault].doubleValue()) << key;
+        ++sliders;
+      }
+      for (const auto& sub : v->subviews()) walk(sub);
+    };
+    walk(view);
+    EXPECT_EQ(sliders > 0, std::string(name) != "QVFilterTextureBorder");  // the border has none
+  }
 }

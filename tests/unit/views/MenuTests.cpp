@@ -1,11 +1,11 @@
 // The menus of the parameter views: platform filter names of a category, and catalogue
 // textures grouped by tag, with their localised "None" and "(Random)" items.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <unistd.h>
 
 #include "FilterTestSupport.h"
 #include "Foundation/NSBundle.h"
@@ -74,7 +74,8 @@ struct Item {
 
 std::ostream& operator<<(std::ostream& os, const Item& i) {
   return os << "{\"" << i.title << "\" tag " << i.tag << " -> " << i.represented.description()
-            << (i.enabled ? "" : " disabled") << " indent " << i.indentation << (i.separator ? " separator" : "") << "}";
+            << (i.enabled ? "" : " disabled") << " indent " << i.indentation << (i.separator ? " separator" : "")
+            << "}";
 }
 
 std::vector<Item> itemsOf(const NSMenu& menu) {
@@ -89,8 +90,12 @@ const Item kNone{"None", 1, Value(), true, 0, false};
 const Item kSeparator{"", 0, Value(), true, 0, true};
 
 Item heading(const std::string& tag) { return {tag, 0, Value(), false, 0, false}; }
-Item random(const std::string& tag) { return {tag + " (Random)", 0, Value(_QVFilterTextureStore::textureKeyForTag(tag)), true, 1, false}; }
-Item textureItem(const std::string& title, const std::string& key) { return {title, 0, Value(id(key)), true, 1, false}; }
+Item random(const std::string& tag) {
+  return {tag + " (Random)", 0, Value(_QVFilterTextureStore::textureKeyForTag(tag)), true, 1, false};
+}
+Item textureItem(const std::string& title, const std::string& key) {
+  return {title, 0, Value(id(key)), true, 1, false};
+}
 
 // Sets the locale variables for one scope.
 class Locale {
