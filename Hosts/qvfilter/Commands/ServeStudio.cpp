@@ -108,6 +108,14 @@ std::string randomHex(std::size_t bytes) {
   return out;
 }
 
+// Views, bindings and the filters they edit belong to one thread at a time, as a host's user
+// interface runs on one thread: every session's model work takes this lock; rendering, the
+// slow part, runs outside it.
+std::mutex& viewMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 const CIContext& previewContext() {
   static const CIContext context;
   return context;
@@ -141,12 +149,12 @@ Session::~Session() {
 }
 
 std::chrono::steady_clock::time_point Session::lastUsed() const {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   return lastUsed_;
 }
 
 void Session::touch() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   lastUsed_ = std::chrono::steady_clock::now();
 }
 
@@ -180,7 +188,7 @@ json Session::openSourceLocked(const fs::path& path, const std::string& name) {
 
 json Session::openUpload(const std::string& name, const std::string& bytes) {
   const std::string type = checkImageBytes(bytes);
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   std::string fileName = safeFileName(name);
   if (fs::path(fileName).extension().empty()) fileName += extensionForType(type);
   const fs::path path = uniqueFileLocked(fileName);
@@ -189,7 +197,7 @@ json Session::openUpload(const std::string& name, const std::string& bytes) {
 }
 
 json Session::openSample() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   const fs::path path = dir_ / "sample.jpg";
   std::error_code ec;
   if (!fs::exists(path, ec)) {
@@ -203,7 +211,7 @@ json Session::openSample() {
 }
 
 json Session::openFile(const std::string& path) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   return openSourceLocked(fs::absolute(path), fs::path(path).filename().string());
 }
 
@@ -224,7 +232,7 @@ json Session::stateLocked() const {
 }
 
 json Session::state() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   return stateLocked();
 }
 
@@ -293,7 +301,7 @@ json Session::stepResponseLocked(int stepId) {
 }
 
 json Session::addStep(const std::string& filterName) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   if (chain_.size() >= kMaxSteps) throw StudioError{409, "the chain has the most steps it may have"};
   auto step = newStepLocked(filterName);
   pushUndoLocked();
@@ -303,7 +311,7 @@ json Session::addStep(const std::string& filterName) {
 }
 
 json Session::removeStep(int stepId) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   stepLocked(stepId);
   pushUndoLocked();
   std::erase_if(chain_, [&](const auto& s) { return s->id == stepId; });
@@ -312,7 +320,7 @@ json Session::removeStep(int stepId) {
 }
 
 json Session::moveStep(int stepId, std::size_t position) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   stepLocked(stepId);
   if (position >= chain_.size()) throw StudioError{400, "position " + std::to_string(position) + " is past the chain's end"};
   pushUndoLocked();
@@ -325,7 +333,7 @@ json Session::moveStep(int stepId, std::size_t position) {
 }
 
 json Session::setStepEnabled(int stepId, bool enabled) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   Step& step = stepLocked(stepId);
   pushUndoLocked();
   step.enabled = enabled;
@@ -334,12 +342,12 @@ json Session::setStepEnabled(int stepId, bool enabled) {
 }
 
 json Session::view(int stepId) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   return stepResponseLocked(stepId);
 }
 
 json Session::edit(int stepId, const json& request) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   Step& step = stepLocked(stepId);
   std::int64_t gesture = -1;
   if (request.contains("gesture")) {
@@ -413,7 +421,7 @@ json Session::edit(int stepId, const json& request) {
 json Session::setImageInput(int stepId, const std::vector<std::size_t>& controlPathIndices, const std::string& name,
                             const std::string& bytes) {
   const std::string type = checkImageBytes(bytes);
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   Step& step = stepLocked(stepId);
   NSView* control = viewAtPath(step.view, controlPathIndices);
   if (!control || !dynamic_cast<NSImageView*>(control)) throw StudioError{404, "no image well at that place in the view"};
@@ -439,7 +447,7 @@ json Session::setImageInput(int stepId, const std::vector<std::size_t>& controlP
 }
 
 json Session::undo() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   if (undo_.empty()) throw StudioError{409, "nothing to undo"};
   redo_.push_back(snapshotLocked());
   restoreLocked(undo_.back());
@@ -449,7 +457,7 @@ json Session::undo() {
 }
 
 json Session::redo() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   if (redo_.empty()) throw StudioError{409, "nothing to redo"};
   undo_.push_back(snapshotLocked());
   restoreLocked(redo_.back());
@@ -503,7 +511,7 @@ json Session::recipeLocked(const std::string& outputFile, double quality, bool a
 }
 
 json Session::recipe(const std::string& outputFile, double quality) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   return recipeLocked(outputFile, quality, false);
 }
 
@@ -517,7 +525,7 @@ json Session::importRecipe(const std::string& text) {
   if (doc.contains("chain") && !doc["chain"].is_array()) throw StudioError{400, "recipe \"chain\" must be an array of steps"};
   const json chain = doc.value("chain", json::array());
   if (chain.size() > kMaxSteps) throw StudioError{400, "the recipe has more steps than the studio takes"};
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   std::vector<std::shared_ptr<Step>> steps;
   json warnings = json::array();
   for (std::size_t i = 0; i < chain.size(); ++i) {
@@ -573,7 +581,7 @@ Preview Session::preview(int maxSide, bool before) {
   CIImage image;
   CGRect baseExtent;
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(viewMutex());
     if (!source_) throw StudioError{409, "open a picture first"};
     if (baseSide_ != maxSide || !base_) {
       CGImageRef thumb = CGImageSourceCreateThumbnailAtIndex(
@@ -653,7 +661,7 @@ json Session::startExport(const std::string& format, double quality) {
   else if (format == "webp") ext = ".webp";
   else throw StudioError{400, "unknown format \"" + format + "\" (jpeg, png or webp)"};
   if (!std::isfinite(quality) || quality < 0 || quality > 1) throw StudioError{400, "\"quality\" must lie in 0...1"};
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   auto job = std::make_shared<ExportJob>();
   job->id = nextExport_++;
   job->fileName = "export-" + std::to_string(job->id) + ext;
@@ -690,7 +698,7 @@ json Session::startExport(const std::string& format, double quality) {
 }
 
 json Session::exportStatus(std::uint64_t id) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   auto it = exports_.find(id);
   if (it == exports_.end()) throw StudioError{404, "no export " + std::to_string(id)};
   const auto& job = it->second;
@@ -701,7 +709,7 @@ json Session::exportStatus(std::uint64_t id) {
 }
 
 std::shared_ptr<ExportJob> Session::finishedExport(std::uint64_t id) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(viewMutex());
   auto it = exports_.find(id);
   if (it == exports_.end()) throw StudioError{404, "no export " + std::to_string(id)};
   if (!it->second->done) throw StudioError{409, "the export is not finished"};

@@ -133,7 +133,6 @@ class Session {
 
   const std::string id_;
   const std::filesystem::path dir_;
-  mutable std::mutex mutex_;
   std::chrono::steady_clock::time_point lastUsed_;
 
   // The picture.
