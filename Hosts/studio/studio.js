@@ -694,7 +694,8 @@ function wire() {
     resizeTimer = setTimeout(() => { studio.beforeURL = null; if (studio.compare !== 'after') setCompare(studio.compare); requestPreview(); }, 250);
   });
   window.addEventListener('pagehide', () => {
-    if (studio.session) navigator.sendBeacon && fetch(sessionPath(), { method: 'DELETE', keepalive: true }).catch(() => {});
+    // The server forgets this tab's session and its working files now rather than when idle.
+    if (studio.session) fetch(sessionPath(), { method: 'DELETE', keepalive: true }).catch(() => {});
   });
 }
 
