@@ -368,7 +368,22 @@ void editBoundControl(const FilterView& filterView, const std::string& key, cons
   std::stable_sort(bound.begin(), bound.end(), [](NSView* a, NSView* b) { return editPriority(a) < editPriority(b); });
   if (bound.empty() || editPriority(bound.front()) < 0)
     throw ValueError(key + ": no control of the " + filterView.filter->name() + " view edits this input");
-  NSView* view = bound.front();
+  editControl(*bound.front(), key, text);
+}
+
+NSView* viewAtPath(const FilterView& filterView, const std::vector<std::size_t>& path) {
+  NSView* view = filterView.view.get();
+  for (std::size_t index : path) {
+    if (!view || index >= view->subviews().size()) return nullptr;
+    view = view->subviews()[index].get();
+  }
+  return view;
+}
+
+void editControl(NSView& control, const std::string& key, const std::string& text) {
+  NSView* view = &control;
+  if (auto* field = dynamic_cast<NSTextField*>(view); field && !field->isEditable())
+    throw ValueError(key + ": the text field is read-only");
 
   if (auto* field = dynamic_cast<NSTextField*>(view)) {
     const NSBindingInfo* info = field->infoForBinding(NSValueBinding);

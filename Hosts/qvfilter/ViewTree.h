@@ -33,6 +33,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "AppKit/IKFilterUIView.h"
 #include "CoreImage/CIFilter.h"
@@ -65,5 +66,13 @@ std::string filterViewText(const FilterView& filterView);
 // then writes the filter's input. Throws ValueError (with a message naming the key) when no
 // editable control is bound to the key or the text does not suit it.
 void editBoundControl(const FilterView& filterView, const std::string& key, const std::string& text);
+
+// The view at `path` (indices into subviews, from the filter view itself); nullptr when the
+// path leads nowhere.
+NSView* viewAtPath(const FilterView& filterView, const std::vector<std::size_t>& path);
+
+// Edits one control as editBoundControl does, whatever it is bound to; `key` names the input
+// in messages.
+void editControl(NSView& control, const std::string& key, const std::string& text);
 
 }  // namespace qv

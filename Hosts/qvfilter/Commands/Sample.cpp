@@ -16,6 +16,7 @@
 #include "ImageFiles.h"
 #include "ImageIO/ImageIO.h"
 #include "ImageInfo.h"
+#include "SampleImage.h"
 
 namespace {
 
@@ -134,22 +135,7 @@ void runSample(const SampleOptions& o) {
   const std::string type = qv::outputTypeForPath(o.output);
   const std::size_t width = qv::parseSizeArgument("--width", o.width, 1, 65500);
   const std::size_t height = qv::parseSizeArgument("--height", o.height, 1, 65500);
-  if (width * height > CGImageSourceGetMaximumPixelCount())
-    throw qv::CommandError{"sample of " + std::to_string(width) + "x" + std::to_string(height) +
-                           " pixels is over the pixel limit of " + std::to_string(CGImageSourceGetMaximumPixelCount())};
-  CGImageDestinationRef dest = CGImageDestinationCreateWithURL(o.output, type);
-  if (!dest || !CGImageDestinationBeginImage(dest, width, height, 8, false, {}))
-    throw qv::CommandError{dest ? CGImageDestinationGetLastError(dest) : "cannot write " + o.output};
-  const Landscape landscape(width, height);
-  constexpr std::size_t kStrip = 64;
-  std::vector<std::uint8_t> strip(width * 4 * kStrip);
-  for (std::size_t first = 0; first < height; first += kStrip) {
-    const std::size_t count = std::min(kStrip, height - first);
-    tbb::parallel_for(std::size_t{0}, count, [&](std::size_t i) { landscape.drawRow(first + i, strip.data() + i * width * 4); });
-    if (!CGImageDestinationWriteRows(dest, strip.data(), width * 4, count))
-      throw qv::CommandError{CGImageDestinationGetLastError(dest)};
-  }
-  if (!CGImageDestinationFinalize(dest)) throw qv::CommandError{CGImageDestinationGetLastError(dest)};
+  qv::writeSampleImage(o.output, type, width, height);
   std::printf("%s (%zux%zu %s)\n", o.output.c_str(), width, height, qv::imageFormatName(type).c_str());
 }
 
@@ -164,3 +150,26 @@ const qv::CommandRegistration registration(55, [](CLI::App& app) {
 });
 
 }  // namespace
+
+namespace qv {
+
+void writeSampleImage(const std::string& path, const std::string& type, std::size_t width, std::size_t height) {
+  if (width * height > CGImageSourceGetMaximumPixelCount())
+    throw CommandError{"sample of " + std::to_string(width) + "x" + std::to_string(height) +
+                       " pixels is over the pixel limit of " + std::to_string(CGImageSourceGetMaximumPixelCount())};
+  CGImageDestinationRef dest = CGImageDestinationCreateWithURL(path, type);
+  if (!dest || !CGImageDestinationBeginImage(dest, width, height, 8, false, {}))
+    throw CommandError{dest ? CGImageDestinationGetLastError(dest) : "cannot write " + path};
+  const Landscape landscape(width, height);
+  constexpr std::size_t kStrip = 64;
+  std::vector<std::uint8_t> strip(width * 4 * kStrip);
+  for (std::size_t first = 0; first < height; first += kStrip) {
+    const std::size_t count = std::min(kStrip, height - first);
+    tbb::parallel_for(std::size_t{0}, count, [&](std::size_t i) { landscape.drawRow(first + i, strip.data() + i * width * 4); });
+    if (!CGImageDestinationWriteRows(dest, strip.data(), width * 4, count))
+      throw CommandError{CGImageDestinationGetLastError(dest)};
+  }
+  if (!CGImageDestinationFinalize(dest)) throw CommandError{CGImageDestinationGetLastError(dest)};
+}
+
+}  // namespace qv

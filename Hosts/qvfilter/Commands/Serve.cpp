@@ -1,0 +1,532 @@
+// `qvfilter serve [--port 8080] [--host 127.0.0.1] [--open] [IMAGE]`: the studio, a web page
+// served by this binary (its files are compiled in) with a JSON API over the studio's
+// sessions (ServeStudio.h). Every answer to a bad request is an HTTP 4xx with
+// {"error": "one line"}.
+//
+//   GET    /                                     the page (and its other embedded files)
+//   GET    /api/filters                          [{name, displayName, categories}]
+//   GET    /api/textures                         [{identifier, displayName, tags: [{tag, key}]}]
+//   GET    /api/textures/thumbnail?id=ID&size=N  a texture's thumbnail (ID: a texture identifier)
+//   POST   /api/sessions                         a new session's state
+//   DELETE /api/sessions/S
+//   GET    /api/sessions/S                       {session, image, steps, canUndo, canRedo, revision}
+//   POST   /api/sessions/S/image?name=N          open the picture in the body (JPEG, PNG, WebP)
+//   POST   /api/sessions/S/sample                open the generated sample
+//   GET    /api/sessions/S/preview?size=N[&before=1]   JPEG (PNG with transparency); 204 superseded
+//   POST   /api/sessions/S/steps                 {"filter": NAME} appends a step
+//   GET    /api/sessions/S/steps/T               state + {"step", "view"} (the view tree)
+//   DELETE /api/sessions/S/steps/T
+//   POST   /api/sessions/S/steps/T/move          {"position": N}
+//   POST   /api/sessions/S/steps/T/enabled       {"enabled": bool}
+//   POST   /api/sessions/S/steps/T/edit          {"control": [..], "value": text | "index": N, "gesture": G}
+//   POST   /api/sessions/S/steps/T/image?control=0.1.2&name=N   an image for an image well
+//   POST   /api/sessions/S/undo, /redo
+//   GET    /api/sessions/S/recipe?format=png&quality=0.9        the chain as a recipe
+//   POST   /api/sessions/S/recipe                import a recipe (the body)
+//   POST   /api/sessions/S/exports               {"format": "jpeg"|"png"|"webp", "quality": 0..1}
+//   GET    /api/sessions/S/exports/J             {job, progress, done, error?, name?}
+//   GET    /api/sessions/S/exports/J/file        the finished file, as a download
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <pthread.h>
+#include <spawn.h>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include "Command.h"
+#include "EmbeddedFiles.h"
+#include "ImageIO/ImageIO.h"
+#include "PlugIns.h"
+#include "Recipe.h"
+#include "ServeStudio.h"
+#include "TextureCatalogue.h"
+#include "Foundation/NSBundle.h"
+#include "Foundation/NSURL.h"
+#include "Foundation/PropertyList.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::json;
+using qv::studio::StudioError;
+
+struct ServeOptions {
+  int port = 8080;
+  std::string host = "127.0.0.1";
+  bool open = false;
+  std::string image;
+};
+
+constexpr std::size_t kMaxJSONBody = 16u << 20;
+constexpr const char* kPlugInBundleIdentifier = "org.qvfilter.filters.imageunits";
+
+void sendJSON(httplib::Response& res, const json& body, int status = 200) {
+  res.status = status;
+  res.set_header("Cache-Control", "no-store");
+  res.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
+}
+
+void sendError(httplib::Response& res, int status, const std::string& message) {
+  sendJSON(res, {{"error", message}}, status);
+}
+
+// Nesting deeper than this is refused before parsing.
+void checkNesting(const std::string& text) {
+  int depth = 0;
+  bool inString = false, escaped = false;
+  for (char c : text) {
+    if (inString) {
+      if (escaped) escaped = false;
+      else if (c == '\\') escaped = true;
+      else if (c == '"') inString = false;
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > 64) throw StudioError{400, "the JSON body is nested too deeply"};
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+}
+
+json bodyJSON(const httplib::Request& req) {
+  if (req.body.size() > kMaxJSONBody) throw StudioError{413, "the JSON body is too large"};
+  checkNesting(req.body);
+  json body = json::parse(req.body, nullptr, false);
+  if (body.is_discarded()) throw StudioError{400, "the body is not valid JSON"};
+  if (!body.is_object()) throw StudioError{400, "the body must be a JSON object"};
+  return body;
+}
+
+// A whole number from a path or query, within [0, maximum].
+std::int64_t wholeNumber(const std::string& text, std::int64_t maximum, const std::string& what) {
+  if (text.empty() || text.size() > 12 || text.find_first_not_of("0123456789") != std::string::npos)
+    throw StudioError{400, what + " must be a whole number"};
+  const std::int64_t v = std::stoll(text);
+  if (v > maximum) throw StudioError{400, what + " is too large"};
+  return v;
+}
+
+double queryNumber(const httplib::Request& req, const std::string& name, double fallback) {
+  if (!req.has_param(name.c_str())) return fallback;
+  const std::string text = req.get_param_value(name.c_str());
+  char* end = nullptr;
+  const double v = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end || !std::isfinite(v)) throw StudioError{400, name + " must be a number"};
+  return v;
+}
+
+std::string contentTypeFor(const std::string& path) {
+  const std::string ext = fs::path(path).extension().string();
+  if (ext == ".html") return "text/html; charset=utf-8";
+  if (ext == ".css") return "text/css; charset=utf-8";
+  if (ext == ".js") return "text/javascript; charset=utf-8";
+  if (ext == ".svg") return "image/svg+xml";
+  if (ext == ".png") return "image/png";
+  return "application/octet-stream";
+}
+
+// The texture catalogue for the page, as the plug-in's store gives it; thumbnails made on
+// demand from the catalogue's own files and kept.
+class Textures {
+ public:
+  json list() {
+    std::lock_guard lock(mutex_);
+    load();
+    return list_;
+  }
+
+  // Encoded thumbnail and its content type; the id is a texture identifier of the catalogue,
+  // never a path.
+  std::pair<std::string, std::string> thumbnail(const std::string& id, int size, const fs::path& scratch) {
+    std::lock_guard lock(mutex_);
+    load();
+    const auto file = files_.find(id);
+    if (file == files_.end()) throw StudioError{404, "no texture \"" + id + "\" in the catalogue"};
+    const std::string cacheKey = id + "@" + std::to_string(size);
+    if (auto it = thumbnails_.find(cacheKey); it != thumbnails_.end()) return it->second;
+    auto source = file->second.empty() ? nullptr : CGImageSourceCreateWithURL(file->second);
+    CGImageRef thumb;
+    if (source)
+      thumb = CGImageSourceCreateThumbnailAtIndex(
+          source, 0,
+          Dictionary{{kCGImageSourceThumbnailMaxPixelSize, size},
+                     {kCGImageSourceCreateThumbnailFromImageAlways, Value::boolean(true)},
+                     {kCGImageSourceCreateThumbnailWithTransform, Value::boolean(true)}});
+    thumb = CGImageCreateWithBitsPerComponent(thumb, 8);
+    if (!thumb) throw StudioError{404, "the texture \"" + id + "\" cannot be read"};
+    const bool alpha = thumb->hasAlpha;
+    const fs::path path = scratch / (alpha ? "thumbnail.png" : "thumbnail.jpg");
+    auto dest = CGImageDestinationCreateWithURL(path.string(), alpha ? kUTTypePNG : kUTTypeJPEG);
+    if (!dest || !CGImageDestinationAddImage(dest, thumb, Dictionary{{kCGImageDestinationLossyCompressionQuality, 0.85}}) ||
+        !CGImageDestinationFinalize(dest))
+      throw StudioError{500, "cannot encode the thumbnail"};
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::error_code ec;
+    fs::remove(path, ec);
+    auto& entry = thumbnails_[cacheKey];
+    entry = {bytes, alpha ? "image/png" : "image/jpeg"};
+    return entry;
+  }
+
+ private:
+  void load() {
+    if (loaded_) return;
+    loaded_ = true;
+    list_ = json::array();
+    const qv::TextureCatalogue& catalogue = qv::loadedTextureCatalogue();
+    // The files behind the identifiers: the index's file names, inside the bundle's Textures
+    // folder only (the bundle refuses names that leave it).
+    auto bundle = NSBundle::bundleWithIdentifier(kPlugInBundleIdentifier);
+    const Value index = bundle ? propertyListFromFile(bundle->pathForResource("TextureIndex", "plist")) : Value();
+    for (const qv::CatalogueTexture& texture : catalogue.textures) {
+      const auto url = NSURL::URLWithString(texture.identifier);
+      const std::string key = url ? url->lastPathComponent() : std::string();
+      const Value fileName = index["textures"][key]["fileName"];
+      std::string path;
+      if (bundle && fileName.string()) path = bundle->pathForResource(*fileName.string(), "", "Textures");
+      files_[texture.identifier] = path;
+      json tags = json::array();
+      for (const std::string& tag : texture.tags) {
+        const auto it = std::find_if(catalogue.tags.begin(), catalogue.tags.end(),
+                                     [&](const qv::CatalogueTag& t) { return t.tag == tag; });
+        tags.push_back({{"tag", tag}, {"key", it == catalogue.tags.end() ? std::string() : it->key}});
+      }
+      list_.push_back({{"identifier", texture.identifier},
+                       {"displayName", texture.displayName.empty() ? key : texture.displayName},
+                       {"tags", tags}});
+    }
+  }
+
+  std::mutex mutex_;
+  bool loaded_ = false;
+  json list_;
+  std::map<std::string, std::string> files_;  // identifier -> file
+  std::map<std::string, std::pair<std::string, std::string>> thumbnails_;
+};
+
+// Runs a handler, turning the studio's refusals and any other failure into JSON answers.
+template <typename F>
+httplib::Server::Handler guarded(F f) {
+  return [f](const httplib::Request& req, httplib::Response& res) {
+    try {
+      f(req, res);
+    } catch (const StudioError& e) {
+      sendError(res, e.status, e.message);
+    } catch (const std::exception& e) {
+      sendError(res, 500, e.what());
+    }
+  };
+}
+
+bool isLoopback(const std::string& host) {
+  return host == "127.0.0.1" || host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+void openBrowser(const std::string& url) {
+  pid_t pid = 0;
+  const char* argv[] = {"xdg-open", url.c_str(), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  if (posix_spawnp(&pid, "xdg-open", &actions, nullptr, const_cast<char**>(argv), environ) != 0) {
+    std::fprintf(stderr, "qvfilter: cannot start a browser (xdg-open); open %s yourself\n", url.c_str());
+  } else {
+    std::thread([pid] { waitpid(pid, nullptr, 0); }).detach();
+  }
+  posix_spawn_file_actions_destroy(&actions);
+}
+
+void runServe(const ServeOptions& options) {
+  if (options.port < 0 || options.port > 65535) throw qv::CommandError{"--port must lie in 0...65535"};
+  if (!options.image.empty()) {
+    std::error_code ec;
+    if (!fs::is_regular_file(options.image, ec)) throw qv::CommandError{"cannot read " + options.image + ": no such file"};
+    if (!CGImageSourceCreateWithURL(options.image))
+      throw qv::CommandError{"cannot open " + options.image + ": " + CGImageSourceGetCreateError()};
+  }
+  qvLoadPlugIns();
+  qv::prepareFilterRegistry();
+
+  // Ctrl-C and SIGTERM are taken by one thread that stops the server; every other thread
+  // (the server's pool, the renderer's) runs with them blocked.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  char scratchTemplate[] = "/tmp/qvfilter-studio-XXXXXX";
+  const char* scratch = mkdtemp(scratchTemplate);
+  if (!scratch) throw qv::CommandError{"cannot make a working folder in /tmp"};
+  const fs::path root(scratch);
+  auto sessions = std::make_shared<qv::studio::SessionTable>(root / "sessions");
+  auto textures = std::make_shared<Textures>();
+  const json filters = qv::studio::filterListJSON();
+
+  httplib::Server server;
+  server.new_task_queue = [] { return new httplib::ThreadPool(8); };
+  server.set_payload_max_length(qv::studio::kMaxUploadBytes + (1u << 20));
+  server.set_read_timeout(30, 0);
+  server.set_write_timeout(60, 0);
+  server.set_keep_alive_max_count(1000);
+  const bool loopbackOnly = isLoopback(options.host);
+  server.set_pre_routing_handler([loopbackOnly](const httplib::Request& req, httplib::Response& res) {
+    // A page from elsewhere must not reach a loopback server through a name of its own.
+    if (loopbackOnly) {
+      std::string host = req.get_header_value("Host");
+      if (auto colon = host.rfind(':'); colon != std::string::npos && host.find(']') == std::string::npos) host.resize(colon);
+      if (host.starts_with("[")) host = host.substr(1, host.find(']') - 1);
+      if (!host.empty() && !isLoopback(host)) {
+        sendError(res, 403, "this studio answers only on the loopback address");
+        return httplib::Server::HandlerResponse::Handled;
+      }
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
+  server.set_error_handler([](const httplib::Request&, httplib::Response& res) {
+    if (!res.body.empty()) return;
+    sendError(res, res.status,
+              res.status == 404   ? "no such resource"
+              : res.status == 413 ? "the request body is too large"
+              : res.status == 414 ? "the address is too long"
+                                  : "bad request");
+  });
+  server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr ep) {
+    try {
+      std::rethrow_exception(ep);
+    } catch (const std::exception& e) {
+      sendError(res, 500, e.what());
+    } catch (...) {
+      sendError(res, 500, "internal error");
+    }
+  });
+
+  // The page.
+  for (std::size_t i = 0; i < qv::studio::kEmbeddedFileCount; ++i) {
+    const qv::EmbeddedFile& file = qv::studio::kEmbeddedFiles[i];
+    const std::string path = file.path;
+    auto serveFile = [&file, path](const httplib::Request&, httplib::Response& res) {
+      res.set_header("Cache-Control", "no-cache");
+      res.set_content(reinterpret_cast<const char*>(file.bytes), file.size, contentTypeFor(path).c_str());
+    };
+    std::string pattern;
+    for (char c : path) {
+      if (std::isalnum(static_cast<unsigned char>(c)) || c == '/' || c == '-' || c == '_') pattern += c;
+      else pattern += std::string("\\") + c;
+    }
+    server.Get(pattern, serveFile);
+    if (path == "/index.html") server.Get("/", serveFile);
+  }
+
+  server.Get("/api/filters", guarded([filters](const httplib::Request&, httplib::Response& res) { sendJSON(res, filters); }));
+  server.Get("/api/textures",
+             guarded([textures](const httplib::Request&, httplib::Response& res) { sendJSON(res, textures->list()); }));
+  server.Get("/api/textures/thumbnail", guarded([textures, root](const httplib::Request& req, httplib::Response& res) {
+               if (!req.has_param("id")) throw StudioError{400, "a thumbnail needs an \"id\""};
+               const int size = static_cast<int>(std::clamp(queryNumber(req, "size", 96), 16.0, 512.0));
+               auto [bytes, type] = textures->thumbnail(req.get_param_value("id"), size, root);
+               res.set_header("Cache-Control", "max-age=3600");
+               res.set_content(bytes, type.c_str());
+             }));
+
+  const std::string initialImage = options.image;
+  server.Post("/api/sessions", guarded([sessions, initialImage](const httplib::Request&, httplib::Response& res) {
+                auto session = sessions->create();
+                json state = session->state();
+                if (!initialImage.empty()) {
+                  try {
+                    state = session->openFile(initialImage);
+                  } catch (const StudioError&) {
+                  }
+                }
+                sendJSON(res, state, 201);
+              }));
+
+  const std::string S = "/api/sessions/([0-9a-f]{1,64})";
+  const std::string T = S + "/steps/([0-9]{1,12})";
+  auto stepOf = [](const httplib::Request& req) {
+    return static_cast<int>(wholeNumber(req.matches[2], 1 << 30, "the step"));
+  };
+
+  server.Get(S, guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+               sendJSON(res, sessions->find(req.matches[1])->state());
+             }));
+  server.Delete(S, guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                  if (!sessions->remove(req.matches[1])) throw StudioError{404, "no such session"};
+                  sendJSON(res, {{"deleted", true}});
+                }));
+  server.Post(S + "/image", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                auto session = sessions->find(req.matches[1]);
+                const std::string name = req.has_param("name") ? req.get_param_value("name") : "image";
+                sendJSON(res, session->openUpload(name, req.body));
+              }));
+  server.Post(S + "/sample", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                sendJSON(res, sessions->find(req.matches[1])->openSample());
+              }));
+  server.Get(S + "/preview", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+               auto session = sessions->find(req.matches[1]);
+               const int size = static_cast<int>(std::clamp(queryNumber(req, "size", 1024), 1.0, 100000.0));
+               const bool before = req.has_param("before") && req.get_param_value("before") == "1";
+               const qv::studio::Preview p = session->preview(size, before);
+               res.set_header("Cache-Control", "no-store");
+               if (p.superseded) {
+                 res.status = 204;
+                 return;
+               }
+               res.set_header("X-Preview-Scale", std::to_string(p.scale));
+               res.set_header("X-Preview-Size", std::to_string(p.width) + "x" + std::to_string(p.height));
+               res.set_content(p.bytes, p.contentType.c_str());
+             }));
+  server.Post(S + "/steps", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                auto session = sessions->find(req.matches[1]);
+                const json body = bodyJSON(req);
+                if (!body.contains("filter") || !body["filter"].is_string())
+                  throw StudioError{400, "a step needs a \"filter\" name string"};
+                sendJSON(res, session->addStep(body["filter"].get<std::string>()), 201);
+              }));
+  server.Get(T, guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
+               sendJSON(res, sessions->find(req.matches[1])->view(stepOf(req)));
+             }));
+  server.Delete(T, guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
+                  sendJSON(res, sessions->find(req.matches[1])->removeStep(stepOf(req)));
+                }));
+  server.Post(T + "/move", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
+                auto session = sessions->find(req.matches[1]);
+                const json body = bodyJSON(req);
+                if (!body.contains("position") || !body["position"].is_number_unsigned())
+                  throw StudioError{400, "\"position\" must be a whole number"};
+                sendJSON(res, session->moveStep(stepOf(req), body["position"].get<std::size_t>()));
+              }));
+  server.Post(T + "/enabled", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
+                auto session = sessions->find(req.matches[1]);
+                const json body = bodyJSON(req);
+                if (!body.contains("enabled") || !body["enabled"].is_boolean())
+                  throw StudioError{400, "\"enabled\" must be true or false"};
+                sendJSON(res, session->setStepEnabled(stepOf(req), body["enabled"].get<bool>()));
+              }));
+  server.Post(T + "/edit", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
+                auto session = sessions->find(req.matches[1]);
+                sendJSON(res, session->edit(stepOf(req), bodyJSON(req)));
+              }));
+  server.Post(T + "/image", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
+                auto session = sessions->find(req.matches[1]);
+                std::vector<std::size_t> control;
+                const std::string text = req.has_param("control") ? req.get_param_value("control") : "";
+                std::size_t start = 0;
+                while (start <= text.size() && !text.empty()) {
+                  const std::size_t dot = std::min(text.find('.', start), text.size());
+                  control.push_back(static_cast<std::size_t>(wholeNumber(text.substr(start, dot - start), 100000, "control")));
+                  if (control.size() > 32) throw StudioError{400, "control is too deep"};
+                  start = dot + 1;
+                }
+                const std::string name = req.has_param("name") ? req.get_param_value("name") : "image";
+                sendJSON(res, session->setImageInput(stepOf(req), control, name, req.body));
+              }));
+  server.Post(S + "/undo", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                sendJSON(res, sessions->find(req.matches[1])->undo());
+              }));
+  server.Post(S + "/redo", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                sendJSON(res, sessions->find(req.matches[1])->redo());
+              }));
+  server.Get(S + "/recipe", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+               auto session = sessions->find(req.matches[1]);
+               std::string format = req.has_param("format") ? req.get_param_value("format") : "png";
+               if (format != "png" && format != "jpg" && format != "jpeg" && format != "webp")
+                 throw StudioError{400, "unknown format \"" + format + "\" (jpeg, png or webp)"};
+               if (format == "jpeg") format = "jpg";
+               const double quality = queryNumber(req, "quality", 0.9);
+               if (quality < 0 || quality > 1) throw StudioError{400, "quality must lie in 0...1"};
+               res.set_header("Content-Disposition", "attachment; filename=\"recipe.json\"");
+               sendJSON(res, session->recipe("result." + format, quality));
+             }));
+  server.Post(S + "/recipe", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                sendJSON(res, sessions->find(req.matches[1])->importRecipe(req.body));
+              }));
+  server.Post(S + "/exports", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+                auto session = sessions->find(req.matches[1]);
+                const json body = bodyJSON(req);
+                const std::string format = body.value("format", json("png")).is_string() ? body.value("format", "png") : "";
+                const json quality = body.value("quality", json(0.9));
+                if (!quality.is_number()) throw StudioError{400, "\"quality\" must be a number"};
+                sendJSON(res, session->startExport(format, quality.get<double>()), 202);
+              }));
+  server.Get(S + "/exports/([0-9]{1,12})", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+               auto session = sessions->find(req.matches[1]);
+               sendJSON(res, session->exportStatus(static_cast<std::uint64_t>(wholeNumber(req.matches[2], 1ll << 40, "the export"))));
+             }));
+  server.Get(S + "/exports/([0-9]{1,12})/file", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
+               auto session = sessions->find(req.matches[1]);
+               auto job = session->finishedExport(static_cast<std::uint64_t>(wholeNumber(req.matches[2], 1ll << 40, "the export")));
+               std::ifstream in(job->path, std::ios::binary);
+               if (!in) throw StudioError{410, "the exported file is gone"};
+               std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+               res.set_header("Content-Disposition", "attachment; filename=\"" + job->downloadName + "\"");
+               res.set_header("Cache-Control", "no-store");
+               res.set_content(std::move(bytes), job->type.c_str());
+             }));
+
+  int port = options.port;
+  if (port == 0) {
+    port = server.bind_to_any_port(options.host.c_str());
+  } else if (!server.bind_to_port(options.host.c_str(), port)) {
+    port = -1;
+  }
+  if (port < 0) {
+    std::error_code ec;
+    fs::remove_all(root, ec);
+    throw qv::CommandError{"cannot listen on " + options.host + ":" + std::to_string(options.port) +
+                           " (is the port in use?)"};
+  }
+  const std::string hostForURL = options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host;
+  const std::string url = "http://" + hostForURL + ":" + std::to_string(port) + "/";
+  std::printf("qvfilter studio: %s (Ctrl-C stops it)\n", url.c_str());
+  std::fflush(stdout);
+  if (options.open) openBrowser(url);
+
+  std::atomic<bool> signalled{false};
+  std::thread stopper([&server, &signalled, signals] {
+    int sig = 0;
+    sigwait(&signals, &sig);
+    signalled = true;
+    server.stop();
+  });
+  server.listen_after_bind();
+  // Stopped otherwise than by a signal (a listening error): release the stopper.
+  if (!signalled) pthread_kill(stopper.native_handle(), SIGTERM);
+  stopper.join();
+  sessions->clear();
+  std::error_code ec;
+  fs::remove_all(root, ec);
+  std::printf("qvfilter studio: stopped\n");
+}
+
+const qv::CommandRegistration registration(90, [](CLI::App& app) {
+  auto options = std::make_shared<ServeOptions>();
+  CLI::App* cmd = app.add_subcommand("serve", "Serve the studio: a web page to try filters and chains on a picture");
+  cmd->add_option("image", options->image, "A picture to open in every new page (JPEG, PNG or WebP)");
+  cmd->add_option("--port", options->port, "Port (default 8080; 0 picks a free one)");
+  cmd->add_option("--host", options->host, "Address to listen on (default 127.0.0.1, this machine only)");
+  cmd->add_flag("--open", options->open, "Open the page in the desktop's browser");
+  cmd->callback([options] { runServe(*options); });
+});
+
+}  // namespace
