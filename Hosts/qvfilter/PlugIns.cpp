@@ -36,7 +36,10 @@ std::vector<std::string> qvPlugInSearchPath() {
     }
   }
   const fs::path bin = executableDirectory();
-  if (!bin.empty()) path.push_back((bin / ".." / "lib" / "qvfilter").lexically_normal().string());
+  if (!bin.empty()) {
+    path.push_back(bin.string());
+    path.push_back((bin / ".." / "lib" / "qvfilter").lexically_normal().string());
+  }
   return path;
 }
 
