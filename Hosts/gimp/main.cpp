@@ -8,6 +8,7 @@
 
 #include <libgimp/gimp.h>
 
+#include "Dialog.h"
 #include "Foundation/NSException.h"
 #include "Pixels.h"
 #include "Procedures.h"
@@ -152,7 +153,7 @@ GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const
   CIFilterRef filter;
   try {
     filter = qvgimp::makeFilter(procedure);
-    // Interactive and repeated calls take the values this procedure last ran with.
+    // Interactive and repeated calls start from the values this procedure last ran with.
     if (runMode == GIMP_RUN_NONINTERACTIVE) {
       qvgimp::applySettings(*filter, procedure, settingsFromParams(procedure, nparams, params));
     } else {
@@ -168,6 +169,8 @@ GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const
   }
   try {
     const CIImage input = qvgimp::drawableImage(drawable);
+    if (runMode == GIMP_RUN_INTERACTIVE && !qvgimp::runDialog(procedure, filter, drawable, input))
+      return GIMP_PDB_CANCEL;
     filter->setValue(Value(input), kCIInputImageKey);
     filter->setCalculatedValues();
     qvgimp::applyOutput(image, drawable, filter->outputImage());

@@ -11,30 +11,21 @@ Environment: QVFILTER, QV_GIMP_PLUGIN_DIR (the build tree's qvfilter-gimp/), QV_
 import json
 import os
 import shutil
-import subprocess
 import sys
 import time
+
+from gimp_support import SKIP, gimp_console, make_profile, procedure_name, run, scheme_string
 
 QVFILTER = os.environ["QVFILTER"]
 PLUGIN_DIR = os.environ["QV_GIMP_PLUGIN_DIR"]
 COMPARE = os.environ["QV_COMPARE"]
 TMP = os.path.join(os.environ["QV_TEST_TMP"], "gimp")
-SKIP = 77
-
 failures = []
 
 
 def fail(message):
     failures.append(message)
     print("FAIL:", message)
-
-
-def run(args, **kw):
-    return subprocess.run(args, capture_output=True, text=True, **kw)
-
-
-def scheme_string(s):
-    return '"' + s.replace("\\", "\\\\").replace('"', '\\"') + '"'
 
 
 def number_text(v):
@@ -94,27 +85,14 @@ class Input:
 
 
 def main():
-    gimp = shutil.which("gimp-console") or shutil.which("gimp-console-2.10")
+    gimp = gimp_console()
     if not gimp:
         print("SKIP: gimp-console is not installed (scripts/bootstrap installs Debian's gimp)")
         return SKIP
     shutil.rmtree(TMP, ignore_errors=True)
-    for d in ("ref", "out", "profile/plug-ins"):
+    for d in ("ref", "out"):
         os.makedirs(os.path.join(TMP, d))
-    # A private GIMP folder, so that nothing touches the user's own.
-    profile = os.path.join(TMP, "profile")
-    for d in ("brushes", "dynamics", "fonts", "gradients", "palettes", "patterns", "tool-presets", "scripts"):
-        os.makedirs(os.path.join(profile, d), exist_ok=True)
-    os.symlink(PLUGIN_DIR, os.path.join(profile, "plug-ins", "qvfilter-gimp"))
-    # Only the plug-ins the run needs (script-fu for the batch, PNG for the files), and none of
-    # GIMP's own scripts: a fresh folder makes GIMP query every plug-in it is shown.
-    system_plugins = os.path.join(os.path.dirname(os.path.dirname(os.path.realpath(gimp))), "lib", "gimp", "2.0",
-                                  "plug-ins")
-    for name in ("script-fu", "file-png"):
-        os.symlink(os.path.join(system_plugins, name), os.path.join(profile, "plug-ins", name))
-    with open(os.path.join(profile, "gimprc"), "w") as f:
-        f.write('(plug-in-path "%s")\n(script-path "%s")\n' % (os.path.join(profile, "plug-ins"),
-                                                                os.path.join(profile, "scripts")))
+    profile = make_profile(TMP, gimp, PLUGIN_DIR)
 
     picture = os.path.join(TMP, "in.png")
     mark = os.path.join(TMP, "mark.png")
@@ -131,14 +109,7 @@ def main():
         return 1
     infos = {n: json.loads(run([QVFILTER, "info", n, "--json"]).stdout) for n in names}
 
-    def procedure(name):
-        base = name[len("QVFilter"):] if name.startswith("QVFilter") else name
-        out = ""
-        for i, ch in enumerate(base):
-            if i and ch.isupper() and (base[i - 1].islower() or base[i - 1].isdigit()):
-                out += "-"
-            out += ch.lower()
-        return "plug-in-qvfilter-" + out
+    procedure = procedure_name
 
     # Every filter with its defaults, given explicitly; a few with other values too.
     overrides = {"QVFilterBlur": {"inputRadius": 4.0}, "QVFilterBorder": {"inputWidth": 9.0, "inputBorderType": 2,
