@@ -9,17 +9,14 @@
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIVector.h"
 #include "PlugIns.h"
-#include "PlugInSymbols.h"
 #include "Recipe.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace qvgimp {
 namespace {
 
 using nlohmann::json;
-
-constexpr const char* kPlugInBundleIdentifier = "org.qvfilter.filters.imageunits";
-constexpr const char* kResolveTextureSymbol = "QVFilterTextureStoreResolveKey";
 
 // "CICategoryColorAdjustment" -> "Color Adjustment".
 std::string categoryTitle(const std::string& category) {
@@ -110,7 +107,7 @@ InputParam describeInput(const CIFilter& filter, const std::string& key, const D
     input.length = 6;
   } else if (cls == "CIImage") {
     input.kind = ParamKind::ImageFile;
-  } else if (cls == "NSString" && key.ends_with("TextureName")) {
+  } else if (cls == "NSString" && qv::isTextureNameKey(key)) {
     input.kind = ParamKind::Texture;
   } else {
     input.kind = ParamKind::String;
@@ -259,14 +256,8 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const json& val
     case ParamKind::Texture: {
       if (!value.is_string()) fail(input, "expects a texture identifier or tag key");
       const std::string name = value.get<std::string>();
-      if (!name.empty()) {
-        using ResolveFunction = char* (*)(const char*, const char*);
-        auto resolve =
-            reinterpret_cast<ResolveFunction>(qv::loadedPlugInSymbol(kPlugInBundleIdentifier, kResolveTextureSymbol));
-        char* resolved = resolve ? resolve(name.c_str(), nullptr) : nullptr;
-        if (!resolved) fail(input, "no texture or tag of the catalogue is named \"" + name + "\"");
-        std::free(resolved);
-      }
+      if (!name.empty() && !qv::resolveTextureName(name))
+        fail(input, "no texture or tag of the catalogue is named \"" + name + "\"");
       v = name.empty() ? Value() : Value(name);
       break;
     }

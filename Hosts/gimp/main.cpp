@@ -13,6 +13,7 @@
 #include "Pixels.h"
 #include "Procedures.h"
 #include "Recipe.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace {
@@ -156,6 +157,13 @@ GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const
     // Interactive and repeated calls start from the values this procedure last ran with.
     if (runMode == GIMP_RUN_NONINTERACTIVE) {
       qvgimp::applySettings(*filter, procedure, settingsFromParams(procedure, nparams, params));
+      // What the filter would silently ignore (an operation that names no filter) is an error
+      // for a script, which has no one to see a warning.
+      try {
+        for (const std::string& warning : qv::checkFilterInputs(*filter)) throw qv::ValueError(warning);
+      } catch (const std::invalid_argument& e) {
+        throw qv::ValueError(e.what());
+      }
     } else {
       try {
         qvgimp::applySettings(*filter, procedure, rememberedSettings(procedure.procedure));

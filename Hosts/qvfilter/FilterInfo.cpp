@@ -5,6 +5,7 @@
 
 #include "CoreImage/CIFilter.h"
 #include "Recipe.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace qv {
@@ -49,6 +50,24 @@ void appendDictionary(std::string& out, const Dictionary& dict, int indent) {
   }
 }
 
+// The texture name inputs of a filter, each with the textures and tags of the loaded catalogue
+// it accepts: {"inputTextureName": {"textures": [{"identifier", "displayName", "tags"}...],
+// "tags": [{"tag", "key"}...]}}. Empty when the filter has none or no catalogue is loaded.
+nlohmann::json textureChoicesJSON(const CIFilter& filter) {
+  nlohmann::json out = nlohmann::json::object();
+  const TextureCatalogue& catalogue = loadedTextureCatalogue();
+  if (!catalogue.available) return out;
+  for (const std::string& key : filter.inputKeys()) {
+    if (!isTextureNameKey(key)) continue;
+    nlohmann::json choices{{"textures", nlohmann::json::array()}, {"tags", nlohmann::json::array()}};
+    for (const auto& t : catalogue.textures)
+      choices["textures"].push_back({{"identifier", t.identifier}, {"displayName", t.displayName}, {"tags", t.tags}});
+    for (const auto& t : catalogue.tags) choices["tags"].push_back({{"tag", t.tag}, {"key", t.key}});
+    out[key] = std::move(choices);
+  }
+  return out;
+}
+
 }  // namespace
 
 bool isRegisteredFilter(const std::string& name) {
@@ -63,6 +82,8 @@ nlohmann::json filterInfoJSON(const std::string& name) {
   out["inputKeys"] = filter->inputKeys();
   out["outputKeys"] = filter->outputKeys();
   out["attributes"] = jsonFromValue(Value(filter->attributes()));
+  const nlohmann::json textures = textureChoicesJSON(*filter);
+  if (!textures.empty()) out["textureChoices"] = textures;
   return out;
 }
 
@@ -81,6 +102,18 @@ std::string filterInfoText(const std::string& name) {
   out += "output keys: " + joined(filter->outputKeys()) + "\n";
   out += "attributes:\n";
   appendDictionary(out, attributes, 2);
+  const nlohmann::json textures = textureChoicesJSON(*filter);
+  for (const auto& [key, choices] : textures.items()) {
+    out += key + " accepts a texture identifier:\n";
+    for (const auto& t : choices["textures"]) {
+      out += "  " + t["identifier"].get<std::string>();
+      const std::string display = t["displayName"].get<std::string>();
+      if (!display.empty()) out += "  (" + display + ")";
+      out += "\n";
+    }
+    out += key + " accepts a tag key, for a random texture of the tag:\n";
+    for (const auto& t : choices["tags"]) out += "  " + t["key"].get<std::string>() + "\n";
+  }
   return out;
 }
 

@@ -13,6 +13,7 @@
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
 #include "CoreImage/ColorSpace.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace qv {
@@ -123,6 +124,13 @@ std::string lowercaseExtension(const std::string& path) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   }
   return ext;
+}
+
+void reportWarning(const RecipeOptions& options, const std::string& line) {
+  if (options.warn)
+    options.warn(line);
+  else
+    printWarning(line);
 }
 
 class Builder {
@@ -277,6 +285,7 @@ class Builder {
         filter->setValue(value, key);
       }
       filter->setCalculatedValues();
+      for (const std::string& warning : checkFilterInputs(*filter)) reportWarning(options_, where + ": " + warning);
       return filter->outputImage();
     } catch (const RecipeError&) {
       throw;

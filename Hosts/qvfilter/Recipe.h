@@ -69,6 +69,10 @@ struct RecipeOptions {
   std::string outputFileOverride;
   // Render progress (fraction done), passed to the context.
   std::function<void(double)> progress;
+  // Receives one line per input that a filter of the recipe will silently ignore (a texture
+  // name or tag that resolves to no texture, an operation name that names no filter; see
+  // checkFilterInputs). Unset: each is printed on stderr as "qvfilter: warning: LINE".
+  std::function<void(const std::string&)> warn;
   // When set, the host's own picture (GIMP's drawable) in place of the first chain step's
   // inputImage: the image that step names ("@name") stands for this one wherever it is used
   // and is not built from its entry; a first step naming none gets it as its inputImage.

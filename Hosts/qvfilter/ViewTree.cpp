@@ -12,8 +12,8 @@
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIVector.h"
 #include "Foundation/KeyPath.h"
-#include "PlugInSymbols.h"
 #include "Recipe.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace qv {
@@ -21,7 +21,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* kPlugInBundleIdentifier = "org.qvfilter.filters.imageunits";
 constexpr const char* kTexturesMenuSymbol = "QVFilterTexturesMenuWithTags";
 constexpr const char* kColorTransformerName = "QVHostColorValueTransformer";
 constexpr const char* kVectorTransformerName = "QVHostVectorValueTransformer";
@@ -82,20 +81,17 @@ std::string keyPathFor(const std::string& key) { return stringWithKeyPathCompone
 
 NSMenuRef texturesMenu(const std::set<std::string>& tags) {
   using MenuFunction = void (*)(const std::set<std::string>*, NSMenuRef*);
-  auto make = reinterpret_cast<MenuFunction>(loadedPlugInSymbol(kPlugInBundleIdentifier, kTexturesMenuSymbol));
+  auto make = reinterpret_cast<MenuFunction>(loadedPlugInSymbol(kTexturesMenuSymbol));
   NSMenuRef menu;
   if (make) make(&tags, &menu);
   return menu;
 }
 
-bool isIntegerType(const std::string& type) {
-  return type == kCIAttributeTypeInteger || type == kCIAttributeTypeCount;
-}
+bool isIntegerType(const std::string& type) { return type == kCIAttributeTypeInteger || type == kCIAttributeTypeCount; }
 
 // One row of generic controls for one input.
-void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectController>& controller,
-                         const std::string& key, const Value& attributes, const std::string& attributeClass,
-                         double y) {
+void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectController>& controller, const std::string& key,
+                         const Value& attributes, const std::string& attributeClass, double y) {
   const Value displayName = attributes[kCIAttributeDisplayName];
   content.addSubview(NSTextField::labelWithString((displayName.isString() ? *displayName.string() : key) + ":",
                                                   CGRectMake(kPad, y, kLabelWidth, kHeight)));
@@ -132,13 +128,14 @@ void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectControll
     bindValue(std::make_shared<NSColorWell>(CGRectMake(kControlX, y, 52, kHeight)),
               Dictionary{{NSValueTransformerNameBindingOption, kColorTransformerName}});
   } else if (attributeClass == "CIVector") {
-    bindValue(std::make_shared<NSTextField>(whole), Dictionary{{NSValueTransformerNameBindingOption, kVectorTransformerName}});
+    bindValue(std::make_shared<NSTextField>(whole),
+              Dictionary{{NSValueTransformerNameBindingOption, kVectorTransformerName}});
   } else if (attributeClass == "CIImage") {
     bindValue(std::make_shared<NSImageView>(whole));
-  } else if (attributeClass == "NSString" && key.ends_with("TextureName")) {
+  } else if (attributeClass == "NSString" && isTextureNameKey(key)) {
     auto popup = std::make_shared<NSPopUpButton>(whole);
-    NSMenuRef menu = texturesMenu(key.find("Mask") != std::string::npos ? std::set<std::string>{"mask"}
-                                                                         : std::set<std::string>{});
+    NSMenuRef menu =
+        texturesMenu(key.find("Mask") != std::string::npos ? std::set<std::string>{"mask"} : std::set<std::string>{});
     popup->setMenu(menu ? menu : std::make_shared<NSMenu>());
     bindValue(popup);
   } else {
@@ -148,7 +145,10 @@ void addControlsForInput(NSView& content, const std::shared_ptr<NSObjectControll
   }
 }
 
-json rectJSON(const CGRect& r) { return json::array({jsonNumber(r.origin.x), jsonNumber(r.origin.y), jsonNumber(r.size.width), jsonNumber(r.size.height)}); }
+json rectJSON(const CGRect& r) {
+  return json::array(
+      {jsonNumber(r.origin.x), jsonNumber(r.origin.y), jsonNumber(r.size.width), jsonNumber(r.size.height)});
+}
 
 json colorJSON(const NSColorRef& c) {
   if (!c) return nullptr;
@@ -199,8 +199,8 @@ void appendViewText(std::string& out, const NSView& view, int depth) {
   if (auto* field = dynamic_cast<const NSTextField*>(&view)) {
     out += " \"" + field->stringValue() + "\"";
   } else if (auto* slider = dynamic_cast<const NSSlider*>(&view)) {
-    out += " " + jsonNumber(slider->minValue()).dump() + ".." + jsonNumber(slider->maxValue()).dump() +
-           " value " + jsonNumber(slider->doubleValue()).dump();
+    out += " " + jsonNumber(slider->minValue()).dump() + ".." + jsonNumber(slider->maxValue()).dump() + " value " +
+           jsonNumber(slider->doubleValue()).dump();
   } else if (auto* button = dynamic_cast<const NSButton*>(&view)) {
     out += " \"" + button->title() + "\" " + (button->state() ? "on" : "off");
   } else if (auto* well = dynamic_cast<const NSColorWell*>(&view)) {
@@ -357,8 +357,8 @@ json filterViewJSON(const FilterView& filterView) {
 }
 
 std::string filterViewText(const FilterView& filterView) {
-  std::string out = filterView.filter->name() + ": " +
-                    (filterView.provided ? "the filter's own view" : "generic controls") + "\n";
+  std::string out =
+      filterView.filter->name() + ": " + (filterView.provided ? "the filter's own view" : "generic controls") + "\n";
   appendViewText(out, *filterView.view, 0);
   out += "inputs:\n";
   for (const std::string& key : filterView.filter->inputKeys()) {
@@ -379,8 +379,7 @@ void editBoundControl(const FilterView& filterView, const std::string& key, cons
   if (auto* field = dynamic_cast<NSTextField*>(view)) {
     const NSBindingInfo* info = field->infoForBinding(NSValueBinding);
     const auto transformer = info->options.find(NSValueTransformerNameBindingOption);
-    if (field->formatter() && !parseNumber(text))
-      throw ValueError(key + ": expected a number, got \"" + text + "\"");
+    if (field->formatter() && !parseNumber(text)) throw ValueError(key + ": expected a number, got \"" + text + "\"");
     if (transformer != info->options.end() && transformer->second == Value(kVectorTransformerName)) {
       const auto numbers = parseNumberList(text);
       if (!numbers || numbers->empty() || numbers->size() > 4)
@@ -412,7 +411,8 @@ void editBoundControl(const FilterView& filterView, const std::string& key, cons
       if (!item->isSeparatorItem() && item->title() == text) index = i;
     }
     if (index < 0) throw ValueError(key + ": the menu has no item \"" + text + "\"");
-    if (!popup->userSelectItemAtIndex(index)) throw ValueError(key + ": the menu item \"" + text + "\" cannot be chosen");
+    if (!popup->userSelectItemAtIndex(index))
+      throw ValueError(key + ": the menu item \"" + text + "\" cannot be chosen");
   } else {
     throw ValueError(key + ": the " + view->className() + " bound to it cannot be edited");
   }

@@ -11,7 +11,7 @@
 //   CIColor                                                               colour well
 //   CIVector                                                              text field "x y ..."
 //   CIImage                                                               image well
-//   texture names (keys ending in "TextureName")                          texture pop-up
+//   texture names (isTextureNameKey)                                      texture pop-up
 //   strings                                                               text field
 //   anything else                                                         read-only text field
 //
@@ -31,9 +31,8 @@
 #pragma once
 
 #include <memory>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "AppKit/IKFilterUIView.h"
 #include "CoreImage/CIFilter.h"

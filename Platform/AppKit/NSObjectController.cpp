@@ -26,12 +26,14 @@ std::string NSObjectController::keyForKeyPath(const std::string& keyPath) const 
                                                     "\": key paths are \"selection.<input key>\"");
   }
   std::string key = keyPath.substr(kSelectionPrefix.size());
-  if (!content_) NSException::raise(NSUndefinedKeyException, "the object controller has no content for \"" + keyPath + "\"");
+  if (!content_)
+    NSException::raise(NSUndefinedKeyException, "the object controller has no content for \"" + keyPath + "\"");
   const std::vector<std::string> keys = content_->inputKeys();
   if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
     NSException::raise(NSUndefinedKeyException, "[<" + content_->name() +
-                                                     "> valueForUndefinedKey:]: this class is not key value "
-                                                     "coding-compliant for the key " + key + ".");
+                                                    "> valueForUndefinedKey:]: this class is not key value "
+                                                    "coding-compliant for the key " +
+                                                    key + ".");
   }
   return key;
 }

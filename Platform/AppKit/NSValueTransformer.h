@@ -33,6 +33,5 @@ class NSValueTransformer {
   static void setValueTransformer(NSValueTransformerRef transformer, const std::string& name);
   // Registers a class by its name, to be instantiated on first use. A second registration of
   // the same name keeps the first.
-  static void registerValueTransformerClass(const std::string& className,
-                                            std::function<NSValueTransformerRef()> make);
+  static void registerValueTransformerClass(const std::string& className, std::function<NSValueTransformerRef()> make);
 };

@@ -56,7 +56,8 @@ struct Reader {
 
   void subviews(NSView& parent, const json& j, const std::string& where, int depth) {
     if (!j.is_array()) fail(name, where, "expected an array of views");
-    for (std::size_t i = 0; i < j.size(); ++i) parent.addSubview(view(j[i], where + "[" + std::to_string(i) + "]", depth + 1));
+    for (std::size_t i = 0; i < j.size(); ++i)
+      parent.addSubview(view(j[i], where + "[" + std::to_string(i) + "]", depth + 1));
   }
 
   NSViewRef view(const json& j, const std::string& where, int depth) {
@@ -124,7 +125,8 @@ struct Reader {
     if (j.contains("outlet")) {
       const std::string outlet = string(j["outlet"], where + ".outlet");
       if (outlet.empty()) fail(name, where + ".outlet", "empty outlet name");
-      if (!result.outlets.emplace(outlet, made.get()).second) fail(name, where + ".outlet", "outlet \"" + outlet + "\" given twice");
+      if (!result.outlets.emplace(outlet, made.get()).second)
+        fail(name, where + ".outlet", "outlet \"" + outlet + "\" given twice");
       made->setIdentifier(outlet);
     }
     return made;
@@ -148,9 +150,9 @@ NSViewDescription NSViewDescriptionLoad(const NSBundle& bundle, const std::strin
   const std::string path = bundle.pathForResource(name, kNSViewDescriptionExtension, kNSViewDescriptionDirectory);
   if (path.empty())
     NSException::raise(NSInternalInconsistencyException, "could not load the view description \"" + name +
-                                                              "\": no resource " + kNSViewDescriptionDirectory + "/" +
-                                                              name + "." + kNSViewDescriptionExtension + " in " +
-                                                              bundle.bundlePath());
+                                                             "\": no resource " + kNSViewDescriptionDirectory + "/" +
+                                                             name + "." + kNSViewDescriptionExtension + " in " +
+                                                             bundle.bundlePath());
   std::error_code ec;
   const auto size = std::filesystem::file_size(path, ec);
   if (ec || size > kMaximumSize) fail(name, "", ec ? "cannot read " + path : "larger than 1 MB");

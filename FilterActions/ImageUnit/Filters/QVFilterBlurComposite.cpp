@@ -2,6 +2,7 @@
 
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVFilterImageUnitsConstants.h"
+#include "Views/QVFilterBlurCompositeIKFilterUIViewController.h"
 
 namespace {
 
@@ -26,4 +27,10 @@ CIImage QVFilterBlurComposite::outputImage() const {
   blur->setValue(image, kCIInputImageKey);
   blur->setValue(inputRadius(), kCIInputRadiusKey);
   return applyInputComposite(QVFilterOutputImage(blur).imageByCroppingToRect(image.extent()));
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterBlurComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(
+      std::make_shared<QVFilterBlurCompositeIKFilterUIViewController>("BlurCompositeView", QVFilterIKFilterUIViewController::pluginBundle()), *this);
 }

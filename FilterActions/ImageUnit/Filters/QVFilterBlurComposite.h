@@ -19,4 +19,7 @@ class QVFilterBlurComposite : public QVFilterComposite {
   // The composite's keys, then "inputRadius", "inputBlurFilterName".
   std::vector<std::string> customInputKeys() const override;
   CIImage outputImage() const override;
+  // The view of a QVFilterBlurCompositeIKFilterUIViewController on "BlurCompositeView"; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };

@@ -1,6 +1,7 @@
 #include "Filters/QVFilterColorComposite.h"
 
 #include "Framework/QVFilterImageUnitsClasses.h"
+#include "Views/QVFilterColorCompositeIKFilterUIViewController.h"
 
 namespace {
 
@@ -27,4 +28,10 @@ CIImage QVFilterColorComposite::outputImage() const {
   if (!image) return {};
   const CIImage layer = CIImage::imageWithColor(inputColor()).imageByCroppingToRect(image.extent());
   return applyInputComposite(layer);
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterColorComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(
+      std::make_shared<QVFilterColorCompositeIKFilterUIViewController>("ColorCompositeView", QVFilterIKFilterUIViewController::pluginBundle()), *this);
 }

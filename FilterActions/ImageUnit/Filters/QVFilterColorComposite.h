@@ -15,4 +15,7 @@ class QVFilterColorComposite : public QVFilterComposite {
   std::vector<std::string> customInputKeys() const override;
   Value customAttributes() const override;
   CIImage outputImage() const override;
+  // The view of a QVFilterColorCompositeIKFilterUIViewController on "ColorCompositeView"; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };

@@ -6,6 +6,7 @@
 #include "CoreImage/CIVector.h"
 #include "Foundation/NSKeyedArchiver.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
+#include "Views/QVFilterGradientCompositeIKFilterUIViewController.h"
 
 namespace {
 
@@ -71,4 +72,10 @@ CIImage QVFilterGradientComposite::outputImage() const {
   const CIImage layer = scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(
       CGRectGetMinX(e) - CGRectGetMinX(scaledExtent), CGRectGetMinY(e) - CGRectGetMinY(scaledExtent)));
   return applyInputComposite(layer);
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterGradientComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(
+      std::make_shared<QVFilterGradientCompositeIKFilterUIViewController>("GradientCompositeView", QVFilterIKFilterUIViewController::pluginBundle()), *this);
 }

@@ -38,4 +38,7 @@ class QVFilterGradientComposite : public QVFilterComposite {
   void encodeWithCoder(NSCoder& coder) const override;
   bool initWithCoder(const NSCoder& coder) override;
   CIImage outputImage() const override;
+  // The view of a QVFilterGradientCompositeIKFilterUIViewController on "GradientCompositeView"; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };

@@ -1,6 +1,7 @@
 #include "Filters/QVFilterNoiseComposite.h"
 
 #include "Framework/QVFilterImageUnitsClasses.h"
+#include "Views/QVFilterNoiseCompositeIKFilterUIViewController.h"
 
 namespace {
 
@@ -25,4 +26,10 @@ CIImage QVFilterNoiseComposite::outputImage() const {
   grey->setValue(Value(0.0), kCIInputSaturationKey);
   grey->setValue(noise, kCIInputImageKey);
   return applyInputComposite(QVFilterOutputImage(grey));
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterNoiseComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(
+      std::make_shared<QVFilterNoiseCompositeIKFilterUIViewController>("NoiseCompositeView", QVFilterIKFilterUIViewController::pluginBundle()), *this);
 }

@@ -8,4 +8,7 @@
 class QVFilterNoiseComposite : public QVFilterComposite {
  public:
   CIImage outputImage() const override;
+  // The view of a QVFilterNoiseCompositeIKFilterUIViewController on "NoiseCompositeView"; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "Framework/QVFilterImageUnitsClasses.h"
+#include "Views/QVFilterOffsetCompositeIKFilterUIViewController.h"
 
 namespace {
 
@@ -26,4 +27,10 @@ CIImage QVFilterOffsetComposite::outputImage() const {
   const CGRect layerExtent = layer ? layer.extent() : CGRectZero;
   // The strip the shifted copy no longer covers is cut away.
   return applyInputComposite(layer).imageByCroppingToRect(CGRectIntersection(extent, layerExtent));
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterOffsetComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(
+      std::make_shared<QVFilterOffsetCompositeIKFilterUIViewController>("OffsetCompositeView", QVFilterIKFilterUIViewController::pluginBundle()), *this);
 }

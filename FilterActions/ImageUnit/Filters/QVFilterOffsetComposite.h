@@ -16,4 +16,7 @@ class QVFilterOffsetComposite : public QVFilterComposite {
   // The composite's keys, then "inputOffset".
   std::vector<std::string> customInputKeys() const override;
   CIImage outputImage() const override;
+  // The view of a QVFilterOffsetCompositeIKFilterUIViewController on "OffsetCompositeView"; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };

@@ -1,6 +1,7 @@
 #include "Filters/QVFilterScaleComposite.h"
 
 #include "Framework/QVFilterImageUnitsClasses.h"
+#include "Views/QVFilterScaleCompositeIKFilterUIViewController.h"
 
 namespace {
 
@@ -29,4 +30,10 @@ CIImage QVFilterScaleComposite::outputImage() const {
   const CIImage moved = scaled.imageByApplyingTransform(CGAffineTransformMakeTranslation(
       CGRectGetMinX(scaledExtent) - CGRectGetMinX(extent), CGRectGetMinY(scaledExtent) - CGRectGetMinY(extent)));
   return applyInputComposite(moved);
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterScaleComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(
+      std::make_shared<QVFilterScaleCompositeIKFilterUIViewController>("ScaleCompositeView", QVFilterIKFilterUIViewController::pluginBundle()), *this);
 }

@@ -14,4 +14,7 @@ class QVFilterScaleComposite : public QVFilterComposite {
   // The composite's keys, then "inputScale".
   std::vector<std::string> customInputKeys() const override;
   CIImage outputImage() const override;
+  // The view of a QVFilterScaleCompositeIKFilterUIViewController on "ScaleCompositeView"; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };

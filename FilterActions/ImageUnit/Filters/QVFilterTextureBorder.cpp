@@ -5,6 +5,7 @@
 #include "Framework/CIImage+QVFilterImageUnitsAdditions.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVSizeScaledToRect.h"
+#include "Views/QVFilterTextureBorderIKFilterUIViewController.h"
 
 namespace {
 
@@ -97,4 +98,9 @@ CIImage QVFilterTextureBorder::outputImage() const {
   over->setValue(background, kCIInputBackgroundImageKey);
   over->setValue(top, kCIInputImageKey);
   return QVFilterOutputImage(over).imageByCroppingToRect(top ? top.extent() : CGRectZero);
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterTextureBorder::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(QVFilterTextureBorderIKFilterUIViewController::initWithTextureTags({"border"}), *this);
 }

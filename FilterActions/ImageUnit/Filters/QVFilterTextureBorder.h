@@ -52,4 +52,7 @@ class QVFilterTextureBorder : public QVFilter {
   // orientation differs from the input's; false otherwise; nil without input or frame.
   Value outputTextureMatchedToInputImageOrientation() const;
   CIImage outputImage() const override;
+  // The view of a QVFilterTextureBorderIKFilterUIViewController offering the "border" textures; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 };

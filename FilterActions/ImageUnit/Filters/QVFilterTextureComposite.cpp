@@ -6,6 +6,7 @@
 #include "Framework/CIImage+QVFilterImageUnitsAdditions.h"
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVSizeScaledToRect.h"
+#include "Views/QVFilterTextureIKFilterUIViewController.h"
 
 namespace {
 
@@ -66,20 +67,21 @@ double QVFilterTextureCompositeOffsetCoefficient(const CGRect& rect, const std::
                      std::string(__func__) + ", cannot evaluate offsetCoefficient for source attribute (" + attribute + ")");
 }
 
+void QVFilterTextureCompositeApplyConstraint(CGRect& rect, const Value& constraint, const CGRect& inputExtent) {
+  const Value source = constraint[_QVFilterTextureConstraintSourceAttributeKey];
+  const std::string sourceAttribute = source.string() ? *source.string() : std::string();
+  double v = QVFilterTextureCompositeSourceValue(inputExtent, sourceAttribute);
+  if (const Value scale = constraint[_QVFilterTextureConstraintScaleKey]) v *= scale.doubleValue();
+  if (const Value offset = constraint[_QVFilterTextureConstraintOffsetKey])
+    v += offset.doubleValue() * QVFilterTextureCompositeOffsetCoefficient(inputExtent, sourceAttribute);
+  const Value destination = constraint[_QVFilterTextureConstraintDestinationAttributeKey];
+  if (const std::string* name = destination.string()) applyDestination(rect, *name, v);
+}
+
 CGRect QVFilterTextureCompositePlacement(const CGRect& textureExtent, const CGRect& inputExtent, const Value& constraints) {
   CGRect rect = QVSizeScaledToRect(textureExtent.size, inputExtent, kQVGravityResizeAspectMax);
-  const Array* rules = constraints.array();
-  if (!rules) return rect;
-  for (const Value& rule : *rules) {
-    const Value source = rule[_QVFilterTextureConstraintSourceAttributeKey];
-    const std::string sourceAttribute = source.string() ? *source.string() : std::string();
-    double v = QVFilterTextureCompositeSourceValue(inputExtent, sourceAttribute);
-    if (const Value scale = rule[_QVFilterTextureConstraintScaleKey]) v *= scale.doubleValue();
-    if (const Value offset = rule[_QVFilterTextureConstraintOffsetKey])
-      v += offset.doubleValue() * QVFilterTextureCompositeOffsetCoefficient(inputExtent, sourceAttribute);
-    const Value destination = rule[_QVFilterTextureConstraintDestinationAttributeKey];
-    if (const std::string* name = destination.string()) applyDestination(rect, *name, v);
-  }
+  if (const Array* rules = constraints.array())
+    for (const Value& rule : *rules) QVFilterTextureCompositeApplyConstraint(rect, rule, inputExtent);
   return rect;
 }
 
@@ -148,4 +150,9 @@ CIImage QVFilterTextureComposite::outputImage() const {
   over->setValue(CIImage::emptyImage().imageByCroppingToRect(extent), kCIInputBackgroundImageKey);
   over->setValue(placed, kCIInputImageKey);
   return applyInputComposite(QVFilterOutputImage(over).imageByCroppingToRect(extent));
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterTextureComposite::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(QVFilterTextureIKFilterUIViewController::initWithTextureTags({"composite"}), *this);
 }

@@ -45,6 +45,9 @@ class QVFilterTextureComposite : public QVFilterComposite {
   void setCalculatedValues() override;
   void _updateInputTextureIdentifier();
   CIImage outputImage() const override;
+  // The view of a QVFilterTextureIKFilterUIViewController offering the "composite" textures; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 
  protected:
   std::vector<TexturePair> _texturePairs() const override;
@@ -55,6 +58,9 @@ class QVFilterTextureComposite : public QVFilterComposite {
 // constraint records, or nil) in order. Raises NSInternalInconsistencyException for a source
 // attribute outside the vocabulary and for an offset on a source without "X" or "Y".
 CGRect QVFilterTextureCompositePlacement(const CGRect& textureExtent, const CGRect& inputExtent, const Value& constraints);
+// One placement rule (a constraint record) applied to `rect`, with its source read from
+// `inputExtent`. Raises as QVFilterTextureCompositePlacement does.
+void QVFilterTextureCompositeApplyConstraint(CGRect& rect, const Value& constraint, const CGRect& inputExtent);
 // The value of an attribute of `rect` named as in a rule's "sourceAttribute"; raises
 // NSInternalInconsistencyException, reason "<this function>, cannot evaluate source attribute
 // (<attribute>)", for any other name.

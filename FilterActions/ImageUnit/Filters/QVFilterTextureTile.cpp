@@ -2,6 +2,7 @@
 
 #include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVFilterKernelLoader.h"
+#include "Views/QVFilterTextureIKFilterUIViewController.h"
 
 namespace {
 
@@ -70,4 +71,9 @@ CIImage QVFilterTextureTile::outputImage() const {
   tile->setValue(Value(CGAffineTransformIdentity), kCIInputTransformKey);
   tile->setValue(texture, kCIInputImageKey);
   return applyInputComposite(QVFilterOutputImage(tile).imageByCroppingToRect(input.extent()));
+}
+
+std::shared_ptr<IKFilterUIView> QVFilterTextureTile::provideViewForUIConfiguration(
+    const Dictionary& /*configuration*/, const std::vector<std::string>& /*excludedKeys*/) {
+  return QVFilterIKFilterUIViewForFilter(QVFilterTextureIKFilterUIViewController::initWithTextureTags({"tile"}), *this);
 }

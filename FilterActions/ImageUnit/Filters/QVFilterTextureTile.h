@@ -33,6 +33,9 @@ class QVFilterTextureTile : public QVFilterComposite {
   void setCalculatedValues() override;
   void _updateInputTextureIdentifier();
   CIImage outputImage() const override;
+  // The view of a QVFilterTextureIKFilterUIViewController offering the "tile" textures; both arguments are ignored.
+  std::shared_ptr<IKFilterUIView> provideViewForUIConfiguration(const Dictionary& configuration,
+                                                                const std::vector<std::string>& excludedKeys) override;
 
   // The first kernel of "QVFilterTextureTile" (nil when the resource is missing).
   static const CIKernelRef& textureTileKernel();

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "Foundation/Dispatch.h"
 #include "Foundation/KeyPath.h"
 #include "Foundation/NSAssertionHandler.h"
@@ -248,4 +250,34 @@ extern "C" __attribute__((visibility("default"))) char* QVFilterTextureStoreReso
       _QVFilterTextureStore::resolveNewTextureIdentifierForKey(std::string(key), hint ? std::string(hint) : std::string());
   if (!resolved) return nullptr;
   return strdup(resolved->absoluteString().c_str());
+}
+
+// The catalogue for hosts, as JSON text the caller frees with free():
+//   {"textures": [{"identifier": ..., "displayName": ..., "tags": [...]}, ...],
+//    "tags": [{"tag": ..., "key": <tag key>}, ...]}
+// both sorted, identifiers and tag keys built by the store itself. Null when the index cannot
+// be read.
+extern "C" __attribute__((visibility("default"))) char* QVFilterTextureStoreCopyCatalogueJSON() {
+  const Value map = _QVFilterTextureStore::allTexturesMap();
+  const Dictionary* textures = map.dictionary();
+  if (!textures) return nullptr;
+  nlohmann::json out{{"textures", nlohmann::json::array()}, {"tags", nlohmann::json::array()}};
+  std::set<std::string> allTags;
+  for (const auto& [key, record] : *textures) {
+    nlohmann::json texture{{"identifier", _QVFilterTextureStore::_textureIdentifierWithKey(key)},
+                           {"tags", nlohmann::json::array()}};
+    const Value displayName = record[_QVFilterTextureDisplayNameKey];
+    if (const std::string* name = displayName.string()) texture["displayName"] = *name;
+    const Value tags = record[_QVFilterTextureTagsKey];
+    if (const Array* list = tags.array())
+      for (const Value& tag : *list)
+        if (const std::string* t = tag.string()) {
+          texture["tags"].push_back(*t);
+          allTags.insert(*t);
+        }
+    out["textures"].push_back(std::move(texture));
+  }
+  for (const std::string& tag : allTags)
+    out["tags"].push_back({{"tag", tag}, {"key", _QVFilterTextureStore::textureKeyForTag(tag)}});
+  return strdup(out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }

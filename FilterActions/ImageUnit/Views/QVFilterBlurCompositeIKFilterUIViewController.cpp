@@ -1,5 +1,6 @@
 #include "Views/QVFilterBlurCompositeIKFilterUIViewController.h"
 
+#include "Filters/QVFilterBlurComposite.h"
 #include "Views/QVFilterBlurIKFilterUIViewController.h"
 namespace {
 constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterBlurCompositeIKFilterUIViewController";
@@ -8,10 +9,11 @@ constexpr int kPreconditionLine = 27;
 
 void QVFilterBlurCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && filterIsKindOfClass(filter.get(), "QVFilterBlurComposite"),
-                          "-[QVFilterBlurCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterBlurComposite class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterBlurComposite*>(filter.get()) != nullptr,
+          "-[QVFilterBlurCompositeIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterBlurComposite class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
   QVFilterBlurIKFilterUIViewController::bindBlurControls(*this);

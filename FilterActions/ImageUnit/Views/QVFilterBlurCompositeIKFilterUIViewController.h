@@ -1,4 +1,5 @@
-// QVFilterBlurCompositeIKFilterUIViewController: the blur composite's view ("BlurCompositeView"): the composite controls and the blur's radius and blur pop-up.
+// QVFilterBlurCompositeIKFilterUIViewController: the blur composite's view ("BlurCompositeView"): the composite
+// controls and the blur's radius and blur pop-up.
 #pragma once
 
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"

@@ -10,17 +10,19 @@ constexpr int kPreconditionLine = 28;
 
 void QVFilterBlurIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterBlur*>(filter.get()) != nullptr,
-                          "-[QVFilterBlurIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterBlur class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterBlur*>(filter.get()) != nullptr,
+          "-[QVFilterBlurIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterBlur class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterIKFilterUIViewController::loadView();
   bindBlurControls(*this);
 }
 
 void QVFilterBlurIKFilterUIViewController::bindBlurControls(QVFilterIKFilterUIViewController& controller) {
-  controller.bindToFilter(controller.requiredOutlet<NSSlider>("blurFilterRadiusSlider"), NSValueBinding, kCIInputRadiusKey);
+  controller.bindToFilter(controller.requiredOutlet<NSSlider>("blurFilterRadiusSlider"), NSValueBinding,
+                          kCIInputRadiusKey);
   controller.bindToFilter(controller.requiredOutlet<NSTextField>("blurFilterRadiusTextField"), NSValueBinding,
                           kCIInputRadiusKey);
   NSPopUpButton& names = controller.requiredOutlet<NSPopUpButton>("blurFilterNamePopupButton");

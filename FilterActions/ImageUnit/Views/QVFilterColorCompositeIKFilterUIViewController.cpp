@@ -1,5 +1,7 @@
 #include "Views/QVFilterColorCompositeIKFilterUIViewController.h"
 
+#include "Filters/QVFilterColorComposite.h"
+
 namespace {
 constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterColorCompositeIKFilterUIViewController";
 constexpr int kPreconditionLine = 27;
@@ -7,10 +9,11 @@ constexpr int kPreconditionLine = 27;
 
 void QVFilterColorCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && filterIsKindOfClass(filter.get(), "QVFilterColorComposite"),
-                          "-[QVFilterColorCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterColorComposite class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterColorComposite*>(filter.get()) != nullptr,
+          "-[QVFilterColorCompositeIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterColorComposite class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
   bindColorWellToFilter(requiredOutlet<NSColorWell>("colorWell"), kCIInputColorKey);

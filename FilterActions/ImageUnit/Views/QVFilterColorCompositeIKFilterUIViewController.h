@@ -1,4 +1,5 @@
-// QVFilterColorCompositeIKFilterUIViewController: the colour composite's view ("ColorCompositeView"): the composite controls and a colour well for the layer's colour.
+// QVFilterColorCompositeIKFilterUIViewController: the colour composite's view ("ColorCompositeView"): the composite
+// controls and a colour well for the layer's colour.
 #pragma once
 
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"

@@ -1,5 +1,7 @@
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"
 
+#include "Filters/QVFilterComposite.h"
+
 namespace {
 constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterCompositeIKFilterUIViewController";
 constexpr int kPreconditionLine = 32;
@@ -11,7 +13,7 @@ constexpr const char* kOperationKey = "inputCompositeFilterName";
 }  // namespace
 
 void QVFilterCompositeIKFilterUIViewController::loadView() {
-  if (!assertPrecondition(filterIsKindOfClass(representedObject().get(), "QVFilterComposite"),
+  if (!assertPrecondition(dynamic_cast<const QVFilterComposite*>(representedObject().get()) != nullptr,
                           "-[QVFilterCompositeIKFilterUIViewController loadView]",
                           "[[self representedObject] isKindOfClass:[QVFilterComposite class]]", kSourceFile,
                           kPreconditionLine))
@@ -22,7 +24,8 @@ void QVFilterCompositeIKFilterUIViewController::loadView() {
   mask.setMenu(menuForTexturesWithTags({kMaskTag}));
   bindToFilter(mask, NSSelectedObjectBinding, kMaskNameKey);
   // An unset mask shows "None" rather than no choice at all.
-  if (boundFilterValue(kMaskNameKey).isNil()) mask.selectItemWithTag(QVFilterIKFilterUIViewControllerTexturesMenuNoneItemTag);
+  if (boundFilterValue(kMaskNameKey).isNil())
+    mask.selectItemWithTag(QVFilterIKFilterUIViewControllerTexturesMenuNoneItemTag);
 
   bindToFilter(requiredOutlet<NSButton>("maskIdentifierMatchInputImageOrientationButton"), NSValueBinding,
                kMaskOrientationKey);

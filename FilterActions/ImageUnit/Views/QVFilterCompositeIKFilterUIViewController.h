@@ -17,7 +17,9 @@ class QVFilterCompositeIKFilterUIViewController : public QVFilterIKFilterUIViewC
   }
   NSSlider* compositeFilterAlphaSlider() const { return outlet<NSSlider>("compositeFilterAlphaSlider"); }
   NSTextField* compositeFilterAlphaTextField() const { return outlet<NSTextField>("compositeFilterAlphaTextField"); }
-  NSPopUpButton* compositeFilterNamePopupButton() const { return outlet<NSPopUpButton>("compositeFilterNamePopupButton"); }
+  NSPopUpButton* compositeFilterNamePopupButton() const {
+    return outlet<NSPopUpButton>("compositeFilterNamePopupButton");
+  }
 
   void loadView() override;
 

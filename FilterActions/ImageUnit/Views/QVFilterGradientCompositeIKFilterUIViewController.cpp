@@ -1,5 +1,7 @@
 #include "Views/QVFilterGradientCompositeIKFilterUIViewController.h"
 
+#include "Filters/QVFilterGradientComposite.h"
+
 namespace {
 constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterGradientCompositeIKFilterUIViewController";
 constexpr int kPreconditionLine = 27;
@@ -7,9 +9,10 @@ constexpr int kPreconditionLine = 27;
 
 void QVFilterGradientCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && filterIsKindOfClass(filter.get(), "QVFilterGradientComposite"),
+  if (!assertPrecondition(filter != nullptr && dynamic_cast<const QVFilterGradientComposite*>(filter.get()) != nullptr,
                           "-[QVFilterGradientCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterGradientComposite class]]",
+                          "[self representedObject] != nil && [[self representedObject] "
+                          "isKindOfClass:[QVFilterGradientComposite class]]",
                           kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();

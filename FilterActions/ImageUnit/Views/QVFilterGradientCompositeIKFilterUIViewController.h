@@ -1,4 +1,5 @@
-// QVFilterGradientCompositeIKFilterUIViewController: the gradient composite's view ("GradientCompositeView"): the composite controls, the two radii and the two colours.
+// QVFilterGradientCompositeIKFilterUIViewController: the gradient composite's view ("GradientCompositeView"): the
+// composite controls, the two radii and the two colours.
 #pragma once
 
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"

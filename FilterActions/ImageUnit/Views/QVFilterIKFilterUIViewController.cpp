@@ -6,7 +6,6 @@
 #include "Foundation/KeyPath.h"
 #include "Foundation/NSBundle.h"
 #include "Foundation/NSURL.h"
-#include "Framework/QVFilterImageUnitsClasses.h"
 #include "Framework/QVFilterImageUnitsConstants.h"
 #include "Textures/_QVFilterTextureStore.h"
 #include "Views/QVFilterColorWellValueTransformer.h"
@@ -144,19 +143,6 @@ bool QVFilterIKFilterUIViewController::assertPrecondition(bool holds, const char
   return false;
 }
 
-bool QVFilterIKFilterUIViewController::filterIsKindOfClass(const CIFilter* filter, const std::string& className) {
-  if (!filter) return false;
-  const CIPlugInClassTable& table = QVFilterImageUnitsClasses();
-  std::string name = filter->name();
-  for (std::size_t depth = 0; depth <= table.classes.size() && !name.empty(); ++depth) {
-    if (name == className) return true;
-    const CIPlugInClass* cls = table.classNamed(name);
-    if (!cls) return false;
-    name = cls->superclassName;
-  }
-  return false;
-}
-
 std::shared_ptr<IKFilterUIView> QVFilterIKFilterUIViewForFilter(
     const std::shared_ptr<QVFilterIKFilterUIViewController>& controller, CIFilter& filter) {
   if (!controller) return nullptr;
@@ -168,6 +154,6 @@ std::shared_ptr<IKFilterUIView> QVFilterIKFilterUIViewForFilter(
 // For hosts: the same texture menu, for the texture pickers they build for filters that do
 // not describe a view of their own.
 extern "C" __attribute__((visibility("default"))) void QVFilterTexturesMenuWithTags(const std::set<std::string>* tags,
-                                                                                  NSMenuRef* menu) {
+                                                                                    NSMenuRef* menu) {
   if (tags && menu) *menu = QVFilterIKFilterUIViewController::menuForTexturesWithTags(*tags);
 }

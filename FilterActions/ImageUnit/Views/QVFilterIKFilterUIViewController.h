@@ -60,11 +60,7 @@ class QVFilterIKFilterUIViewController : public NSViewController {
   // A precondition of loadView: when it does not hold, the assertion handler is told, with
   // exactly the given condition text, source file and line (and raises). False when it failed
   // and the handler came back; the caller then loads nothing.
-  bool assertPrecondition(bool holds, const char* method, const char* conditionText, const char* file,
-                          int line) const;
-  // Whether the filter is an instance of the named plug-in filter class or of a subclass of it,
-  // following the superclass names of the plug-in's class table.
-  static bool filterIsKindOfClass(const CIFilter* filter, const std::string& className);
+  bool assertPrecondition(bool holds, const char* method, const char* conditionText, const char* file, int line) const;
 };
 
 // Makes the controller's view for the filter, as every filter that describes its own view hands

@@ -1,5 +1,7 @@
 #include "Views/QVFilterNoiseCompositeIKFilterUIViewController.h"
 
+#include "Filters/QVFilterNoiseComposite.h"
+
 namespace {
 constexpr const char* kSourceFile = "FilterActions/ImageUnit/QVFilterNoiseCompositeIKFilterUIViewController";
 constexpr int kPreconditionLine = 19;
@@ -7,10 +9,11 @@ constexpr int kPreconditionLine = 19;
 
 void QVFilterNoiseCompositeIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr && filterIsKindOfClass(filter.get(), "QVFilterNoiseComposite"),
-                          "-[QVFilterNoiseCompositeIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterNoiseComposite class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr && dynamic_cast<const QVFilterNoiseComposite*>(filter.get()) != nullptr,
+          "-[QVFilterNoiseCompositeIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[QVFilterNoiseComposite class]]",
+          kSourceFile, kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
   // The composite controller has bound these already; binding them again replaces those

@@ -1,4 +1,5 @@
-// QVFilterNoiseCompositeIKFilterUIViewController: the noise composite's view ("NoiseCompositeView"): the composite controls only.
+// QVFilterNoiseCompositeIKFilterUIViewController: the noise composite's view ("NoiseCompositeView"): the composite
+// controls only.
 #pragma once
 
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"

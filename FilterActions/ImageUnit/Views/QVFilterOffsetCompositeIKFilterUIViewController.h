@@ -1,4 +1,5 @@
-// QVFilterOffsetCompositeIKFilterUIViewController: the offset composite's view ("OffsetCompositeView"): the composite controls and the offset slider.
+// QVFilterOffsetCompositeIKFilterUIViewController: the offset composite's view ("OffsetCompositeView"): the composite
+// controls and the offset slider.
 #pragma once
 
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"

@@ -1,4 +1,5 @@
-// QVFilterScaleCompositeIKFilterUIViewController: the scale composite's view ("ScaleCompositeView"): the composite controls and the scale slider.
+// QVFilterScaleCompositeIKFilterUIViewController: the scale composite's view ("ScaleCompositeView"): the composite
+// controls and the scale slider.
 #pragma once
 
 #include "Views/QVFilterCompositeIKFilterUIViewController.h"

@@ -1,5 +1,6 @@
 #include "Views/QVFilterTextureIKFilterUIViewController.h"
 
+#include "Filters/QVFilterTextureComposite.h"
 #include "Foundation/NSBundle.h"
 
 namespace {
@@ -19,9 +20,10 @@ std::shared_ptr<QVFilterTextureIKFilterUIViewController> QVFilterTextureIKFilter
 
 void QVFilterTextureIKFilterUIViewController::loadView() {
   const CIFilterRef& filter = representedObject();
-  if (!assertPrecondition(filter != nullptr, "-[QVFilterTextureIKFilterUIViewController loadView]",
-                          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[CIFilter class]]",
-                          kSourceFile, kPreconditionLine))
+  if (!assertPrecondition(
+          filter != nullptr, "-[QVFilterTextureIKFilterUIViewController loadView]",
+          "[self representedObject] != nil && [[self representedObject] isKindOfClass:[CIFilter class]]", kSourceFile,
+          kPreconditionLine))
     return;
   QVFilterCompositeIKFilterUIViewController::loadView();
 
@@ -29,7 +31,7 @@ void QVFilterTextureIKFilterUIViewController::loadView() {
   textures.setMenu(menuForTexturesWithTags(textureTags_));
   bindToFilter(textures, NSSelectedObjectBinding, "inputTextureName");
   // The texture tile has no orientation input: its check box stays unbound.
-  if (filterIsKindOfClass(filter.get(), "QVFilterTextureComposite"))
+  if (dynamic_cast<const QVFilterTextureComposite*>(filter.get()) != nullptr)
     bindToFilter(requiredOutlet<NSButton>("textureIdentifierMatchInputImageOrientationButton"), NSValueBinding,
                  "inputTextureShouldMatchInputImageOrientation");
 }

@@ -15,7 +15,8 @@ class QVFilterTextureIKFilterUIViewController : public QVFilterCompositeIKFilter
 
   // initWithTextureTags: a controller on "TextureView" of the plug-in's bundle offering the
   // textures that carry every tag; nil when the bundle is not loaded.
-  static std::shared_ptr<QVFilterTextureIKFilterUIViewController> initWithTextureTags(const std::set<std::string>& tags);
+  static std::shared_ptr<QVFilterTextureIKFilterUIViewController> initWithTextureTags(
+      const std::set<std::string>& tags);
 
   const std::set<std::string>& textureTags() const { return textureTags_; }
   void setTextureTags(std::set<std::string> tags) { textureTags_ = std::move(tags); }

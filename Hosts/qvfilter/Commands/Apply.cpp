@@ -19,6 +19,7 @@
 #include "CoreImage/CIFilter.h"
 #include "PlugIns.h"
 #include "Recipe.h"
+#include "TextureCatalogue.h"
 #include "ValueParsing.h"
 
 namespace {
@@ -79,6 +80,7 @@ CIImage runStep(const Step& step, const CIImage& previous) {
       filter->setValue(qv::parseValueForClass(text, qv::attributeClassForKey(*filter, key), key), key);
     }
     filter->setCalculatedValues();
+    for (const std::string& warning : qv::checkFilterInputs(*filter)) qv::printWarning(warning);
     return filter->outputImage();
   } catch (const qv::CommandError&) {
     throw;

@@ -7,7 +7,9 @@
 //
 // The catalogue is read from the loaded plug-in bundle (or from --bundle, a bundle directory
 // that is not loaded, e.g. one being built). Resolution goes through the plug-in's own texture
-// store, reached by name in the loaded bundle, so that it picks exactly as filters do.
+// store (TextureCatalogue.h), so that it picks exactly as filters do.
+#include <optional>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -26,8 +28,8 @@
 #include "Foundation/NSURL.h"
 #include "Foundation/PropertyList.h"
 #include "ImageIO/ImageIO.h"
-#include "PlugInSymbols.h"
 #include "PlugIns.h"
+#include "TextureCatalogue.h"
 
 namespace {
 
@@ -180,13 +182,6 @@ struct ResolveOptions {
   std::string hint;
 };
 
-using ResolveFunction = char* (*)(const char*, const char*);
-
-ResolveFunction storeResolver(const NSBundle& bundle) {
-  return reinterpret_cast<ResolveFunction>(
-      qv::loadedPlugInSymbol(bundle.bundleIdentifier(), "QVFilterTextureStoreResolveKey"));
-}
-
 void runResolve(const ResolveOptions& options) {
   const Catalogue c = loadCatalogue("");
   const Dictionary& textures = texturesOrFail(c);
@@ -212,12 +207,11 @@ void runResolve(const ResolveOptions& options) {
                            kTagScheme + "): " + key};
   if (!options.hint.empty() && !NSURL::URLWithString(options.hint))
     throw qv::CommandError{"the hint is not a URL: " + options.hint};
-  ResolveFunction resolve = storeResolver(*c.bundle);
-  if (!resolve) throw qv::CommandError{"the loaded plug-in does not offer texture resolution"};
-  char* resolved = resolve(key.c_str(), options.hint.empty() ? nullptr : options.hint.c_str());
+  if (!qv::textureResolutionAvailable())
+    throw qv::CommandError{"the loaded plug-in does not offer texture resolution"};
+  const std::optional<std::string> resolved = qv::resolveTextureName(key, options.hint);
   if (!resolved) throw qv::CommandError{"resolves to no texture: " + key};
-  const std::string identifier = resolved;
-  std::free(resolved);
+  const std::string identifier = *resolved;
   const auto resolvedURL = NSURL::URLWithString(identifier);
   const std::string textureKey = resolvedURL ? resolvedURL->lastPathComponent() : std::string();
   std::string out = identifier + "\n";

@@ -34,7 +34,8 @@ void runView(const ViewOptions& options) {
   }
   for (const std::string& assignment : options.sets) {
     const std::size_t eq = assignment.find('=');
-    if (eq == std::string::npos || eq == 0) throw qv::CommandError{"--set expects KEY=VALUE, got \"" + assignment + "\""};
+    if (eq == std::string::npos || eq == 0)
+      throw qv::CommandError{"--set expects KEY=VALUE, got \"" + assignment + "\""};
     try {
       qv::editBoundControl(view, assignment.substr(0, eq), assignment.substr(eq + 1));
     } catch (const qv::ValueError& e) {
