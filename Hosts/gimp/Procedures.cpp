@@ -172,8 +172,14 @@ std::vector<FilterProcedure> bundleProcedures() {
     procedure.displayName = registration->displayName.empty() ? name : registration->displayName;
     procedure.menuPath = "<Image>/Filters/QVFilter/" + menuCategory(categories);
     const Dictionary attributes = filter->attributes();
-    for (const std::string& key : filter->inputKeys()) {
-      if (key == kCIInputImageKey) continue;
+    const std::vector<std::string> keys = filter->inputKeys();
+    // The texture identifiers are the filter's own resolution of the texture names: not inputs
+    // a caller gives.
+    std::vector<std::string> calculated;
+    for (const std::string& key : keys)
+      if (qv::isTextureNameKey(key)) calculated.push_back(qv::textureIdentifierKeyForNameKey(key));
+    for (const std::string& key : keys) {
+      if (key == kCIInputImageKey || std::find(calculated.begin(), calculated.end(), key) != calculated.end()) continue;
       const Value* a = attribute(attributes, key.c_str());
       procedure.inputs.push_back(describeInput(*filter, key, a && a->dictionary() ? *a->dictionary() : Dictionary{}));
     }
@@ -256,8 +262,8 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const json& val
     case ParamKind::Texture: {
       if (!value.is_string()) fail(input, "expects a texture identifier or tag key");
       const std::string name = value.get<std::string>();
-      if (!name.empty() && !qv::resolveTextureName(name))
-        fail(input, "no texture or tag of the catalogue is named \"" + name + "\"");
+      // Whether the catalogue knows it is checked once the filter has resolved it (checking here
+      // would resolve a tag key once more and draw another random texture).
       v = name.empty() ? Value() : Value(name);
       break;
     }

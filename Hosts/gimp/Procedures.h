@@ -61,8 +61,8 @@ CIFilterRef makeFilter(const FilterProcedure& procedure);
 
 // Sets one input from its remembered (JSON) form: numbers, booleans, [r,g,b,a] colours, number
 // arrays and strings, as the PDB carries them. Throws qv::ValueError with a message that names
-// the key when the value does not fit (out of range, wrong length, unknown texture, unreadable
-// image file).
+// the key when the value does not fit (out of range, wrong length, unreadable image file); a
+// texture the catalogue does not know is found by qv::checkFilterInputs once all are set.
 void setInputFromJSON(CIFilter& filter, const InputParam& input, const nlohmann::json& value);
 
 // The remembered form of the filter's current value of an input.

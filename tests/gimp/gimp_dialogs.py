@@ -60,12 +60,9 @@ def main():
     commands = []
     for name, _ in cases:
         info = json.loads(run([QVFILTER, "info", name, "--json"]).stdout)
-        from gimp_filters import Input  # the PDB parameters as the plug-in derives them
+        from gimp_filters import pdb_inputs  # the PDB parameters as the plug-in derives them
         args = []
-        for key in info["inputKeys"]:
-            if key == "inputImage":
-                continue
-            inp = Input(info, key)
+        for inp in pdb_inputs(info):
             args.append(inp.args(picture if inp.kind == "image" else inp.default)[0])
         commands.append("(let* ((img (car (gimp-file-load RUN-NONINTERACTIVE %s \"in.png\")))"
                         " (drw (car (gimp-image-get-active-drawable img))))"

@@ -67,6 +67,8 @@ class Input:
 
     def args(self, value):
         """(script-fu argument text, `qvfilter apply -s` value text) for a value."""
+        if value is None and self.kind in ("float", "int", "bool"):
+            value = 0
         if self.kind == "float":
             return number_text(float(value)), number_text(float(value))
         if self.kind in ("int", "bool"):
@@ -82,6 +84,14 @@ class Input:
                 number_text(float(x)) for x in v)
         s = "" if value is None else str(value)
         return scheme_string(s), s
+
+
+def pdb_inputs(info):
+    """The inputs a procedure takes, in order: all but the image and the texture identifiers
+    that the filter resolves from the texture names itself."""
+    keys = info["inputKeys"]
+    calculated = {k[:-len("Name")] + "Identifier" for k in keys if k.startswith("input") and k.endswith("TextureName")}
+    return [Input(info, k) for k in keys if k != "inputImage" and k not in calculated]
 
 
 def main():
@@ -116,7 +126,7 @@ def main():
                                                                          "inputColor": [0.2, 0.4, 0.6, 1]}}
     cases = []
     for name in names:
-        inputs = [Input(infos[name], k) for k in infos[name]["inputKeys"] if k != "inputImage"]
+        inputs = pdb_inputs(infos[name])
         variants = [("defaults", {})]
         if name in overrides:
             variants.append(("set", overrides[name]))
@@ -166,6 +176,17 @@ def main():
         " (file-png-save2 RUN-NONINTERACTIVE img drw %s \"out.png\" 0 9 0 0 0 0 0 0 0)"
         " (gimp-image-delete img))" % scheme_string(sel_out))
 
+    # A feathered selection: the effect fades out across the feather, and stops beyond it.
+    feather_out = os.path.join(TMP, "out", "feathered.png")
+    commands.append(
+        "(let* ((img " + copy + ")"
+        " (drw (car (gimp-image-get-active-drawable img))))"
+        " (gimp-context-set-feather TRUE) (gimp-context-set-feather-radius 12 12)"
+        " (gimp-image-select-rectangle img CHANNEL-OP-REPLACE 40 30 60 50)"
+        " (plug-in-qvfilter-exposure-adjust RUN-NONINTERACTIVE img drw 1.5)"
+        " (file-png-save2 RUN-NONINTERACTIVE img drw %s \"out.png\" 0 9 0 0 0 0 0 0 0)"
+        " (gimp-image-delete img))" % scheme_string(feather_out))
+
     # The recipe procedure: the drawable stands in for the first step's inputImage.
     recipe = os.path.join(TMP, "recipe.json")
     with open(recipe, "w") as f:
@@ -191,7 +212,7 @@ def main():
     for name in names:
         tex = [k for k in infos[name]["inputKeys"] if k.endswith("TextureName")]
         if tex:
-            inputs = [Input(infos[name], k) for k in infos[name]["inputKeys"] if k != "inputImage"]
+            inputs = pdb_inputs(infos[name])
             args = " ".join(inp.args("no-such-texture" if inp.key == tex[0] else
                                      (mark if inp.kind == "image" else inp.default))[0] for inp in inputs)
             bad.append((tex[0], "(%s RUN-NONINTERACTIVE img drw %s)" % (procedure(name), args)))
@@ -235,6 +256,15 @@ def main():
     print("selection:", c.stdout.strip())
     if c.returncode:
         fail("the selection did not limit the effect: " + c.stdout.strip() + c.stderr.strip())
+    # Beyond the feather nothing changes; within it, more pixels change than the hard selection.
+    c = run([COMPARE, "--region", picture, feather_out, "24", "14", "92", "82"])
+    print("feathered selection:", c.stdout.strip())
+    if c.returncode:
+        fail("the feathered selection did not limit the effect: " + c.stdout.strip() + c.stderr.strip())
+    hard = run([COMPARE, "--region", picture, sel_out, "40", "30", "60", "50"]).stdout.split()
+    soft = c.stdout.split()
+    if hard and soft and int(soft[0]) <= int(hard[0]):
+        fail("the feather changed no pixels beyond the hard selection (%s against %s)" % (soft[0], hard[0]))
     c = run([COMPARE, os.path.join(TMP, "ref", "recipe.png"), recipe_out])
     print("recipe:", c.stdout.strip())
     if c.returncode:
