@@ -1,12 +1,12 @@
 #include "Dialog.h"
 
+#include <libgimp/gimp.h>
+#include <libgimp/gimpui.h>
+
 #include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
-
-#include <libgimp/gimp.h>
-#include <libgimp/gimpui.h>
 
 #include "AppKit/NSColor.h"
 #include "AppKit/NSControl.h"
@@ -143,7 +143,8 @@ GtkWidget* comboFor(NSPopUpButton& popup) {
       GtkTreeIter iter;
       gtk_list_store_append(store, &iter);
       const std::string title =
-          std::string(static_cast<std::size_t>(std::max<std::int64_t>(item->indentationLevel(), 0)) * 4, ' ') + item->title();
+          std::string(static_cast<std::size_t>(std::max<std::int64_t>(item->indentationLevel(), 0)) * 4, ' ') +
+          item->title();
       gtk_list_store_set(store, &iter, 0, title.c_str(), 1, (gboolean)item->isEnabled(), 2,
                          (gboolean)item->isSeparatorItem(), -1);
     }
@@ -204,7 +205,8 @@ void addSubviews(DialogState& state, GtkWidget* fixed, const NSView& view) {
     } else if (dynamic_cast<NSColorWell*>(sub.get())) {
       GimpRGB black;
       gimp_rgba_set(&black, 0, 0, 0, 1);
-      widget = gimp_color_button_new("Colour", std::max(w - 8, 16), std::max(h - 8, 12), &black, GIMP_COLOR_AREA_SMALL_CHECKS);
+      widget = gimp_color_button_new("Colour", std::max(w - 8, 16), std::max(h - 8, 12), &black,
+                                     GIMP_COLOR_AREA_SMALL_CHECKS);
       g_signal_connect_data(widget, "color-changed", G_CALLBACK(onColor), b, freeBinding, GConnectFlags(0));
       b = nullptr;
     } else if (auto* popup = dynamic_cast<NSPopUpButton*>(sub.get())) {
@@ -249,9 +251,9 @@ void renderPreview(DialogState& state) {
   const double scale = std::min(1.0, kPreviewSize / std::max(extent.size.width, extent.size.height));
   const int w = std::max(1, static_cast<int>(std::lround(extent.size.width * scale)));
   const int h = std::max(1, static_cast<int>(std::lround(extent.size.height * scale)));
-  const CIImage scaled = output
-                             .imageByApplyingTransform(CGAffineTransformMakeTranslation(-extent.origin.x, -extent.origin.y))
-                             .imageByApplyingTransform(CGAffineTransformMakeScale(scale, scale));
+  const CIImage scaled =
+      output.imageByApplyingTransform(CGAffineTransformMakeTranslation(-extent.origin.x, -extent.origin.y))
+          .imageByApplyingTransform(CGAffineTransformMakeScale(scale, scale));
   std::vector<std::uint8_t> rgba(static_cast<std::size_t>(w) * static_cast<std::size_t>(h) * 4u);
   try {
     CIContext().render(scaled, rgba.data(), w * 4, CGRectMake(0, 0, w, h), CIRenderFormat::RGBA8);
@@ -267,7 +269,8 @@ void renderPreview(DialogState& state) {
     for (int x = 0; x < w; ++x) {
       const std::uint8_t* s = &rgba[(static_cast<std::size_t>(y) * w + x) * 4];
       const int check = ((x / 8 + y / 8) % 2) ? 153 : 102;
-      for (int c = 0; c < 3; ++c) pixels[y * stride + x * 3 + c] = static_cast<guchar>((s[c] * s[3] + check * (255 - s[3]) + 127) / 255);
+      for (int c = 0; c < 3; ++c)
+        pixels[y * stride + x * 3 + c] = static_cast<guchar>((s[c] * s[3] + check * (255 - s[3]) + 127) / 255);
     }
   gtk_image_set_from_pixbuf(GTK_IMAGE(state.preview), pixbuf);
   g_object_unref(pixbuf);
@@ -309,9 +312,9 @@ bool runDialog(const FilterProcedure& procedure, const CIFilterRef& filter, std:
   state.input = input;
 
   const std::string title = "QVFilter " + procedure.displayName;
-  GtkWidget* dialog = gimp_dialog_new(title.c_str(), "qvfilter-gimp", nullptr, GtkDialogFlags(0), gimp_standard_help_func,
-                                      procedure.procedure.c_str(), "_Reset", kResetResponse, "_Cancel",
-                                      GTK_RESPONSE_CANCEL, "_OK", GTK_RESPONSE_OK, nullptr);
+  GtkWidget* dialog = gimp_dialog_new(title.c_str(), "qvfilter-gimp", nullptr, GtkDialogFlags(0),
+                                      gimp_standard_help_func, procedure.procedure.c_str(), "_Reset", kResetResponse,
+                                      "_Cancel", GTK_RESPONSE_CANCEL, "_OK", GTK_RESPONSE_OK, nullptr);
   gimp_window_set_transient(GTK_WINDOW(dialog));
   GtkWidget* box = gtk_hbox_new(FALSE, 12);
   gtk_container_set_border_width(GTK_CONTAINER(box), 12);

@@ -1,10 +1,10 @@
 #include "Pixels.h"
 
+#include <libgimp/gimp.h>
+
 #include <algorithm>
 #include <cmath>
 #include <vector>
-
-#include <libgimp/gimp.h>
 
 #include "CoreGraphics/CGGeometry.h"
 #include "CoreImage/CIContext.h"
@@ -19,7 +19,9 @@ const Babl* workingFormat(gint32 drawable) {
 
 // What the output is written as: straight linear float, which GIMP converts to the drawable's
 // own precision and encoding.
-const Babl* outputFormat(gint32 drawable) { return babl_format_with_space("RGBA float", gimp_drawable_get_format(drawable)); }
+const Babl* outputFormat(gint32 drawable) {
+  return babl_format_with_space("RGBA float", gimp_drawable_get_format(drawable));
+}
 
 // Working pixels as the engine's file encoders store them: alpha clamped to 0..1 (a sharpened
 // edge may overshoot it), colour divided by that alpha, nothing where alpha is not positive.
@@ -40,13 +42,15 @@ void straighten(std::vector<float>& pixels) {
 }
 
 // Rows per strip, so that one strip of floats stays near 32 MB whatever the width.
-int stripRows(int width) { return std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1))))); }
+int stripRows(int width) {
+  return std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1)))));
+}
 
 // Renders the engine rectangle that covers buffer rows [top, top + height) of a buffer whose top
 // row is engine row `engineTop` (exclusive upper edge) and whose first column is `engineLeft`,
 // and stores it in the buffer.
-void renderInto(GeglBuffer* buffer, const Babl* format, const CIImage& output, int left, int top, int width,
-                int height, double engineLeft, double engineTop) {
+void renderInto(GeglBuffer* buffer, const Babl* format, const CIImage& output, int left, int top, int width, int height,
+                double engineLeft, double engineTop) {
   const CIContext context;
   std::vector<float> strip;
   const int rows = stripRows(width);
@@ -82,8 +86,8 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
   extent = CGRectIntegral(extent);
   if (CGRectIsNull(extent) || CGRectIsEmpty(extent)) throw PixelError("the filter's output is empty");
   ApplyResult result;
-  const bool sameExtent = extent.origin.x == 0 && extent.origin.y == 0 && extent.size.width == width &&
-                          extent.size.height == height;
+  const bool sameExtent =
+      extent.origin.x == 0 && extent.origin.y == 0 && extent.size.width == width && extent.size.height == height;
   if (sameExtent) {
     gint x = 0, y = 0, w = 0, h = 0;
     if (!gimp_drawable_mask_intersect(drawable, &x, &y, &w, &h)) return result;

@@ -68,13 +68,26 @@ std::string describe(const InputParam& input) {
       else if (hi && hi->isNumber())
         text += " (at most " + numberText(hi->doubleValue()) + ")";
       break;
-    case ParamKind::Boolean: text += " (0 or 1)"; break;
-    case ParamKind::Color: text += " (colour)"; break;
-    case ParamKind::Vector: text += " (" + std::to_string(input.length) + " numbers)"; break;
-    case ParamKind::Transform: text += " (6 numbers: a b c d tx ty)"; break;
-    case ParamKind::Texture: text += " (texture identifier or tag key, \"\" for none)"; break;
-    case ParamKind::ImageFile: text += " (image file, \"\" for none)"; break;
-    case ParamKind::String: break;
+    case ParamKind::Boolean:
+      text += " (0 or 1)";
+      break;
+    case ParamKind::Color:
+      text += " (colour)";
+      break;
+    case ParamKind::Vector:
+      text += " (" + std::to_string(input.length) + " numbers)";
+      break;
+    case ParamKind::Transform:
+      text += " (6 numbers: a b c d tx ty)";
+      break;
+    case ParamKind::Texture:
+      text += " (texture identifier or tag key, \"\" for none)";
+      break;
+    case ParamKind::ImageFile:
+      text += " (image file, \"\" for none)";
+      break;
+    case ParamKind::String:
+      break;
   }
   if (def) text += ", default " + qv::jsonFromValue(*def).dump();
   return text;
@@ -116,7 +129,9 @@ InputParam describeInput(const CIFilter& filter, const std::string& key, const D
   return input;
 }
 
-[[noreturn]] void fail(const InputParam& input, const std::string& what) { throw qv::ValueError(input.key + ": " + what); }
+[[noreturn]] void fail(const InputParam& input, const std::string& what) {
+  throw qv::ValueError(input.key + ": " + what);
+}
 
 void checkRange(const InputParam& input, double v, const Value* lo, const Value* hi) {
   if (!std::isfinite(v)) fail(input, "not a finite number");
@@ -148,7 +163,8 @@ std::string procedureNameForFilter(const std::string& filterName) {
   for (std::size_t i = 0; i < name.size(); ++i) {
     const auto c = static_cast<unsigned char>(name[i]);
     if (i > 0 && std::isupper(c) &&
-        (std::islower(static_cast<unsigned char>(name[i - 1])) || std::isdigit(static_cast<unsigned char>(name[i - 1]))))
+        (std::islower(static_cast<unsigned char>(name[i - 1])) ||
+         std::isdigit(static_cast<unsigned char>(name[i - 1]))))
       out += '-';
     out += static_cast<char>(std::tolower(c));
   }
@@ -291,9 +307,12 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const json& val
 json inputJSON(const CIFilter& filter, const InputParam& input) {
   const Value v = filter.valueForKey(input.key);
   switch (input.kind) {
-    case ParamKind::Number: return v.doubleValue();
-    case ParamKind::Integer: return v.integerValue();
-    case ParamKind::Boolean: return v.boolValue() ? 1 : 0;
+    case ParamKind::Number:
+      return v.doubleValue();
+    case ParamKind::Integer:
+      return v.integerValue();
+    case ParamKind::Boolean:
+      return v.boolValue() ? 1 : 0;
     case ParamKind::Color: {
       const CIColorRef c = CIColor::fromValue(v);
       if (!c) return json::array({0, 0, 0, 1});
@@ -302,14 +321,16 @@ json inputJSON(const CIFilter& filter, const InputParam& input) {
     case ParamKind::Vector: {
       json out = json::array();
       const auto vector = v.object<CIVector>();
-      for (std::size_t i = 0; i < input.length; ++i) out.push_back(vector && i < vector->count() ? vector->valueAtIndex(i) : 0.0);
+      for (std::size_t i = 0; i < input.length; ++i)
+        out.push_back(vector && i < vector->count() ? vector->valueAtIndex(i) : 0.0);
       return out;
     }
     case ParamKind::Transform: {
       const CGAffineTransform t = v.transform() ? *v.transform() : CGAffineTransformIdentity;
       return json::array({t.a, t.b, t.c, t.d, t.tx, t.ty});
     }
-    case ParamKind::ImageFile: return "";
+    case ParamKind::ImageFile:
+      return "";
     case ParamKind::Texture:
     case ParamKind::String: {
       if (const std::string* s = v.string()) return *s;

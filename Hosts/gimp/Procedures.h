@@ -4,10 +4,9 @@
 #pragma once
 
 #include <cstddef>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "CoreImage/CIFilter.h"
 #include "Foundation/Value.h"

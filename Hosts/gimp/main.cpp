@@ -1,12 +1,12 @@
 // qvfilter-gimp: the filters of the bundle as GIMP 2.10 procedures. GIMP runs the program once
 // to learn its procedures (query) and again for every call (run); both load the bundle as the
 // command line does, so the procedures always match the bundle beside the plug-in.
+#include <libgimp/gimp.h>
+
 #include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
-
-#include <libgimp/gimp.h>
 
 #include "Dialog.h"
 #include "Foundation/NSException.h"
@@ -43,17 +43,24 @@ struct ParamDefs {
 };
 
 void addCommonParams(ParamDefs& defs) {
-  defs.add(GIMP_PDB_INT32, "run-mode", "The run mode { RUN-INTERACTIVE (0), RUN-NONINTERACTIVE (1), RUN-WITH-LAST-VALS (2) }");
+  defs.add(GIMP_PDB_INT32, "run-mode",
+           "The run mode { RUN-INTERACTIVE (0), RUN-NONINTERACTIVE (1), RUN-WITH-LAST-VALS (2) }");
   defs.add(GIMP_PDB_IMAGE, "image", "Input image");
   defs.add(GIMP_PDB_DRAWABLE, "drawable", "Input drawable");
 }
 
 void addInputParams(ParamDefs& defs, const InputParam& input) {
   switch (input.kind) {
-    case ParamKind::Number: defs.add(GIMP_PDB_FLOAT, input.key, input.description); break;
+    case ParamKind::Number:
+      defs.add(GIMP_PDB_FLOAT, input.key, input.description);
+      break;
     case ParamKind::Integer:
-    case ParamKind::Boolean: defs.add(GIMP_PDB_INT32, input.key, input.description); break;
-    case ParamKind::Color: defs.add(GIMP_PDB_COLOR, input.key, input.description); break;
+    case ParamKind::Boolean:
+      defs.add(GIMP_PDB_INT32, input.key, input.description);
+      break;
+    case ParamKind::Color:
+      defs.add(GIMP_PDB_COLOR, input.key, input.description);
+      break;
     case ParamKind::Vector:
     case ParamKind::Transform:
       defs.add(GIMP_PDB_INT32, "num-" + input.key, "Number of values in " + input.key);
@@ -61,7 +68,9 @@ void addInputParams(ParamDefs& defs, const InputParam& input) {
       break;
     case ParamKind::String:
     case ParamKind::Texture:
-    case ParamKind::ImageFile: defs.add(GIMP_PDB_STRING, input.key, input.description); break;
+    case ParamKind::ImageFile:
+      defs.add(GIMP_PDB_STRING, input.key, input.description);
+      break;
   }
 }
 
@@ -87,8 +96,9 @@ void query() {
   }
   ParamDefs defs;
   addCommonParams(defs);
-  defs.add(GIMP_PDB_STRING, "recipe", "A recipe file (JSON) whose chain is applied, the drawable standing in for the "
-                                      "first step's inputImage");
+  defs.add(GIMP_PDB_STRING, "recipe",
+           "A recipe file (JSON) whose chain is applied, the drawable standing in for the "
+           "first step's inputImage");
   gimp_install_procedure(qvgimp::kRecipeProcedure, "Apply a QVFilter recipe's chain to the drawable",
                          (std::string("Runs the chain of a recipe file written by the studio or the command line on "
                                       "the drawable.") +
@@ -107,9 +117,13 @@ json settingsFromParams(const FilterProcedure& procedure, int nparams, const Gim
     if (i + qvgimp::pdbParamCount(input) > nparams) throw qv::ValueError(input.key + ": missing argument");
     const GimpParam& p = params[i];
     switch (input.kind) {
-      case ParamKind::Number: settings[input.key] = p.data.d_float; break;
+      case ParamKind::Number:
+        settings[input.key] = p.data.d_float;
+        break;
       case ParamKind::Integer:
-      case ParamKind::Boolean: settings[input.key] = p.data.d_int32; break;
+      case ParamKind::Boolean:
+        settings[input.key] = p.data.d_int32;
+        break;
       case ParamKind::Color:
         settings[input.key] = json::array({p.data.d_color.r, p.data.d_color.g, p.data.d_color.b, p.data.d_color.a});
         break;
@@ -125,7 +139,9 @@ json settingsFromParams(const FilterProcedure& procedure, int nparams, const Gim
       }
       case ParamKind::String:
       case ParamKind::Texture:
-      case ParamKind::ImageFile: settings[input.key] = p.data.d_string ? p.data.d_string : ""; break;
+      case ParamKind::ImageFile:
+        settings[input.key] = p.data.d_string ? p.data.d_string : "";
+        break;
     }
     i += qvgimp::pdbParamCount(input);
   }
@@ -148,7 +164,8 @@ void rememberSettings(const std::string& procedure, const json& settings) {
 }
 
 // Runs one filter procedure; returns an error message, empty on success.
-GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const GimpParam* params, std::string& error) {
+GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const GimpParam* params,
+                            std::string& error) {
   const auto runMode = static_cast<GimpRunMode>(params[0].data.d_int32);
   const gint32 image = params[1].data.d_image, drawable = params[2].data.d_drawable;
   CIFilterRef filter;

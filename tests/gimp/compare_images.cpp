@@ -30,7 +30,8 @@ int compareRegion(char** argv) {
     std::printf("sizes differ: %zux%zu against %zux%zu\n", aw, ah, bw, bh);
     return 1;
   }
-  const long x0 = std::atol(argv[4]), y0 = std::atol(argv[5]), x1 = x0 + std::atol(argv[6]), y1 = y0 + std::atol(argv[7]);
+  const long x0 = std::atol(argv[4]), y0 = std::atol(argv[5]), x1 = x0 + std::atol(argv[6]),
+             y1 = y0 + std::atol(argv[7]);
   std::size_t outsideChanged = 0, insideChanged = 0;
   for (std::size_t y = 0; y < ah; ++y)
     for (std::size_t x = 0; x < aw; ++x) {
