@@ -23,10 +23,12 @@ fs::path executableDirectory() {
   return exe.parent_path();
 }
 
+// Beside the executable (a plug-in host such as GIMP's keeps the bundle next to itself), then
+// lib/qvfilter/ of the tree the executable is installed in.
 std::vector<std::string> executableLocations() {
   const fs::path bin = executableDirectory();
   if (bin.empty()) return {};
-  return {(bin / ".." / "lib" / "qvfilter").lexically_normal().string()};
+  return {bin.string(), (bin / ".." / "lib" / "qvfilter").lexically_normal().string()};
 }
 
 }  // namespace

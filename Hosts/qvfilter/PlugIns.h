@@ -1,4 +1,5 @@
-// Loading the image-unit bundles into a host (the qvfilter command line, the Python module).
+// Loading the image-unit bundles into a host (the qvfilter command line, the Python module, the
+// GIMP plug-in).
 #pragma once
 
 #include <string>
@@ -6,8 +7,9 @@
 
 // Loads the plug-in bundles once per process; later calls do nothing. Bundles are searched
 // for, in order, in the entries of QV_PLUGIN_PATH (colon-separated; each a *.plugin bundle or
-// a directory holding *.plugin bundles), then in the install location beside the executable,
-// <bindir>/../lib/qvfilter/. A bundle whose identifier was already loaded from an earlier
+// a directory holding *.plugin bundles), then in the executable's own directory (a host that
+// is installed as one folder with the bundle beside it, like the GIMP plug-in), then in the
+// install location beside the executable, <bindir>/../lib/qvfilter/. A bundle whose identifier was already loaded from an earlier
 // entry is not loaded again. Each failure is printed once on stderr:
 //   qvfilter: cannot load plug-in PATH: REASON
 void qvLoadPlugIns();

@@ -145,6 +145,7 @@ class Builder {
   RecipeGraph build() {
     checkKeys(recipe_, {"images", "chain", "output", "name", "description", "comment"}, "recipe");
     readImageSpecs();
+    bindChainInput();
     // Every image is built, referenced or not, so that a broken one is reported.
     for (const auto& [name, spec] : imageSpecs_) {
       (void)spec;
@@ -160,8 +161,10 @@ class Builder {
       }
       CIImage previous = options_.chainInput;
       for (std::size_t i = 0; i < chain.size(); ++i) {
-        previous = applyStep(chain[i], i == 0 && !options_.chainInput ? nullptr : &previous,
-                             "chain step " + std::to_string(i + 1), false);
+        const bool hostInput = i == 0 && options_.chainInput;
+        if (hostInput) previous = options_.chainInput;
+        previous = applyStep(chain[i], i == 0 && !hostInput ? nullptr : &previous, "chain step " + std::to_string(i + 1),
+                             false);
       }
       graph.output = previous;
       haveOutput = !chain.empty();
@@ -172,6 +175,20 @@ class Builder {
   }
 
  private:
+  // The image the first step names as its inputImage is the host's picture (chainInput).
+  void bindChainInput() {
+    if (!options_.chainInput || !recipe_.contains("chain") || !recipe_["chain"].is_array() ||
+        recipe_["chain"].empty())
+      return;
+    const json& first = recipe_["chain"][0];
+    if (!first.is_object() || !first.contains("inputs") || !first["inputs"].is_object()) return;
+    const json& inputs = first["inputs"];
+    if (!inputs.contains(kCIInputImageKey) || !inputs[kCIInputImageKey].is_string()) return;
+    const std::string& ref = inputs[kCIInputImageKey].get_ref<const std::string&>();
+    if (ref.size() < 2 || ref[0] != '@' || ref[1] == '@') return;
+    images_[ref.substr(1)] = options_.chainInput;
+  }
+
   void readImageSpecs() {
     if (!recipe_.contains("images")) return;
     const json& images = recipe_["images"];

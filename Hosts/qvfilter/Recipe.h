@@ -73,9 +73,10 @@ struct RecipeOptions {
   // name or tag that resolves to no texture, an operation name that names no filter; see
   // checkFilterInputs). Unset: each is printed on stderr as "qvfilter: warning: LINE".
   std::function<void(const std::string&)> warn;
-  // When not nil, the first chain step takes this image as its inputImage (unless the step
-  // gives one), as every later step takes the previous step's output: how a batch feeds each
-  // of its files through the same chain.
+  // When set, the host's own picture (a batch's file, GIMP's drawable) in place of the first
+  // chain step's inputImage: the image that step names ("@name") stands for this one wherever
+  // it is used and is not built from its entry; a first step naming none gets it as its
+  // inputImage, and every later step takes the previous step's output.
   CIImage chainInput;
   // Replaces "output"."quality" (0...1) when set.
   std::optional<double> quality;

@@ -287,9 +287,15 @@ FilterView makeFilterView(const std::string& filterName) {
   result.filter = CIFilter::filterWithName(filterName);
   if (!result.filter) throw std::invalid_argument("no such filter: " + filterName);
   result.filter->setDefaults();
-  result.view = result.filter->provideViewForUIConfiguration({}, {});
+  return filterViewFor(result.filter);
+}
+
+FilterView filterViewFor(const CIFilterRef& filter) {
+  FilterView result;
+  result.filter = filter;
+  result.view = filter->provideViewForUIConfiguration({}, {});
   result.provided = result.view != nullptr;
-  if (!result.view) result.view = genericFilterView(result.filter);
+  if (!result.view) result.view = genericFilterView(filter);
   return result;
 }
 

@@ -50,6 +50,9 @@ struct FilterView {
 // an unknown name; a provided view that cannot be built raises NSException (with the reason).
 FilterView makeFilterView(const std::string& filterName);
 
+// The view of an existing filter (as it stands, inputs untouched): its own, or generic controls.
+FilterView filterViewFor(const CIFilterRef& filter);
+
 // Generic controls for every input of the filter, bound to it.
 std::shared_ptr<IKFilterUIView> genericFilterView(const CIFilterRef& filter);
 

@@ -1,0 +1,141 @@
+#include "Pixels.h"
+
+#include <libgimp/gimp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "CoreGraphics/CGGeometry.h"
+#include "CoreImage/CIContext.h"
+
+namespace qvgimp {
+namespace {
+
+// The engine's working format in the drawable's colour space.
+const Babl* workingFormat(gint32 drawable) {
+  return babl_format_with_space("RaGaBaA float", gimp_drawable_get_format(drawable));
+}
+
+// What the output is written as: straight linear float, which GIMP converts to the drawable's
+// own precision and encoding.
+const Babl* outputFormat(gint32 drawable) {
+  return babl_format_with_space("RGBA float", gimp_drawable_get_format(drawable));
+}
+
+// Working pixels as the engine's file encoders store them: alpha clamped to 0..1 (a sharpened
+// edge may overshoot it), colour divided by that alpha, nothing where alpha is not positive.
+// Colours stay unclamped, so float images keep values beyond 1.
+void straighten(std::vector<float>& pixels) {
+  for (std::size_t i = 0; i + 3 < pixels.size(); i += 4) {
+    const float a = std::min(pixels[i + 3], 1.0f);
+    if (!(a > 0.0f)) {
+      pixels[i] = pixels[i + 1] = pixels[i + 2] = pixels[i + 3] = 0.0f;
+      continue;
+    }
+    for (std::size_t c = 0; c < 3; ++c) {
+      const float v = pixels[i + c] / a;
+      pixels[i + c] = std::isfinite(v) ? v : 0.0f;
+    }
+    pixels[i + 3] = a;
+  }
+}
+
+// Rows per strip, so that one strip of floats stays near 32 MB whatever the width.
+int stripRows(int width) {
+  return std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1)))));
+}
+
+// Renders the engine rectangle that covers buffer rows [top, top + height) of a buffer whose top
+// row is engine row `engineTop` (exclusive upper edge) and whose first column is `engineLeft`,
+// and stores it in the buffer.
+void renderInto(GeglBuffer* buffer, const Babl* format, const CIImage& output, int left, int top, int width, int height,
+                double engineLeft, double engineTop) {
+  const CIContext context;
+  std::vector<float> strip;
+  const int rows = stripRows(width);
+  for (int y = top; y < top + height; y += rows) {
+    const int h = std::min(rows, top + height - y);
+    strip.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(h) * 4u, 0.0f);
+    const CGRect bounds = CGRectMake(engineLeft + left, engineTop - (y + h), width, h);
+    context.render(output, strip.data(), static_cast<std::ptrdiff_t>(width) * 16, bounds, CIRenderFormat::RGBAf);
+    straighten(strip);
+    const GeglRectangle rect{left, y, width, h};
+    gegl_buffer_set(buffer, &rect, 0, format, strip.data(), GEGL_AUTO_ROWSTRIDE);
+  }
+}
+
+}  // namespace
+
+CIImage drawableImage(std::int32_t drawable) {
+  GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
+  if (!buffer) throw PixelError("cannot read the drawable's pixels");
+  const int width = gegl_buffer_get_width(buffer), height = gegl_buffer_get_height(buffer);
+  std::vector<float> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4u);
+  const GeglRectangle rect{0, 0, width, height};
+  gegl_buffer_get(buffer, &rect, 1.0, workingFormat(drawable), pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_NONE);
+  g_object_unref(buffer);
+  return CIImage::imageWithRGBAf(pixels.data(), static_cast<std::size_t>(width), static_cast<std::size_t>(height));
+}
+
+ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage& output) {
+  if (!output) throw PixelError("the filter produced no image");
+  const int width = gimp_drawable_width(drawable), height = gimp_drawable_height(drawable);
+  CGRect extent = output.extent();
+  if (CGRectIsInfinite(extent)) extent = CGRectMake(0, 0, width, height);
+  extent = CGRectIntegral(extent);
+  if (CGRectIsNull(extent) || CGRectIsEmpty(extent)) throw PixelError("the filter's output is empty");
+  ApplyResult result;
+  const bool sameExtent =
+      extent.origin.x == 0 && extent.origin.y == 0 && extent.size.width == width && extent.size.height == height;
+  if (sameExtent) {
+    gint x = 0, y = 0, w = 0, h = 0;
+    if (!gimp_drawable_mask_intersect(drawable, &x, &y, &w, &h)) return result;
+    gimp_image_undo_group_start(image);
+    GeglBuffer* shadow = gimp_drawable_get_shadow_buffer(drawable);
+    renderInto(shadow, outputFormat(drawable), output, x, y, w, h, 0, height);
+    gegl_buffer_flush(shadow);
+    g_object_unref(shadow);
+    gimp_drawable_merge_shadow(drawable, TRUE);
+    gimp_drawable_update(drawable, x, y, w, h);
+    gimp_image_undo_group_end(image);
+    result = ApplyResult{x, y, w, h, false};
+    return result;
+  }
+
+  if (!gimp_item_is_layer(drawable))
+    throw PixelError("the filter changes the size of the picture, which only a layer can take");
+  const double maxSide = GIMP_MAX_IMAGE_SIZE;
+  if (extent.size.width > maxSide || extent.size.height > maxSide)
+    throw PixelError("the filter's output is larger than GIMP's largest image");
+  const int newWidth = static_cast<int>(extent.size.width), newHeight = static_cast<int>(extent.size.height);
+  // The old layer's top-left corner within the new one (engine y grows upward).
+  const int offX = static_cast<int>(-extent.origin.x);
+  const int offY = static_cast<int>(extent.origin.y + extent.size.height) - height;
+  gimp_image_undo_group_start(image);
+  // The whole output replaces the layer, so the selection does not take part: it is put aside
+  // and restored inside the same undo group.
+  gint32 savedSelection = -1;
+  if (!gimp_selection_is_empty(image)) {
+    savedSelection = gimp_selection_save(image);
+    gimp_selection_none(image);
+  }
+  if (!gimp_drawable_has_alpha(drawable)) gimp_layer_add_alpha(drawable);
+  gimp_layer_resize(drawable, newWidth, newHeight, offX, offY);
+  GeglBuffer* shadow = gimp_drawable_get_shadow_buffer(drawable);
+  renderInto(shadow, outputFormat(drawable), output, 0, 0, newWidth, newHeight, extent.origin.x,
+             extent.origin.y + extent.size.height);
+  gegl_buffer_flush(shadow);
+  g_object_unref(shadow);
+  gimp_drawable_merge_shadow(drawable, TRUE);
+  gimp_drawable_update(drawable, 0, 0, newWidth, newHeight);
+  if (savedSelection != -1) {
+    gimp_image_select_item(image, GIMP_CHANNEL_OP_REPLACE, savedSelection);
+    gimp_image_remove_channel(image, savedSelection);
+  }
+  gimp_image_undo_group_end(image);
+  result = ApplyResult{0, 0, newWidth, newHeight, true};
+  return result;
+}
+
+}  // namespace qvgimp

@@ -1,0 +1,37 @@
+// Pixels between a GIMP drawable and the image engine, through GEGL buffers: the drawable as an
+// input image in the engine's working space (premultiplied linear RGBA float, in the image's
+// own colour space, whatever its precision), and a filter's output written back in strips
+// through the shadow buffer, so that GIMP merges it through the selection in one undo step.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "CoreImage/CIImage.h"
+
+namespace qvgimp {
+
+class PixelError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The whole drawable as an image with its extent at (0, 0, width, height), origin bottom-left
+// as the engine has it.
+CIImage drawableImage(std::int32_t drawable);
+
+// What applyOutput did: the rectangle of the drawable that changed, in drawable coordinates
+// (origin top-left), and whether the layer was resized to the output's extent.
+struct ApplyResult {
+  int x = 0, y = 0, width = 0, height = 0;
+  bool resized = false;
+};
+
+// Writes `output` (an image computed from drawableImage(drawable)) into the drawable in one undo
+// group. When its integral extent is the drawable's, only the selection's bounds are rendered
+// and GIMP merges them through the (feathered) selection; otherwise the layer is resized to the
+// output's extent, the whole output written and the selection left out. Throws PixelError.
+ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage& output);
+
+}  // namespace qvgimp
