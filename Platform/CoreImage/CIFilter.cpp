@@ -117,6 +117,21 @@ std::vector<std::string> CIFilter::inputKeys() const {
   return keys;
 }
 
+namespace {
+
+// True when every attribute of `entry` stands in `declared` with the same value.
+bool declaredEntryCovers(const Value& declared, const Dictionary& entry) {
+  const Dictionary* d = declared.dictionary();
+  if (!d) return false;
+  for (const auto& [attribute, value] : entry) {
+    const auto it = d->find(attribute);
+    if (it == d->end() || !(it->second == value)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 Dictionary CIFilter::attributes() const {
   Dictionary attrs;
   attrs[kCIAttributeFilterName] = name_;
@@ -134,12 +149,17 @@ Dictionary CIFilter::attributes() const {
     attrs[kCIAttributeFilterDisplayName] = name_;
     attrs[kCIAttributeFilterCategories] = Value(Array{});
   }
-  // A filter's own description of an input replaces the declared one whole.
+  // A filter's own description of an input replaces the declared one whole, unless the
+  // declared one already says everything the filter's says (an empty entry, or one that only
+  // names the class): the host's filter description then keeps the default and ranges it adds.
   const Value custom = customAttributes();
   if (const Dictionary* d = custom.dictionary()) {
     for (const auto& [key, value] : *d) {
       const Dictionary* entry = value.dictionary();
-      if (entry && (!entry->empty() || !attrs.count(key))) attrs[key] = value;
+      if (!entry) continue;
+      const auto declared = attrs.find(key);
+      if (declared != attrs.end() && declaredEntryCovers(declared->second, *entry)) continue;
+      attrs[key] = value;
     }
   }
   return attrs;

@@ -28,6 +28,8 @@ class TestDescribedFilter : public CIFilter {
     return Value(Dictionary{{"inputAmount", Value(Dictionary{{kCIAttributeClass, "NSNumber"},
                                                              {kCIAttributeDefault, 7}})},
                             {"inputRadius", Value(Dictionary{})},
+                            {"inputName", Value(Dictionary{{kCIAttributeClass, "NSString"}})},
+                            {"inputLabel", Value(Dictionary{{kCIAttributeClass, "NSString"}})},
                             {"inputUndescribed", Value(Dictionary{})},
                             {"notADictionary", Value(3)}});
   }
@@ -55,7 +57,9 @@ void registerTestFilters() {
         {"inputImage", Value(Dictionary{{kCIAttributeClass, "CIImage"}})},
         {"inputAmount", Value(Dictionary{{kCIAttributeClass, "NSNumber"}, {kCIAttributeDefault, 1.5},
                                          {kCIAttributeMax, 4}})},
-        {"inputRadius", Value(Dictionary{{kCIAttributeClass, "NSNumber"}, {kCIAttributeDefault, 3}})}};
+        {"inputRadius", Value(Dictionary{{kCIAttributeClass, "NSNumber"}, {kCIAttributeDefault, 3}})},
+        {"inputName", Value(Dictionary{{kCIAttributeClass, "NSString"}, {kCIAttributeDefault, "described"}})},
+        {"inputLabel", Value(Dictionary{{kCIAttributeClass, "NSNumber"}, {kCIAttributeDefault, 4}})}};
     CIFilter::registerFilter(reg);
     return true;
   }();
@@ -141,7 +145,8 @@ TEST(CIFilterRegistry, DescribedAttributesAndCustomReplacementWhole) {
   auto f = CIFilter::filterWithName("TestDescribedFilter");
   ASSERT_TRUE(f);
   // The input keys are the described keys.
-  EXPECT_EQ(f->inputKeys(), (std::vector<std::string>{"inputAmount", "inputImage", "inputRadius"}));
+  EXPECT_EQ(f->inputKeys(),
+            (std::vector<std::string>{"inputAmount", "inputImage", "inputLabel", "inputName", "inputRadius"}));
   const Dictionary attrs = f->attributes();
   // The filter's own entry replaced the described one whole: no CIAttributeMax survives.
   const Value amount = attrs.at("inputAmount");
@@ -151,11 +156,17 @@ TEST(CIFilterRegistry, DescribedAttributesAndCustomReplacementWhole) {
   // input the description leaves out, the empty entry is the input's attributes.
   EXPECT_EQ(attrs.at("inputRadius")[kCIAttributeDefault], Value(3));
   EXPECT_EQ(attrs.at("inputUndescribed"), Value(Dictionary{}));
+  // An entry whose every attribute the description already states with the same value adds
+  // nothing either: the description's default stays. One that differs replaces it whole.
+  EXPECT_EQ(attrs.at("inputName")[kCIAttributeDefault], Value("described"));
+  EXPECT_EQ(attrs.at("inputLabel"), Value(Dictionary{{kCIAttributeClass, "NSString"}}));
   // A non-dictionary custom entry is ignored.
   EXPECT_EQ(attrs.count("notADictionary"), 0u);
   f->setDefaults();
   EXPECT_EQ(f->valueForKey("inputAmount"), Value(7));
   EXPECT_EQ(f->valueForKey("inputRadius"), Value(3));
+  EXPECT_EQ(f->valueForKey("inputName"), Value("described"));
+  EXPECT_TRUE(f->valueForKey("inputLabel").isNil());
 }
 
 TEST(CIFilterRegistry, BaseCustomAttributesIsNilAndApplyWithoutKernelIsNil) {
