@@ -54,9 +54,8 @@
 #include "Recipe.h"
 #include "ServeStudio.h"
 #include "TextureCatalogue.h"
-#include "Foundation/NSBundle.h"
+#include "TextureIndexFile.h"
 #include "Foundation/NSURL.h"
-#include "Foundation/PropertyList.h"
 
 extern char** environ;
 
@@ -74,7 +73,6 @@ struct ServeOptions {
 };
 
 constexpr std::size_t kMaxJSONBody = 16u << 20;
-constexpr const char* kPlugInBundleIdentifier = "org.qvfilter.filters.imageunits";
 
 void sendJSON(httplib::Response& res, const json& body, int status = 200) {
   res.status = status;
@@ -194,14 +192,19 @@ class Textures {
     const qv::TextureCatalogue& catalogue = qv::loadedTextureCatalogue();
     // The files behind the identifiers: the index's file names, inside the bundle's Textures
     // folder only (the bundle refuses names that leave it).
-    auto bundle = NSBundle::bundleWithIdentifier(kPlugInBundleIdentifier);
-    const Value index = bundle ? propertyListFromFile(bundle->pathForResource("TextureIndex", "plist")) : Value();
+    qv::TextureIndexFile index;
+    try {
+      index = qv::loadTextureIndexFile("");
+    } catch (const qv::CatalogueError&) {
+      // No loaded bundle: textures are listed without thumbnails.
+    }
+    const Dictionary* records = index.textures.dictionary();
     for (const qv::CatalogueTexture& texture : catalogue.textures) {
       const auto url = NSURL::URLWithString(texture.identifier);
       const std::string key = url ? url->lastPathComponent() : std::string();
-      const Value fileName = index["textures"][key]["fileName"];
       std::string path;
-      if (bundle && fileName.string()) path = bundle->pathForResource(*fileName.string(), "", "Textures");
+      if (records)
+        if (const auto record = records->find(key); record != records->end()) path = qv::texturePath(index, record->second);
       files_[texture.identifier] = path;
       json tags = json::array();
       for (const std::string& tag : texture.tags) {

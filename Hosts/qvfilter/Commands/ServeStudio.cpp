@@ -166,6 +166,14 @@ fs::path Session::uniqueFileLocked(const std::string& name) {
   return path;
 }
 
+fs::path Session::saveUploadLocked(const std::string& name, const std::string& type, const std::string& bytes) {
+  std::string fileName = safeFileName(name);
+  if (fs::path(fileName).extension().empty()) fileName += extensionForType(type);
+  const fs::path path = uniqueFileLocked(fileName);
+  writeFile(path, bytes);
+  return path;
+}
+
 json Session::openSourceLocked(const fs::path& path, const std::string& name) {
   auto source = CGImageSourceCreateWithURL(path.string());
   if (!source) throw StudioError{415, "not an image this studio can open (JPEG, PNG or WebP)"};
@@ -189,10 +197,7 @@ json Session::openSourceLocked(const fs::path& path, const std::string& name) {
 json Session::openUpload(const std::string& name, const std::string& bytes) {
   const std::string type = checkImageBytes(bytes);
   std::lock_guard lock(viewMutex());
-  std::string fileName = safeFileName(name);
-  if (fs::path(fileName).extension().empty()) fileName += extensionForType(type);
-  const fs::path path = uniqueFileLocked(fileName);
-  writeFile(path, bytes);
+  const fs::path path = saveUploadLocked(name, type, bytes);
   return openSourceLocked(path, path.filename().string());
 }
 
@@ -428,10 +433,7 @@ json Session::setImageInput(int stepId, const std::vector<std::size_t>& controlP
   const std::string key = controlKey(*control);
   if (key.empty()) throw StudioError{400, "that image well is not bound to an input"};
   if (key == kCIInputImageKey) throw StudioError{400, "the chain supplies inputImage"};
-  std::string fileName = safeFileName(name);
-  if (fs::path(fileName).extension().empty()) fileName += extensionForType(type);
-  const fs::path path = uniqueFileLocked(fileName);
-  writeFile(path, bytes);
+  const fs::path path = saveUploadLocked(name, type, bytes);
   const Snapshot before = snapshotLocked();
   try {
     editControl(*control, key, path.string());

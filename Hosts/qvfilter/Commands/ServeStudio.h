@@ -130,6 +130,9 @@ class Session {
   nlohmann::json recipeLocked(const std::string& outputFile, double quality, bool absolutePaths) const;
   nlohmann::json stepResponseLocked(int stepId);
   std::filesystem::path uniqueFileLocked(const std::string& name);
+  // An uploaded image written into the session's folder under a safe, unused name of its own,
+  // with the extension of its checked type when it has none.
+  std::filesystem::path saveUploadLocked(const std::string& name, const std::string& type, const std::string& bytes);
 
   const std::string id_;
   const std::filesystem::path dir_;
