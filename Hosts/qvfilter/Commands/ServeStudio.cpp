@@ -10,6 +10,7 @@
 #include "Command.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
+#include "CoreImage/CIVector.h"
 #include "Foundation/NSException.h"
 #include "Foundation/NSURL.h"
 #include "ImageIO/ImageIO.h"
@@ -114,6 +115,47 @@ std::string randomHex(std::size_t bytes) {
 std::mutex& viewMutex() {
   static std::mutex mutex;
   return mutex;
+}
+
+// Inputs measured in picture pixels: lengths (a border's width, a blur's radius), positions,
+// offsets and rectangles, by their attribute type.
+bool isDistanceType(const std::string& type) {
+  return type == kCIAttributeTypeDistance || type == kCIAttributeTypePosition || type == kCIAttributeTypeOffset ||
+         type == kCIAttributeTypeRectangle || type == "CIAttributeTypePosition3";
+}
+
+// The filter to render a preview with when the picture is shown `scale` times its size: the
+// filter itself when no input is a distance, otherwise a copy whose distance-typed inputs are
+// multiplied by the scale, so that the preview looks like the full-size result scaled down.
+// The session's filter keeps its values (they are what the view shows and the recipe says).
+CIFilterRef filterAtScale(const CIFilterRef& filter, double scale) {
+  if (scale == 1) return filter;
+  const Dictionary attributes = filter->attributes();
+  CIFilterRef scaled;
+  for (const std::string& key : filter->inputKeys()) {
+    const auto entry = attributes.find(key);
+    if (entry == attributes.end() || !entry->second.dictionary()) continue;
+    const Value type = entry->second[kCIAttributeType];
+    if (!type.isString() || !isDistanceType(*type.string())) continue;
+    const Value value = filter->valueForKey(key);
+    Value smaller;
+    if (value.isNumber() && !value.isBoolean()) {
+      smaller = Value(value.doubleValue() * scale);
+    } else if (const auto vector = CIVector::fromValue(value)) {
+      std::vector<double> values = vector->values();
+      for (double& v : values) v *= scale;
+      smaller = Value(CIVector::vectorWithValues(values.data(), values.size()));
+    } else {
+      continue;
+    }
+    if (!scaled) scaled = filter->copy();
+    try {
+      scaled->setValue(smaller, key);
+    } catch (const std::exception&) {
+      // A value the filter refuses at this scale: the preview keeps the full-size one.
+    }
+  }
+  return scaled ? scaled : filter;
 }
 
 const CIContext& previewContext() {
@@ -597,19 +639,19 @@ Preview Session::preview(int maxSide, bool before) {
     }
     baseExtent = base_.extent();
     image = base_;
+    preview.scale = width_ ? baseExtent.size.width / static_cast<double>(width_) : 1;
     if (!before) {
       for (const auto& step : chain_) {
         if (!step->enabled) continue;
         const CIFilterRef& filter = step->view.filter;
         if (hasKey(*filter, kCIInputImageKey)) filter->setValue(Value(image), kCIInputImageKey);
         try {
-          image = filter->outputImage();
+          image = filterAtScale(filter, preview.scale)->outputImage();
         } catch (const std::exception& e) {
           throw StudioError{422, filter->name() + ": " + e.what()};
         }
       }
     }
-    preview.scale = width_ ? baseExtent.size.width / static_cast<double>(width_) : 1;
   }
   if (!image) throw StudioError{422, "the chain's result is empty (does a filter lack its input image?)"};
   CGRect extent = image.extent();
