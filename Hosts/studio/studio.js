@@ -107,7 +107,7 @@ async function openFile(file) {
     const state = await api('POST', sessionPath(`/image?name=${encodeURIComponent(file.name)}`), file, true);
     studio.beforeURL = null;
     await refresh(state);
-  } catch (e) { toast(e.message); }
+  } catch (e) { toast(`${file.name}: ${e.message}`); }
 }
 
 async function openSample() {
@@ -402,7 +402,9 @@ function makeControl(node, path, key) {
         try {
           const res = await api('POST', sessionPath(`/steps/${studio.selected}/image?control=${path.join('.')}&name=${encodeURIComponent(f.name)}`), f, true);
           applyEditResult(res);
+          requestPreview();
         } catch (e) { toast(e.message); }
+        file.value = '';
       });
       wrap.append(button, file);
       return { element: wrap, update: (n) => {

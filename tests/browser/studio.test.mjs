@@ -16,7 +16,14 @@ const PROVIDED = ['QVFilterBlur', 'QVFilterColorComposite', 'QVFilterBlurComposi
   'QVFilterTextureComposite', 'QVFilterTextureTile', 'QVFilterGradientComposite', 'QVFilterTextureBorder',
   'QVFilterOffsetComposite', 'QVFilterScaleComposite'];
 
-let server, base, context, page, profile;
+let server, base, context, page, profile, pictures;
+
+// A picture file written by `qvfilter sample` into this run's scratch folder.
+function picture(name, width, height) {
+  const file = path.join(pictures, name);
+  if (!fs.existsSync(file)) execFileSync(QVFILTER, ['sample', file, '--width', String(width), '--height', String(height)]);
+  return file;
+}
 
 before(async () => {
   fs.mkdirSync(ARTIFACTS, { recursive: true });
@@ -32,6 +39,7 @@ before(async () => {
     setTimeout(() => reject(new Error('qvfilter serve printed no address')), 20000);
   });
   profile = fs.mkdtempSync(path.join(os.tmpdir(), 'qvfilter-chromium-'));
+  pictures = fs.mkdtempSync(path.join(os.tmpdir(), 'qvfilter-pictures-'));
   context = await chromium.launchPersistentContext(profile, {
     executablePath: '/usr/bin/chromium',
     headless: true,
@@ -54,6 +62,7 @@ after(async () => {
     await exited;
   }
   if (profile) fs.rmSync(profile, { recursive: true, force: true });
+  if (pictures) fs.rmSync(pictures, { recursive: true, force: true });
 });
 
 // ---- helpers ----
@@ -337,4 +346,121 @@ test('undo and redo restore the chain and the inputs', async () => {
   await page.click('#redo-button');
   await settle(m);
   assert.equal((await api('')).steps.length, stepsBefore);
+});
+
+// Rows of the preview, from its top edge down its middle column, whose pixel is close to rgb.
+const edgeRows = (rgb) => page.evaluate((c) => {
+  const img = document.getElementById('after-image');
+  const canvas = document.createElement('canvas');
+  canvas.width = img.naturalWidth; canvas.height = img.naturalHeight;
+  const g = canvas.getContext('2d');
+  g.drawImage(img, 0, 0);
+  const x = Math.floor(canvas.width / 2);
+  const d = g.getImageData(x, 0, 1, canvas.height).data;
+  let rows = 0;
+  while (rows < canvas.height && [0, 1, 2].every((k) => Math.abs(d[rows * 4 + k] - c[k]) < 40)) rows++;
+  return { rows, width: canvas.width };
+}, rgb);
+
+test('a border in the preview is as wide, for its size, as in the full-size picture', async () => {
+  await andPreview(() => page.click('#sample-button'));
+  await clearChain();
+  await addFilter('QVFilterBorder');
+  await andPreview(() => page.locator('#params [data-kind="colorWell"][data-key="inputColor"] input[type=color]').evaluate((input) => {
+    input.value = '#ff0000';
+    input.dispatchEvent(new Event('focus'));
+    input.dispatchEvent(new Event('input'));
+  }));
+  const field = page.locator('#params [data-kind="textField"][data-key="inputWidth"] input');
+  await andPreview(async () => { await field.fill('80'); await field.press('Enter'); });
+  assert.equal((await inputs()).inputWidth, 80, 'the filter keeps the width the user set');
+  const { rows, width } = await edgeRows([255, 0, 0]);
+  // The sample is 2400 pixels wide: the border is 80 of them, so 80 × width / 2400 of the preview's.
+  const expected = 80 * width / 2400;
+  assert.ok(Math.abs(rows - expected) <= 2, `border of ${rows} preview rows, expected ${expected.toFixed(1)} (preview ${width} wide)`);
+  await page.screenshot({ path: path.join(ARTIFACTS, 'preview-border-scaled.png') });
+});
+
+test('a picture opens from the file picker', async () => {
+  const file = picture('picked.jpg', 1200, 900);
+  const [chooser] = await Promise.all([page.waitForEvent('filechooser'), page.click('#open-button')]);
+  await andPreview(() => chooser.setFiles(file));
+  assert.match(await page.textContent('#picture-info'), /picked\.jpg · 1200 × 900/);
+  const size = await page.evaluate(() => [document.getElementById('after-image').naturalWidth, document.getElementById('after-image').naturalHeight]);
+  assert.ok(Math.abs(size[0] / size[1] - 4 / 3) < 0.01, `the preview has the picture's shape (${size})`);
+  await page.screenshot({ path: path.join(ARTIFACTS, 'open-file-picker.png') });
+});
+
+// A DataTransfer holding one file, made in the page from the bytes of `file`.
+function dataTransferOf(file, name, type) {
+  return page.evaluateHandle(({ b64, name, type }) => {
+    const bytes = Uint8Array.from(atob(b64), (c) => c.charCodeAt(0));
+    const transfer = new DataTransfer();
+    transfer.items.add(new File([bytes], name, { type }));
+    return transfer;
+  }, { b64: fs.readFileSync(file).toString('base64'), name, type });
+}
+
+test('a picture dropped on the page opens', async () => {
+  const transfer = await dataTransferOf(picture('dropped.png', 900, 1200), 'dropped.png', 'image/png');
+  await page.dispatchEvent('#stage', 'dragenter', { dataTransfer: transfer });
+  await page.dispatchEvent('#stage', 'dragover', { dataTransfer: transfer });
+  assert.ok(await page.locator('#stage.dragging').count(), 'the page shows where to drop while a file is held over it');
+  await page.screenshot({ path: path.join(ARTIFACTS, 'drop-over.png') });
+  await andPreview(() => page.dispatchEvent('#stage', 'drop', { dataTransfer: transfer }));
+  assert.equal(await page.locator('#stage.dragging').count(), 0);
+  assert.match(await page.textContent('#picture-info'), /dropped\.png · 900 × 1200/);
+  const size = await page.evaluate(() => [document.getElementById('after-image').naturalWidth, document.getElementById('after-image').naturalHeight]);
+  assert.ok(Math.abs(size[0] / size[1] - 3 / 4) < 0.01, `the preview has the picture's shape (${size})`);
+  await page.screenshot({ path: path.join(ARTIFACTS, 'drop-opened.png') });
+});
+
+test('a file that is not a picture is refused with a message on the page, by the picker and by a drop', async () => {
+  const text = path.join(pictures, 'notes.jpg');
+  fs.writeFileSync(text, 'These are notes, not a picture.\n');
+  const info = await page.textContent('#picture-info');
+  const [chooser] = await Promise.all([page.waitForEvent('filechooser'), page.click('#open-button')]);
+  await chooser.setFiles(text);
+  await page.waitForSelector('#toast:not([hidden])');
+  assert.match(await page.textContent('#toast'), /not an image/);
+  assert.equal(await page.textContent('#picture-info'), info, 'the open picture stays');
+  await page.screenshot({ path: path.join(ARTIFACTS, 'refused-not-an-image.png') });
+  await page.evaluate(() => { document.getElementById('toast').hidden = true; });
+
+  const transfer = await dataTransferOf(text, 'notes.jpg', 'image/jpeg');
+  await page.dispatchEvent('#stage', 'drop', { dataTransfer: transfer });
+  await page.waitForSelector('#toast:not([hidden])');
+  assert.match(await page.textContent('#toast'), /not an image/);
+  assert.equal(await page.textContent('#picture-info'), info);
+  await page.evaluate(() => { document.getElementById('toast').hidden = true; });
+});
+
+test('an image well takes a chosen file: the input and the preview change, and a non-image is refused', async () => {
+  await clearChain();
+  await addFilter('QVFilterWatermark');
+  const well = page.locator('#params [data-kind="imageWell"][data-key="inputWatermarkImage"]');
+  assert.match(await well.textContent(), /no image/);
+  const beforeInputs = await inputs();
+  const beforePixels = await previewPixels();
+  const [chooser] = await Promise.all([page.waitForEvent('filechooser'), well.locator('button').click()]);
+  await andPreview(() => chooser.setFiles(picture('mark.png', 400, 200)));
+  await page.waitForFunction(() => /400 × 200/.test(document.querySelector('#params [data-key="inputWatermarkImage"]').textContent));
+  const afterInputs = await inputs();
+  assert.notDeepEqual(afterInputs.inputWatermarkImage, beforeInputs.inputWatermarkImage, 'the well sets inputWatermarkImage');
+  assert.ok(afterInputs.inputWatermarkImage, 'inputWatermarkImage holds an image');
+  assert.notEqual(await previewPixels(), beforePixels, 'the watermark shows in the preview');
+  await page.screenshot({ path: path.join(ARTIFACTS, 'image-well.png') });
+
+  const text = path.join(pictures, 'notes.jpg');
+  const [again] = await Promise.all([page.waitForEvent('filechooser'), well.locator('button').click()]);
+  await again.setFiles(text);
+  await page.waitForSelector('#toast:not([hidden])');
+  assert.match(await page.textContent('#toast'), /not an image/);
+  assert.deepEqual(await inputs(), afterInputs, 'a refused file leaves the input as it was');
+  await page.evaluate(() => { document.getElementById('toast').hidden = true; });
+
+  // The recipe names the chosen file.
+  const recipe = await page.evaluate(async (id) => (await fetch(`/api/sessions/${id}/recipe`)).json(), await session());
+  assert.match(recipe.chain[0].inputs.inputWatermarkImage, /^@/);
+  assert.match(recipe.images[recipe.chain[0].inputs.inputWatermarkImage.slice(1)].file, /mark\.png$/);
 });

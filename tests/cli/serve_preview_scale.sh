@@ -80,7 +80,29 @@ EOF
 compare border QVFilterBorder inputWidth=80
 compare blur QVFilterBlur inputRadius=24
 compare unsharp QVFilterUnsharpMask inputRadius=20 inputIntensity=1.5
-compare bump CIBumpDistortion "inputCenter=1800 500" inputRadius=400
+compare bump CIBumpDistortion "inputCenter=1200 800" inputRadius=600 inputScale=1
+
+# An image input (a watermark placed in picture pixels) is reduced with the picture too.
+"$QVFILTER" sample mark.png --width 600 --height 300 >/dev/null
+post /recipe '{"chain": []}'
+post /steps '{"filter": "QVFilterWatermark"}'
+step=$(json_field '["step"]')
+status=$(curl -s -o body.json -w '%{http_code}' -H 'Content-Type: application/octet-stream' --data-binary @mark.png \
+  "$S/steps/$step/image?control=0.3&name=mark.png")
+[ "$status" = 200 ] || fail "the watermark upload: HTTP $status: $(head -c 300 body.json)"
+curl -s -o watermark-preview.img "$S/preview?size=600"
+"$QVFILTER" apply photo.png watermark-full.png -f QVFilterWatermark -s inputWatermarkImage=mark.png >/dev/null 2>apply.err ||
+  fail "watermark: qvfilter apply: $(cat apply.err)"
+"$PIL_PYTHON" - watermark watermark-preview.img watermark-full.png <<'EOF2' || fail "watermark: the preview is not the full-size result scaled down"
+import sys
+from PIL import Image, ImageChops, ImageStat
+name, preview_path, full_path = sys.argv[1:4]
+preview = Image.open(preview_path).convert("RGB")
+reduced = Image.open(full_path).convert("RGB").resize(preview.size, Image.LANCZOS)
+mean = sum(ImageStat.Stat(ImageChops.difference(preview, reduced)).mean) / 3
+print(f"{name}: preview {preview.size}, mean difference {mean:.2f} / 255")
+sys.exit(0 if mean < 3.0 else 1)
+EOF2
 
 # The recipe and the full-size export keep the full-size values.
 post /recipe '{"chain": []}'

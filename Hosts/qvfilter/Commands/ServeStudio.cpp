@@ -125,29 +125,37 @@ bool isDistanceType(const std::string& type) {
 }
 
 // The filter to render a preview with when the picture is shown `scale` times its size: the
-// filter itself when no input is a distance, otherwise a copy whose distance-typed inputs are
-// multiplied by the scale, so that the preview looks like the full-size result scaled down.
-// The session's filter keeps its values (they are what the view shows and the recipe says).
+// filter itself when nothing needs scaling, otherwise a copy whose distance-typed inputs are
+// multiplied by the scale and whose other images (a watermark, a mask: full-size files placed
+// in picture pixels) are scaled with the picture, so that the preview looks like the full-size
+// result scaled down. The session's filter keeps its values (they are what the view shows and
+// the recipe says).
+// An input's value in a picture shown `scale` times its size, or nil when it does not change.
+Value valueAtScale(const Value& value, const Value& attributes, double scale) {
+  if (const CIImage image = CIImage::fromValue(value); !image.isNil()) {
+    if (CGRectIsInfinite(image.extent())) return {};
+    return Value(image.imageByApplyingTransform(CGAffineTransformMakeScale(scale, scale)));
+  }
+  const Value type = attributes.dictionary() ? attributes[kCIAttributeType] : Value();
+  if (!type.isString() || !isDistanceType(*type.string())) return {};
+  if (value.isNumber() && !value.isBoolean()) return Value(value.doubleValue() * scale);
+  if (const auto vector = CIVector::fromValue(value)) {
+    std::vector<double> values = vector->values();
+    for (double& v : values) v *= scale;
+    return Value(CIVector::vectorWithValues(values.data(), values.size()));
+  }
+  return {};
+}
+
 CIFilterRef filterAtScale(const CIFilterRef& filter, double scale) {
   if (scale == 1) return filter;
   const Dictionary attributes = filter->attributes();
   CIFilterRef scaled;
   for (const std::string& key : filter->inputKeys()) {
+    if (key == kCIInputImageKey) continue;
     const auto entry = attributes.find(key);
-    if (entry == attributes.end() || !entry->second.dictionary()) continue;
-    const Value type = entry->second[kCIAttributeType];
-    if (!type.isString() || !isDistanceType(*type.string())) continue;
-    const Value value = filter->valueForKey(key);
-    Value smaller;
-    if (value.isNumber() && !value.isBoolean()) {
-      smaller = Value(value.doubleValue() * scale);
-    } else if (const auto vector = CIVector::fromValue(value)) {
-      std::vector<double> values = vector->values();
-      for (double& v : values) v *= scale;
-      smaller = Value(CIVector::vectorWithValues(values.data(), values.size()));
-    } else {
-      continue;
-    }
+    const Value smaller = valueAtScale(filter->valueForKey(key), entry == attributes.end() ? Value() : entry->second, scale);
+    if (smaller.isNil()) continue;
     if (!scaled) scaled = filter->copy();
     try {
       scaled->setValue(smaller, key);
