@@ -25,6 +25,8 @@ const studio = {
   busy: 0,
   previewWanted: 0,
   previewInFlight: false,
+  dragging: false,    // a slider is held: previews are drafts at half the size
+  shownDraft: false,  // the preview on screen is a draft
   gesture: 0,
   compare: 'after',
   split: 0.5,
@@ -140,10 +142,16 @@ async function pumpPreview() {
   try {
     const size = previewSize();
     if (studio.compare !== 'after' && !studio.beforeURL) await loadBefore(size);
-    const res = await fetch(sessionPath(`/preview?size=${size}`), { cache: 'no-store' });
+    const draft = studio.dragging;
+    const res = await fetch(sessionPath(`/preview?size=${size}${draft ? '&draft=1' : ''}`), { cache: 'no-store' });
     if (res.status === 200) {
       const blob = await res.blob();
-      await showImage($('after-image'), URL.createObjectURL(blob));
+      const img = $('after-image');
+      await showImage(img, URL.createObjectURL(blob), () => {
+        // A draft is drawn at the size of the full preview it stands in for.
+        img.style.width = draft ? `${img.naturalWidth * 2}px` : '';
+      });
+      studio.shownDraft = draft;
       document.body.dataset.previews = String(Number(document.body.dataset.previews) + 1);
     } else if (res.status !== 204) {
       const data = await res.json().catch(() => null);
@@ -158,10 +166,10 @@ async function pumpPreview() {
   }
 }
 
-function showImage(img, url) {
+function showImage(img, url, onload) {
   return new Promise((resolve) => {
     const old = img.dataset.url;
-    img.onload = img.onerror = () => { if (old) URL.revokeObjectURL(old); resolve(); };
+    img.onload = img.onerror = () => { if (old) URL.revokeObjectURL(old); if (onload) onload(); resolve(); };
     img.dataset.url = url;
     img.src = url;
   }).then(layoutCompare);
@@ -358,8 +366,17 @@ function makeControl(node, path, key) {
       const input = el('input', { type: 'range', min: node.minValue, max: node.maxValue, disabled: !enabled,
         step: 'any' });
       let dragging = false;
-      input.addEventListener('pointerdown', () => { dragging = true; studio.gesture++; });
-      input.addEventListener('pointerup', () => { dragging = false; });
+      input.addEventListener('pointerdown', () => { dragging = true; studio.dragging = true; studio.gesture++; });
+      const release = () => {
+        if (!dragging) return;
+        dragging = false;
+        studio.dragging = false;
+        // The full-size preview replaces the drafts shown during the drag.
+        if (studio.shownDraft || studio.previewInFlight) requestPreview();
+      };
+      input.addEventListener('pointerup', release);
+      input.addEventListener('pointercancel', release);
+      input.addEventListener('change', release);
       input.addEventListener('keydown', () => { studio.gesture++; });
       input.addEventListener('input', () => sendEdit(path, { value: input.value, gesture: studio.gesture }));
       return { element: input, update: (n) => { if (!dragging) input.value = n.value; } };

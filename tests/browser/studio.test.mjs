@@ -298,16 +298,30 @@ test('steps are reordered, switched off and removed, and a slider drag previews 
   const slider = page.locator('#params [data-kind="slider"] input').first();
   const box = await slider.boundingBox();
   const start = await previews();
+  const shown = () => page.evaluate(() => {
+    const img = document.getElementById('after-image');
+    return { natural: img.naturalWidth, drawn: Math.round(img.getBoundingClientRect().width) };
+  });
+  const full = await shown();
+  const widths = [];
   await page.mouse.move(box.x + 4, box.y + box.height / 2);
   await page.mouse.down();
   for (let i = 1; i <= 12; i++) {
     await page.mouse.move(box.x + 4 + (box.width - 8) * i / 12, box.y + box.height / 2);
     await page.waitForTimeout(120);
+    widths.push(await shown());
+    if (i === 6) await page.screenshot({ path: path.join(ARTIFACTS, 'drag-draft.png') });
   }
   const during = await previews();
   await page.mouse.up();
   await page.waitForFunction(() => document.body.dataset.busy === '0');
   assert.ok(during > start + 1, `previews during the drag: ${during - start}`);
+  // While the slider is held the previews are drafts at half the size, drawn as large as the
+  // full preview; the full preview is back once it is let go.
+  const drafts = widths.filter((w) => Math.abs(w.natural - full.natural / 2) <= 1);
+  assert.ok(drafts.length > 0, `half-size drafts during the drag: ${JSON.stringify(widths)} (full ${full.natural})`);
+  assert.ok(drafts.every((w) => Math.abs(w.drawn - full.drawn) <= 2), `drafts drawn at the full preview's size: ${JSON.stringify(drafts)} vs ${full.drawn}`);
+  assert.deepEqual(await shown(), full, 'the full-size preview replaces the drafts after the drag');
   const radius = (await inputs()).inputRadius;
   assert.ok(radius > 90, `the drag to the end sets the radius near its maximum (${radius})`);
   // One undo takes the whole drag back.

@@ -12,7 +12,8 @@
 //   GET    /api/sessions/S                       {session, image, steps, canUndo, canRedo, revision}
 //   POST   /api/sessions/S/image?name=N          open the picture in the body (JPEG, PNG, WebP)
 //   POST   /api/sessions/S/sample                open the generated sample
-//   GET    /api/sessions/S/preview?size=N[&before=1]   JPEG (PNG with transparency); 204 superseded
+//   GET    /api/sessions/S/preview?size=N[&before=1][&draft=1]   JPEG (PNG with transparency);
+//                                                204 superseded; a draft is half the size
 //   POST   /api/sessions/S/steps                 {"filter": NAME} appends a step
 //   GET    /api/sessions/S/steps/T               state + {"step", "view"} (the view tree)
 //   DELETE /api/sessions/S/steps/T
@@ -389,7 +390,8 @@ void runServe(const ServeOptions& options) {
                auto session = sessions->find(req.matches[1]);
                const int size = static_cast<int>(std::clamp(queryNumber(req, "size", 1024), 1.0, 100000.0));
                const bool before = req.has_param("before") && req.get_param_value("before") == "1";
-               const qv::studio::Preview p = session->preview(size, before);
+               const bool draft = req.has_param("draft") && req.get_param_value("draft") == "1";
+               const qv::studio::Preview p = session->preview(size, before, draft);
                res.set_header("Cache-Control", "no-store");
                if (p.superseded) {
                  res.status = 204;
@@ -397,6 +399,7 @@ void runServe(const ServeOptions& options) {
                }
                res.set_header("X-Preview-Scale", std::to_string(p.scale));
                res.set_header("X-Preview-Size", std::to_string(p.width) + "x" + std::to_string(p.height));
+               res.set_header("Server-Timing", p.timing);
                res.set_content(p.bytes, p.contentType.c_str());
              }));
   server.Post(S + "/steps", guarded([sessions](const httplib::Request& req, httplib::Response& res) {

@@ -166,10 +166,8 @@ CIFilterRef filterAtScale(const CIFilterRef& filter, double scale) {
   return scaled ? scaled : filter;
 }
 
-const CIContext& previewContext() {
-  static const CIContext context;
-  return context;
-}
+// Thrown from a preview's render when a newer preview has been asked for.
+struct PreviewSuperseded {};
 
 }  // namespace
 
@@ -239,6 +237,8 @@ json Session::openSourceLocked(const fs::path& path, const std::string& name) {
   width_ = static_cast<std::size_t>(w->second.integerValue());
   height_ = static_cast<std::size_t>(h->second.integerValue());
   base_ = {};
+  draftBase_ = {};
+  baseBitmap_ = nullptr;
   baseSide_ = 0;
   ++revision_;
   return stateLocked();
@@ -621,11 +621,21 @@ json Session::importRecipe(const std::string& text) {
 
 // ---- previews ----
 
-Preview Session::preview(int maxSide, bool before) {
+Preview Session::preview(int maxSide, bool before, bool draft) {
   maxSide = std::clamp(maxSide, kMinPreviewSide, kMaxPreviewSide);
+  using Clock = std::chrono::steady_clock;
+  auto mark = Clock::now();
+  std::string timing;
+  const auto stage = [&](const char* name) {
+    const auto now = Clock::now();
+    if (!timing.empty()) timing += ", ";
+    timing += std::string(name) + ";dur=" + std::to_string(std::chrono::duration<double, std::milli>(now - mark).count());
+    mark = now;
+  };
   const std::uint64_t ticket = before ? 0 : ++previewTicket_;
   std::lock_guard renderLock(renderMutex_);
   Preview preview;
+  stage("wait");
   if (!before && ticket != previewTicket_.load()) {
     preview.superseded = true;
     return preview;
@@ -643,10 +653,19 @@ Preview Session::preview(int maxSide, bool before) {
       thumb = CGImageCreateWithBitsPerComponent(thumb, 8);
       if (!thumb) throw StudioError{422, "the picture cannot be decoded: " + CGImageSourceGetLastError(source_)};
       base_ = CIImage::imageWithRGBA8(thumb->pixels.data(), thumb->width, thumb->height, thumb->bytesPerRow);
+      baseBitmap_ = thumb;
+      draftBase_ = {};
       baseSide_ = maxSide;
+      stage("decode");
     }
-    baseExtent = base_.extent();
-    image = base_;
+    if (draft && !draftBase_) {
+      const CGImageRef half = CGImageCreateScaled(baseBitmap_, std::max<std::size_t>(1, (baseBitmap_->width + 1) / 2),
+                                                  std::max<std::size_t>(1, (baseBitmap_->height + 1) / 2));
+      if (half) draftBase_ = CIImage::imageWithRGBA8(half->pixels.data(), half->width, half->height, half->bytesPerRow);
+      stage("draft");
+    }
+    image = draft && draftBase_ ? draftBase_ : base_;
+    baseExtent = image.extent();
     preview.scale = width_ ? baseExtent.size.width / static_cast<double>(width_) : 1;
     if (!before) {
       for (const auto& step : chain_) {
@@ -670,7 +689,8 @@ Preview Session::preview(int maxSide, bool before) {
   extent = CGRectIntegral(extent);
   if (CGRectIsNull(extent) || CGRectIsEmpty(extent)) throw StudioError{422, "the chain's result is empty"};
   // A result much larger than the picture (a resize, a wide border) is shown scaled down.
-  const double limit = static_cast<double>(maxSide) * maxSide;
+  const double side = draft ? maxSide / 2.0 : maxSide;
+  const double limit = side * side;
   const double pixels = extent.size.width * extent.size.height;
   if (pixels > limit) {
     const double s = std::sqrt(limit / pixels);
@@ -679,25 +699,40 @@ Preview Session::preview(int maxSide, bool before) {
     preview.scale *= s;
   }
   const std::size_t w = static_cast<std::size_t>(extent.size.width), h = static_cast<std::size_t>(extent.size.height);
+  stage("graph");
   auto bitmap = CGImageCreateBlank(w, h, 8);
+  // A render that a newer preview makes stale stops at its next tile rather than holding the
+  // newer one back (the picture alone, `before`, always finishes).
+  CIContextOptions options;
+  if (!before)
+    options.progress = [this, ticket](double) {
+      if (previewTicket_.load() != ticket) throw PreviewSuperseded{};
+    };
   try {
-    previewContext().render(image, bitmap->pixels.data(), static_cast<std::ptrdiff_t>(bitmap->bytesPerRow), extent,
-                            CIRenderFormat::RGBA8);
+    const CIContext context(options);
+    context.render(image, bitmap->pixels.data(), static_cast<std::ptrdiff_t>(bitmap->bytesPerRow), extent,
+                   CIRenderFormat::RGBA8);
+  } catch (const PreviewSuperseded&) {
+    preview.superseded = true;
+    return preview;
   } catch (const std::exception& e) {
     throw StudioError{422, std::string("cannot render the preview: ") + e.what()};
   }
+  stage("render");
   bool opaque = true;
   for (std::size_t i = 3; i < bitmap->pixels.size() && opaque; i += 4) opaque = bitmap->pixels[i] == 255;
   bitmap->hasAlpha = !opaque;
   const std::string type = opaque ? kUTTypeJPEG : kUTTypePNG;
   const fs::path file = dir_ / (std::string(before ? "before" : "preview") + extensionForType(type));
   auto dest = CGImageDestinationCreateWithURL(file.string(), type);
-  if (!dest || !CGImageDestinationAddImage(dest, bitmap, Dictionary{{kCGImageDestinationLossyCompressionQuality, 0.9}}) ||
+  if (!dest || !CGImageDestinationAddImage(dest, bitmap, Dictionary{{kCGImageDestinationLossyCompressionQuality, kPreviewQuality}}) ||
       !CGImageDestinationFinalize(dest))
     throw StudioError{500, "cannot encode the preview"};
   preview.bytes = readFile(file);
   std::error_code ec;
   fs::remove(file, ec);
+  stage("encode");
+  preview.timing = timing;
   preview.contentType = opaque ? "image/jpeg" : "image/png";
   preview.width = w;
   preview.height = h;

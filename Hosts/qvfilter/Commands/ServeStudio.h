@@ -36,12 +36,18 @@ inline constexpr std::size_t kMaxSteps = 64;
 inline constexpr std::size_t kMaxUndo = 200;
 inline constexpr int kMinPreviewSide = 64, kMaxPreviewSide = 2048;
 inline constexpr std::size_t kSampleWidth = 2400, kSampleHeight = 1600;
+// JPEG quality of previews: a screen's worth of pixels seen once, so size and speed count
+// more than the last fraction of fidelity (exports take the user's quality).
+inline constexpr double kPreviewQuality = 0.8;
 
 struct Preview {
   std::string bytes, contentType;
   std::size_t width = 0, height = 0;
   double scale = 1;  // preview pixels per picture pixel
   bool superseded = false;
+  // Milliseconds spent in each stage (waiting for the render lock, decoding the picture,
+  // building the graph, rendering, encoding), as an HTTP Server-Timing value.
+  std::string timing;
 };
 
 struct ExportJob {
@@ -95,9 +101,11 @@ class Session {
   nlohmann::json importRecipe(const std::string& text);
 
   // The chain's result (or the picture itself, `before`) no larger than maxSide on either
-  // side of the picture, from a decode of the picture cached at that size. A preview asked
-  // for while a newer one is waiting is skipped (superseded).
-  Preview preview(int maxSide, bool before);
+  // side of the picture, from a decode of the picture cached at that size; a `draft` (while a
+  // control is being dragged) at half that size, from the same decode reduced once more. A
+  // preview asked for while a newer one is waiting is skipped, and one being rendered stops
+  // when a newer one is asked for (both answered as superseded).
+  Preview preview(int maxSide, bool before, bool draft = false);
 
   // Starts a full-size render to JPEG, PNG or WebP; returns the job's status.
   nlohmann::json startExport(const std::string& format, double quality);
@@ -144,7 +152,8 @@ class Session {
   CGImageSourceRef source_;
   std::size_t width_ = 0, height_ = 0;
   int baseSide_ = 0;
-  CIImage base_;  // the cached bounded decode
+  CGImageRef baseBitmap_;  // the cached bounded decode
+  CIImage base_, draftBase_;  // it, and it at half its size (made when first asked for)
 
   // The chain; every step ever made stays in pool_ for undo.
   std::vector<std::shared_ptr<Step>> chain_;
