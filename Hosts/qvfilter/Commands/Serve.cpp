@@ -12,8 +12,8 @@
 //   GET    /api/sessions/S                       {session, image, steps, canUndo, canRedo, revision}
 //   POST   /api/sessions/S/image?name=N          open the picture in the body (JPEG, PNG, WebP)
 //   POST   /api/sessions/S/sample                open the generated sample
-//   GET    /api/sessions/S/preview?size=N[&before=1][&draft=1]   JPEG (PNG with transparency);
-//                                                204 superseded; a draft is half the size
+//   GET    /api/sessions/S/preview?size=N[&before=1][&draft=1]   JPEG (transparent parts over a
+//                                                checkerboard); 204 superseded; a draft is half the size
 //   POST   /api/sessions/S/steps                 {"filter": NAME} appends a step
 //   GET    /api/sessions/S/steps/T               state + {"step", "view"} (the view tree)
 //   DELETE /api/sessions/S/steps/T

@@ -719,12 +719,21 @@ Preview Session::preview(int maxSide, bool before, bool draft) {
     throw StudioError{422, std::string("cannot render the preview: ") + e.what()};
   }
   stage("render");
-  bool opaque = true;
-  for (std::size_t i = 3; i < bitmap->pixels.size() && opaque; i += 4) opaque = bitmap->pixels[i] == 255;
-  bitmap->hasAlpha = !opaque;
-  const std::string type = opaque ? kUTTypeJPEG : kUTTypePNG;
-  const fs::path file = dir_ / (std::string(before ? "before" : "preview") + extensionForType(type));
-  auto dest = CGImageDestinationCreateWithURL(file.string(), type);
+  // Transparent parts are drawn over the page's checkerboard here, so that every preview is a
+  // JPEG: encoding a screenful with transparency (PNG, WebP) takes ten to a hundred times longer.
+  for (std::size_t y = 0; y < h; ++y) {
+    std::uint8_t* row = bitmap->pixels.data() + y * bitmap->bytesPerRow;
+    for (std::size_t x = 0; x < w; ++x) {
+      std::uint8_t* p = row + 4 * x;
+      if (p[3] == 255) continue;
+      const unsigned a = p[3], back = ((x / kCheckerSquare + y / kCheckerSquare) % 2) ? 0x20 : 0x2a;
+      for (int c = 0; c < 3; ++c) p[c] = static_cast<std::uint8_t>((p[c] * a + back * (255 - a) + 127) / 255);
+      p[3] = 255;
+    }
+  }
+  bitmap->hasAlpha = false;
+  const fs::path file = dir_ / (before ? "before.jpg" : "preview.jpg");
+  auto dest = CGImageDestinationCreateWithURL(file.string(), kUTTypeJPEG);
   if (!dest || !CGImageDestinationAddImage(dest, bitmap, Dictionary{{kCGImageDestinationLossyCompressionQuality, kPreviewQuality}}) ||
       !CGImageDestinationFinalize(dest))
     throw StudioError{500, "cannot encode the preview"};
@@ -733,7 +742,7 @@ Preview Session::preview(int maxSide, bool before, bool draft) {
   fs::remove(file, ec);
   stage("encode");
   preview.timing = timing;
-  preview.contentType = opaque ? "image/jpeg" : "image/png";
+  preview.contentType = "image/jpeg";
   preview.width = w;
   preview.height = h;
   return preview;

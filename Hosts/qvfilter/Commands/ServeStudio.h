@@ -39,6 +39,9 @@ inline constexpr std::size_t kSampleWidth = 2400, kSampleHeight = 1600;
 // JPEG quality of previews: a screen's worth of pixels seen once, so size and speed count
 // more than the last fraction of fidelity (exports take the user's quality).
 inline constexpr double kPreviewQuality = 0.8;
+// Side in preview pixels of the squares drawn behind transparent parts of a preview (the
+// page's own checkerboard has squares of 8 CSS pixels).
+inline constexpr std::size_t kCheckerSquare = 8;
 
 struct Preview {
   std::string bytes, contentType;

@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# qvfilter serve: a preview being rendered stops when a newer one is asked for (it is answered
+# 204, superseded, without rendering to the end), and the newer one is rendered.
+source "$QV_SOURCE_DIR/tests/cli/recipes/lib.sh"
+tmp=$(scratch serve_preview_cancel)
+cd "$tmp" || exit 1
+
+"$QVFILTER" serve --port 0 >server.out 2>server.err &
+server=$!
+trap 'kill "$server" 2>/dev/null' EXIT
+for _ in $(seq 100); do
+  grep -q 'http://' server.out 2>/dev/null && break
+  sleep 0.1
+done
+base=$(grep -o 'http://127\.0\.0\.1:[0-9]*' server.out)
+[ -n "$base" ] || { echo "FAIL: qvfilter serve printed no address: $(cat server.out server.err)" >&2; exit 1; }
+json_field() { python3 -c "import json,sys; print(json.load(open('body.json'))$1)"; }
+
+"$QVFILTER" sample photo.jpg --width 2400 --height 1600 >/dev/null
+curl -s -o body.json -X POST -d '' "$base/api/sessions"
+S="$base/api/sessions/$(json_field '["session"]')"
+curl -s -o body.json -H 'Content-Type: application/octet-stream' --data-binary @photo.jpg "$S/image?name=photo.jpg"
+# A slow step: a zoom blur of a large radius, rendered at 1024 pixels.
+curl -s -o body.json -H 'Content-Type: application/json' -d '{"filter": "QVFilterZoomBlur"}' "$S/steps"
+step=$(json_field '["step"]')
+curl -s -o body.json -H 'Content-Type: application/json' -d '{"key": "inputRadius", "value": "100"}' "$S/steps/$step/edit"
+
+# How long the slow preview takes alone.
+alone=$(curl -s -o alone.img -w '%{http_code} %{time_total}' "$S/preview?size=1024")
+[ "${alone%% *}" = 200 ] || fail "the preview alone: HTTP ${alone%% *}"
+seconds=${alone##* }
+
+# The same preview, and a newer one asked for a fifth of that time later.
+curl -s -o first.img -w '%{http_code} %{time_total}' "$S/preview?size=1024" >first.txt &
+first=$!
+sleep "$(python3 -c "print(max(0.05, $seconds / 5))")"
+second=$(curl -s -o second.img -w '%{http_code}' "$S/preview?size=1024")
+wait "$first"
+read -r first_status first_time <first.txt
+[ "$first_status" = 204 ] || fail "the preview overtaken while it rendered: HTTP $first_status, expected 204 (superseded)"
+[ "$second" = 200 ] || fail "the newer preview: HTTP $second"
+cmp -s alone.img second.img || fail "the newer preview differs from the same preview rendered alone"
+python3 -c "import sys; sys.exit(0 if $first_time < 0.8 * $seconds else 1)" ||
+  fail "the overtaken preview took ${first_time} s, the whole render takes ${seconds} s: it was not stopped"
+echo "preview alone ${seconds} s; overtaken after ${first_time} s"
+
+[ $failures -eq 0 ] && echo "serve_preview_cancel: all passed" && exit 0
+exit 1
