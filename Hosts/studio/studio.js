@@ -526,8 +526,9 @@ async function pumpEdits() {
   editInFlight = true;
   try {
     const res = await api('POST', sessionPath(`/steps/${edit.stepId}/edit`), edit.body);
-    if (edit.stepId === studio.selected) applyEditResult(res); else applyState(res);
+    // The server renders the new preview while the page updates its controls.
     requestPreview();
+    if (edit.stepId === studio.selected) applyEditResult(res); else applyState(res);
   } catch (e) {
     toast(e.message);
     if (edit.stepId === studio.selected) selectStep(edit.stepId);
