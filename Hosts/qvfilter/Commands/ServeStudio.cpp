@@ -83,17 +83,6 @@ std::string controlKey(const NSView& view) {
   return {};
 }
 
-std::vector<std::size_t> controlPath(const json& j) {
-  if (!j.is_array() || j.size() > 32) throw StudioError{400, "\"control\" must be an array of subview indices"};
-  std::vector<std::size_t> path;
-  for (const json& e : j) {
-    if (!e.is_number_integer() || e.get<std::int64_t>() < 0 || e.get<std::int64_t>() > 100000)
-      throw StudioError{400, "\"control\" must be an array of subview indices"};
-    path.push_back(static_cast<std::size_t>(e.get<std::int64_t>()));
-  }
-  return path;
-}
-
 std::string randomHex(std::size_t bytes) {
   static std::mutex mutex;
   static std::random_device device;
@@ -362,7 +351,7 @@ json Session::edit(int stepId, const json& request) {
   NSView* control = nullptr;
   std::string key;
   if (request.contains("control")) {
-    control = viewAtPath(step.view, controlPath(request["control"]));
+    control = viewAtPath(step.view, readControlPath(request["control"]));
     if (!control) throw StudioError{404, "no control at that place in the view"};
     key = controlKey(*control);
     if (key.empty()) throw StudioError{400, "that view is not bound to an input"};
