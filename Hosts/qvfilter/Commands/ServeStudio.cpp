@@ -83,6 +83,14 @@ std::string controlKey(const NSView& view) {
   return {};
 }
 
+// Whether an image well of the view tree is bound to the input `key`.
+bool hasImageWellFor(const NSView& view, const std::string& key) {
+  if (dynamic_cast<const NSImageView*>(&view) && controlKey(view) == key) return true;
+  for (const NSViewRef& sub : view.subviews())
+    if (hasImageWellFor(*sub, key)) return true;
+  return false;
+}
+
 std::string randomHex(std::size_t bytes) {
   static std::mutex mutex;
   static std::random_device device;
@@ -364,6 +372,11 @@ json Session::edit(int stepId, const json& request) {
     throw StudioError{400, "an edit needs a \"control\" or a \"key\""};
   }
   if (key == kCIInputImageKey) throw StudioError{400, "the chain supplies inputImage"};
+  // An image input takes a file uploaded into the session's folder (setImageInput); typed text
+  // would name a file anywhere on the server's machine.
+  if (dynamic_cast<NSImageView*>(control) ||
+      (!control && (hasImageWellFor(*step.view.view, key) || attributeClassForKey(*step.view.filter, key) == "CIImage")))
+    throw StudioError{400, key + ": an image input takes an uploaded image file, not a typed value"};
 
   const bool sameGesture = gesture >= 0 && gesture == lastGesture_ && stepId == lastGestureStep_;
   const Snapshot before = snapshotLocked();

@@ -1,10 +1,18 @@
-// The studio's request reading: bodies, path numbers, query parameters, control places.
+// The studio's request reading (bodies, path numbers, query parameters, control places) and the
+// session's refusal of typed values for image inputs.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
+#include "CoreImage/CIFilter.h"
+#include "ServeStudio.h"
 #include "StudioRequests.h"
 
+namespace fs = std::filesystem;
 using json = nlohmann::json;
 using namespace qv::studio;
 
@@ -19,6 +27,11 @@ StudioError refusal(F f) {
     return e;
   }
   return {0, ""};
+}
+
+std::string readBytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace
@@ -102,4 +115,57 @@ TEST(StudioRequests, RecipeQueriesAndExportBodies) {
   // A format that is not a string reaches the session as no format, which it refuses by name.
   EXPECT_EQ(readExportRequest({{"format", 3}}).format, "");
   EXPECT_EQ(refusal([] { readExportRequest({{"quality", "high"}}); }).message, "\"quality\" must be a number");
+}
+
+// A session in a folder of its own, removed afterwards.
+class StudioSession : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("qv-studio-test-" + std::to_string(getpid()));
+    fs::create_directories(dir_);
+    session_ = std::make_unique<Session>("test", dir_ / "session");
+    fs::create_directories(dir_ / "session");
+  }
+  void TearDown() override {
+    session_.reset();
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+  fs::path dir_;
+  std::unique_ptr<Session> session_;
+};
+
+TEST_F(StudioSession, ImageInputsTakeUploadsNotTypedFileNames) {
+  const fs::path photo = fs::path(QV_SOURCE_DIR) / "tests/data/photo.png";
+  session_->addStep("CISourceOverCompositing");
+  const json view = session_->view(1)["view"];
+  ASSERT_TRUE(view.contains("inputs"));
+  const json before = session_->state();
+  // By key and by the image well's place, a file named by the request is refused.
+  const StudioError byKey =
+      refusal([&] { session_->edit(1, {{"key", "inputBackgroundImage"}, {"value", photo.string()}}); });
+  EXPECT_EQ(byKey.status, 400);
+  EXPECT_EQ(byKey.message, "inputBackgroundImage: an image input takes an uploaded image file, not a typed value");
+  std::vector<std::size_t> well;
+  const json& rows = view["view"]["subviews"][0]["subviews"];
+  for (std::size_t i = 0; i < rows.size(); ++i)
+    if (rows[i]["kind"] == "imageWell" && rows[i]["bindings"]["value"]["key"] == "inputBackgroundImage") well = {0, i};
+  ASSERT_EQ(well.size(), 2u);
+  const StudioError byPlace =
+      refusal([&] { session_->edit(1, {{"control", well}, {"value", photo.string()}}); });
+  EXPECT_EQ(byPlace.status, 400);
+  EXPECT_EQ(session_->view(1)["view"]["inputs"]["inputBackgroundImage"], nullptr);
+  // Refused edits change nothing and leave no undo step.
+  EXPECT_EQ(session_->state()["revision"], before["revision"]);
+
+  // The upload of the same file sets the input, from a copy in the session's folder.
+  const json after = session_->setImageInput(1, well, "back.png", readBytes(photo));
+  EXPECT_TRUE(after["view"]["inputs"]["inputBackgroundImage"].is_object());
+  EXPECT_TRUE(fs::exists(dir_ / "session" / "back.png"));
+}
+
+TEST_F(StudioSession, OtherInputsStillTakeTypedValues) {
+  session_->addStep("CIGaussianBlur");
+  const json after = session_->edit(1, {{"key", "inputRadius"}, {"value", "4.5"}});
+  EXPECT_EQ(after["view"]["inputs"]["inputRadius"], 4.5);
 }
