@@ -160,9 +160,14 @@ NSViewDescription NSViewDescriptionLoad(const NSBundle& bundle, const std::strin
   std::stringstream text;
   text << in.rdbuf();
   if (!in && !in.eof()) fail(name, "", "cannot read " + path);
+  return NSViewDescriptionFromText(text.str(), name);
+}
+
+NSViewDescription NSViewDescriptionFromText(const std::string& text, const std::string& name) {
+  if (text.size() > kMaximumSize) fail(name, "", "larger than 1 MB");
   json parsed;
   try {
-    parsed = json::parse(text.str());
+    parsed = json::parse(text);
   } catch (const json::exception& e) {
     fail(name, "", std::string("not JSON: ") + e.what());
   }

@@ -48,6 +48,8 @@ struct NSViewDescription {
 NSViewDescription NSViewDescriptionLoad(const NSBundle& bundle, const std::string& name);
 // Builds the views of one parsed description; `name` is used in messages.
 NSViewDescription NSViewDescriptionFromJSON(const nlohmann::json& description, const std::string& name);
+// Parses a description's text (at most 1 MB of JSON) and builds its views; raises as above.
+NSViewDescription NSViewDescriptionFromText(const std::string& text, const std::string& name);
 
 // The description kind of a view ("slider", "checkBox"...): "view" for plain views and any
 // view of a class the descriptions do not know, "IKFilterUIView" for filter views.

@@ -101,6 +101,17 @@ python3 -c 'import json; r=json.load(open("body.json")); assert r["view"]["input
 check 400 "a move to a negative place" -d '{"position":-1}' "$T/move"
 check 400 "a move past the end" -d '{"position":5}' "$T/move"
 check 400 "enabled of the wrong type" -d '{"enabled":"yes"}' "$T/enabled"
+# An image input is set by an upload into the session only: a file named in an edit, by the
+# input's key or by the image well's place, is not opened.
+check 201 "a step with an image input" -d '{"filter":"CISourceOverCompositing"}' "$S/steps"
+I="$S/steps/$(python3 -c 'import json; print(json.load(open("body.json"))["step"])')"
+check 400 "an image input named by a file path" -d "{\"key\":\"inputBackgroundImage\",\"value\":\"$tmp/whole.jpg\"}" "$I/edit" &&
+  expect_reason "an image input named by a file path" "uploaded"
+check 400 "an image well given a file path" -d "{\"control\":[0,3],\"value\":\"$tmp/whole.jpg\"}" "$I/edit"
+check 200 "the same image uploaded into the well" --data-binary @whole.jpg "$I/image?control=0.3&name=back.jpg"
+python3 -c 'import json; r=json.load(open("body.json")); assert r["view"]["inputs"]["inputBackgroundImage"], r["view"]["inputs"]' ||
+  fail "the upload did not set inputBackgroundImage"
+check 200 "the image step removed" -X DELETE "$I"
 check 400 "preview size that is not a number" "$S/preview?size=nan"
 check 200 "preview size far too large is bounded" "$S/preview?size=1e308"
 

@@ -39,6 +39,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <spawn.h>
 #include <string>
@@ -54,6 +55,7 @@
 #include "PlugIns.h"
 #include "Recipe.h"
 #include "ServeStudio.h"
+#include "StudioRequests.h"
 #include "TextureCatalogue.h"
 #include "TextureIndexFile.h"
 #include "Foundation/NSURL.h"
@@ -65,6 +67,9 @@ namespace {
 namespace fs = std::filesystem;
 using json = nlohmann::json;
 using qv::studio::StudioError;
+using qv::studio::readJSONBody;
+using qv::studio::readQueryNumber;
+using qv::studio::readWholeNumber;
 
 struct ServeOptions {
   int port = 8080;
@@ -72,8 +77,6 @@ struct ServeOptions {
   bool open = false;
   std::string image;
 };
-
-constexpr std::size_t kMaxJSONBody = 16u << 20;
 
 void sendJSON(httplib::Response& res, const json& body, int status = 200) {
   res.status = status;
@@ -85,50 +88,10 @@ void sendError(httplib::Response& res, int status, const std::string& message) {
   sendJSON(res, {{"error", message}}, status);
 }
 
-// Nesting deeper than this is refused before parsing.
-void checkNesting(const std::string& text) {
-  int depth = 0;
-  bool inString = false, escaped = false;
-  for (char c : text) {
-    if (inString) {
-      if (escaped) escaped = false;
-      else if (c == '\\') escaped = true;
-      else if (c == '"') inString = false;
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > 64) throw StudioError{400, "the JSON body is nested too deeply"};
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
-  }
-}
-
-json bodyJSON(const httplib::Request& req) {
-  if (req.body.size() > kMaxJSONBody) throw StudioError{413, "the JSON body is too large"};
-  checkNesting(req.body);
-  json body = json::parse(req.body, nullptr, false);
-  if (body.is_discarded()) throw StudioError{400, "the body is not valid JSON"};
-  if (!body.is_object()) throw StudioError{400, "the body must be a JSON object"};
-  return body;
-}
-
-// A whole number from a path or query, within [0, maximum].
-std::int64_t wholeNumber(const std::string& text, std::int64_t maximum, const std::string& what) {
-  if (text.empty() || text.size() > 12 || text.find_first_not_of("0123456789") != std::string::npos)
-    throw StudioError{400, what + " must be a whole number"};
-  const std::int64_t v = std::stoll(text);
-  if (v > maximum) throw StudioError{400, what + " is too large"};
-  return v;
-}
-
-double queryNumber(const httplib::Request& req, const std::string& name, double fallback) {
-  if (!req.has_param(name.c_str())) return fallback;
-  const std::string text = req.get_param_value(name.c_str());
-  char* end = nullptr;
-  const double v = std::strtod(text.c_str(), &end);
-  if (text.empty() || *end || !std::isfinite(v)) throw StudioError{400, name + " must be a number"};
-  return v;
+// A query parameter, when the request has it.
+std::optional<std::string> queryParam(const httplib::Request& req, const char* name) {
+  if (!req.has_param(name)) return std::nullopt;
+  return req.get_param_value(name);
 }
 
 std::string contentTypeFor(const std::string& path) {
@@ -349,7 +312,8 @@ void runServe(const ServeOptions& options) {
              guarded([textures](const httplib::Request&, httplib::Response& res) { sendJSON(res, textures->list()); }));
   server.Get("/api/textures/thumbnail", guarded([textures, root](const httplib::Request& req, httplib::Response& res) {
                if (!req.has_param("id")) throw StudioError{400, "a thumbnail needs an \"id\""};
-               const int size = static_cast<int>(std::clamp(queryNumber(req, "size", 96), 16.0, 512.0));
+               const int size =
+                   static_cast<int>(std::clamp(readQueryNumber(queryParam(req, "size"), "size", 96), 16.0, 512.0));
                auto [bytes, type] = textures->thumbnail(req.get_param_value("id"), size, root);
                res.set_header("Cache-Control", "max-age=3600");
                res.set_content(bytes, type.c_str());
@@ -371,7 +335,7 @@ void runServe(const ServeOptions& options) {
   const std::string S = "/api/sessions/([0-9a-f]{1,64})";
   const std::string T = S + "/steps/([0-9]{1,12})";
   auto stepOf = [](const httplib::Request& req) {
-    return static_cast<int>(wholeNumber(req.matches[2], 1 << 30, "the step"));
+    return static_cast<int>(readWholeNumber(req.matches[2], 1 << 30, "the step"));
   };
 
   server.Get(S, guarded([sessions](const httplib::Request& req, httplib::Response& res) {
@@ -391,7 +355,8 @@ void runServe(const ServeOptions& options) {
               }));
   server.Get(S + "/preview", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
                auto session = sessions->find(req.matches[1]);
-               const int size = static_cast<int>(std::clamp(queryNumber(req, "size", 1024), 1.0, 100000.0));
+               const int size =
+                   static_cast<int>(std::clamp(readQueryNumber(queryParam(req, "size"), "size", 1024), 1.0, 100000.0));
                const bool before = req.has_param("before") && req.get_param_value("before") == "1";
                const bool draft = req.has_param("draft") && req.get_param_value("draft") == "1";
                const qv::studio::Preview p = session->preview(size, before, draft);
@@ -407,10 +372,7 @@ void runServe(const ServeOptions& options) {
              }));
   server.Post(S + "/steps", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
                 auto session = sessions->find(req.matches[1]);
-                const json body = bodyJSON(req);
-                if (!body.contains("filter") || !body["filter"].is_string())
-                  throw StudioError{400, "a step needs a \"filter\" name string"};
-                sendJSON(res, session->addStep(body["filter"].get<std::string>()), 201);
+                sendJSON(res, session->addStep(qv::studio::readStepFilter(readJSONBody(req.body))), 201);
               }));
   server.Get(T, guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
                sendJSON(res, sessions->find(req.matches[1])->view(stepOf(req)));
@@ -420,33 +382,22 @@ void runServe(const ServeOptions& options) {
                 }));
   server.Post(T + "/move", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
                 auto session = sessions->find(req.matches[1]);
-                const json body = bodyJSON(req);
-                if (!body.contains("position") || !body["position"].is_number_unsigned())
-                  throw StudioError{400, "\"position\" must be a whole number"};
-                sendJSON(res, session->moveStep(stepOf(req), body["position"].get<std::size_t>()));
+                const std::size_t position = qv::studio::readStepPosition(readJSONBody(req.body));
+                sendJSON(res, session->moveStep(stepOf(req), position));
               }));
   server.Post(T + "/enabled", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
                 auto session = sessions->find(req.matches[1]);
-                const json body = bodyJSON(req);
-                if (!body.contains("enabled") || !body["enabled"].is_boolean())
-                  throw StudioError{400, "\"enabled\" must be true or false"};
-                sendJSON(res, session->setStepEnabled(stepOf(req), body["enabled"].get<bool>()));
+                const bool enabled = qv::studio::readStepEnabled(readJSONBody(req.body));
+                sendJSON(res, session->setStepEnabled(stepOf(req), enabled));
               }));
   server.Post(T + "/edit", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
                 auto session = sessions->find(req.matches[1]);
-                sendJSON(res, session->edit(stepOf(req), bodyJSON(req)));
+                sendJSON(res, session->edit(stepOf(req), readJSONBody(req.body)));
               }));
   server.Post(T + "/image", guarded([sessions, stepOf](const httplib::Request& req, httplib::Response& res) {
                 auto session = sessions->find(req.matches[1]);
-                std::vector<std::size_t> control;
-                const std::string text = req.has_param("control") ? req.get_param_value("control") : "";
-                std::size_t start = 0;
-                while (start <= text.size() && !text.empty()) {
-                  const std::size_t dot = std::min(text.find('.', start), text.size());
-                  control.push_back(static_cast<std::size_t>(wholeNumber(text.substr(start, dot - start), 100000, "control")));
-                  if (control.size() > 32) throw StudioError{400, "control is too deep"};
-                  start = dot + 1;
-                }
+                const std::vector<std::size_t> control =
+                    qv::studio::readControlPath(queryParam(req, "control").value_or(""));
                 const std::string name = req.has_param("name") ? req.get_param_value("name") : "image";
                 sendJSON(res, session->setImageInput(stepOf(req), control, name, req.body));
               }));
@@ -458,33 +409,26 @@ void runServe(const ServeOptions& options) {
               }));
   server.Get(S + "/recipe", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
                auto session = sessions->find(req.matches[1]);
-               std::string format = req.has_param("format") ? req.get_param_value("format") : "png";
-               if (format != "png" && format != "jpg" && format != "jpeg" && format != "webp")
-                 throw StudioError{400, "unknown format \"" + format + "\" (jpeg, png or webp)"};
-               if (format == "jpeg") format = "jpg";
-               const double quality = queryNumber(req, "quality", 0.9);
-               if (quality < 0 || quality > 1) throw StudioError{400, "quality must lie in 0...1"};
+               const qv::studio::RecipeQuery query =
+                   qv::studio::readRecipeQuery(queryParam(req, "format"), queryParam(req, "quality"));
                res.set_header("Content-Disposition", "attachment; filename=\"recipe.json\"");
-               sendJSON(res, session->recipe("result." + format, quality));
+               sendJSON(res, session->recipe(query.outputFile, query.quality));
              }));
   server.Post(S + "/recipe", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
                 sendJSON(res, sessions->find(req.matches[1])->importRecipe(req.body));
               }));
   server.Post(S + "/exports", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
                 auto session = sessions->find(req.matches[1]);
-                const json body = bodyJSON(req);
-                const std::string format = body.value("format", json("png")).is_string() ? body.value("format", "png") : "";
-                const json quality = body.value("quality", json(0.9));
-                if (!quality.is_number()) throw StudioError{400, "\"quality\" must be a number"};
-                sendJSON(res, session->startExport(format, quality.get<double>()), 202);
+                const qv::studio::ExportRequest request = qv::studio::readExportRequest(readJSONBody(req.body));
+                sendJSON(res, session->startExport(request.format, request.quality), 202);
               }));
   server.Get(S + "/exports/([0-9]{1,12})", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
                auto session = sessions->find(req.matches[1]);
-               sendJSON(res, session->exportStatus(static_cast<std::uint64_t>(wholeNumber(req.matches[2], 1ll << 40, "the export"))));
+               sendJSON(res, session->exportStatus(static_cast<std::uint64_t>(readWholeNumber(req.matches[2], 1ll << 40, "the export"))));
              }));
   server.Get(S + "/exports/([0-9]{1,12})/file", guarded([sessions](const httplib::Request& req, httplib::Response& res) {
                auto session = sessions->find(req.matches[1]);
-               auto job = session->finishedExport(static_cast<std::uint64_t>(wholeNumber(req.matches[2], 1ll << 40, "the export")));
+               auto job = session->finishedExport(static_cast<std::uint64_t>(readWholeNumber(req.matches[2], 1ll << 40, "the export")));
                std::ifstream in(job->path, std::ios::binary);
                if (!in) throw StudioError{410, "the exported file is gone"};
                std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

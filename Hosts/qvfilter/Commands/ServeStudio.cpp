@@ -84,15 +84,12 @@ std::string controlKey(const NSView& view) {
   return {};
 }
 
-std::vector<std::size_t> controlPath(const json& j) {
-  if (!j.is_array() || j.size() > 32) throw StudioError{400, "\"control\" must be an array of subview indices"};
-  std::vector<std::size_t> path;
-  for (const json& e : j) {
-    if (!e.is_number_integer() || e.get<std::int64_t>() < 0 || e.get<std::int64_t>() > 100000)
-      throw StudioError{400, "\"control\" must be an array of subview indices"};
-    path.push_back(static_cast<std::size_t>(e.get<std::int64_t>()));
-  }
-  return path;
+// Whether an image well of the view tree is bound to the input `key`.
+bool hasImageWellFor(const NSView& view, const std::string& key) {
+  if (dynamic_cast<const NSImageView*>(&view) && controlKey(view) == key) return true;
+  for (const NSViewRef& sub : view.subviews())
+    if (hasImageWellFor(*sub, key)) return true;
+  return false;
 }
 
 std::string randomHex(std::size_t bytes) {
@@ -412,7 +409,7 @@ json Session::edit(int stepId, const json& request) {
   NSView* control = nullptr;
   std::string key;
   if (request.contains("control")) {
-    control = viewAtPath(step.view, controlPath(request["control"]));
+    control = viewAtPath(step.view, readControlPath(request["control"]));
     if (!control) throw StudioError{404, "no control at that place in the view"};
     key = controlKey(*control);
     if (key.empty()) throw StudioError{400, "that view is not bound to an input"};
@@ -425,6 +422,11 @@ json Session::edit(int stepId, const json& request) {
     throw StudioError{400, "an edit needs a \"control\" or a \"key\""};
   }
   if (key == kCIInputImageKey) throw StudioError{400, "the chain supplies inputImage"};
+  // An image input takes a file uploaded into the session's folder (setImageInput); typed text
+  // would name a file anywhere on the server's machine.
+  if (dynamic_cast<NSImageView*>(control) ||
+      (!control && (hasImageWellFor(*step.view.view, key) || attributeClassForKey(*step.view.filter, key) == "CIImage")))
+    throw StudioError{400, key + ": an image input takes an uploaded image file, not a typed value"};
 
   const bool sameGesture = gesture >= 0 && gesture == lastGesture_ && stepId == lastGestureStep_;
   const Snapshot before = snapshotLocked();

@@ -21,15 +21,10 @@
 
 #include "CoreImage/CIImage.h"
 #include "ImageIO/CGImageSource.h"
+#include "StudioRequests.h"
 #include "ViewTree.h"
 
 namespace qv::studio {
-
-// A request the studio refuses: the HTTP status to answer with and a one-line reason.
-struct StudioError {
-  int status = 400;
-  std::string message;
-};
 
 inline constexpr std::size_t kMaxUploadBytes = std::size_t{200} << 20;
 inline constexpr std::size_t kMaxSteps = 64;
