@@ -1,7 +1,9 @@
 // Gaussian blur throughput: the blur the plug-in runs most (clamped input, Gaussian, crop back)
 // on a 6000 × 4000 photo, end to end from a JPEG file to a JPEG file, from 8-bit pixels in
-// memory to 8-bit pixels, and the bare kernel on one tile. Radii 5, 20 and 100 show that the
-// cost does not depend on the radius; 1 and 2 threads show the scaling.
+// memory to 8-bit pixels, and the bare kernel on one tile. Below kDirectSigma the blur is a
+// direct convolution whose cost grows with the radius; from there on three box passes whose
+// cost does not (radii 20 and 100); 1 and 2 threads show the scaling. BM_GaussianPlan_RGBAf
+// runs both ways over a range of radii: where they cross is where planGaussian switches.
 //
 // The peer comparison (bench/peers.sh) runs the same JPEG-to-JPEG work through
 // `vips gaussblur in.jpg out.jpg 20`, ImageMagick's `-gaussian-blur` and Pillow's
@@ -18,6 +20,7 @@
 
 #include "BenchSupport.h"
 #include "CoreImage/Builtins/BlurKernels.h"
+#include "CoreImage/Builtins/BlurNode.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
 
@@ -111,10 +114,11 @@ BENCHMARK(BM_GaussianBlur_RGBA8_6000x4000)
     ->UseRealTime()
     ->Iterations(3);
 
-// The kernel alone on one 1024 × 1024 output tile of premultiplied floats.
+// The kernel alone on one 1024 × 1024 output tile of premultiplied floats, one thread: path 0
+// is the direct convolution, 1 the three extended box passes.
 void BM_GaussianKernel_Tile1024(benchmark::State& state) {
   const double sigma = double(state.range(0));
-  const auto plan = qv::blur::planGaussian(sigma);
+  const auto plan = state.range(1) == 0 ? qv::blur::planGaussianDirect(sigma) : qv::blur::planGaussianBoxes(sigma);
   const PixelRect outRect{0, 0, 1024, 1024};
   const PixelRect inRect = outRect.outset(plan.supportX(), plan.supportY());
   std::vector<float> in(std::size_t(inRect.width * inRect.height * 4));
@@ -129,7 +133,44 @@ void BM_GaussianKernel_Tile1024(benchmark::State& state) {
   }
   setRate(state, double(outRect.area()));
 }
-BENCHMARK(BM_GaussianKernel_Tile1024)->ArgName("sigma")->Arg(2)->Arg(5)->Arg(20)->Arg(100)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GaussianKernel_Tile1024)
+    ->ArgNames({"sigma", "boxes"})
+    ->ArgsProduct({{2, 5, 10, 20}, {0, 1}})
+    ->Unit(benchmark::kMillisecond);
+
+// The two ways of computing the Gaussian, through the renderer as the filter runs them (a node
+// along x, a node streaming down the columns), one thread, premultiplied floats in and out of a
+// 3000 × 2000 picture: path 0 is the direct convolution, 1 the three extended box passes. The
+// radius where the box passes become faster is where planGaussian switches (kDirectSigma).
+void BM_GaussianPlan_RGBAf(benchmark::State& state) {
+  constexpr std::size_t w = 3000, h = 2000;
+  static const std::vector<float> px = [] {
+    const auto& rgba8 = photoPixels();
+    std::vector<float> f(w * h * 4);
+    for (std::size_t y = 0; y < h; ++y)
+      for (std::size_t x = 0; x < w * 4; ++x) f[y * w * 4 + x] = float(rgba8[y * kWidth * 4 + x]) / 255.0f;
+    return f;
+  }();
+  const double sigma = double(state.range(0)) / 2.0;
+  const auto plan = state.range(1) == 0 ? qv::blur::planGaussianDirect(sigma) : qv::blur::planGaussianBoxes(sigma);
+  const CIImage input = CIImage::imageWithRGBAf(px.data(), w, h);
+  const CIImage blurred = qv::blur::separableImage("CIGaussianBlur", input, plan);
+  std::vector<float> dst(w * h * 4);
+  CIContextOptions options;
+  options.threads = 1;
+  options.colorManagement = false;
+  const CIContext context(options);
+  for (auto _ : state)
+    context.render(blurred, dst.data(), std::ptrdiff_t(w * 16), input.extent(), CIRenderFormat::RGBAf);
+  state.counters["sigma"] = sigma;
+  setRate(state, double(w * h));
+}
+BENCHMARK(BM_GaussianPlan_RGBAf)
+    ->ArgNames({"sigma_x2", "boxes"})
+    ->ArgsProduct({{2, 4, 6, 8, 10, 12, 16, 20, 24, 32, 40, 44, 48, 52, 56, 64}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(0.3);
 
 }  // namespace
 

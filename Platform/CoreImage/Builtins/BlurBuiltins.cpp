@@ -4,8 +4,10 @@
 // caller that clamps the input first and crops back afterwards sees no fringe. Algorithms, where
 // the platform leaves them open:
 //   CIGaussianBlur   inputRadius is the standard deviation. Below 0.16 the input comes back
-//                    unchanged; below 3 an FIR truncated at ceil(3σ); above, three extended box
-//                    passes per axis (exact variance, cost independent of σ); σ is capped at 500.
+//                    unchanged; below kDirectSigma a direct convolution with the sampled
+//                    Gaussian truncated at ceil(3σ); above, three extended box passes per axis
+//                    (exact variance, cost independent of σ), whichever is faster (BlurKernels.h);
+//                    σ is capped at 500.
 //                    The extent grows by the kernel's reach, about 3σ per side.
 //   CIBoxBlur        mean over a square of side 2r+1, r = inputRadius rounded (capped at 1000);
 //                    r = 0 returns the input.
@@ -46,6 +48,7 @@ namespace {
 
 using qv::blur::BlurNode;
 using qv::blur::growExtent;
+using qv::blur::separableImage;
 using qv::blur::SeparablePlan;
 using qv::blur::TileBuffer;
 
@@ -65,25 +68,6 @@ double clampRadius(double r, double limit = kMaxRadius) { return std::isfinite(r
 
 // Premultiplied working-space luminance (Rec. 709 weights).
 inline float luminance(const float* p) { return 0.2126f * p[0] + 0.7152f * p[1] + 0.0722f * p[2]; }
-
-// A separable filter as two nodes, the passes along x and then those along y. Apart, the rows
-// that vertically adjacent tiles share are filtered along x once: box passes along y stream
-// down each column of tiles (their cost per tile independent of the radius), and the renderer
-// carries the horizontal node's rows to the tile below for the other passes.
-CIImage separableImage(const char* name, const CIImage& image, const SeparablePlan& plan) {
-  const int sx = plan.supportX(), sy = plan.supportY();
-  const CIImage rows = BlurNode::make(std::string(name) + " rows", growExtent(image.extent(), sx, 0), {image}, sx, 0,
-                                      [plan](const PixelTile& out, std::span<const ConstPixelTile> in) {
-                                        qv::blur::applyHorizontal(in[0], out, plan);
-                                      });
-  if (plan.vertical.empty()) return rows;
-  const bool boxes = std::none_of(plan.vertical.begin(), plan.vertical.end(), [](const auto& p) { return p.fir; });
-  if (boxes) return qv::blur::boxColumnsImage(name, rows, plan.vertical);
-  return BlurNode::make(name, growExtent(rows.extent(), 0, sy), {rows}, 0, sy,
-                        [plan](const PixelTile& out, std::span<const ConstPixelTile> in) {
-                          qv::blur::applyVertical(in[0], out, plan);
-                        });
-}
 
 // ---- Gaussian, box, disc ----
 

@@ -50,6 +50,7 @@ QV_BLUR_NO_TRAPS inline float onGrid(float v) { return gridValue(double(v)); }
 struct Scratch {
   std::vector<float> rowA, rowB, stripA, stripB;
   std::vector<double> sums;
+  std::vector<const float*> rows;
 };
 
 template <class T>
@@ -113,16 +114,6 @@ QV_BLUR_CLONES void boxRow(const float* in, float* out, std::int64_t nOut, int l
   }
 }
 
-QV_BLUR_CLONES void firRow(const float* in, float* out, std::int64_t nOut, const float* taps, int nTaps) {
-  for (std::int64_t j = 0; j < nOut; ++j) {
-    float v[4] = {0, 0, 0, 0};
-    const float* p = in + j * 4;
-    for (int k = 0; k < nTaps; ++k)
-      for (int c = 0; c < 4; ++c) v[c] += taps[k] * p[k * 4 + c];
-    for (int c = 0; c < 4; ++c) out[j * 4 + c] = onGrid(v[c]);
-  }
-}
-
 // One extended-box pass down a strip of nf floats; nOut output rows.
 QV_BLUR_CLONES void boxColumns(const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
                                std::int64_t nOut, std::int64_t nf, int l, float edge, double* sums) {
@@ -151,21 +142,6 @@ QV_BLUR_CLONES void boxColumns(const float* in, std::ptrdiff_t inStride, float* 
   }
 }
 
-QV_BLUR_CLONES void firColumns(const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
-                               std::int64_t nOut, std::int64_t nf, const float* taps, int nTaps) {
-  for (std::int64_t j = 0; j < nOut; ++j) {
-    float* o = out + j * outStride;
-    const float* r0 = in + j * inStride;
-    for (std::int64_t i = 0; i < nf; ++i) o[i] = taps[0] * r0[i];
-    for (int k = 1; k < nTaps; ++k) {
-      const float* r = in + (j + k) * inStride;
-      const float t = taps[k];
-      for (std::int64_t i = 0; i < nf; ++i) o[i] += t * r[i];
-    }
-    for (std::int64_t i = 0; i < nf; ++i) o[i] = onGrid(o[i]);
-  }
-}
-
 void runRowPass(const Pass1D& p, const float* in, float* out, std::int64_t nOut) {
   if (p.fir)
     firRow(in, out, nOut, p.taps.data(), int(p.taps.size()));
@@ -174,11 +150,14 @@ void runRowPass(const Pass1D& p, const float* in, float* out, std::int64_t nOut)
 }
 
 void runColumnPass(const Pass1D& p, const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
-                   std::int64_t nOut, std::int64_t nf, double* sums) {
-  if (p.fir)
-    firColumns(in, inStride, out, outStride, nOut, nf, p.taps.data(), int(p.taps.size()));
-  else
+                   std::int64_t nOut, std::int64_t nf, double* sums, std::vector<const float*>& rows) {
+  if (p.fir) {
+    rows.resize(std::size_t(nOut) + p.taps.size() - 1);
+    for (std::size_t k = 0; k < rows.size(); ++k) rows[k] = in + std::ptrdiff_t(k) * inStride;
+    firColumns(rows.data(), out, outStride, nOut, nf, p.taps.data(), int(p.taps.size()));
+  } else {
     boxColumns(in, inStride, out, outStride, nOut, nf, p.l, p.edge, sums);
+  }
 }
 
 Pass1D extendedBox(double variance) {
@@ -208,25 +187,43 @@ int SeparablePlan::supportY() const {
   return s;
 }
 
-SeparablePlan planGaussian(double sigma) {
-  SeparablePlan plan;
-  if (!(sigma >= kIdentitySigma)) return plan;  // also NaN
+namespace {
+
+// The sigma a Gaussian plan is made for (NaN and tiny values: none, the identity).
+bool gaussianSigma(double& sigma) {
+  if (!(sigma >= kIdentitySigma)) return false;  // also NaN
   sigma = std::min(sigma, kMaxSigma);
+  return true;
+}
+
+}  // namespace
+
+SeparablePlan planGaussianDirect(double sigma) {
+  SeparablePlan plan;
+  if (!gaussianSigma(sigma)) return plan;
+  const int r = int(std::ceil(3.0 * sigma));
   Pass1D pass;
-  if (sigma < kFirSigma) {
-    const int r = int(std::ceil(3.0 * sigma));
-    pass.fir = true;
-    pass.taps.resize(std::size_t(2 * r + 1));
-    double sum = 0;
-    for (int k = -r; k <= r; ++k) sum += std::exp(-0.5 * k * k / (sigma * sigma));
-    for (int k = -r; k <= r; ++k) pass.taps[std::size_t(k + r)] = float(std::exp(-0.5 * k * k / (sigma * sigma)) / sum);
-    plan.horizontal = {pass};
-  } else {
-    pass = extendedBox(sigma * sigma / 3.0);
-    plan.horizontal = {pass, pass, pass};
-  }
+  pass.fir = true;
+  pass.taps.resize(std::size_t(2 * r + 1));
+  double sum = 0;
+  for (int k = -r; k <= r; ++k) sum += std::exp(-0.5 * k * k / (sigma * sigma));
+  for (int k = -r; k <= r; ++k) pass.taps[std::size_t(k + r)] = float(std::exp(-0.5 * k * k / (sigma * sigma)) / sum);
+  plan.horizontal = {pass};
   plan.vertical = plan.horizontal;
   return plan;
+}
+
+SeparablePlan planGaussianBoxes(double sigma) {
+  SeparablePlan plan;
+  if (!gaussianSigma(sigma)) return plan;
+  const Pass1D pass = extendedBox(sigma * sigma / 3.0);
+  plan.horizontal = {pass, pass, pass};
+  plan.vertical = plan.horizontal;
+  return plan;
+}
+
+SeparablePlan planGaussian(double sigma) {
+  return sigma < kDirectSigma ? planGaussianDirect(sigma) : planGaussianBoxes(sigma);
 }
 
 SeparablePlan planBox(int rx, int ry) {
@@ -259,7 +256,12 @@ void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const Separ
       copyOnGrid(src, dstRow, W * 4);
       continue;
     }
-    copyOnGrid(src, rowA, nIn * 4);
+    // Box passes sum exactly on the grid; direct passes only need the input rule (NaN as 0,
+    // clamped), which the grid rounding also applies.
+    if (plan.horizontal.front().fir)
+      copyClamped(src, rowA, nIn * 4);
+    else
+      copyOnGrid(src, rowA, nIn * 4);
     const float* cur = rowA;
     std::int64_t n = nIn;
     for (std::size_t i = 0; i < plan.horizontal.size(); ++i) {
@@ -302,7 +304,7 @@ void applyVertical(const ConstPixelTile& in, const PixelTile& out, const Separab
       const bool last = i + 1 == plan.vertical.size();
       float* dst = last ? outBase : (cur == stripA ? stripB : stripA);
       const std::ptrdiff_t dstStride = last ? out.stride : stripPx * 4;
-      runColumnPass(p, cur, curStride, dst, dstStride, nOut, nf, sums);
+      runColumnPass(p, cur, curStride, dst, dstStride, nOut, nf, sums, scratch.rows);
       cur = dst;
       curStride = dstStride;
       n = nOut;
@@ -713,12 +715,93 @@ class BoxColumnsNode final : public ImageNode {
   int support_;
 };
 
+// The direct vertical pass streaming down a column: the node keeps the last 2·support input
+// rows it read, in a ring indexed by row, so that a tile below the one it rendered last reads
+// only its own new rows and filters each output row once.
+class FirColumnsNode final : public ImageNode {
+ public:
+  FirColumnsNode(std::string name, const CIImage& input, Pass1D pass)
+      : ImageNode(growExtent(input.extent(), 0, pass.support()), {input}),
+        name_(std::move(name)),
+        pass_(std::move(pass)),
+        support_(pass_.support()) {}
+
+  PixelRect regionOfInterest(std::size_t, const PixelRect& rect) const override { return rect.outset(0, support_); }
+  PixelRect regionOfInterestBelow(std::size_t, const PixelRect& rect) const override {
+    return rect.offset(0, -support_);
+  }
+  bool continuesDown() const override { return true; }
+  std::string name() const override { return name_; }
+
+  void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
+    const std::int64_t nf = out.rect.width * 4, window = 2 * std::int64_t(support_);
+    std::shared_ptr<void> local;
+    std::shared_ptr<void>& slot = info.state ? *info.state : local;
+    auto* stream = static_cast<Stream*>(slot.get());
+    const bool continuing = stream && !stream->last.empty() && stream->last.x == out.rect.x &&
+                            stream->last.width == out.rect.width && stream->last.y == out.rect.maxY();
+    if (!continuing) {
+      auto fresh = std::make_shared<Stream>();
+      fresh->ring.resize(std::size_t(window * nf));
+      slot = fresh;
+      stream = fresh.get();
+    }
+    // The window of input rows, bottom up: the rows the ring holds (the 2·support rows from
+    // out.rect.maxY() - support up, when continuing) and the tile's new rows from the input.
+    const std::int64_t y0 = out.rect.y - support_, y1 = out.rect.maxY() + support_;
+    const std::int64_t held = continuing ? out.rect.maxY() - support_ : y1;
+    stream->rows.resize(std::size_t(y1 - y0));
+    for (std::int64_t y = y0; y < y1; ++y)
+      stream->rows[std::size_t(y - y0)] = y >= held ? stream->slot(y, window, nf) : in[0].at(out.rect.x, y);
+    firColumns(stream->rows.data(), out.row(out.rect.y), out.stride, out.rect.height, nf, pass_.taps.data(),
+               int(pass_.taps.size()));
+    // Keep the bottom 2·support rows for the tile below; those already in the ring stay put.
+    for (std::int64_t y = y0; y < std::min(y0 + window, held); ++y)
+      std::memcpy(stream->slot(y, window, nf), in[0].at(out.rect.x, y), std::size_t(nf) * sizeof(float));
+    stream->last = out.rect;
+  }
+
+ private:
+  struct Stream {
+    PixelRect last;
+    std::vector<float> ring;  // input row y at slot y mod 2·support
+    std::vector<const float*> rows;
+    float* slot(std::int64_t y, std::int64_t window, std::int64_t nf) {
+      return ring.data() + ((y % window + window) % window) * nf;
+    }
+  };
+
+  std::string name_;
+  Pass1D pass_;
+  int support_;
+};
+
 }  // namespace
 
 CIImage boxColumnsImage(std::string name, const CIImage& input, std::vector<Pass1D> passes) {
   int support = 0;
   for (const Pass1D& p : passes) support += p.support();
   return CIImage(std::make_shared<BoxColumnsNode>(std::move(name), input, std::move(passes), support));
+}
+
+CIImage firColumnsImage(std::string name, const CIImage& input, Pass1D pass) {
+  return CIImage(std::make_shared<FirColumnsNode>(std::move(name), input, std::move(pass)));
+}
+
+CIImage separableImage(const std::string& name, const CIImage& image, const SeparablePlan& plan) {
+  const int sx = plan.supportX(), sy = plan.supportY();
+  const CIImage rows = BlurNode::make(name + " rows", growExtent(image.extent(), sx, 0), {image}, sx, 0,
+                                      [plan](const PixelTile& out, std::span<const ConstPixelTile> in) {
+                                        applyHorizontal(in[0], out, plan);
+                                      });
+  if (plan.vertical.empty()) return rows;
+  const bool boxes = std::none_of(plan.vertical.begin(), plan.vertical.end(), [](const auto& p) { return p.fir; });
+  if (boxes) return boxColumnsImage(name, rows, plan.vertical);
+  if (plan.vertical.size() == 1) return firColumnsImage(name, rows, plan.vertical.front());
+  return BlurNode::make(name, growExtent(rows.extent(), 0, sy), {rows}, 0, sy,
+                        [plan](const PixelTile& out, std::span<const ConstPixelTile> in) {
+                          applyVertical(in[0], out, plan);
+                        });
 }
 
 CIImage BlurNode::make(std::string name, CGRect extent, std::vector<CIImage> inputs, int sx, int sy, RenderFn render) {

@@ -37,25 +37,46 @@ struct SeparablePlan {
   bool identity() const { return horizontal.empty() && vertical.empty(); }
 };
 
-// Gaussian of standard deviation sigma. Below 0.16 the plan is the identity; up to kFirSigma
-// an exact FIR truncated at ceil(3 sigma); above, three extended box passes per axis whose
-// variance is exactly sigma^2 (Gwosdek et al., "Theoretical foundations of Gaussian
-// convolution by extended box filtering") and whose cost does not depend on sigma. Sigma is
-// capped at kMaxSigma to bound the region a tile reads.
+// Gaussian of standard deviation sigma. Below 0.16 the plan is the identity. Two ways to
+// compute it, and planGaussian takes the faster one for sigma:
+//   planGaussianDirect: one pass per axis of the exact sampled Gaussian truncated at
+//     ceil(3 sigma) and normalised to a sum of 1 (direct convolution, SIMD); its cost grows
+//     with sigma.
+//   planGaussianBoxes: three extended box passes per axis whose variance is exactly sigma^2
+//     (Gwosdek et al., "Theoretical foundations of Gaussian convolution by extended box
+//     filtering"), whose cost does not depend on sigma.
+// The direct passes win below kDirectSigma (measured: bench/blur_bench.cpp,
+// BM_GaussianPlan_RGBAf, see bench/README.md). Sigma is capped at kMaxSigma to bound the region
+// a tile reads.
 inline constexpr double kIdentitySigma = 0.16;
-inline constexpr double kFirSigma = 3.0;
+inline constexpr double kDirectSigma = 20.0;
 inline constexpr double kMaxSigma = 500.0;
 SeparablePlan planGaussian(double sigma);
+SeparablePlan planGaussianDirect(double sigma);
+SeparablePlan planGaussianBoxes(double sigma);
 // A plain box of (2rx+1) × (2ry+1) pixels.
 SeparablePlan planBox(int rx, int ry);
 
 void applySeparable(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
 // The two halves of applySeparable, for graphs that run them as two nodes: `in` covers out.rect
-// grown by supportX() along x, respectively supportY() along y. The horizontal half rounds its
-// input to the summation grid (its output is on the grid); the vertical half expects its input
-// on the grid, as the horizontal half leaves it.
+// grown by supportX() along x, respectively supportY() along y. For box passes the horizontal
+// half rounds its input to the summation grid (its output is on the grid) and the vertical half
+// expects its input on the grid, as the horizontal half leaves it. Direct passes need no grid.
 void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
 void applyVertical(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
+
+// Direct convolution kernels (BlurFir.cpp), on interleaved RGBA floats. Each output value is
+// the same sum of products in the same order wherever it lies in a row or a tile.
+//   firRow: out pixel j = sum over k of taps[k] * in pixel j + k, for j < nOut; `in` holds
+//     nOut + nTaps - 1 pixels.
+//   firColumns: out row j = sum over k of taps[k] * rows[j + k], nf floats per row (a multiple
+//     of 4), for j < nOut; `rows` holds nOut + nTaps - 1 row pointers.
+//   copyClamped: out = in with NaN read as 0 and values clamped to ±kGridLimit, the input
+//     rule of every separable pass.
+void firRow(const float* in, float* out, std::int64_t nOut, const float* taps, int nTaps);
+void firColumns(const float* const* rows, float* out, std::ptrdiff_t outStride, std::int64_t nOut, std::int64_t nf,
+                const float* taps, int nTaps);
+void copyClamped(const float* in, float* out, std::int64_t n);
 
 // Mean over the disc of radius r: pixel offsets with dx² + dy² <= r². When ringAmount is not
 // 0, the annulus r·(1 − ringSize) < |d| <= r weighs 1 + ringAmount instead of 1 (a bokeh

@@ -39,6 +39,13 @@ class BlurNode final : public ImageNode {
   RenderFn render_;
 };
 
+// A separable filter as two nodes, the passes along x and then those along y. Apart, the rows
+// that vertically adjacent tiles share are filtered along x once: the passes along y stream
+// down each column of tiles (boxColumnsImage, firColumnsImage below), so that a tile filters
+// only its own rows; the node of the vertical box passes costs the same per tile whatever the
+// support.
+CIImage separableImage(const std::string& name, const CIImage& image, const SeparablePlan& plan);
+
 // The vertical passes of a separable plan whose passes are all boxes, as a node that streams
 // down a column of tiles: for a tile directly below the one it rendered last, it reads only the
 // input rows it has not seen, keeping per pass a ring of the rows its window still needs and the
@@ -46,5 +53,10 @@ class BlurNode final : public ImageNode {
 // the support. `input` must be on the summation grid (as applyHorizontal leaves it). The
 // extent is the input's grown by the passes' support along y.
 CIImage boxColumnsImage(std::string name, const CIImage& input, std::vector<Pass1D> passes);
+
+// A direct (FIR) vertical pass as a node that streams down a column of tiles the same way: it
+// keeps the last 2·support input rows it read, so a tile directly below the one it rendered last
+// reads only its own new rows. The extent is the input's grown by the support along y.
+CIImage firColumnsImage(std::string name, const CIImage& input, Pass1D pass);
 
 }  // namespace qv::blur

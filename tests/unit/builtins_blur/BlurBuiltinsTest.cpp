@@ -139,7 +139,8 @@ TEST(GaussianBlur, TinyRadiusReturnsTheInputItself) {
 TEST(GaussianBlur, ExtentGrowsByAboutThreeSigma) {
   const CIImage image = blurtest::photo(40, 30, {10, 20});
   // The kernel's support in whole pixels: 3 sigma and a little, rounded up by the plan.
-  for (auto [sigma, expected] : {std::pair{0.5, 2.0}, {2.0, 6.0}, {3.5, 12.0}, {10.0, 30.0}, {25.0, 75.0}}) {
+  // Direct below kDirectSigma: ceil(3 sigma); three extended boxes above: three box supports.
+  for (auto [sigma, expected] : {std::pair{0.5, 2.0}, {2.0, 6.0}, {3.5, 11.0}, {10.0, 30.0}, {25.0, 75.0}}) {
     const CGRect e = applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(sigma)}}).extent();
     const double grow = 10 - e.origin.x;
     EXPECT_EQ(grow, expected) << sigma;
@@ -478,7 +479,7 @@ TEST(UnsharpMask, IsImagePlusIntensityTimesDetail) {
 
 TEST(BlurKernels, ExtendedBoxHasTheExactVariance) {
   for (double sigma : {3.0, 4.2, 10.0, 57.3, 200.0}) {
-    const auto plan = qv::blur::planGaussian(sigma);
+    const auto plan = qv::blur::planGaussianBoxes(sigma);
     ASSERT_EQ(plan.horizontal.size(), 3u);
     double variance = 0;
     for (const auto& p : plan.horizontal) {
@@ -487,6 +488,7 @@ TEST(BlurKernels, ExtendedBoxHasTheExactVariance) {
     }
     EXPECT_NEAR(std::sqrt(variance), sigma, 1e-4 * sigma);
   }
+  EXPECT_TRUE(qv::blur::planGaussianBoxes(0.1).identity());
   EXPECT_TRUE(qv::blur::planGaussian(0.1).identity());
   EXPECT_TRUE(qv::blur::planGaussian(std::nan("")).identity());
   EXPECT_EQ(qv::blur::planGaussian(1e12).supportX(), 1500);  // the support of kMaxSigma

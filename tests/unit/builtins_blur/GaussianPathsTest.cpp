@@ -1,0 +1,167 @@
+// The two ways the Gaussian blur is computed (a direct convolution with the sampled Gaussian
+// below kDirectSigma, three extended box passes from there on): what each computes, that the
+// direct one streams down the renderer's columns exactly, and how closely the two agree where
+// planGaussian switches from one to the other.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "BlurTestSupport.h"
+#include "CoreImage/Builtins/BlurKernels.h"
+#include "CoreImage/Builtins/BlurNode.h"
+#include "Golden.h"
+
+using blurtest::applyFilter;
+using blurtest::Floats;
+
+namespace {
+
+// The test photo (tests/data/photo.png: sky, clouds, a sun disc, hills) with alpha: a fully
+// transparent hole round the sun, a soft ramp from 20 % opacity on the left to opaque in the
+// middle, and the transparent surround beyond its borders (not clamped). Premultiplied working
+// floats.
+CIImage photoWithAlpha() {
+  const CIImage photo = CIImage::imageWithContentsOfFile(std::string(QV_SOURCE_DIR) + "/tests/data/photo.png");
+  const CGRect r = photo.extent();
+  const auto w = std::int64_t(r.size.width), h = std::int64_t(r.size.height);
+  std::vector<float> px = renderRGBAf(photo, r);
+  for (std::int64_t row = 0; row < h; ++row)
+    for (std::int64_t x = 0; x < w; ++x) {
+      const double dx = double(x) - 0.72 * double(w), dy = double(row) - 0.24 * double(h);
+      double a = std::clamp(double(x) / (0.5 * double(w)), 0.2, 1.0);
+      if (dx * dx + dy * dy < 0.01 * double(w * w)) a = 0;
+      float* p = &px[std::size_t((row * w + x) * 4)];
+      for (int c = 0; c < 4; ++c) p[c] *= float(a);
+    }
+  return CIImage::imageWithRGBAf(px.data(), std::size_t(w), std::size_t(h));
+}
+
+CIImage blurred(const CIImage& image, const qv::blur::SeparablePlan& plan) {
+  return qv::blur::separableImage("CIGaussianBlur", image, plan);
+}
+
+std::string describe(const qv::golden::Result& r) {
+  char text[160];
+  std::snprintf(text, sizeof text, "largest difference %.4f, %zu of %zu values above 0.004 (%.2f %%)", r.maxDifference,
+                r.overTolerance, r.values, 100.0 * double(r.overTolerance) / double(r.values));
+  return text;
+}
+
+}  // namespace
+
+TEST(GaussianPaths, PlanSwitchesAtTheMeasuredRadius) {
+  const auto below = qv::blur::planGaussian(std::nextafter(qv::blur::kDirectSigma, 0.0));
+  ASSERT_EQ(below.horizontal.size(), 1u);
+  EXPECT_TRUE(below.horizontal[0].fir);
+  EXPECT_EQ(below.supportX(), int(std::ceil(3 * std::nextafter(qv::blur::kDirectSigma, 0.0))));
+  const auto at = qv::blur::planGaussian(qv::blur::kDirectSigma);
+  ASSERT_EQ(at.horizontal.size(), 3u);
+  for (const auto& p : at.horizontal) EXPECT_FALSE(p.fir);
+  // The direct weights are the sampled Gaussian, normalised, symmetric.
+  const auto plan = qv::blur::planGaussianDirect(2.0);
+  const auto& taps = plan.horizontal[0].taps;
+  ASSERT_EQ(taps.size(), 13u);
+  double sum = 0;
+  for (std::size_t k = 0; k < taps.size(); ++k) {
+    sum += taps[k];
+    EXPECT_FLOAT_EQ(taps[k], taps[taps.size() - 1 - k]);
+    const double x = double(k) - 6.0;
+    EXPECT_NEAR(taps[k] / taps[6], std::exp(-x * x / 8.0), 1e-6);
+  }
+  EXPECT_NEAR(sum, 1.0, 1e-6);
+  EXPECT_TRUE(qv::blur::planGaussianDirect(0.15).identity());
+  EXPECT_TRUE(qv::blur::planGaussianDirect(std::nan("")).identity());
+  EXPECT_EQ(qv::blur::planGaussianDirect(1e9).supportX(), 1500);  // capped at kMaxSigma
+}
+
+TEST(GaussianPaths, DirectIsTheTwoDimensionalSampledGaussian) {
+  // Oracle: the 2-D convolution with the product of the normalised 1-D weights, in double.
+  const CIImage image = makeTestImageWithAlpha(23, 17, {3, 4});
+  const Floats in = Floats::render(image, image.extent());
+  for (double sigma : {0.7, 2.5, 4.0}) {
+    const CIImage out = applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(sigma)}});
+    const int r = int(std::ceil(3 * sigma));
+    std::vector<double> g(std::size_t(2 * r + 1));
+    double sum = 0;
+    for (int k = -r; k <= r; ++k) sum += g[std::size_t(k + r)] = std::exp(-0.5 * k * k / (sigma * sigma));
+    for (double& v : g) v /= sum;
+    const CGRect e = out.extent();
+    EXPECT_EQ(e.origin.x, 3 - r);
+    const Floats f = Floats::render(out, e);
+    for (std::int64_t y = std::int64_t(e.origin.y); y < std::int64_t(CGRectGetMaxY(e)); ++y)
+      for (std::int64_t x = std::int64_t(e.origin.x); x < std::int64_t(CGRectGetMaxX(e)); ++x)
+        for (int c = 0; c < 4; ++c) {
+          double expected = 0;
+          for (int dy = -r; dy <= r; ++dy)
+            for (int dx = -r; dx <= r; ++dx)
+              expected += g[std::size_t(dx + r)] * g[std::size_t(dy + r)] * in.at(x + dx, y + dy, c);
+          ASSERT_NEAR(f.at(x, y, c), expected, 2e-6) << sigma << " at " << x << "," << y;
+        }
+  }
+}
+
+TEST(GaussianPaths, DirectStreamsDownColumnsExactly) {
+  // Tiles of many sizes and two threads: each column's direct vertical pass continues from the
+  // tile above with the rows it kept, and must give the whole render bit for bit.
+  const CIImage image = makeTestImageWithAlpha(300, 220, {-7, 11});
+  for (double sigma : {1.0, 5.0, 12.5}) {
+    const CIImage out = applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(sigma)}});
+    ASSERT_TRUE(qv::blur::planGaussian(sigma).horizontal[0].fir);
+    const Floats whole = Floats::render(out, out.extent(), 8192, 1);
+    for (int tile : {16, 40, 128}) {
+      for (int threads : {1, 2}) {
+        const Floats tiled = Floats::render(out, out.extent(), tile, threads);
+        ASSERT_TRUE(bitwiseEqual(whole.v, tiled.v)) << sigma << " tile " << tile << " threads " << threads;
+      }
+    }
+    // A window of the picture (another tiling of the same pixels) agrees too.
+    const CGRect part = CGRectMake(20, 30, 101, 77);
+    const Floats sub = Floats::render(out, part, 16, 2);
+    for (std::int64_t y = 30; y < 107; ++y)
+      for (std::int64_t x = 20; x < 121; ++x)
+        for (int c = 0; c < 4; ++c) ASSERT_EQ(sub.at(x, y, c), whole.at(x, y, c)) << sigma;
+  }
+}
+
+TEST(GaussianPaths, DirectReadsNaNAsZeroAndClampsLikeTheBoxes) {
+  std::vector<float> px(16 * 12 * 4, 0.25f);
+  std::vector<float> clean = px;
+  px[(5 * 16 + 7) * 4 + 1] = std::numeric_limits<float>::quiet_NaN();
+  clean[(5 * 16 + 7) * 4 + 1] = 0.0f;
+  px[(2 * 16 + 3) * 4] = 1e30f;
+  clean[(2 * 16 + 3) * 4] = qv::blur::kGridLimit;
+  const CIImage dirty = CIImage::imageWithRGBAf(px.data(), 16, 12), ok = CIImage::imageWithRGBAf(clean.data(), 16, 12);
+  for (double sigma : {1.5, 3.0}) {
+    const auto plan = qv::blur::planGaussianDirect(sigma);
+    const CIImage a = blurred(dirty, plan), b = blurred(ok, plan);
+    const Floats fa = Floats::render(a, a.extent()), fb = Floats::render(b, b.extent());
+    EXPECT_TRUE(bitwiseEqual(fa.v, fb.v)) << sigma;
+  }
+}
+
+TEST(GaussianPaths, TheTwoPathsAgreeAroundTheSwitch) {
+  // Both paths have the same variance and about the same reach (3 sigma); the three boxes are a
+  // piecewise quadratic approximation of the Gaussian whose shape differs from it by up to 6 %
+  // of the peak and about 1 % of a step's height (in linear light), whatever sigma. In 8-bit
+  // sRGB with straight alpha that is a few steps at dark edges and next to transparent pixels:
+  // more than the golden tolerance of the renders (which a 1 % change of sigma already
+  // exceeds), so the comparison here states the agreement the box approximation gives.
+  const CIImage image = photoWithAlpha();
+  const CGRect r = CGRectInset(image.extent(), -30, -30);
+  const qv::golden::Tolerance tolerance{0.004, 0.15, 0.04};
+  for (double factor : {0.8, 1.0, 1.25}) {
+    const double sigma = qv::blur::kDirectSigma * factor;
+    const auto direct = renderRGBA8(blurred(image, qv::blur::planGaussianDirect(sigma)), r);
+    const auto boxes = renderRGBA8(blurred(image, qv::blur::planGaussianBoxes(sigma)), r);
+    const auto w = std::size_t(r.size.width), h = std::size_t(r.size.height);
+    const auto loose = qv::golden::compareRGBA8(boxes, direct, w, h, tolerance);
+    const auto golden = qv::golden::compareRGBA8(boxes, direct, w, h);
+    EXPECT_TRUE(loose.ok) << "sigma " << sigma << ": " << describe(loose);
+    std::printf("sigma %.1f: boxes against direct: %s (golden tolerance: %s)\n", sigma, describe(golden).c_str(),
+                golden.ok ? "met" : "not met");
+  }
+}
