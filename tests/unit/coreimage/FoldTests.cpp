@@ -203,6 +203,37 @@ TEST(Folds, CompositeReadsThroughOffsetsCropsAndMatrices) {
   }
 }
 
+TEST(Folds, CompositeReadsTheSourceOfASourceOverOntoNothing) {
+  // A resampled layer put on a transparent canvas larger than the layer and smaller in part
+  // (the canvas gives the layer its extent), cropped, faded by a matrix and blended over a
+  // picture: the blend reads the layer itself.
+  const auto picture = makeTestImageWithAlpha(40, 30);
+  const auto texture = makeTestImageWithAlpha(13, 9, CGPointMake(0, 0), 5);
+  const CIImage layer = texture.imageByApplyingTransform(CGAffineTransformMake(1.7, 0, 0, 2.2, 9.4, -3.1));
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.6;
+  const CGRect canvas = CGRectMake(0, 0, 40, 30);
+  auto build = [&](auto barrier) {
+    const CIImage placed =
+        composite("CISourceOverCompositing", barrier(layer), CIImage::emptyImage().imageByCroppingToRect(canvas))
+            .imageByCroppingToRect(canvas);
+    return composite("CIScreenBlendMode", ColorMatrixNode::imageByApplyingMatrix(placed, fade), picture);
+  };
+  const CIImage folded = build([](const CIImage& i) { return i; });
+  const CIImage unfolded = build([](const CIImage& i) { return opaque(i); });
+  ASSERT_EQ(folded.node()->inputs().size(), 2u);
+  EXPECT_TRUE(nodeAs<TransformNode>(folded.node()->inputs()[0]));
+  expectSamePixels(folded, unfolded, CGRectMake(-4, -4, 50, 40));
+  // Onto a colour or onto a picture, source-over is not its source: nothing is skipped.
+  const CIImage ontoColour = composite(
+      "CIScreenBlendMode",
+      composite("CISourceOverCompositing", layer,
+                CIImage::imageWithColor(CIColor::colorWithRed(0, 0, 0, 0.5)).imageByCroppingToRect(canvas)),
+      picture);
+  EXPECT_TRUE(nodeAs<ImageNode>(ontoColour.node()->inputs()[0]));
+  EXPECT_FALSE(nodeAs<TransformNode>(ontoColour.node()->inputs()[0]));
+}
+
 TEST(Folds, BlendWithMaskReadsConstantsWithoutBuffers) {
   const auto img = makeTestImageWithAlpha(30, 20);
   const CGRect e = img.extent();
