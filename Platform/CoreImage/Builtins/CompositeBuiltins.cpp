@@ -17,18 +17,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdint>
 #include <cstring>
 #include <string_view>
-#include <type_traits>
-#if defined(__SSE__)
-#include <immintrin.h>
-#endif
 
 #include "CoreImage/Builtins/BuiltinFilter.h"
 #include "CoreImage/Builtins/ColorMatrixNode.h"
 #include "CoreImage/Builtins/ColorNodeSupport.h"
 #include "CoreImage/Builtins/CompositeOperations.h"
+#include "CoreImage/Builtins/Float4.h"
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/Nodes/CoreNodes.h"
 
@@ -89,45 +85,6 @@ struct MultiplyCompositing {
 // (T = float) and for four (T = Float4, four pixels of one channel): the same operations in the
 // same order on every lane, with both sides of a choice computed and one kept, so the four-wide
 // form gives the very bits of the one-value form.
-using Float4 = float __attribute__((vector_size(16)));
-
-template <class T>
-inline T splat(float v) {
-  if constexpr (std::is_same_v<T, float>) {
-    return v;
-  } else {
-    return T{v, v, v, v};
-  }
-}
-// std::min, std::max, std::clamp(v, 0, 1) and std::fabs, lane by lane.
-template <class T>
-inline T minOf(T a, T b) { return b < a ? b : a; }
-template <class T>
-inline T maxOf(T a, T b) { return a < b ? b : a; }
-template <class T>
-inline T clamp01(T v) { return v < splat<T>(0) ? splat<T>(0) : (splat<T>(1) < v ? splat<T>(1) : v); }
-template <class T>
-inline T absOf(T v) {
-  if constexpr (std::is_same_v<T, float>) {
-    return std::fabs(v);
-  } else {
-    using Int4 = std::int32_t __attribute__((vector_size(16)));
-    return T(Int4(v) & Int4{0x7fffffff, 0x7fffffff, 0x7fffffff, 0x7fffffff});
-  }
-}
-template <class T>
-inline T sqrtOf(T v) {
-  if constexpr (std::is_same_v<T, float>) {
-    return std::sqrt(v);
-  } else {
-#if defined(__SSE__)
-    return T(_mm_sqrt_ps(__m128(v)));
-#else
-    return T{std::sqrt(v[0]), std::sqrt(v[1]), std::sqrt(v[2]), std::sqrt(v[3])};
-#endif
-  }
-}
-
 template <class T>
 inline T screen(T cb, T cs) { return cb + cs - cb * cs; }
 template <class T>
@@ -238,21 +195,6 @@ struct Hue { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(setS
 struct Saturation { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(setSat(cb, sat(cs)), lum(cb)); } };
 struct Color { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cs, lum(cb)); } };
 struct Luminosity { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cb, lum(cs)); } };
-
-// Four RGBA pixels (16 floats) as four vectors of one component each; the same turns four
-// component vectors back into pixels. `in` may be `out`.
-inline void transpose4(const float* in, Float4 out[4]) {
-#if defined(__SSE__)
-  __m128 r0 = _mm_loadu_ps(in), r1 = _mm_loadu_ps(in + 4), r2 = _mm_loadu_ps(in + 8), r3 = _mm_loadu_ps(in + 12);
-  _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-  out[0] = Float4(r0), out[1] = Float4(r1), out[2] = Float4(r2), out[3] = Float4(r3);
-#else
-  float t[16];
-  for (int p = 0; p < 4; ++p)
-    for (int c = 0; c < 4; ++c) t[4 * c + p] = in[4 * p + c];
-  std::memcpy(out, t, sizeof t);
-#endif
-}
 
 // The general formula around a separable B, four pixels at a time: the pixels are turned into
 // one vector per component (red of all four, green, ...), so every operation works on four
