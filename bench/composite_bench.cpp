@@ -5,8 +5,11 @@
 //   - BM_Copy: the engine's own decode and encode of the file with no filter, which every
 //     filter pays too: the difference to it is what the composite itself costs.
 // Every case reports peak_MB, the process's peak resident memory during the case (the peak is
-// reset before the case runs), and base_MB, what was resident when it started (the bundle, the
-// benchmark library); the texture composite's peak should stay within 1.3x of the copy's.
+// reset before the case runs), base_MB, what was resident when it started (the bundle, the
+// benchmark library), and cpu_s, the CPU time of all the process's threads per iteration, which
+// other work on a shared machine disturbs far less than wall time. The texture composite's peak
+// should stay within 1.3x of the copy's. Run each case in a process of its own for peaks that
+// owe nothing to earlier cases: bench/composite_table.sh does, and prints the table.
 // The second texture render (BM_QVFilterTextureComposite_SecondRender) renders a filter object
 // that has rendered once already, as an interactive host does on every edit.
 //
@@ -15,8 +18,10 @@
 // when the program starts.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -66,9 +71,21 @@ double resetPeak() {
   return statusMB("VmRSS:");
 }
 
+// User and system CPU time of every thread of the process so far, in seconds.
+double processCPUSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  auto seconds = [](const timeval& t) { return double(t.tv_sec) + double(t.tv_usec) * 1e-6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 void reportMemory(benchmark::State& state, double base) {
   state.counters["base_MB"] = base;
   state.counters["peak_MB"] = statusMB("VmHWM:");
+}
+
+void reportCPU(benchmark::State& state, double cpuBefore) {
+  state.counters["cpu_s"] = (processCPUSeconds() - cpuBefore) / double(std::max<std::int64_t>(1, state.iterations()));
 }
 
 std::string outputPath() { return "/tmp/qv_composite_bench_out_" + std::to_string(::getpid()) + ".jpg"; }
@@ -83,6 +100,7 @@ void BM_StreamCopy(benchmark::State& state) {
   if (!prepare()) return state.SkipWithError("no input or no bundle");
   const std::string out = outputPath();
   const double base = resetPeak();
+  const double cpu = processCPUSeconds();
   for (auto _ : state) {
     CGImageSourceRef source = CGImageSourceCreateWithURL(kInput);
     CGImageDestinationRef dest = CGImageDestinationCreateWithURL(out, kUTTypeJPEG);
@@ -102,6 +120,7 @@ void BM_StreamCopy(benchmark::State& state) {
       break;
     }
   }
+  reportCPU(state, cpu);
   reportMemory(state, base);
   std::filesystem::remove(out);
 }
@@ -121,6 +140,7 @@ void filterToJpeg(benchmark::State& state, const std::string& filter, bool rende
     context.writeToFile(first, out, first.extent(), 0.9);
   }
   const double base = resetPeak();
+  const double cpu = processCPUSeconds();
   for (auto _ : state) {
     const CIImage input = CIImage::imageWithContentsOfFile(kInput);
     CIImage graph = input;
@@ -134,6 +154,7 @@ void filterToJpeg(benchmark::State& state, const std::string& filter, bool rende
     }
     context.writeToFile(graph, out, graph.extent(), 0.9);
   }
+  reportCPU(state, cpu);
   reportMemory(state, base);
   std::filesystem::remove(out);
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kWidth * kHeight));
