@@ -327,6 +327,10 @@ const CompositeOperation kOperations[] = {
 // gives outside its extent. A composite reading it reads the source instead, so a layer put on
 // a transparent canvas (to give it the canvas's extent) is not written out in full.
 CIImage sourceOfOverNothing(const ImageNode* node);
+// For a blend with mask of nothing (the empty image, however cropped) over a background: the
+// background (the layer) and the mask; false for any other image. Such a blend is the layer
+// times 1 − m, which a composite computes as it reads the layer (see CompositeInput::row).
+bool layerAndMaskOfMaskedLayer(const ImageNode* node, CIImage& layer, CIImage& mask);
 
 struct CompositeInput {
   CIImage image;  // the image whose pixels are read; nil for a constant
@@ -339,8 +343,15 @@ struct CompositeInput {
   bool windowed = false;  // pixels outside `window` (composite coordinates) are transparent
   PixelRect window{-PixelRect::kPixelLimit, -PixelRect::kPixelLimit, 2 * PixelRect::kPixelLimit,
                    2 * PixelRect::kPixelLimit};
+  // A mask the image is cut by (as a blend with mask of nothing over it would), read through its
+  // own folds, at (maskDx, maskDy) from the composite's coordinates; applied before the matrix,
+  // which is then the only one (one found below the mask would have to run before it). Only
+  // images are taken as layer and mask (constants are not read from tiles), and a mask has no
+  // mask of its own.
+  std::shared_ptr<CompositeInput> mask;
+  std::int64_t maskDx = 0, maskDy = 0;
 
-  static CompositeInput fold(const CIImage& given) {
+  static CompositeInput fold(const CIImage& given, bool maskAllowed = true) {
     CompositeInput f;
     f.extent = given.extent();
     CIImage image = given;
@@ -361,8 +372,21 @@ struct CompositeInput {
         image = source;
         continue;
       }
+      CIImage layer, maskImage;
+      if (maskAllowed && !f.mask && layerAndMaskOfMaskedLayer(node, layer, maskImage)) {
+        // A constant layer (or mask) is not read from a tile: the blend stays a node of its own.
+        auto m = std::make_shared<CompositeInput>(fold(maskImage, false));
+        if (!m->isConstant && !fold(layer, false).isConstant) {
+          f.cut(PixelRect::centresInside(node->extent()));
+          f.mask = std::move(m);
+          f.maskDx = f.dx;
+          f.maskDy = f.dy;
+          image = layer;
+          continue;
+        }
+      }
       auto matrix = std::dynamic_pointer_cast<const ColorMatrixNode>(image.node());
-      if (matrix && !f.matrix) {
+      if (matrix && !f.matrix && !f.mask) {
         f.matrix = matrix;
         f.cut(PixelRect::centresInside(matrix->extent()));
         image = matrix->inputs()[0];
@@ -413,12 +437,34 @@ struct CompositeInput {
     if (windowed) r = r.intersection(window);
     return r.offset(-dx, -dy);
   }
+  // What `rect` of the composite needs of the mask's image.
+  PixelRect maskRegionOfInterest(const PixelRect& rect) const {
+    if (!mask || isConstant) return {};
+    PixelRect r = rect.intersection(PixelRect::covering(extent));
+    if (windowed) r = r.intersection(window);
+    return mask->regionOfInterest(r.offset(-maskDx, -maskDy));
+  }
 
   // The n pixels from (x0, y) in the composite's coordinates. `tiles` are the node's inputs;
   // `colour` is constantPixel() of this render.
   const float* row(std::span<const ConstPixelTile> tiles, const std::array<float, 4>& colour, std::int64_t x0,
                    std::int64_t y, std::size_t n, std::vector<float>& scratch, std::vector<float>& kept) const {
     const float* p = isConstant ? nullptr : inputRow(tiles[std::size_t(slot)], x0 - dx, y - dy, n, scratch);
+    if (mask && p) {
+      // out = s·k + b·(1 − k) with s = nothing and b = the layer, as the blend with mask
+      // computes it; k is the clamped Rec. 709 luminance of the mask's premultiplied colour.
+      // The mask's row is used up here, so its buffers can be this thread's; the masked layer
+      // goes to `scratch` (in place when the layer's row is already there: pixel by pixel).
+      thread_local std::vector<float> maskScratch, maskKept;
+      const float* m = mask->row(tiles, {}, x0 - maskDx, y - maskDy, n, maskScratch, maskKept);
+      if (p != scratch.data()) scratch.resize(n * 4);
+      float* masked = scratch.data();
+      for (std::size_t i = 0; i < n; ++i) {
+        const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
+        for (int c = 0; c < 4; ++c) masked[4 * i + c] = 0.0f * k + p[4 * i + c] * (1 - k);
+      }
+      p = masked;
+    }
     if (!windowed && !isConstant) return p;
     kept.resize(n * 4);
     const std::int64_t count = std::int64_t(n);
@@ -446,6 +492,10 @@ struct CompositeInput {
       if (!folded.back().isConstant) {
         folded.back().slot = int(images.size());
         images.push_back(folded.back().image);
+        if (CompositeInput* m = folded.back().mask.get()) {
+          m->slot = int(images.size());
+          images.push_back(m->image);
+        }
       }
     }
     return folded;
@@ -454,8 +504,10 @@ struct CompositeInput {
 
 // The region of the node's input `index` that the folded inputs need for `rect`.
 PixelRect foldedRegionOfInterest(const std::vector<CompositeInput>& folded, std::size_t index, const PixelRect& rect) {
-  for (const CompositeInput& f : folded)
+  for (const CompositeInput& f : folded) {
     if (f.slot == int(index)) return f.regionOfInterest(rect);
+    if (f.mask && f.mask->slot == int(index)) return f.maskRegionOfInterest(rect);
+  }
   return {};
 }
 
@@ -521,7 +573,18 @@ class BlendWithMaskNode final : public ImageNode {
   // background may be nil.
   BlendWithMaskNode(const CIImage& image, const CIImage& background, const CIImage& mask)
       : BlendWithMaskNode(unionOfExtents(background.extent(), CGRectIntersection(image.extent(), mask.extent())),
-                          background ? FoldedInputs({image, mask, background}) : FoldedInputs({image, mask})) {}
+                          background ? FoldedInputs({image, mask, background}) : FoldedInputs({image, mask})) {
+    background_ = background;
+    mask_ = mask;
+  }
+  // See layerAndMaskOfMaskedLayer.
+  bool isMaskedLayer(CIImage& layer, CIImage& mask) const {
+    const CompositeInput& s = folded_[0];
+    if (!background_ || !(s.isConstant && !s.constant && !s.matrix)) return false;
+    layer = background_;
+    mask = mask_;
+    return true;
+  }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override {
     return foldedRegionOfInterest(folded_, index, rect);
   }
@@ -560,7 +623,13 @@ class BlendWithMaskNode final : public ImageNode {
       : ImageNode(extent, std::move(f.images)), folded_(std::move(f.folded)) {}
 
   std::vector<CompositeInput> folded_;  // image, mask and (when given) background
+  CIImage background_, mask_;  // as given
 };
+
+bool layerAndMaskOfMaskedLayer(const ImageNode* node, CIImage& layer, CIImage& mask) {
+  auto* blend = dynamic_cast<const BlendWithMaskNode*>(node);
+  return blend && blend->isMaskedLayer(layer, mask);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Filters
