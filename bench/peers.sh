@@ -188,6 +188,15 @@ case_row "effect border outside 12 (JPEG Q90)" \
   "vips embed \"\$IN\" \"\$OUT/vips_bo.jpg[Q=90]\" 12 12 6024 4024 --extend white" \
   "$IM \"\$IN\" -bordercolor white -border 12 -quality 90 \"\$OUT/im_bo.jpg\"" \
   "from PIL import ImageOps; ImageOps.expand(Image.open(IN), 12, 'white').save(OUT + '/pil_bo.jpg', quality=90)"
+# The mask and composite filters with their defaults (compare with the copy row: each should
+# stay within 1.4x of it, the texture overlay's peak memory within 1.3x). No peer runs these
+# graphs; bench/composite_table.sh measures the same in one program, with CPU times.
+for composite in QVFilterColorComposite QVFilterBlurComposite QVFilterNoiseComposite QVFilterTextureComposite \
+                 QVFilterTextureTile QVFilterTextureBorder QVFilterGradientComposite QVFilterOffsetComposite \
+                 QVFilterScaleComposite; do
+  case_row "composite $composite (defaults, JPEG Q90)" \
+    "\"$QVFILTER\" apply \"\$IN\" \"\$OUT/ours_$composite.jpg\" -f $composite --quality 90" "" "" ""
+done
 # (More cases go here: case_row NAME OURS VIPS CONVERT PILLOW.)
 }
 

@@ -23,8 +23,44 @@ std::uint8_t premultiply(std::uint8_t c, std::uint8_t a) {
 
 }  // namespace
 
-CIImage _QVFilterTextureImageProvider::imageWithImageSource(const CGImageSourceRef& imageSource, CGSize maximumSize) {
+_QVFilterDecodedTextureCache::_QVFilterDecodedTextureCache() {
+  bitmaps_.setName("decoded textures");
+  bitmaps_.setTotalCostLimit(kDefaultByteLimit);
+}
+
+CGImageRef _QVFilterDecodedTextureCache::bitmapForKey(const std::string& key, const std::function<CGImageRef()>& decode) {
+  {
+    std::unique_lock lock(mutex_);
+    // While another request decodes this key, wait for it and take its result from the cache.
+    // When it kept nothing (a failed decode, or a bitmap over the limit), decode here.
+    for (;;) {
+      if (auto hit = bitmaps_.objectForKey(key)) return *hit;
+      if (!decoding_.count(key)) break;
+      decoded_.wait(lock);
+    }
+    decoding_.insert(key);
+  }
+  struct Done {
+    _QVFilterDecodedTextureCache& cache;
+    const std::string& key;
+    ~Done() {
+      {
+        std::lock_guard lock(cache.mutex_);
+        cache.decoding_.erase(key);
+      }
+      cache.decoded_.notify_all();
+    }
+  } done{*this, key};
+  CGImageRef bitmap = decode();
+  if (bitmap) bitmaps_.setObject(bitmap, key, bitmap->bytesPerRow * bitmap->height);
+  return bitmap;
+}
+
+CIImage _QVFilterTextureImageProvider::imageWithImageSource(const CGImageSourceRef& imageSource, CGSize maximumSize,
+                                                            std::shared_ptr<_QVFilterDecodedTextureCache> cache,
+                                                            std::string cacheKey) {
   auto provider = initWithImageSource(imageSource, maximumSize);
+  if (cache) provider->setDecodedTextureCache(std::move(cache), std::move(cacheKey));
   const Dictionary properties = CGImageSourceCopyPropertiesAtIndex(imageSource, 0);
   auto integerOf = [&](const char* key) -> std::int64_t {
     auto it = properties.find(key);
@@ -63,6 +99,11 @@ CGImageRef _QVFilterTextureImageProvider::_faultBitmap() const {
   return bitmap;
 }
 
+CGImageRef _QVFilterTextureImageProvider::_thumbnail() const {
+  if (!cache_) return _faultBitmap();
+  return cache_->bitmapForKey(cacheKey_, [this] { return _faultBitmap(); });
+}
+
 void _QVFilterTextureImageProvider::provideImageData(void* data, std::size_t rowBytes, std::size_t x, std::size_t y,
                                                      std::size_t width, std::size_t height, const Value&) {
   if (!data || width == 0 || height == 0 || rowBytes < width * 4) return;
@@ -70,7 +111,7 @@ void _QVFilterTextureImageProvider::provideImageData(void* data, std::size_t row
   // Clear the whole rectangle first: whatever cannot be drawn stays transparent.
   for (std::size_t r = 0; r < height; ++r) std::memset(bytes + r * rowBytes, 0, width * 4);
 
-  CGImageRef bitmap = _faultBitmap();
+  CGImageRef bitmap = _thumbnail();
   if (!bitmap) return;
   // The rectangle is in nominal coordinates and is applied to the thumbnail as it is.
   CGImageRef cut = CGImageCreateWithImageInRect(

@@ -2,23 +2,63 @@
 // opened texture file and a size hint, and decodes the file only when the renderer asks for
 // pixels, as a thumbnail whose larger side is the hint's larger side (the full size when the
 // hint is {0, 0}). The image it makes keeps the texture's nominal pixel size as its extent.
+//
+// A provider made with a decoded-texture cache (the texture store's) takes its thumbnail from
+// that cache, which outlives renders: a texture is decoded once per decode size, however many
+// renders, tiles and threads ask for it, until the cache's byte bound evicts it.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "Foundation/NSCache.h"
 
 #include "CoreGraphics/CGGeometry.h"
 #include "CoreImage/CIImage.h"
 #include "ImageIO/CGImageSource.h"
 
+// Decoded texture bitmaps kept across renders: bounded by their bytes, least recently used
+// evicted first, keyed by the caller (the store: texture identifier and decode size).
+// Thread-safe; concurrent requests for a key that is being decoded wait for that one decode.
+class _QVFilterDecodedTextureCache {
+ public:
+  static constexpr std::size_t kDefaultByteLimit = std::size_t(128) << 20;
+
+  _QVFilterDecodedTextureCache();
+  // The bitmap under `key`, made by `decode` when the cache does not hold it (not cached when
+  // `decode` gives null, so that a failed decode is tried again next time).
+  CGImageRef bitmapForKey(const std::string& key, const std::function<CGImageRef()>& decode);
+
+  std::size_t byteLimit() const { return bitmaps_.totalCostLimit(); }
+  // A bitmap larger than the limit is decoded for its request but not kept.
+  void setByteLimit(std::size_t bytes) { bitmaps_.setTotalCostLimit(bytes); }
+  std::size_t totalBytes() const { return bitmaps_.totalCost(); }
+  std::size_t count() const { return bitmaps_.count(); }
+  void removeAll() { bitmaps_.removeAllObjects(); }
+
+ private:
+  NSCache<CGImageRef> bitmaps_;
+  std::mutex mutex_;
+  std::condition_variable decoded_;
+  std::set<std::string> decoding_;  // keys being decoded now
+};
+
 class _QVFilterTextureImageProvider final : public CIImageProvider {
  public:
   // A provider-backed image of the source's image 0: extent = the file's full pixel size,
   // ARGB8 pixels in the generic RGB (sRGB) colour space, no tile size (the renderer asks
-  // for the whole image in one request). The source must not be null.
-  static CIImage imageWithImageSource(const CGImageSourceRef& imageSource, CGSize maximumSize);
+  // for the whole image in one request). The source must not be null. With a cache, the
+  // thumbnail is taken from it under `cacheKey`.
+  static CIImage imageWithImageSource(const CGImageSourceRef& imageSource, CGSize maximumSize,
+                                      std::shared_ptr<_QVFilterDecodedTextureCache> cache = nullptr,
+                                      std::string cacheKey = {});
 
   // Asserts "imageSource != NULL" through the assertion handler.
   _QVFilterTextureImageProvider(const CGImageSourceRef& imageSource, CGSize maximumSize);
@@ -35,6 +75,13 @@ class _QVFilterTextureImageProvider final : public CIImageProvider {
   // Decodes a new thumbnail of the texture at every call (null when the file cannot be
   // decoded). Oriented by the file's orientation.
   CGImageRef _faultBitmap() const;
+  // The thumbnail for a request: from the decoded-texture cache when the provider has one,
+  // else _faultBitmap().
+  CGImageRef _thumbnail() const;
+  void setDecodedTextureCache(std::shared_ptr<_QVFilterDecodedTextureCache> cache, std::string key) {
+    cache_ = std::move(cache);
+    cacheKey_ = std::move(key);
+  }
 
   const CGImageSourceRef& imageSource() const { return imageSource_; }
   void setImageSource(CGImageSourceRef source) { imageSource_ = std::move(source); }
@@ -53,4 +100,6 @@ class _QVFilterTextureImageProvider final : public CIImageProvider {
   CGImageSourceRef imageSource_;
   CGSize maximumSize_{0, 0};
   CGImageRef bitmap_;  // declared cache slot; nothing sets it
+  std::shared_ptr<_QVFilterDecodedTextureCache> cache_;  // may be null
+  std::string cacheKey_;
 };

@@ -1,6 +1,8 @@
 #include "Textures/_QVFilterTextureStore.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <cstdlib>
 #include <map>
@@ -37,6 +39,8 @@ struct StoreState {
   dispatch_once_t cachesOnce;
   dispatch_queue_t queue;
   std::map<std::string, std::shared_ptr<TextureCache>> caches;  // identifier string -> cache
+  // Decoded bitmaps of every texture image the store hands out, kept across renders.
+  std::shared_ptr<_QVFilterDecodedTextureCache> decoded = std::make_shared<_QVFilterDecodedTextureCache>();
 };
 
 std::atomic<std::size_t> gIndexLoads{0};
@@ -175,7 +179,18 @@ CIImage _QVFilterTextureStore::imageForTextureIdentifier(const NSURLRef& identif
 
   CGImageSourceRef source = CGImageSourceCreateWithURL(fileURL->path());
   if (!source || CGImageSourceGetCount(source) == 0) return {};
-  CIImage image = _QVFilterTextureImageProvider::imageWithImageSource(source, maximumSizeHint);
+  // The decoded bitmap is shared by every image of this texture that decodes to the same size:
+  // hints whose larger side is at least the file's larger side all decode the full image.
+  const Dictionary properties = CGImageSourceCopyPropertiesAtIndex(source, 0);
+  auto sideOf = [&](const char* key) {
+    auto it = properties.find(key);
+    return it == properties.end() ? std::int64_t(0) : it->second.integerValue();
+  };
+  const double larger = double(std::max(sideOf(kCGImagePropertyPixelWidth), sideOf(kCGImagePropertyPixelHeight)));
+  const double requested = std::max(maximumSizeHint.width, maximumSizeHint.height);
+  const double decodedSide = requested >= 1 && requested < larger ? std::floor(requested) : 0;
+  const std::string decodeKey = identifier->absoluteString() + " @" + std::to_string(std::int64_t(decodedSide));
+  CIImage image = _QVFilterTextureImageProvider::imageWithImageSource(source, maximumSizeHint, state.decoded, decodeKey);
   if (!image) return {};
   const CGRect extent = image.extent();
   const double cost = extent.size.width * extent.size.height;
@@ -214,6 +229,10 @@ std::size_t _QVFilterTextureStore::_cachedImageCount(const NSURLRef& identifier)
 std::size_t _QVFilterTextureStore::_cachedImageCost(const NSURLRef& identifier) {
   auto cache = existingCache(identifier);
   return cache ? cache->totalCost() : 0;
+}
+
+std::shared_ptr<_QVFilterDecodedTextureCache> _QVFilterTextureStore::_decodedTextureCache() {
+  return currentState()->decoded;
 }
 
 void _QVFilterTextureStore::_resetForTesting(std::shared_ptr<NSBundle> bundle) {

@@ -2,7 +2,8 @@
 // bundle. It reads the index (resource "TextureIndex.plist") once, names every texture by an
 // identifier URL of the scheme "x-qvfilter-texture", selects textures by tag, turns a tag key
 // (scheme "x-qvfilter-tag") into a randomly picked texture, and hands out texture images that
-// are decoded lazily, no larger than the caller's size hint, cached per texture and per hint.
+// are decoded lazily, no larger than the caller's size hint, cached per texture and per hint;
+// their decoded bitmaps are kept across renders in one cache bounded by bytes.
 // All operations are class-level; there are no instances.
 #pragma once
 
@@ -17,6 +18,7 @@
 #include "Foundation/Value.h"
 
 class NSBundle;
+class _QVFilterDecodedTextureCache;
 
 // Keys of the texture index.
 inline constexpr const char* _QVFilterTextureTagsKey = kQVTextureRecordTagsKey;
@@ -59,8 +61,9 @@ class _QVFilterTextureStore {
   // The record of the texture named by the identifier, or nil. Asserts the texture scheme.
   static Value textureForTextureIdentifier(const NSURLRef& textureIdentifier);
   // An image of the texture whose extent is its full pixel size, decoded no larger than the
-  // hint's larger side; cached per identifier and per hint. nil when there is no such texture
-  // or its file is missing or unreadable.
+  // hint's larger side; cached per identifier and per hint. Its pixels come from the store's
+  // decoded-texture cache: the file is decoded once per decode size, not once per render.
+  // nil when there is no such texture or its file is missing or unreadable.
   static CIImage imageForTextureIdentifier(const NSURLRef& identifier, CGSize maximumSizeHint);
 
   // The plug-in bundle the store reads (found by QVFilterImageUnitsBundleIdentifier).
@@ -73,6 +76,8 @@ class _QVFilterTextureStore {
   static std::size_t _cachedImageCount(const NSURLRef& identifier);
   // Total cost of the images held by the cache of one texture.
   static std::size_t _cachedImageCost(const NSURLRef& identifier);
+  // The cache of decoded texture bitmaps (to read its totals or change its byte limit).
+  static std::shared_ptr<_QVFilterDecodedTextureCache> _decodedTextureCache();
   // Tests only: forget the index and the caches and read the given bundle from now on
   // (nullptr: the bundle with the plug-in's identifier again).
   static void _resetForTesting(std::shared_ptr<NSBundle> bundle);

@@ -7,11 +7,14 @@
 // colour (c / alpha; a pixel of zero alpha has colour 0) and the result is premultiplied again.
 // The affine adjustments (matrix, controls, exposure) all become one ColorMatrixNode, so that
 // chains of them fold into a single pass.
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "CoreImage/Builtins/BuiltinFilter.h"
 #include "CoreImage/Builtins/ColorMatrixNode.h"
 #include "CoreImage/Builtins/ColorNodeSupport.h"
+#include "CoreImage/Builtins/Float4.h"
 #include "CoreImage/ColorSpace.h"
 
 using namespace qv::builtins;
@@ -94,32 +97,49 @@ CIImage ColorMatrixNode::imageByApplyingMatrix(const CIImage& input, const Color
   return CIImage(std::make_shared<ColorMatrixNode>(input, matrix));
 }
 
+// Four pixels at a time (turned into one vector per component and back), with the operations
+// of the one-pixel formula in the same order, so the bits are those of one pixel at a time. A
+// last group of fewer than four is padded with transparent pixels.
 void ColorMatrixNode::applyRow(const float* s, float* o, std::size_t n) const {
   const float* c = coefficients_.data();
-  if (premultipliedLinear_) {
-    // c' = k·M3·c, a' = k·a: no division needed.
-    const float k = c[18];
-    const float m00 = c[0] * k, m01 = c[1] * k, m02 = c[2] * k;
-    const float m10 = c[5] * k, m11 = c[6] * k, m12 = c[7] * k;
-    const float m20 = c[10] * k, m21 = c[11] * k, m22 = c[12] * k;
-    for (std::size_t i = 0; i < n; ++i) {
-      const float r = s[4 * i], g = s[4 * i + 1], b = s[4 * i + 2], a = s[4 * i + 3];
-      o[4 * i] = m00 * r + m01 * g + m02 * b;
-      o[4 * i + 1] = m10 * r + m11 * g + m12 * b;
-      o[4 * i + 2] = m20 * r + m21 * g + m22 * b;
-      o[4 * i + 3] = std::clamp(k * a, 0.0f, 1.0f);
+  const Float4 zero = splat<Float4>(0), one = splat<Float4>(1);
+  auto four = [&](const float* in, float* out) {
+    Float4 P[4], O[4];
+    transpose4(in, P);
+    if (premultipliedLinear_) {
+      // c' = k·M3·c, a' = k·a: no division needed.
+      const float k = c[18];
+      const Float4 m00 = splat<Float4>(c[0] * k), m01 = splat<Float4>(c[1] * k), m02 = splat<Float4>(c[2] * k);
+      const Float4 m10 = splat<Float4>(c[5] * k), m11 = splat<Float4>(c[6] * k), m12 = splat<Float4>(c[7] * k);
+      const Float4 m20 = splat<Float4>(c[10] * k), m21 = splat<Float4>(c[11] * k), m22 = splat<Float4>(c[12] * k);
+      O[0] = m00 * P[0] + m01 * P[1] + m02 * P[2];
+      O[1] = m10 * P[0] + m11 * P[1] + m12 * P[2];
+      O[2] = m20 * P[0] + m21 * P[1] + m22 * P[2];
+      O[3] = clamp01(splat<Float4>(k) * P[3]);
+    } else {
+      const Float4 a = P[3];
+      const Float4 inv = a > zero ? one / a : zero;
+      const Float4 r = P[0] * inv, g = P[1] * inv, b = P[2] * inv, ua = a > zero ? a : zero;
+      auto row = [&](int i) {
+        return splat<Float4>(c[i]) * r + splat<Float4>(c[i + 1]) * g + splat<Float4>(c[i + 2]) * b +
+               splat<Float4>(c[i + 3]) * ua + splat<Float4>(c[i + 4]);
+      };
+      const Float4 ao = clamp01(row(15));
+      O[0] = row(0) * ao;
+      O[1] = row(5) * ao;
+      O[2] = row(10) * ao;
+      O[3] = ao;
     }
-    return;
-  }
-  for (std::size_t i = 0; i < n; ++i) {
-    const float a = s[4 * i + 3];
-    const float inv = a > 0 ? 1.0f / a : 0.0f;
-    const float r = s[4 * i] * inv, g = s[4 * i + 1] * inv, b = s[4 * i + 2] * inv, ua = a > 0 ? a : 0.0f;
-    const float ao = std::clamp(c[15] * r + c[16] * g + c[17] * b + c[18] * ua + c[19], 0.0f, 1.0f);
-    o[4 * i] = (c[0] * r + c[1] * g + c[2] * b + c[3] * ua + c[4]) * ao;
-    o[4 * i + 1] = (c[5] * r + c[6] * g + c[7] * b + c[8] * ua + c[9]) * ao;
-    o[4 * i + 2] = (c[10] * r + c[11] * g + c[12] * b + c[13] * ua + c[14]) * ao;
-    o[4 * i + 3] = ao;
+    transpose4(reinterpret_cast<const float*>(O), O);
+    std::memcpy(out, O, sizeof O);
+  };
+  std::size_t i = 0;
+  for (; i + 4 <= n; i += 4) four(s + 4 * i, o + 4 * i);
+  if (i < n) {
+    float padded[16] = {}, result[16];
+    std::copy(s + 4 * i, s + 4 * n, padded);
+    four(padded, result);
+    std::copy(result, result + 4 * (n - i), o + 4 * i);
   }
 }
 

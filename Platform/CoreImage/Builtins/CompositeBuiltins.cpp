@@ -17,11 +17,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
+#include <string_view>
 
 #include "CoreImage/Builtins/BuiltinFilter.h"
 #include "CoreImage/Builtins/ColorMatrixNode.h"
 #include "CoreImage/Builtins/ColorNodeSupport.h"
 #include "CoreImage/Builtins/CompositeOperations.h"
+#include "CoreImage/Builtins/Float4.h"
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/Nodes/CoreNodes.h"
 
@@ -78,50 +81,71 @@ struct MultiplyCompositing {
   }
 };
 
-// Separable blend functions B(Cb, Cs) on [0, 1] values.
-inline float screen(float cb, float cs) { return cb + cs - cb * cs; }
-inline float colorDodge(float cb, float cs) {
-  if (cb <= 0) return 0;
-  if (cs >= 1) return 1;
-  return std::min(1.0f, cb / (1 - cs));
+// Separable blend functions B(Cb, Cs) on [0, 1] values. Each is written once for one value
+// (T = float) and for four (T = Float4, four pixels of one channel): the same operations in the
+// same order on every lane, with both sides of a choice computed and one kept, so the four-wide
+// form gives the very bits of the one-value form.
+template <class T>
+inline T screen(T cb, T cs) { return cb + cs - cb * cs; }
+template <class T>
+inline T colorDodge(T cb, T cs) {
+  const T one = splat<T>(1), zero = splat<T>(0);
+  return cb <= zero ? zero : (cs >= one ? one : minOf(one, cb / (one - cs)));
 }
-inline float colorBurn(float cb, float cs) {
-  if (cb >= 1) return 1;
-  if (cs <= 0) return 0;
-  return 1 - std::min(1.0f, (1 - cb) / cs);
+template <class T>
+inline T colorBurn(T cb, T cs) {
+  const T one = splat<T>(1), zero = splat<T>(0);
+  return cb >= one ? one : (cs <= zero ? zero : one - minOf(one, (one - cb) / cs));
 }
-inline float hardLight(float cb, float cs) { return cs <= 0.5f ? cb * 2 * cs : screen(cb, 2 * cs - 1); }
+template <class T>
+inline T hardLight(T cb, T cs) {
+  return cs <= splat<T>(0.5f) ? cb * splat<T>(2) * cs : screen(cb, splat<T>(2) * cs - splat<T>(1));
+}
 
-struct Multiply { static float blend(float cb, float cs) { return cb * cs; } };
-struct Screen { static float blend(float cb, float cs) { return screen(cb, cs); } };
-struct Overlay { static float blend(float cb, float cs) { return hardLight(cs, cb); } };
-struct ColorDodge { static float blend(float cb, float cs) { return colorDodge(cb, cs); } };
-struct ColorBurn { static float blend(float cb, float cs) { return colorBurn(cb, cs); } };
-struct HardLight { static float blend(float cb, float cs) { return hardLight(cb, cs); } };
+struct Multiply { template <class T> static T blend(T cb, T cs) { return cb * cs; } };
+struct Screen { template <class T> static T blend(T cb, T cs) { return screen(cb, cs); } };
+struct Overlay { template <class T> static T blend(T cb, T cs) { return hardLight(cs, cb); } };
+struct ColorDodge { template <class T> static T blend(T cb, T cs) { return colorDodge(cb, cs); } };
+struct ColorBurn { template <class T> static T blend(T cb, T cs) { return colorBurn(cb, cs); } };
+struct HardLight { template <class T> static T blend(T cb, T cs) { return hardLight(cb, cs); } };
 struct SoftLight {
-  static float blend(float cb, float cs) {
-    if (cs <= 0.5f) return cb - (1 - 2 * cs) * cb * (1 - cb);
-    const float d = cb <= 0.25f ? ((16 * cb - 12) * cb + 4) * cb : std::sqrt(cb);
-    return cb + (2 * cs - 1) * (d - cb);
+  template <class T>
+  static T blend(T cb, T cs) {
+    const T one = splat<T>(1), two = splat<T>(2);
+    const T d = cb <= splat<T>(0.25f) ? ((splat<T>(16) * cb - splat<T>(12)) * cb + splat<T>(4)) * cb : sqrtOf(cb);
+    return cs <= splat<T>(0.5f) ? cb - (one - two * cs) * cb * (one - cb) : cb + (two * cs - one) * (d - cb);
   }
 };
-struct Difference { static float blend(float cb, float cs) { return std::fabs(cb - cs); } };
-struct Exclusion { static float blend(float cb, float cs) { return cb + cs - 2 * cb * cs; } };
+struct Difference { template <class T> static T blend(T cb, T cs) { return absOf(cb - cs); } };
+struct Exclusion {
+  template <class T> static T blend(T cb, T cs) { return cb + cs - splat<T>(2) * cb * cs; }
+};
 struct Divide {
-  static float blend(float cb, float cs) {
-    if (cs <= 0) return cb > 0 ? 1.0f : 0.0f;
-    return cb / cs;
+  template <class T>
+  static T blend(T cb, T cs) {
+    const T zero = splat<T>(0);
+    return cs <= zero ? (cb > zero ? splat<T>(1) : zero) : cb / cs;
   }
 };
-struct Subtract { static float blend(float cb, float cs) { return cb - cs; } };
-struct LinearBurn { static float blend(float cb, float cs) { return cb + cs - 1; } };
-struct LinearDodge { static float blend(float cb, float cs) { return cb + cs; } };
-struct LinearLight { static float blend(float cb, float cs) { return cb + 2 * cs - 1; } };
+struct Subtract { template <class T> static T blend(T cb, T cs) { return cb - cs; } };
+struct LinearBurn { template <class T> static T blend(T cb, T cs) { return cb + cs - splat<T>(1); } };
+struct LinearDodge { template <class T> static T blend(T cb, T cs) { return cb + cs; } };
+struct LinearLight {
+  template <class T> static T blend(T cb, T cs) { return cb + splat<T>(2) * cs - splat<T>(1); }
+};
 struct PinLight {
-  static float blend(float cb, float cs) { return cs < 0.5f ? std::min(cb, 2 * cs) : std::max(cb, 2 * cs - 1); }
+  template <class T>
+  static T blend(T cb, T cs) {
+    const T twice = splat<T>(2) * cs;
+    return cs < splat<T>(0.5f) ? minOf(cb, twice) : maxOf(cb, twice - splat<T>(1));
+  }
 };
 struct VividLight {
-  static float blend(float cb, float cs) { return cs <= 0.5f ? colorBurn(cb, 2 * cs) : colorDodge(cb, 2 * cs - 1); }
+  template <class T>
+  static T blend(T cb, T cs) {
+    const T twice = splat<T>(2) * cs;
+    return cs <= splat<T>(0.5f) ? colorBurn(cb, twice) : colorDodge(cb, twice - splat<T>(1));
+  }
 };
 
 // Non-separable helpers on [0, 1] colours.
@@ -172,22 +196,38 @@ struct Saturation { static RGB blend(const RGB& cb, const RGB& cs) { return setL
 struct Color { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cs, lum(cb)); } };
 struct Luminosity { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cb, lum(cs)); } };
 
-inline float clamp01(float v) { return std::clamp(v, 0.0f, 1.0f); }
-
-// The general formula around a separable B.
+// The general formula around a separable B, four pixels at a time: the pixels are turned into
+// one vector per component (red of all four, green, ...), so every operation works on four
+// pixels, and back. A last group of fewer than four is padded with transparent pixels.
 template <class B>
-struct SeparableBlend {
-  static void apply(const float* s, const float* b, float* o) {
-    const float as = s[3], ab = b[3];
-    const float is = as > 0 ? 1.0f / as : 0.0f, ib = ab > 0 ? 1.0f / ab : 0.0f;
-    const float both = as * ab;
+void separableBlendRow(const float* s, const float* b, float* o, std::size_t n) {
+  auto four = [](const float* sp, const float* bp, float* op) {
+    Float4 S[4], Bk[4];
+    transpose4(sp, S);
+    transpose4(bp, Bk);
+    const Float4 zero = splat<Float4>(0), one = splat<Float4>(1);
+    const Float4 as = S[3], ab = Bk[3];
+    const Float4 is = as > zero ? one / as : zero, ib = ab > zero ? one / ab : zero;
+    const Float4 both = as * ab;
+    Float4 O[4];
     for (int c = 0; c < 3; ++c) {
-      const float m = clamp01(B::blend(clamp01(b[c] * ib), clamp01(s[c] * is)));
-      o[c] = s[c] * (1 - ab) + b[c] * (1 - as) + both * m;
+      const Float4 m = clamp01(B::blend(clamp01(Bk[c] * ib), clamp01(S[c] * is)));
+      O[c] = S[c] * (one - ab) + Bk[c] * (one - as) + both * m;
     }
-    o[3] = as + ab - both;
+    O[3] = as + ab - both;
+    transpose4(reinterpret_cast<const float*>(O), O);
+    std::memcpy(op, O, sizeof O);
+  };
+  std::size_t i = 0;
+  for (; i + 4 <= n; i += 4) four(s + 4 * i, b + 4 * i, o + 4 * i);
+  if (i < n) {
+    float ps[16] = {}, pb[16] = {}, po[16];
+    std::copy(s + 4 * i, s + 4 * n, ps);
+    std::copy(b + 4 * i, b + 4 * n, pb);
+    four(ps, pb, po);
+    std::copy(po, po + 4 * (n - i), o + 4 * i);
   }
-};
+}
 
 // The general formula around a non-separable B.
 template <class B>
@@ -237,34 +277,34 @@ constexpr bool kHDR = true;
 const CompositeOperation kOperations[] = {
     {"CIAdditionCompositing", "Addition", kHDR, compositeRow<Addition>},
     {"CIColorBlendMode", "Color Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Color>>},
-    {"CIColorBurnBlendMode", "Color Burn Blend Mode", !kHDR, compositeRow<SeparableBlend<ColorBurn>>},
-    {"CIColorDodgeBlendMode", "Color Dodge Blend Mode", !kHDR, compositeRow<SeparableBlend<ColorDodge>>},
+    {"CIColorBurnBlendMode", "Color Burn Blend Mode", !kHDR, separableBlendRow<ColorBurn>},
+    {"CIColorDodgeBlendMode", "Color Dodge Blend Mode", !kHDR, separableBlendRow<ColorDodge>},
     {"CIDarkenBlendMode", "Darken Blend Mode", !kHDR, extremumRow<false>},
-    {"CIDifferenceBlendMode", "Difference Blend Mode", !kHDR, compositeRow<SeparableBlend<Difference>>},
-    {"CIDivideBlendMode", "Divide Blend Mode", !kHDR, compositeRow<SeparableBlend<Divide>>},
-    {"CIExclusionBlendMode", "Exclusion Blend Mode", !kHDR, compositeRow<SeparableBlend<Exclusion>>},
-    {"CIHardLightBlendMode", "Hard Light Blend Mode", !kHDR, compositeRow<SeparableBlend<HardLight>>},
+    {"CIDifferenceBlendMode", "Difference Blend Mode", !kHDR, separableBlendRow<Difference>},
+    {"CIDivideBlendMode", "Divide Blend Mode", !kHDR, separableBlendRow<Divide>},
+    {"CIExclusionBlendMode", "Exclusion Blend Mode", !kHDR, separableBlendRow<Exclusion>},
+    {"CIHardLightBlendMode", "Hard Light Blend Mode", !kHDR, separableBlendRow<HardLight>},
     {"CIHueBlendMode", "Hue Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Hue>>},
     {"CILightenBlendMode", "Lighten Blend Mode", !kHDR, extremumRow<true>},
-    {"CILinearBurnBlendMode", "Linear Burn Blend Mode", !kHDR, compositeRow<SeparableBlend<LinearBurn>>},
-    {"CILinearDodgeBlendMode", "Linear Dodge Blend Mode", !kHDR, compositeRow<SeparableBlend<LinearDodge>>},
-    {"CILinearLightBlendMode", "Linear Light Blend Mode", !kHDR, compositeRow<SeparableBlend<LinearLight>>},
+    {"CILinearBurnBlendMode", "Linear Burn Blend Mode", !kHDR, separableBlendRow<LinearBurn>},
+    {"CILinearDodgeBlendMode", "Linear Dodge Blend Mode", !kHDR, separableBlendRow<LinearDodge>},
+    {"CILinearLightBlendMode", "Linear Light Blend Mode", !kHDR, separableBlendRow<LinearLight>},
     {"CILuminosityBlendMode", "Luminosity Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Luminosity>>},
     {"CIMaximumCompositing", "Maximum", kHDR, compositeRow<Maximum>},
     {"CIMinimumCompositing", "Minimum", kHDR, compositeRow<Minimum>},
-    {"CIMultiplyBlendMode", "Multiply Blend Mode", !kHDR, compositeRow<SeparableBlend<Multiply>>},
+    {"CIMultiplyBlendMode", "Multiply Blend Mode", !kHDR, separableBlendRow<Multiply>},
     {"CIMultiplyCompositing", "Multiply", kHDR, compositeRow<MultiplyCompositing>},
-    {"CIOverlayBlendMode", "Overlay Blend Mode", !kHDR, compositeRow<SeparableBlend<Overlay>>},
-    {"CIPinLightBlendMode", "Pin Light Blend Mode", !kHDR, compositeRow<SeparableBlend<PinLight>>},
+    {"CIOverlayBlendMode", "Overlay Blend Mode", !kHDR, separableBlendRow<Overlay>},
+    {"CIPinLightBlendMode", "Pin Light Blend Mode", !kHDR, separableBlendRow<PinLight>},
     {"CISaturationBlendMode", "Saturation Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Saturation>>},
-    {"CIScreenBlendMode", "Screen Blend Mode", !kHDR, compositeRow<SeparableBlend<Screen>>},
-    {"CISoftLightBlendMode", "Soft Light Blend Mode", !kHDR, compositeRow<SeparableBlend<SoftLight>>},
+    {"CIScreenBlendMode", "Screen Blend Mode", !kHDR, separableBlendRow<Screen>},
+    {"CISoftLightBlendMode", "Soft Light Blend Mode", !kHDR, separableBlendRow<SoftLight>},
     {"CISourceAtopCompositing", "Source Atop", kHDR, compositeRow<SourceAtop>},
     {"CISourceInCompositing", "Source In", kHDR, compositeRow<SourceIn>},
     {"CISourceOutCompositing", "Source Out", kHDR, compositeRow<SourceOut>},
     {"CISourceOverCompositing", "Source Over", kHDR, compositeRow<SourceOver>},
-    {"CISubtractBlendMode", "Subtract Blend Mode", !kHDR, compositeRow<SeparableBlend<Subtract>>},
-    {"CIVividLightBlendMode", "Vivid Light Blend Mode", !kHDR, compositeRow<SeparableBlend<VividLight>>},
+    {"CISubtractBlendMode", "Subtract Blend Mode", !kHDR, separableBlendRow<Subtract>},
+    {"CIVividLightBlendMode", "Vivid Light Blend Mode", !kHDR, separableBlendRow<VividLight>},
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -281,6 +321,17 @@ const CompositeOperation kOperations[] = {
 //
 // A constant colour (and nothing, the empty image) is not read at all: its runs are filled with
 // the colour inside its extent's pixels, so it needs neither a buffer nor a region of interest.
+// The source of a source-over composite onto nothing (the empty image, however cropped), or
+// nil for any other image. Such a composite is its source, pixel for pixel: s + 0·(1 − α_s) = s
+// where the source has pixels and transparent elsewhere, which is also what reading the source
+// gives outside its extent. A composite reading it reads the source instead, so a layer put on
+// a transparent canvas (to give it the canvas's extent) is not written out in full.
+CIImage sourceOfOverNothing(const ImageNode* node);
+// For a blend with mask of nothing (the empty image, however cropped) over a background: the
+// background (the layer) and the mask; false for any other image. Such a blend is the layer
+// times 1 − m, which a composite computes as it reads the layer (see CompositeInput::row).
+bool layerAndMaskOfMaskedLayer(const ImageNode* node, CIImage& layer, CIImage& mask);
+
 struct CompositeInput {
   CIImage image;  // the image whose pixels are read; nil for a constant
   CIColorRef constant;  // the colour of a constant input (null: transparent, or not a constant)
@@ -292,8 +343,15 @@ struct CompositeInput {
   bool windowed = false;  // pixels outside `window` (composite coordinates) are transparent
   PixelRect window{-PixelRect::kPixelLimit, -PixelRect::kPixelLimit, 2 * PixelRect::kPixelLimit,
                    2 * PixelRect::kPixelLimit};
+  // A mask the image is cut by (as a blend with mask of nothing over it would), read through its
+  // own folds, at (maskDx, maskDy) from the composite's coordinates; applied before the matrix,
+  // which is then the only one (one found below the mask would have to run before it). Only
+  // images are taken as layer and mask (constants are not read from tiles), and a mask has no
+  // mask of its own.
+  std::shared_ptr<CompositeInput> mask;
+  std::int64_t maskDx = 0, maskDy = 0;
 
-  static CompositeInput fold(const CIImage& given) {
+  static CompositeInput fold(const CIImage& given, bool maskAllowed = true) {
     CompositeInput f;
     f.extent = given.extent();
     CIImage image = given;
@@ -310,8 +368,25 @@ struct CompositeInput {
         image = crop->inputs()[0];
         continue;
       }
+      if (CIImage source = sourceOfOverNothing(node)) {
+        image = source;
+        continue;
+      }
+      CIImage layer, maskImage;
+      if (maskAllowed && !f.mask && layerAndMaskOfMaskedLayer(node, layer, maskImage)) {
+        // A constant layer (or mask) is not read from a tile: the blend stays a node of its own.
+        auto m = std::make_shared<CompositeInput>(fold(maskImage, false));
+        if (!m->isConstant && !fold(layer, false).isConstant) {
+          f.cut(PixelRect::centresInside(node->extent()));
+          f.mask = std::move(m);
+          f.maskDx = f.dx;
+          f.maskDy = f.dy;
+          image = layer;
+          continue;
+        }
+      }
       auto matrix = std::dynamic_pointer_cast<const ColorMatrixNode>(image.node());
-      if (matrix && !f.matrix) {
+      if (matrix && !f.matrix && !f.mask) {
         f.matrix = matrix;
         f.cut(PixelRect::centresInside(matrix->extent()));
         image = matrix->inputs()[0];
@@ -362,12 +437,34 @@ struct CompositeInput {
     if (windowed) r = r.intersection(window);
     return r.offset(-dx, -dy);
   }
+  // What `rect` of the composite needs of the mask's image.
+  PixelRect maskRegionOfInterest(const PixelRect& rect) const {
+    if (!mask || isConstant) return {};
+    PixelRect r = rect.intersection(PixelRect::covering(extent));
+    if (windowed) r = r.intersection(window);
+    return mask->regionOfInterest(r.offset(-maskDx, -maskDy));
+  }
 
   // The n pixels from (x0, y) in the composite's coordinates. `tiles` are the node's inputs;
   // `colour` is constantPixel() of this render.
   const float* row(std::span<const ConstPixelTile> tiles, const std::array<float, 4>& colour, std::int64_t x0,
                    std::int64_t y, std::size_t n, std::vector<float>& scratch, std::vector<float>& kept) const {
     const float* p = isConstant ? nullptr : inputRow(tiles[std::size_t(slot)], x0 - dx, y - dy, n, scratch);
+    if (mask && p) {
+      // out = s·k + b·(1 − k) with s = nothing and b = the layer, as the blend with mask
+      // computes it; k is the clamped Rec. 709 luminance of the mask's premultiplied colour.
+      // The mask's row is used up here, so its buffers can be this thread's; the masked layer
+      // goes to `scratch` (in place when the layer's row is already there: pixel by pixel).
+      thread_local std::vector<float> maskScratch, maskKept;
+      const float* m = mask->row(tiles, {}, x0 - maskDx, y - maskDy, n, maskScratch, maskKept);
+      if (p != scratch.data()) scratch.resize(n * 4);
+      float* masked = scratch.data();
+      for (std::size_t i = 0; i < n; ++i) {
+        const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
+        for (int c = 0; c < 4; ++c) masked[4 * i + c] = 0.0f * k + p[4 * i + c] * (1 - k);
+      }
+      p = masked;
+    }
     if (!windowed && !isConstant) return p;
     kept.resize(n * 4);
     const std::int64_t count = std::int64_t(n);
@@ -395,6 +492,10 @@ struct CompositeInput {
       if (!folded.back().isConstant) {
         folded.back().slot = int(images.size());
         images.push_back(folded.back().image);
+        if (CompositeInput* m = folded.back().mask.get()) {
+          m->slot = int(images.size());
+          images.push_back(m->image);
+        }
       }
     }
     return folded;
@@ -403,8 +504,10 @@ struct CompositeInput {
 
 // The region of the node's input `index` that the folded inputs need for `rect`.
 PixelRect foldedRegionOfInterest(const std::vector<CompositeInput>& folded, std::size_t index, const PixelRect& rect) {
-  for (const CompositeInput& f : folded)
+  for (const CompositeInput& f : folded) {
     if (f.slot == int(index)) return f.regionOfInterest(rect);
+    if (f.mask && f.mask->slot == int(index)) return f.maskRegionOfInterest(rect);
+  }
   return {};
 }
 
@@ -418,7 +521,15 @@ struct FoldedInputs {
 class CompositeNode final : public ImageNode {
  public:
   CompositeNode(const CompositeOperation& op, const CIImage& source, const CIImage& background)
-      : CompositeNode(op, unionOfExtents(source.extent(), background.extent()), FoldedInputs({source, background})) {}
+      : CompositeNode(op, unionOfExtents(source.extent(), background.extent()), FoldedInputs({source, background})) {
+    source_ = source;
+  }
+  // The source when this is a source-over onto nothing (see sourceOfOverNothing), else nil.
+  CIImage sourceOverNothing() const {
+    const CompositeInput& b = folded_[1];
+    const bool nothing = b.isConstant && !b.constant && !b.matrix;
+    return nothing && std::string_view(op_.name) == "CISourceOverCompositing" ? source_ : CIImage();
+  }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override {
     return foldedRegionOfInterest(folded_, index, rect);
   }
@@ -445,7 +556,13 @@ class CompositeNode final : public ImageNode {
 
   const CompositeOperation& op_;
   std::vector<CompositeInput> folded_;  // source, background
+  CIImage source_;  // as given
 };
+
+CIImage sourceOfOverNothing(const ImageNode* node) {
+  auto* composite = dynamic_cast<const CompositeNode*>(node);
+  return composite ? composite->sourceOverNothing() : CIImage();
+}
 
 // out = s·m + b·(1 − m) on all four premultiplied components, m = the Rec. 709 luminance of the
 // mask's premultiplied colour, clamped to [0, 1]; a transparent mask, and any point outside the
@@ -456,7 +573,18 @@ class BlendWithMaskNode final : public ImageNode {
   // background may be nil.
   BlendWithMaskNode(const CIImage& image, const CIImage& background, const CIImage& mask)
       : BlendWithMaskNode(unionOfExtents(background.extent(), CGRectIntersection(image.extent(), mask.extent())),
-                          background ? FoldedInputs({image, mask, background}) : FoldedInputs({image, mask})) {}
+                          background ? FoldedInputs({image, mask, background}) : FoldedInputs({image, mask})) {
+    background_ = background;
+    mask_ = mask;
+  }
+  // See layerAndMaskOfMaskedLayer.
+  bool isMaskedLayer(CIImage& layer, CIImage& mask) const {
+    const CompositeInput& s = folded_[0];
+    if (!background_ || !(s.isConstant && !s.constant && !s.matrix)) return false;
+    layer = background_;
+    mask = mask_;
+    return true;
+  }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override {
     return foldedRegionOfInterest(folded_, index, rect);
   }
@@ -495,7 +623,13 @@ class BlendWithMaskNode final : public ImageNode {
       : ImageNode(extent, std::move(f.images)), folded_(std::move(f.folded)) {}
 
   std::vector<CompositeInput> folded_;  // image, mask and (when given) background
+  CIImage background_, mask_;  // as given
 };
+
+bool layerAndMaskOfMaskedLayer(const ImageNode* node, CIImage& layer, CIImage& mask) {
+  auto* blend = dynamic_cast<const BlendWithMaskNode*>(node);
+  return blend && blend->isMaskedLayer(layer, mask);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Filters

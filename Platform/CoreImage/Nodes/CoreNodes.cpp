@@ -354,9 +354,12 @@ void ClampNode::render(const PixelTile& out, std::span<const ConstPixelTile> in,
 
 // ---- ProviderNode ----
 
+// What the provider gave, as it gave it: converted to working floats only where a tile reads
+// (a quarter of the memory of a float copy, which a large texture would hold for a whole render).
 struct ProviderNode::Block {
   PixelRect rect;  // in plane coordinates
-  std::vector<float> pixels;  // premultiplied working floats, row 0 = bottom row of rect
+  std::size_t rowBytes = 0;
+  std::vector<std::uint8_t> bytes;  // encoded premultiplied 8-bit pixels, row 0 = top row of rect
 };
 
 ProviderNode::ProviderNode(std::shared_ptr<CIImageProvider> provider, std::size_t width, std::size_t height,
@@ -385,21 +388,11 @@ std::shared_ptr<const ProviderNode::Block> ProviderNode::fetch(std::int64_t col,
     const std::int64_t left = col * ts, top = row * ts;
     const std::int64_t w = std::min(ts, W - left), h = std::min(ts, H - top);
     block->rect = {left, H - top - h, w, h};
-    const std::size_t rowBytes = std::size_t(w) * 4;
-    std::vector<std::uint8_t> bytes(rowBytes * std::size_t(h), 0);
+    block->rowBytes = std::size_t(w) * 4;
+    block->bytes.assign(block->rowBytes * std::size_t(h), 0);
     if (provider_)
-      provider_->provideImageData(bytes.data(), rowBytes, std::size_t(left), std::size_t(top), std::size_t(w),
-                                  std::size_t(h), userInfo_);
-    block->pixels.resize(std::size_t(w * h) * 4);
-    const bool managed = info.colorManaged && !linearData_;
-    for (std::int64_t r = 0; r < h; ++r) {
-      const std::uint8_t* src = bytes.data() + std::size_t(h - 1 - r) * rowBytes;  // bottom-up
-      float* dst = block->pixels.data() + std::size_t(r * w) * 4;
-      if (format_ == CIFormat::ARGB8)
-        qvpixel::decodePremultipliedARGB8(src, dst, std::size_t(w), managed);
-      else
-        qvpixel::decodePremultipliedRGBA8(src, dst, std::size_t(w), managed);
-    }
+      provider_->provideImageData(block->bytes.data(), block->rowBytes, std::size_t(left), std::size_t(top),
+                                  std::size_t(w), std::size_t(h), userInfo_);
     return block;
   };
   if (!info.cache) return make();
@@ -412,6 +405,7 @@ void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>,
   const PixelRect r = out.rect.intersection({0, 0, W, H});
   if (r.empty()) return;
   const std::int64_t ts = tileSize_ ? std::int64_t(tileSize_) : std::max(W, H);
+  const bool managed = info.colorManaged && !linearData_;
   // Rows counted from the top: plane row y is image row H - 1 - y.
   const std::int64_t col0 = r.x / ts, col1 = (r.maxX() - 1) / ts;
   const std::int64_t row0 = (H - r.maxY()) / ts, row1 = (H - 1 - r.y) / ts;
@@ -420,9 +414,12 @@ void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>,
       auto block = fetch(col, row, info);
       const PixelRect part = block->rect.intersection(r);
       for (std::int64_t y = part.y; y < part.maxY(); ++y) {
-        const float* src = block->pixels.data() +
-                           std::size_t((y - block->rect.y) * block->rect.width + (part.x - block->rect.x)) * 4;
-        std::memcpy(out.at(part.x, y), src, std::size_t(part.width) * 4 * sizeof(float));
+        const std::size_t top = std::size_t(block->rect.maxY() - 1 - y);  // bottom-up plane, top-down bytes
+        const std::uint8_t* src = block->bytes.data() + top * block->rowBytes + std::size_t(part.x - block->rect.x) * 4;
+        if (format_ == CIFormat::ARGB8)
+          qvpixel::decodePremultipliedARGB8(src, out.at(part.x, y), std::size_t(part.width), managed);
+        else
+          qvpixel::decodePremultipliedRGBA8(src, out.at(part.x, y), std::size_t(part.width), managed);
       }
     }
   }

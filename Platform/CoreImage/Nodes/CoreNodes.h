@@ -128,7 +128,8 @@ class ClampNode final : public ImageNode {
 
 // Pixels asked from a CIImageProvider. Without a "CIImageProviderTileSize" option the provider
 // is asked for the whole image once per render; with one, for grid tiles of that size, each at
-// most once per render. Converted pixels are kept in the render's cache.
+// most once per render. What it gives is kept in the render's cache as it gave it (8-bit) and
+// converted to working floats where tiles read it.
 class ProviderNode final : public ImageNode {
  public:
   ProviderNode(std::shared_ptr<CIImageProvider> provider, std::size_t width, std::size_t height, CIFormat format,

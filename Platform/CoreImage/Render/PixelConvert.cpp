@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "CoreImage/ColorSpace.h"
 
@@ -84,30 +85,56 @@ void decodeStraightRGBA16(const std::uint16_t* src, float* dst, std::size_t coun
 namespace {
 // Premultiplied encoded components: un-premultiply, decode, premultiply again. With colour
 // management off decoding is the identity, so the values only need scaling.
-inline void decodePremul(std::uint8_t r, std::uint8_t g, std::uint8_t b, std::uint8_t a8, float* dst, bool managed) {
+// One premultiplied encoded component with its alpha, decoded: un-premultiplied, decoded and
+// premultiplied again.
+inline float decodePremulManaged(std::uint8_t c, std::uint8_t a8) {
+  if (a8 == 0) return 0.0f;
   const float a = static_cast<float>(a8) / 255.0f;
-  const std::uint8_t c[3] = {r, g, b};
-  for (int k = 0; k < 3; ++k) {
-    float e = static_cast<float>(c[k]) / 255.0f;
-    if (managed) {
-      if (a8 == 0) {
-        e = 0.0f;
-      } else {
-        e = srgbToLinear(std::min(1.0f, e / a)) * a;
-      }
-    }
-    dst[k] = e;
+  const float e = static_cast<float>(c) / 255.0f;
+  return srgbToLinear(std::min(1.0f, e / a)) * a;
+}
+
+// decodePremulManaged for every (alpha, component) pair, [alpha][component]: the same values
+// without a power function per component (providers' pixels are converted wherever tiles
+// read them, so a texture tiled over a picture would otherwise decode every pixel it covers).
+const float* premultipliedManagedTable() {
+  static const std::vector<float> table = [] {
+    std::vector<float> t(256 * 256);
+    for (int a = 0; a < 256; ++a)
+      for (int c = 0; c < 256; ++c)
+        t[std::size_t(a * 256 + c)] = decodePremulManaged(std::uint8_t(c), std::uint8_t(a));
+    return t;
+  }();
+  return table.data();
+}
+
+inline void decodePremul(std::uint8_t r, std::uint8_t g, std::uint8_t b, std::uint8_t a8, float* dst, bool managed,
+                         const float* table) {
+  const float a = static_cast<float>(a8) / 255.0f;
+  if (managed) {
+    const float* row = table + std::size_t(a8) * 256;
+    dst[0] = row[r];
+    dst[1] = row[g];
+    dst[2] = row[b];
+  } else {
+    dst[0] = static_cast<float>(r) / 255.0f;
+    dst[1] = static_cast<float>(g) / 255.0f;
+    dst[2] = static_cast<float>(b) / 255.0f;
   }
   dst[3] = a;
 }
 }  // namespace
 
 void decodePremultipliedARGB8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
-  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) decodePremul(src[1], src[2], src[3], src[0], dst, colorManaged);
+  const float* table = colorManaged ? premultipliedManagedTable() : nullptr;
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4)
+    decodePremul(src[1], src[2], src[3], src[0], dst, colorManaged, table);
 }
 
 void decodePremultipliedRGBA8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
-  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) decodePremul(src[0], src[1], src[2], src[3], dst, colorManaged);
+  const float* table = colorManaged ? premultipliedManagedTable() : nullptr;
+  for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4)
+    decodePremul(src[0], src[1], src[2], src[3], dst, colorManaged, table);
 }
 
 void encodeStraightRGBA8(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged) {

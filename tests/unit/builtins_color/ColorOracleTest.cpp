@@ -2,6 +2,7 @@
 // plus identities, extents, nil inputs and the folding of colour matrices.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 
@@ -396,3 +397,49 @@ TEST(ColourRegistry, CategoriesAndRanges) {
 }
 
 }  // namespace
+
+// The matrix runs four pixels at a time; each row must give, bit for bit, the one-pixel formula
+// in single precision with the same operations, for every row length (the last group of fewer
+// than four included), in both of its forms (general, and linear in premultiplied values).
+TEST(ColorMatrixRows, FourAtATimeEqualsThePerPixelFormulaBitForBit) {
+  std::vector<float> pixels{0, 0, 0, 0, 0.3f, 0.2f, 0.1f, 0, 1, 1, 1, 1, 1.5f, -0.25f, 0.5f, 1, 0.2f, 0.1f, 0.05f, 0.4f};
+  std::uint32_t state = 99;
+  for (int i = 0; i < 60; ++i) {
+    state = state * 1664525u + 1013904223u;
+    pixels.push_back(float(state >> 8) / float(1u << 24) * 1.2f - 0.1f);
+  }
+  const std::size_t count = pixels.size() / 4;
+  const ColorMatrix general = ColorMatrix::fromRows({0.9, 0.1, 0.05, 0.2}, {0.3, 0.6, 0.1, -0.1}, {0.0, 0.2, 1.1, 0.0},
+                                                    {0.1, 0.0, 0.0, 0.8}, {0.05, -0.02, 0.1, 0.1});
+  const ColorMatrix fade = ColorMatrix::fromRows({0.8, 0.1, 0, 0}, {0, 1, 0, 0}, {0.1, 0, 0.9, 0}, {0, 0, 0, 0.7}, {0, 0, 0, 0});
+  for (const ColorMatrix& m : {general, fade}) {
+    const ColorMatrixNode node(CIImage::emptyImage(), m);
+    float c[20];
+    for (int r = 0; r < 4; ++r)
+      for (int k = 0; k < 5; ++k) c[r * 5 + k] = float(m.m[std::size_t(r)][std::size_t(k)]);
+    const bool linear = m == fade;
+    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(6), count}) {
+      std::vector<float> out(4 * n);
+      node.applyRow(pixels.data(), out.data(), n);
+      for (std::size_t i = 0; i < n; ++i) {
+        const float* s = &pixels[4 * i];
+        float expected[4];
+        if (linear) {
+          const float k = c[18];
+          for (int r = 0; r < 3; ++r)
+            expected[r] = (c[5 * r] * k) * s[0] + (c[5 * r + 1] * k) * s[1] + (c[5 * r + 2] * k) * s[2];
+          expected[3] = std::clamp(k * s[3], 0.0f, 1.0f);
+        } else {
+          const float a = s[3], inv = a > 0 ? 1.0f / a : 0.0f, ua = a > 0 ? a : 0.0f;
+          const float r = s[0] * inv, g = s[1] * inv, b = s[2] * inv;
+          const float ao = std::clamp(c[15] * r + c[16] * g + c[17] * b + c[18] * ua + c[19], 0.0f, 1.0f);
+          for (int k = 0; k < 3; ++k)
+            expected[k] = (c[5 * k] * r + c[5 * k + 1] * g + c[5 * k + 2] * b + c[5 * k + 3] * ua + c[5 * k + 4]) * ao;
+          expected[3] = ao;
+        }
+        for (int k = 0; k < 4; ++k)
+          EXPECT_EQ(out[4 * i + std::size_t(k)], expected[k]) << (linear ? "linear" : "general") << " pixel " << i << " of " << n << " component " << k;
+      }
+    }
+  }
+}

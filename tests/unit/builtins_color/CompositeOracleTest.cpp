@@ -284,6 +284,98 @@ TEST(CompositeBehaviour, HighDynamicRangeOperationsDoNotClampColour) {
   EXPECT_TRUE(near(lighten.at(0, 0), {1.0f, 0.5f, 0.0f, 1.0f}));
 }
 
+// The separable blend modes run four pixels at a time. Their rows must give, bit for bit, what
+// the general formula gives one pixel at a time in single precision with the same operations,
+// for every row length (including the last group of fewer than four pixels), for transparent
+// pixels, colour beyond alpha and negative colour.
+namespace single {
+float clamp01f(float v) { return std::clamp(v, 0.0f, 1.0f); }
+float screen(float cb, float cs) { return cb + cs - cb * cs; }
+float dodge(float cb, float cs) {
+  if (cb <= 0) return 0;
+  if (cs >= 1) return 1;
+  return std::min(1.0f, cb / (1 - cs));
+}
+float burn(float cb, float cs) {
+  if (cb >= 1) return 1;
+  if (cs <= 0) return 0;
+  return 1 - std::min(1.0f, (1 - cb) / cs);
+}
+float hard(float cb, float cs) { return cs <= 0.5f ? cb * 2 * cs : screen(cb, 2 * cs - 1); }
+float soft(float cb, float cs) {
+  if (cs <= 0.5f) return cb - (1 - 2 * cs) * cb * (1 - cb);
+  const float d = cb <= 0.25f ? ((16 * cb - 12) * cb + 4) * cb : std::sqrt(cb);
+  return cb + (2 * cs - 1) * (d - cb);
+}
+const std::map<std::string, std::function<float(float, float)>>& blends() {
+  static const std::map<std::string, std::function<float(float, float)>> b{
+      {"CIMultiplyBlendMode", [](float cb, float cs) { return cb * cs; }},
+      {"CIScreenBlendMode", screen},
+      {"CIOverlayBlendMode", [](float cb, float cs) { return hard(cs, cb); }},
+      {"CIColorDodgeBlendMode", dodge},
+      {"CIColorBurnBlendMode", burn},
+      {"CIHardLightBlendMode", hard},
+      {"CISoftLightBlendMode", soft},
+      {"CIDifferenceBlendMode", [](float cb, float cs) { return std::fabs(cb - cs); }},
+      {"CIExclusionBlendMode", [](float cb, float cs) { return cb + cs - 2 * cb * cs; }},
+      {"CIDivideBlendMode", [](float cb, float cs) { return cs <= 0 ? (cb > 0 ? 1.0f : 0.0f) : cb / cs; }},
+      {"CISubtractBlendMode", [](float cb, float cs) { return cb - cs; }},
+      {"CILinearBurnBlendMode", [](float cb, float cs) { return cb + cs - 1; }},
+      {"CILinearDodgeBlendMode", [](float cb, float cs) { return cb + cs; }},
+      {"CILinearLightBlendMode", [](float cb, float cs) { return cb + 2 * cs - 1; }},
+      {"CIPinLightBlendMode",
+       [](float cb, float cs) { return cs < 0.5f ? std::min(cb, 2 * cs) : std::max(cb, 2 * cs - 1); }},
+      {"CIVividLightBlendMode", [](float cb, float cs) { return cs <= 0.5f ? burn(cb, 2 * cs) : dodge(cb, 2 * cs - 1); }},
+  };
+  return b;
+}
+}  // namespace single
+
+TEST(CompositeBehaviour, SeparableBlendRowsEqualThePerPixelFormulaBitForBit) {
+  // Pixels chosen to reach every branch: transparent, opaque, colour above alpha, negative
+  // colour, and a spread of translucent values.
+  std::vector<std::array<float, 4>> pixels{{0, 0, 0, 0},          {0.2f, 0.3f, 0.4f, 0},   {1, 1, 1, 1},
+                                           {0, 0, 0, 1},          {0.9f, 1.4f, -0.2f, 1},  {0.1f, 0.25f, 0.5f, 0.5f},
+                                           {0.5f, 0.5f, 0.5f, 0.5f}, {0.7f, -0.1f, 0.3f, 0.6f}, {0.125f, 0.2f, 0.75f, 1}};
+  std::uint32_t state = 12345;
+  for (int i = 0; i < 40; ++i) {
+    std::array<float, 4> p{};
+    for (float& v : p) {
+      state = state * 1664525u + 1013904223u;
+      v = float(state >> 8) / float(1u << 24);
+    }
+    for (int k = 0; k < 3; ++k) p[k] *= p[3];
+    pixels.push_back(p);
+  }
+  const std::size_t count = pixels.size();
+  std::vector<float> s, b;
+  for (std::size_t i = 0; i < count; ++i) {
+    s.insert(s.end(), pixels[i].begin(), pixels[i].end());
+    b.insert(b.end(), pixels[(i * 7 + 3) % count].begin(), pixels[(i * 7 + 3) % count].end());
+  }
+  for (const auto& [name, blend] : single::blends()) {
+    const CompositeOperation* op = compositeOperationNamed(name);
+    ASSERT_TRUE(op) << name;
+    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(5), std::size_t(7), count}) {
+      std::vector<float> out(4 * n, -9.0f);
+      op->row(s.data(), b.data(), out.data(), n);
+      for (std::size_t i = 0; i < n; ++i) {
+        const float* ps = &s[4 * i];
+        const float* pb = &b[4 * i];
+        const float as = ps[3], ab = pb[3];
+        const float is = as > 0 ? 1.0f / as : 0.0f, ib = ab > 0 ? 1.0f / ab : 0.0f;
+        const float both = as * ab;
+        for (int c = 0; c < 3; ++c) {
+          const float m = single::clamp01f(blend(single::clamp01f(pb[c] * ib), single::clamp01f(ps[c] * is)));
+          const float expected = ps[c] * (1 - ab) + pb[c] * (1 - as) + both * m;
+          EXPECT_EQ(out[4 * i + c], expected) << name << " pixel " << i << " of " << n << " channel " << c;
+        }
+        EXPECT_EQ(out[4 * i + 3], as + ab - both) << name << " pixel " << i;
+      }
+    }
+  }
+}
+
 TEST(CompositeBehaviour, TiledRenderEqualsWholeRender) {
   const TestImage s = makeImage(70, 50, {0, 0}, 41);
   const TestImage b = makeImage(60, 64, {13, -7}, 42);

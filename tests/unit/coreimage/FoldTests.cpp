@@ -203,6 +203,86 @@ TEST(Folds, CompositeReadsThroughOffsetsCropsAndMatrices) {
   }
 }
 
+TEST(Folds, CompositeReadsTheSourceOfASourceOverOntoNothing) {
+  // A resampled layer put on a transparent canvas larger than the layer and smaller in part
+  // (the canvas gives the layer its extent), cropped, faded by a matrix and blended over a
+  // picture: the blend reads the layer itself.
+  const auto picture = makeTestImageWithAlpha(40, 30);
+  const auto texture = makeTestImageWithAlpha(13, 9, CGPointMake(0, 0), 5);
+  const CIImage layer = texture.imageByApplyingTransform(CGAffineTransformMake(1.7, 0, 0, 2.2, 9.4, -3.1));
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.6;
+  const CGRect canvas = CGRectMake(0, 0, 40, 30);
+  auto build = [&](auto barrier) {
+    const CIImage placed =
+        composite("CISourceOverCompositing", barrier(layer), CIImage::emptyImage().imageByCroppingToRect(canvas))
+            .imageByCroppingToRect(canvas);
+    return composite("CIScreenBlendMode", ColorMatrixNode::imageByApplyingMatrix(placed, fade), picture);
+  };
+  const CIImage folded = build([](const CIImage& i) { return i; });
+  const CIImage unfolded = build([](const CIImage& i) { return opaque(i); });
+  ASSERT_EQ(folded.node()->inputs().size(), 2u);
+  EXPECT_TRUE(nodeAs<TransformNode>(folded.node()->inputs()[0]));
+  expectSamePixels(folded, unfolded, CGRectMake(-4, -4, 50, 40));
+  // Onto a colour or onto a picture, source-over is not its source: nothing is skipped.
+  const CIImage ontoColour = composite(
+      "CIScreenBlendMode",
+      composite("CISourceOverCompositing", layer,
+                CIImage::imageWithColor(CIColor::colorWithRed(0, 0, 0, 0.5)).imageByCroppingToRect(canvas)),
+      picture);
+  EXPECT_TRUE(nodeAs<ImageNode>(ontoColour.node()->inputs()[0]));
+  EXPECT_FALSE(nodeAs<TransformNode>(ontoColour.node()->inputs()[0]));
+}
+
+TEST(Folds, CompositeReadsALayerMaskedByABlendWithMaskOfNothing) {
+  // The composite family's masked layer: a blend with mask of nothing over the layer (the mask
+  // cuts the layer away where it is bright), moved, cropped and faded, then blended over a
+  // picture: the blend reads the layer and the mask themselves. Both inputs of the blend carry
+  // such a layer, so that the two masked reads of one row must not share a buffer.
+  const auto picture = makeTestImageWithAlpha(40, 30);
+  const auto layerImage = makeTestImageWithAlpha(36, 26, CGPointMake(2, 1), 3);
+  const auto maskImage = makeTestImageWithAlpha(19, 13, CGPointMake(0, 0), 9);
+  const CIImage fitted = maskImage.imageByApplyingTransform(CGAffineTransformMake(2.3, 0, 0, 2.6, -1.2, -0.7));
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.7;
+  const CGRect e = picture.extent();
+  auto masked = [&](auto barrier, const CIImage& layer) {  // barrier: hides an image from the folds
+    const CIFilterRef blend = CIFilter::filterWithName("CIBlendWithMask");
+    blend->setDefaults();
+    blend->setValue(CIImage::emptyImage().imageByCroppingToRect(e), kCIInputImageKey);
+    blend->setValue(barrier(layer), kCIInputBackgroundImageKey);
+    blend->setValue(barrier(fitted), kCIInputMaskImageKey);
+    return ColorMatrixNode::imageByApplyingMatrix(
+        blend->outputImage().imageByApplyingTransform(CGAffineTransformMakeTranslation(3, -2)).imageByCroppingToRect(e),
+        fade);
+  };
+  auto none = [](const CIImage& i) { return i; };
+  for (const char* op : {"CIScreenBlendMode", "CISourceOverCompositing", "CIHueBlendMode"}) {
+    const CIImage folded = composite(op, masked(none, layerImage), masked(none, picture));
+    const CIImage unfolded = composite(op, opaque(masked(none, layerImage)), opaque(masked(none, picture)));
+    // The layers and the masks, nothing in between.
+    ASSERT_EQ(folded.node()->inputs().size(), 4u) << op;
+    EXPECT_EQ(folded.node()->inputs()[0], layerImage) << op;
+    EXPECT_TRUE(nodeAs<TransformNode>(folded.node()->inputs()[1])) << op;
+    EXPECT_EQ(folded.node()->inputs()[2], picture) << op;
+    expectSamePixels(folded, unfolded, CGRectMake(-4, -4, 50, 40));
+    CIContextOptions tiles;
+    tiles.tileSize = 16;
+    EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, e, tiles), renderRGBAf(unfolded, e))) << op;
+  }
+  // A matrix below the mask would have to run before it: it stays a node of its own.
+  const CIImage colouredLayer = ColorMatrixNode::imageByApplyingMatrix(layerImage, biasedMatrix());
+  const CIImage withInnerMatrix = composite("CIScreenBlendMode", masked(none, colouredLayer), picture);
+  const CIImage withInnerMatrixUnfolded = composite("CIScreenBlendMode", opaque(masked(none, colouredLayer)), picture);
+  EXPECT_TRUE(nodeAs<ColorMatrixNode>(withInnerMatrix.node()->inputs()[0]));
+  expectSamePixels(withInnerMatrix, withInnerMatrixUnfolded, CGRectMake(-4, -4, 50, 40));
+  // A constant layer is filled, not read: its blend with mask stays a node of its own.
+  const CIImage flat = CIImage::imageWithColor(CIColor::colorWithRed(0.9, 0.2, 0.1)).imageByCroppingToRect(e);
+  const CIImage overFlat = composite("CIScreenBlendMode", masked(none, flat), picture);
+  EXPECT_FALSE(nodeAs<TransformNode>(overFlat.node()->inputs()[0]));
+  expectSamePixels(overFlat, composite("CIScreenBlendMode", opaque(masked(none, flat)), picture), CGRectMake(-4, -4, 50, 40));
+}
+
 TEST(Folds, BlendWithMaskReadsConstantsWithoutBuffers) {
   const auto img = makeTestImageWithAlpha(30, 20);
   const CGRect e = img.extent();

@@ -299,3 +299,33 @@ TEST(Files, JpegAndErrors) {
   EXPECT_TRUE(CIImage::imageWithContentsOfFile((dir / "missing.png").string()).isNil());
   std::filesystem::remove(path);
 }
+
+TEST(PixelConvert, PremultipliedEightBitPixelsDecodeToTheFormulaForEveryAlphaAndComponent) {
+  // Un-premultiply, decode from sRGB, premultiply again: every (component, alpha) pair, both
+  // component orders, colour management on and off.
+  std::vector<std::uint8_t> argb, rgba;
+  for (int a = 0; a < 256; ++a)
+    for (int c = 0; c < 256; ++c) {
+      const auto a8 = std::uint8_t(a), c8 = std::uint8_t(c), d8 = std::uint8_t(255 - c);
+      argb.insert(argb.end(), {a8, c8, d8, c8});
+      rgba.insert(rgba.end(), {c8, d8, c8, a8});
+    }
+  const std::size_t n = 256 * 256;
+  for (bool managed : {true, false}) {
+    std::vector<float> fromArgb(n * 4), fromRgba(n * 4);
+    qvpixel::decodePremultipliedARGB8(argb.data(), fromArgb.data(), n, managed);
+    qvpixel::decodePremultipliedRGBA8(rgba.data(), fromRgba.data(), n, managed);
+    EXPECT_EQ(fromArgb, fromRgba);
+    for (std::size_t i = 0; i < n; ++i) {
+      const std::uint8_t a8 = std::uint8_t(i / 256);
+      const float a = float(a8) / 255.0f;
+      const std::uint8_t components[3] = {std::uint8_t(i % 256), std::uint8_t(255 - i % 256), std::uint8_t(i % 256)};
+      for (int k = 0; k < 3; ++k) {
+        const float e = float(components[k]) / 255.0f;
+        const float expected = !managed ? e : a8 == 0 ? 0.0f : srgbToLinear(std::min(1.0f, e / a)) * a;
+        ASSERT_EQ(fromArgb[4 * i + std::size_t(k)], expected) << "alpha " << int(a8) << " component " << int(components[k]);
+      }
+      ASSERT_EQ(fromArgb[4 * i + 3], a);
+    }
+  }
+}

@@ -19,6 +19,7 @@
 #include "Foundation/NSException.h"
 #include "Foundation/NSKeyedArchiver.h"
 #include "Framework/QVSizeScaledToRect.h"
+#include "Textures/_QVFilterTextureImageProvider.h"
 
 using namespace qvcomp;
 
@@ -235,6 +236,21 @@ TEST_F(FamilyFilters, TextureCompositeMatchesItsGraph) {
   op->setValue(photo, kCIInputBackgroundImageKey);
   op->setValue(fade->outputImage(), kCIInputImageKey);
   expectSamePixels(f->outputImage(), op->outputImage().imageByCroppingToRect(photo.extent()), photo.extent());
+}
+
+TEST_F(FamilyFilters, TextureCompositeRenderedAgainAfterAnEditDoesNotDecodeItsTextureAgain) {
+  const CIImage photo = makeTestImage(60, 40);
+  auto f = over<QVFilterTextureComposite>("QVFilterTextureComposite", photo, 0.7, "CIScreenBlendMode");
+  f->setValue(textureId("tile256"), "inputTextureName");
+  const std::uint64_t before = _QVFilterTextureImageProvider::decodeCount();
+  const auto first = renderRGBA8(f->outputImage(), photo.extent());
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 1);
+  // The same filter rendered again, and again after its opacity changed, as an interactive
+  // preview does: the texture's decoded bitmap is reused.
+  EXPECT_EQ(renderRGBA8(f->outputImage(), photo.extent()), first);
+  f->setValue(0.3, "inputCompositeAlpha");
+  EXPECT_NE(renderRGBA8(f->outputImage(), photo.extent()), first);
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 1);
 }
 
 TEST_F(FamilyFilters, TextureCompositeWithoutNameOrTextureReturnsTheInput) {

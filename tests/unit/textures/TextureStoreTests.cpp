@@ -197,7 +197,7 @@ TEST_F(TextureStore, ImageHasNominalExtentAndIsCachedPerHint) {
   EXPECT_EQ(_QVFilterTextureStore::_cachedImageCost(identifier), 64u * 48u);
 }
 
-TEST_F(TextureStore, HintsThatDifferInOneDimensionDecodeTwiceAndMakeTwoEntries) {
+TEST_F(TextureStore, HintsThatDifferInOneDimensionMakeTwoEntriesThatShareOneDecode) {
   const auto identifier = url(id("two"));
   CIImage a = _QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(100, 100));
   CIImage b = _QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(100, 101));
@@ -206,17 +206,91 @@ TEST_F(TextureStore, HintsThatDifferInOneDimensionDecodeTwiceAndMakeTwoEntries) 
   EXPECT_FALSE(a == b);
   EXPECT_EQ(_QVFilterTextureStore::_cachedImageCount(identifier), 2u);
   EXPECT_EQ(_QVFilterTextureStore::_cachedImageCost(identifier), 2u * 80u * 40u);
-  // Each image decodes the file on its own when rendered.
+  // Both hints exceed the 80 x 40 file: both images decode it at full size, once.
   const std::uint64_t before = _QVFilterTextureImageProvider::decodeCount();
-  renderRGBA8(a, a.extent());
+  const auto pixelsA = renderRGBA8(a, a.extent());
   const std::uint64_t afterA = _QVFilterTextureImageProvider::decodeCount();
   EXPECT_EQ(afterA, before + 1);
-  renderRGBA8(b, b.extent());
-  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), afterA + 1);
+  EXPECT_EQ(renderRGBA8(b, b.extent()), pixelsA);
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), afterA);
   // A third request with one of the hints is served from the cache: no new image, no decode.
-  const std::uint64_t settled = _QVFilterTextureImageProvider::decodeCount();
   EXPECT_TRUE(_QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(100, 101)) == b);
-  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), settled);
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), afterA);
+}
+
+TEST_F(TextureStore, DecodedTextureIsKeptAcrossRendersPerDecodeSize) {
+  const auto identifier = url(id("two"));
+  auto cache = _QVFilterTextureStore::_decodedTextureCache();
+  ASSERT_TRUE(cache);
+  EXPECT_EQ(cache->byteLimit(), _QVFilterDecodedTextureCache::kDefaultByteLimit);
+  CIImage full = _QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeZero);
+  CIImage half = _QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(40, 40));
+  const std::uint64_t before = _QVFilterTextureImageProvider::decodeCount();
+  const auto first = renderRGBA8(full, full.extent());
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 1);
+  EXPECT_EQ(cache->count(), 1u);
+  EXPECT_EQ(cache->totalBytes(), 80u * 40u * 4u);
+  // The next render of the same image decodes nothing and gives the same pixels.
+  EXPECT_EQ(renderRGBA8(full, full.extent()), first);
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 1);
+  // Another decode size is decoded once, then kept beside the first.
+  renderRGBA8(half, half.extent());
+  renderRGBA8(half, half.extent());
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 2);
+  EXPECT_EQ(_QVFilterTextureImageProvider::lastDecodedPixelCount(), 40u * 20u);
+  EXPECT_EQ(cache->count(), 2u);
+  EXPECT_EQ(cache->totalBytes(), 80u * 40u * 4u + 40u * 20u * 4u);
+}
+
+TEST_F(TextureStore, DecodedTextureCacheStaysWithinItsByteLimitDroppingTheLeastRecentlyUsed) {
+  auto cache = _QVFilterTextureStore::_decodedTextureCache();
+  // Room for "two" (80 x 40 x 4 = 12800 bytes) or "one" (64 x 48 x 4 = 12288), not both.
+  cache->setByteLimit(20000);
+  CIImage one = _QVFilterTextureStore::imageForTextureIdentifier(url(id("one")), CGSizeZero);
+  CIImage two = _QVFilterTextureStore::imageForTextureIdentifier(url(id("two")), CGSizeZero);
+  CIImage lone = _QVFilterTextureStore::imageForTextureIdentifier(url(id("lone")), CGSizeZero);
+  const std::uint64_t before = _QVFilterTextureImageProvider::decodeCount();
+  renderRGBA8(one, one.extent());
+  renderRGBA8(two, two.extent());  // evicts "one"
+  EXPECT_EQ(cache->count(), 1u);
+  EXPECT_EQ(cache->totalBytes(), 12800u);
+  renderRGBA8(lone, lone.extent());  // 32 x 32 x 4 = 4096 fits beside "two"
+  EXPECT_EQ(cache->count(), 2u);
+  EXPECT_EQ(cache->totalBytes(), 12800u + 4096u);
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 3);
+  renderRGBA8(two, two.extent());  // kept: no decode; now the most recently used
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 3);
+  renderRGBA8(one, one.extent());  // evicted before: decoded again, and evicts "lone", not "two"
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 4);
+  EXPECT_LE(cache->totalBytes(), 20000u);
+  EXPECT_EQ(cache->totalBytes(), 12288u);
+  renderRGBA8(one, one.extent());
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 4);
+  // A bitmap larger than the whole limit is decoded for its render and not kept.
+  cache->setByteLimit(10000);
+  EXPECT_LE(cache->totalBytes(), 10000u);
+  const std::uint64_t settled = _QVFilterTextureImageProvider::decodeCount();
+  renderRGBA8(two, two.extent());
+  renderRGBA8(two, two.extent());
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), settled + 2);
+  EXPECT_LE(cache->totalBytes(), 10000u);
+}
+
+TEST_F(TextureStore, ConcurrentRendersOfOneTextureDecodeItOnce) {
+  const auto identifier = url(id("two"));
+  // Separate images (two hints of the same decode size) rendered on separate threads at once.
+  std::vector<CIImage> images;
+  for (int i = 0; i < 6; ++i)
+    images.push_back(_QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(100 + i, 100)));
+  const std::uint64_t before = _QVFilterTextureImageProvider::decodeCount();
+  std::vector<std::vector<std::uint8_t>> pixels(images.size());
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < images.size(); ++i)
+    threads.emplace_back([&, i] { pixels[i] = renderRGBA8(images[i], images[i].extent()); });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 1);
+  for (const auto& p : pixels) EXPECT_EQ(p, pixels[0]);
+  EXPECT_EQ(_QVFilterTextureStore::_decodedTextureCache()->count(), 1u);
 }
 
 TEST_F(TextureStore, RecordWithoutFileOrWithMissingOrUnreadableFileGivesNilAndCachesNothing) {
