@@ -78,6 +78,21 @@ CIImage drawableImage(std::int32_t drawable) {
   return CIImage::imageWithRGBAf(pixels.data(), static_cast<std::size_t>(width), static_cast<std::size_t>(height));
 }
 
+CIImage drawablePreviewImage(std::int32_t drawable, int maxSide, double& scale) {
+  GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
+  if (!buffer) throw PixelError("cannot read the drawable's pixels");
+  const int width = gegl_buffer_get_width(buffer), height = gegl_buffer_get_height(buffer);
+  scale = std::min(1.0, static_cast<double>(std::max(maxSide, 1)) / std::max({width, height, 1}));
+  const int w = std::max(1, static_cast<int>(std::lround(width * scale)));
+  const int h = std::max(1, static_cast<int>(std::lround(height * scale)));
+  std::vector<float> pixels(static_cast<std::size_t>(w) * static_cast<std::size_t>(h) * 4u);
+  // At a scale below 1 the rectangle is in the scaled buffer's coordinates.
+  const GeglRectangle rect{0, 0, w, h};
+  gegl_buffer_get(buffer, &rect, scale, workingFormat(drawable), pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_CLAMP);
+  g_object_unref(buffer);
+  return CIImage::imageWithRGBAf(pixels.data(), static_cast<std::size_t>(w), static_cast<std::size_t>(h));
+}
+
 ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage& output) {
   if (!output) throw PixelError("the filter produced no image");
   const int width = gimp_drawable_width(drawable), height = gimp_drawable_height(drawable);

@@ -21,6 +21,11 @@ class PixelError : public std::runtime_error {
 // as the engine has it.
 CIImage drawableImage(std::int32_t drawable);
 
+// The drawable scaled down to fit `maxSide` x `maxSide` (never up), read through GEGL's own
+// downsampling so that only the small copy is held, with its extent at (0, 0, w, h). `scale`
+// receives the factor from the drawable's size to the copy's.
+CIImage drawablePreviewImage(std::int32_t drawable, int maxSide, double& scale);
+
 // What applyOutput did: the rectangle of the drawable that changed, in drawable coordinates
 // (origin top-left), and whether the layer was resized to the output's extent.
 struct ApplyResult {

@@ -346,6 +346,27 @@ json inputJSON(const CIFilter& filter, const InputParam& input) {
   return nullptr;
 }
 
+CIFilterRef previewFilter(const CIFilter& filter, const FilterProcedure& procedure, double scale) {
+  CIFilterRef copy = filter.copy();
+  if (!copy || scale >= 1.0) return copy;
+  for (const InputParam& input : procedure.inputs) {
+    const Value v = copy->valueForKey(input.key);
+    if (input.kind == ParamKind::ImageFile) {
+      if (const CIImage image = CIImage::fromValue(v))
+        copy->setValue(Value(image.imageByApplyingTransform(CGAffineTransformMakeScale(scale, scale))), input.key);
+      continue;
+    }
+    if ((input.kind != ParamKind::Number && input.kind != ParamKind::Integer) || !v.isNumber() ||
+        stringAttribute(input.attributes, kCIAttributeType) != kCIAttributeTypeDistance)
+      continue;
+    double scaled = v.doubleValue() * scale;
+    if (const Value* lo = attribute(input.attributes, kCIAttributeMin); lo && lo->isNumber())
+      scaled = std::max(scaled, lo->doubleValue());
+    copy->setValue(Value(scaled), input.key);
+  }
+  return copy;
+}
+
 json settingsJSON(const CIFilter& filter, const FilterProcedure& procedure) {
   json out = json::object();
   for (const InputParam& input : procedure.inputs)

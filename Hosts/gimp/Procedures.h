@@ -68,6 +68,12 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const nlohmann:
 // The remembered form of the filter's current value of an input.
 nlohmann::json inputJSON(const CIFilter& filter, const InputParam& input);
 
+// A copy of the filter for a preview drawn at `scale` (at most 1) of the drawable's size: its
+// distance inputs (kCIAttributeTypeDistance: radii, widths) multiplied by `scale`, no lower than
+// their minimum, and its image inputs other than the drawable scaled down with it, so that the
+// preview looks like the full-size result made smaller. The filter itself is left as it is.
+CIFilterRef previewFilter(const CIFilter& filter, const FilterProcedure& procedure, double scale);
+
 // Every input of the procedure, in the remembered form, from the filter.
 nlohmann::json settingsJSON(const CIFilter& filter, const FilterProcedure& procedure);
 // Applies remembered settings (unknown or missing keys are skipped, bad values throw).

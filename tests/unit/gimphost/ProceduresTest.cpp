@@ -7,6 +7,7 @@
 #include <limits>
 #include <string>
 
+#include "CoreImage/CIImage.h"
 #include "CoreImage/CIVector.h"
 #include "Procedures.h"
 #include "ValueParsing.h"
@@ -144,6 +145,39 @@ TEST_F(GimpProcedures, RememberedSettingsRoundTrip) {
     EXPECT_NO_THROW(qvgimp::applySettings(*again, p, settings)) << p.filter << " " << settings.dump();
     EXPECT_EQ(qvgimp::settingsJSON(*again, p), settings) << p.filter;
   }
+}
+
+TEST_F(GimpProcedures, PreviewScalesDistancesAndImagesOnly) {
+  const FilterProcedure& border = procedure("QVFilterBorder");
+  CIFilterRef filter = qvgimp::makeFilter(border);
+  filter->setValue(Value(40.0), "inputWidth");
+  filter->setValue(Value(std::int64_t{1}), "inputBorderType");
+  const CIFilterRef preview = qvgimp::previewFilter(*filter, border, 0.25);
+  ASSERT_TRUE(preview);
+  EXPECT_NE(preview.get(), filter.get());
+  EXPECT_DOUBLE_EQ(preview->valueForKey("inputWidth").doubleValue(), 10.0);     // a distance
+  EXPECT_EQ(preview->valueForKey("inputBorderType").integerValue(), 1);          // not a distance
+  EXPECT_DOUBLE_EQ(filter->valueForKey("inputWidth").doubleValue(), 40.0);      // left as it is
+  // At full size nothing changes.
+  EXPECT_DOUBLE_EQ(qvgimp::previewFilter(*filter, border, 1.0)->valueForKey("inputWidth").doubleValue(), 40.0);
+
+  // A scaled distance stays within its minimum (the pixellation's scale is at least 1).
+  const FilterProcedure& pixellate = procedure("QVFilterPixellate");
+  CIFilterRef pix = qvgimp::makeFilter(pixellate);
+  const auto lo = input(pixellate, "inputScale").attributes.find(kCIAttributeMin);
+  ASSERT_NE(lo, input(pixellate, "inputScale").attributes.end());
+  EXPECT_DOUBLE_EQ(qvgimp::previewFilter(*pix, pixellate, 0.001)->valueForKey("inputScale").doubleValue(),
+                   lo->second.doubleValue());
+
+  // An image input other than the drawable shrinks with the preview.
+  const FilterProcedure& watermark = procedure("QVFilterWatermark");
+  CIFilterRef mark = qvgimp::makeFilter(watermark);
+  std::vector<float> pixels(200 * 100 * 4, 1.0f);
+  mark->setValue(Value(CIImage::imageWithRGBAf(pixels.data(), 200, 100)), "inputWatermarkImage");
+  const CIImage small = CIImage::fromValue(qvgimp::previewFilter(*mark, watermark, 0.25)->valueForKey("inputWatermarkImage"));
+  ASSERT_TRUE(small);
+  EXPECT_DOUBLE_EQ(small.extent().size.width, 50.0);
+  EXPECT_DOUBLE_EQ(small.extent().size.height, 25.0);
 }
 
 }  // namespace
