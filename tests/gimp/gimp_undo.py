@@ -11,58 +11,15 @@ import json
 import os
 import re
 import shutil
-import socket
-import struct
 import subprocess
 import sys
 import time
 
-from gimp_support import SKIP, make_profile, run, scheme_string
+from gimp_support import SKIP, ScriptFu, free_port, make_profile, run, scheme_string, start_xvfb
 
 QVFILTER = os.environ["QVFILTER"]
 PLUGIN_DIR = os.environ["QV_GIMP_PLUGIN_DIR"]
 TMP = os.path.join(os.environ["QV_TEST_TMP"], "gimp-undo")
-
-
-class ScriptFu:
-    """A client of script-fu's server: 'G', a 16-bit length and the command; the answer is 'G',
-    an error byte, a 16-bit length and the text."""
-
-    def __init__(self, port, deadline):
-        while True:
-            try:
-                self.sock = socket.create_connection(("127.0.0.1", port), timeout=120)
-                return
-            except OSError:
-                if time.time() > deadline:
-                    raise
-                time.sleep(0.5)
-
-    def __call__(self, command):
-        data = command.encode()
-        self.sock.sendall(b"G" + struct.pack(">H", len(data)) + data)
-        head = self._read(4)
-        if head[:1] != b"G":
-            raise RuntimeError("script-fu server answered %r" % head)
-        text = self._read(struct.unpack(">H", head[2:4])[0]).decode(errors="replace")
-        if head[1]:
-            raise RuntimeError("script-fu: %s -> %s" % (command, text))
-        return text
-
-    def _read(self, n):
-        out = b""
-        while len(out) < n:
-            chunk = self.sock.recv(n - len(out))
-            if not chunk:
-                raise RuntimeError("script-fu server closed the connection")
-            out += chunk
-        return out
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def window_for(display, pattern, deadline):
@@ -109,11 +66,7 @@ def main():
         print(r.stdout, r.stderr)
         return 1
 
-    number = next(n for n in range(90, 300)
-                  if not os.path.exists("/tmp/.X%d-lock" % n) and not os.path.exists("/tmp/.X11-unix/X%d" % n))
-    display = ":%d" % number
-    xvfb = subprocess.Popen(["Xvfb", display, "-screen", "0", "1280x900x24", "-nolisten", "tcp"],
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    xvfb, display = start_xvfb()
     deadline = time.time() + 30
     while run(["xwininfo", "-display", display, "-root"]).returncode and time.time() < deadline:
         time.sleep(0.2)
