@@ -42,27 +42,28 @@ void straighten(std::vector<float>& pixels) {
 }
 
 // Rows per strip, so that one strip of floats stays near 32 MB whatever the width.
-int stripRows(int width) {
+std::int64_t stripRows(int width) {
   return std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1)))));
 }
 
 // Renders the engine rectangle that covers buffer rows [top, top + height) of a buffer whose top
 // row is engine row `engineTop` (exclusive upper edge) and whose first column is `engineLeft`,
 // and stores it in the buffer.
+// One renderer for all strips, so that a filter reaching beyond a strip (a blur) carries its
+// margins from one strip to the next instead of computing them again at every strip's edges.
 void renderInto(GeglBuffer* buffer, const Babl* format, const CIImage& output, int left, int top, int width, int height,
                 double engineLeft, double engineTop) {
   const CIContext context;
+  const CGRect bounds = CGRectMake(engineLeft + left, engineTop - (top + height), width, height);
   std::vector<float> strip;
-  const int rows = stripRows(width);
-  for (int y = top; y < top + height; y += rows) {
-    const int h = std::min(rows, top + height - y);
-    strip.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(h) * 4u, 0.0f);
-    const CGRect bounds = CGRectMake(engineLeft + left, engineTop - (y + h), width, h);
-    context.render(output, strip.data(), static_cast<std::ptrdiff_t>(width) * 16, bounds, CIRenderFormat::RGBAf);
-    straighten(strip);
-    const GeglRectangle rect{left, y, width, h};
-    gegl_buffer_set(buffer, &rect, 0, format, strip.data(), GEGL_AUTO_ROWSTRIDE);
-  }
+  context.renderStrips(output, bounds, CIRenderFormat::RGBAf, stripRows(width),
+                       [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t y, std::int64_t h) {
+                         const auto* rows = static_cast<const float*>(pixels);
+                         strip.assign(rows, rows + static_cast<std::size_t>(rowBytes / 4) * static_cast<std::size_t>(h));
+                         straighten(strip);
+                         const GeglRectangle rect{left, top + static_cast<int>(y), width, static_cast<int>(h)};
+                         gegl_buffer_set(buffer, &rect, 0, format, strip.data(), rowBytes);
+                       });
 }
 
 }  // namespace
