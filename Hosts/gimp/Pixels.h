@@ -1,7 +1,8 @@
 // Pixels between a GIMP drawable and the image engine, through GEGL buffers: the drawable as an
-// input image in the engine's working space (premultiplied linear RGBA float, in the image's
-// own colour space, whatever its precision), and a filter's output written back in strips
-// through the shadow buffer, so that GIMP merges it through the selection in one undo step.
+// input image (8-bit sRGB drawables as the engine's own 8-bit images, which it converts on its
+// render threads; every other precision as premultiplied linear RGBA float in the image's own
+// colour space), and a filter's output written back in strips of one renderer through the
+// shadow buffer, so that GIMP merges it through the selection in one undo step.
 #pragma once
 
 #include <cstdint>
