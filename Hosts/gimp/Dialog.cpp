@@ -14,6 +14,8 @@
 #include "CoreGraphics/CGGeometry.h"
 #include "CoreImage/CIContext.h"
 #include "Foundation/NSException.h"
+#include "Pixels.h"
+#include "ValueParsing.h"
 #include "ViewTree.h"
 
 namespace qvgimp {
@@ -29,8 +31,11 @@ struct Control {
 };
 
 struct DialogState {
+  const FilterProcedure* procedure = nullptr;
   qv::FilterView filterView;
-  CIImage input;
+  CIImage input;        // the drawable scaled down to the preview's size
+  double scale = 1.0;   // from the drawable's size to the input's
+  std::int32_t drawable = -1;
   std::vector<Control> controls;
   GtkWidget* preview = nullptr;
   GtkWidget* status = nullptr;
@@ -63,6 +68,10 @@ void refreshWidgets(DialogState& state) {
       gimp_color_button_set_color(GIMP_COLOR_BUTTON(c.widget), &rgb);
     } else if (auto* popup = dynamic_cast<NSPopUpButton*>(c.view)) {
       gtk_combo_box_set_active(GTK_COMBO_BOX(c.widget), static_cast<gint>(popup->indexOfSelectedItem()));
+    } else if (auto* well = dynamic_cast<NSImageView*>(c.view); well && !well->image()) {
+      // No image (Reset): neither a file nor a layer is chosen.
+      if (GTK_IS_FILE_CHOOSER(c.widget)) gtk_file_chooser_unselect_all(GTK_FILE_CHOOSER(c.widget));
+      if (GTK_IS_COMBO_BOX(c.widget)) gtk_combo_box_set_active(GTK_COMBO_BOX(c.widget), -1);
     }
   }
   state.updating = false;
@@ -129,6 +138,58 @@ void onCombo(GtkComboBox* combo, gpointer data) {
     if (index >= 0) static_cast<NSPopUpButton*>(b->view)->userSelectItemAtIndex(index);
   });
 }
+// An image input from a file: read as the command line reads it, set through the view's binding.
+void onImageFile(GtkFileChooserButton* button, gpointer data) {
+  auto* b = static_cast<Binding*>(data);
+  gchar* path = gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(button));
+  const std::string file = path ? path : "";
+  g_free(path);
+  guarded(*b->state, [&] {
+    static_cast<NSImageView*>(b->view)->userSetImage(file.empty() ? CIImage() : qv::imageFromFile(file));
+  });
+}
+// An image input from a layer of an open image: its pixels at their own precision.
+void onImageLayer(GtkComboBox* combo, gpointer data) {
+  auto* b = static_cast<Binding*>(data);
+  gint layer = -1;
+  if (!gimp_int_combo_box_get_active(GIMP_INT_COMBO_BOX(combo), &layer) || layer < 0) return;
+  guarded(*b->state, [&] { static_cast<NSImageView*>(b->view)->userSetImage(drawableImage(layer)); });
+}
+
+// The control of an image input: a file chooser button and, beside it, a choice of the layers
+// of the open images; either sets the input.
+GtkWidget* imageInputFor(DialogState& state, NSView* view, int width, int height) {
+  GtkWidget* box = height >= 56 ? gtk_vbox_new(TRUE, 4) : gtk_hbox_new(TRUE, 4);
+  GtkWidget* file = gtk_file_chooser_button_new("Choose an image file", GTK_FILE_CHOOSER_ACTION_OPEN);
+  GtkFileFilter* images = gtk_file_filter_new();
+  gtk_file_filter_set_name(images, "Images (PNG, JPEG, WebP)");
+  for (const char* pattern : {"*.png", "*.PNG", "*.jpg", "*.jpeg", "*.JPG", "*.JPEG", "*.webp", "*.WEBP"})
+    gtk_file_filter_add_pattern(images, pattern);
+  gtk_file_chooser_add_filter(GTK_FILE_CHOOSER(file), images);
+  // Start in the folder of the picture being edited, where its companions usually are.
+  if (gchar* picture = gimp_image_get_filename(gimp_item_get_image(state.drawable))) {
+    gchar* folder = g_path_get_dirname(picture);
+    gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(file), folder);
+    g_free(folder);
+    g_free(picture);
+  }
+  gtk_widget_set_tooltip_text(file, "An image file for this input");
+  g_signal_connect_data(file, "file-set", G_CALLBACK(onImageFile), bindingFor(state, view), freeBinding,
+                        GConnectFlags(0));
+  GtkWidget* layers = gimp_layer_combo_box_new(nullptr, nullptr);
+  gimp_int_combo_box_set_label(GIMP_INT_COMBO_BOX(layers), "Layer");
+  gtk_combo_box_set_active(GTK_COMBO_BOX(layers), -1);
+  gtk_widget_set_tooltip_text(layers, "Or a layer of an open image");
+  g_signal_connect_data(layers, "changed", G_CALLBACK(onImageLayer), bindingFor(state, view), freeBinding,
+                        GConnectFlags(0));
+  gtk_box_pack_start(GTK_BOX(box), file, TRUE, TRUE, 0);
+  gtk_box_pack_start(GTK_BOX(box), layers, TRUE, TRUE, 0);
+  gtk_widget_set_size_request(box, std::max(width, 1), -1);
+  state.controls.push_back(Control{view, file});
+  state.controls.push_back(Control{view, layers});
+  return box;
+}
+
 gboolean isSeparatorRow(GtkTreeModel* model, GtkTreeIter* iter, gpointer) {
   gboolean separator = FALSE;
   gtk_tree_model_get(model, iter, 2, &separator, -1);
@@ -214,7 +275,8 @@ void addSubviews(DialogState& state, GtkWidget* fixed, const NSView& view) {
       g_signal_connect_data(widget, "changed", G_CALLBACK(onCombo), b, freeBinding, GConnectFlags(0));
       b = nullptr;
     } else if (dynamic_cast<NSImageView*>(sub.get())) {
-      widget = gtk_label_new("(image input: set it from a script)");
+      GtkWidget* control = imageInputFor(state, sub.get(), w, h);
+      gtk_fixed_put(GTK_FIXED(fixed), control, x, y);
     } else if (!sub->subviews().empty()) {
       widget = gtk_fixed_new();
       addSubviews(state, widget, *sub);
@@ -228,11 +290,12 @@ void addSubviews(DialogState& state, GtkWidget* fixed, const NSView& view) {
   }
 }
 
-// The filter's output over the drawable, scaled to fit the preview, on a checkerboard.
+// The filter's output over the drawable's scaled-down copy (its distances scaled alike), fitted
+// to the preview, on a checkerboard.
 void renderPreview(DialogState& state) {
-  const CIFilterRef& filter = state.filterView.filter;
   CIImage output;
   try {
+    const CIFilterRef filter = previewFilter(*state.filterView.filter, *state.procedure, state.scale);
     filter->setValue(Value(state.input), kCIInputImageKey);
     filter->setCalculatedValues();
     output = filter->outputImage();
@@ -290,7 +353,7 @@ void schedulePreview(DialogState& state) {
 
 }  // namespace
 
-bool runDialog(const FilterProcedure& procedure, const CIFilterRef& filter, std::int32_t, const CIImage& input) {
+bool runDialog(const FilterProcedure& procedure, const CIFilterRef& filter, std::int32_t drawable) {
   // The display of the environment GIMP started the plug-in in, else the one GIMP names (which
   // gimp-console gives as the default even without one). GTK is set up here, where a missing
   // display is an error to report rather than the exit gtk_init would make; gimp_ui_init then
@@ -308,8 +371,10 @@ bool runDialog(const FilterProcedure& procedure, const CIFilterRef& filter, std:
                       "); call the procedure with RUN-NONINTERACTIVE");
   gimp_ui_init("qvfilter-gimp", TRUE);
   DialogState state;
+  state.procedure = &procedure;
+  state.drawable = drawable;
   state.filterView = qv::filterViewFor(filter);
-  state.input = input;
+  state.input = drawablePreviewImage(drawable, kPreviewSize, state.scale);
 
   const std::string title = "QVFilter " + procedure.displayName;
   GtkWidget* dialog = gimp_dialog_new(title.c_str(), "qvfilter-gimp", nullptr, GtkDialogFlags(0),

@@ -18,9 +18,8 @@ class DialogError : public std::runtime_error {
 };
 
 // Shows the dialog for `filter` (whose inputs it edits through the view's bindings) over the
-// drawable's pixels `input`. True when the user chose OK. Throws DialogError when no display
-// can be opened.
-bool runDialog(const FilterProcedure& procedure, const CIFilterRef& filter, std::int32_t drawable,
-               const CIImage& input);
+// drawable, previewed from a copy scaled down to the preview's size. True when the user chose
+// OK. Throws DialogError when no display can be opened.
+bool runDialog(const FilterProcedure& procedure, const CIFilterRef& filter, std::int32_t drawable);
 
 }  // namespace qvgimp

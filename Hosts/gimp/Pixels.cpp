@@ -17,6 +17,19 @@ const Babl* workingFormat(gint32 drawable) {
   return babl_format_with_space("RaGaBaA float", gimp_drawable_get_format(drawable));
 }
 
+// True when the drawable holds 8-bit sRGB-encoded RGB in sRGB, the encoding of the engine's own
+// 8-bit images (as files hold them). Its pixels then cross as 8-bit values, a quarter of the
+// floats' size, and the engine converts them on its render threads instead of babl on one.
+bool isSRGB8(gint32 drawable) {
+  const Babl* format = gimp_drawable_get_format(drawable);
+  if (!format || babl_format_get_type(format, 0) != babl_type("u8")) return false;
+  if (babl_format_get_space(format) != babl_space("sRGB")) return false;
+  const Babl* model = babl_format_get_model(format);
+  return model == babl_model("R'G'B'A") || model == babl_model("R'G'B'");
+}
+
+const Babl* srgb8Format() { return babl_format("R'G'B'A u8"); }
+
 // What the output is written as: straight linear float, which GIMP converts to the drawable's
 // own precision and encoding.
 const Babl* outputFormat(gint32 drawable) {
@@ -42,27 +55,37 @@ void straighten(std::vector<float>& pixels) {
 }
 
 // Rows per strip, so that one strip of floats stays near 32 MB whatever the width.
-int stripRows(int width) {
+std::int64_t stripRows(int width) {
   return std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1)))));
 }
 
 // Renders the engine rectangle that covers buffer rows [top, top + height) of a buffer whose top
 // row is engine row `engineTop` (exclusive upper edge) and whose first column is `engineLeft`,
 // and stores it in the buffer.
-void renderInto(GeglBuffer* buffer, const Babl* format, const CIImage& output, int left, int top, int width, int height,
-                double engineLeft, double engineTop) {
+// One renderer for all strips, so that a filter reaching beyond a strip (a blur) carries its
+// margins from one strip to the next instead of computing them again at every strip's edges.
+// `srgb8`: the drawable is 8-bit sRGB, and the engine's own 8-bit rendering is written as is.
+void renderInto(GeglBuffer* buffer, const Babl* format, bool srgb8, const CIImage& output, int left, int top,
+                int width, int height, double engineLeft, double engineTop) {
   const CIContext context;
-  std::vector<float> strip;
-  const int rows = stripRows(width);
-  for (int y = top; y < top + height; y += rows) {
-    const int h = std::min(rows, top + height - y);
-    strip.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(h) * 4u, 0.0f);
-    const CGRect bounds = CGRectMake(engineLeft + left, engineTop - (y + h), width, h);
-    context.render(output, strip.data(), static_cast<std::ptrdiff_t>(width) * 16, bounds, CIRenderFormat::RGBAf);
-    straighten(strip);
-    const GeglRectangle rect{left, y, width, h};
-    gegl_buffer_set(buffer, &rect, 0, format, strip.data(), GEGL_AUTO_ROWSTRIDE);
+  const CGRect bounds = CGRectMake(engineLeft + left, engineTop - (top + height), width, height);
+  if (srgb8) {
+    context.renderStrips(output, bounds, CIRenderFormat::RGBA8, stripRows(width) * 4,
+                         [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t y, std::int64_t h) {
+                           const GeglRectangle rect{left, top + static_cast<int>(y), width, static_cast<int>(h)};
+                           gegl_buffer_set(buffer, &rect, 0, srgb8Format(), pixels, rowBytes);
+                         });
+    return;
   }
+  std::vector<float> strip;
+  context.renderStrips(output, bounds, CIRenderFormat::RGBAf, stripRows(width),
+                       [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t y, std::int64_t h) {
+                         const auto* rows = static_cast<const float*>(pixels);
+                         strip.assign(rows, rows + static_cast<std::size_t>(rowBytes / 4) * static_cast<std::size_t>(h));
+                         straighten(strip);
+                         const GeglRectangle rect{left, top + static_cast<int>(y), width, static_cast<int>(h)};
+                         gegl_buffer_set(buffer, &rect, 0, format, strip.data(), rowBytes);
+                       });
 }
 
 }  // namespace
@@ -71,11 +94,33 @@ CIImage drawableImage(std::int32_t drawable) {
   GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
   if (!buffer) throw PixelError("cannot read the drawable's pixels");
   const int width = gegl_buffer_get_width(buffer), height = gegl_buffer_get_height(buffer);
-  std::vector<float> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4u);
   const GeglRectangle rect{0, 0, width, height};
+  if (isSRGB8(drawable)) {
+    std::vector<std::uint8_t> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4u);
+    gegl_buffer_get(buffer, &rect, 1.0, srgb8Format(), pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_NONE);
+    g_object_unref(buffer);
+    return CIImage::imageWithRGBA8(pixels.data(), static_cast<std::size_t>(width), static_cast<std::size_t>(height),
+                                   static_cast<std::size_t>(width) * 4u);
+  }
+  std::vector<float> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4u);
   gegl_buffer_get(buffer, &rect, 1.0, workingFormat(drawable), pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_NONE);
   g_object_unref(buffer);
   return CIImage::imageWithRGBAf(pixels.data(), static_cast<std::size_t>(width), static_cast<std::size_t>(height));
+}
+
+CIImage drawablePreviewImage(std::int32_t drawable, int maxSide, double& scale) {
+  GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
+  if (!buffer) throw PixelError("cannot read the drawable's pixels");
+  const int width = gegl_buffer_get_width(buffer), height = gegl_buffer_get_height(buffer);
+  scale = std::min(1.0, static_cast<double>(std::max(maxSide, 1)) / std::max({width, height, 1}));
+  const int w = std::max(1, static_cast<int>(std::lround(width * scale)));
+  const int h = std::max(1, static_cast<int>(std::lround(height * scale)));
+  std::vector<float> pixels(static_cast<std::size_t>(w) * static_cast<std::size_t>(h) * 4u);
+  // At a scale below 1 the rectangle is in the scaled buffer's coordinates.
+  const GeglRectangle rect{0, 0, w, h};
+  gegl_buffer_get(buffer, &rect, scale, workingFormat(drawable), pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_CLAMP);
+  g_object_unref(buffer);
+  return CIImage::imageWithRGBAf(pixels.data(), static_cast<std::size_t>(w), static_cast<std::size_t>(h));
 }
 
 ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage& output) {
@@ -86,6 +131,7 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
   extent = CGRectIntegral(extent);
   if (CGRectIsNull(extent) || CGRectIsEmpty(extent)) throw PixelError("the filter's output is empty");
   ApplyResult result;
+  const bool srgb8 = isSRGB8(drawable);
   const bool sameExtent =
       extent.origin.x == 0 && extent.origin.y == 0 && extent.size.width == width && extent.size.height == height;
   if (sameExtent) {
@@ -93,7 +139,7 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
     if (!gimp_drawable_mask_intersect(drawable, &x, &y, &w, &h)) return result;
     gimp_image_undo_group_start(image);
     GeglBuffer* shadow = gimp_drawable_get_shadow_buffer(drawable);
-    renderInto(shadow, outputFormat(drawable), output, x, y, w, h, 0, height);
+    renderInto(shadow, outputFormat(drawable), srgb8, output, x, y, w, h, 0, height);
     gegl_buffer_flush(shadow);
     g_object_unref(shadow);
     gimp_drawable_merge_shadow(drawable, TRUE);
@@ -123,7 +169,7 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
   if (!gimp_drawable_has_alpha(drawable)) gimp_layer_add_alpha(drawable);
   gimp_layer_resize(drawable, newWidth, newHeight, offX, offY);
   GeglBuffer* shadow = gimp_drawable_get_shadow_buffer(drawable);
-  renderInto(shadow, outputFormat(drawable), output, 0, 0, newWidth, newHeight, extent.origin.x,
+  renderInto(shadow, outputFormat(drawable), srgb8, output, 0, 0, newWidth, newHeight, extent.origin.x,
              extent.origin.y + extent.size.height);
   gegl_buffer_flush(shadow);
   g_object_unref(shadow);

@@ -1,7 +1,8 @@
 // Pixels between a GIMP drawable and the image engine, through GEGL buffers: the drawable as an
-// input image in the engine's working space (premultiplied linear RGBA float, in the image's
-// own colour space, whatever its precision), and a filter's output written back in strips
-// through the shadow buffer, so that GIMP merges it through the selection in one undo step.
+// input image (8-bit sRGB drawables as the engine's own 8-bit images, which it converts on its
+// render threads; every other precision as premultiplied linear RGBA float in the image's own
+// colour space), and a filter's output written back in strips of one renderer through the
+// shadow buffer, so that GIMP merges it through the selection in one undo step.
 #pragma once
 
 #include <cstdint>
@@ -20,6 +21,11 @@ class PixelError : public std::runtime_error {
 // The whole drawable as an image with its extent at (0, 0, width, height), origin bottom-left
 // as the engine has it.
 CIImage drawableImage(std::int32_t drawable);
+
+// The drawable scaled down to fit `maxSide` x `maxSide` (never up), read through GEGL's own
+// downsampling so that only the small copy is held, with its extent at (0, 0, w, h). `scale`
+// receives the factor from the drawable's size to the copy's.
+CIImage drawablePreviewImage(std::int32_t drawable, int maxSide, double& scale);
 
 // What applyOutput did: the rectangle of the drawable that changed, in drawable coordinates
 // (origin top-left), and whether the layer was resized to the output's extent.

@@ -75,7 +75,7 @@ std::string describe(const InputParam& input) {
       text += " (colour)";
       break;
     case ParamKind::Vector:
-      text += " (" + std::to_string(input.length) + " numbers)";
+      text += input.length ? " (" + std::to_string(input.length) + " numbers)" : std::string(" (numbers)");
       break;
     case ParamKind::Transform:
       text += " (6 numbers: a b c d tx ty)";
@@ -111,10 +111,8 @@ InputParam describeInput(const CIFilter& filter, const std::string& key, const D
     input.kind = ParamKind::Color;
   } else if (cls == "CIVector") {
     input.kind = ParamKind::Vector;
-    const Value* def = attribute(attributes, kCIAttributeDefault);
-    if (!def) def = attribute(attributes, kCIAttributeIdentity);
-    const auto vector = def ? def->object<CIVector>() : nullptr;
-    input.length = vector ? vector->count() : 4;
+    // The host core's rule for how many numbers the key takes (0: the filter does not say).
+    input.length = qv::vectorFormForKey(filter, key).count;
   } else if (cls == "NSAffineTransform") {
     input.kind = ParamKind::Transform;
     input.length = 6;
@@ -133,8 +131,9 @@ InputParam describeInput(const CIFilter& filter, const std::string& key, const D
   throw qv::ValueError(input.key + ": " + what);
 }
 
+// The procedure's own rule beside the host core's checks: a number within the attribute range.
+// NaN passes here and is refused by qv::checkInputValue.
 void checkRange(const InputParam& input, double v, const Value* lo, const Value* hi) {
-  if (!std::isfinite(v)) fail(input, "not a finite number");
   if ((lo && lo->isNumber() && v < lo->doubleValue()) || (hi && hi->isNumber() && v > hi->doubleValue())) {
     std::string range = (lo && lo->isNumber() ? numberText(lo->doubleValue()) : std::string("-inf")) + " to " +
                         (hi && hi->isNumber() ? numberText(hi->doubleValue()) : std::string("inf"));
@@ -142,16 +141,17 @@ void checkRange(const InputParam& input, double v, const Value* lo, const Value*
   }
 }
 
-std::vector<double> numbers(const InputParam& input, const json& value) {
-  if (!value.is_array()) fail(input, "expects an array of " + std::to_string(input.length) + " numbers");
+// The numbers of a JSON array; how many the key takes is the host core's check, except for the
+// fixed forms (`count` not 0) that cannot be built from any other number of values.
+std::vector<double> numbers(const InputParam& input, const json& value, std::size_t count = 0) {
+  if (!value.is_array()) fail(input, "expects an array of numbers");
   std::vector<double> out;
   for (const json& e : value) {
     if (!e.is_number()) fail(input, "expects numbers only");
     out.push_back(e.get<double>());
-    if (!std::isfinite(out.back())) fail(input, "not a finite number");
   }
-  if (out.size() != input.length)
-    fail(input, "expects " + std::to_string(input.length) + " numbers, got " + std::to_string(out.size()));
+  if (count != 0 && out.size() != count)
+    fail(input, "expects " + std::to_string(count) + " numbers, got " + std::to_string(out.size()));
   return out;
 }
 
@@ -233,8 +233,12 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const json& val
       if (!value.is_number()) fail(input, "expects an integer");
       const double d = value.get<double>();
       checkRange(input, d, lo, hi);
-      if (d != std::floor(d)) fail(input, numberText(d) + " is not an integer");
-      v = Value(static_cast<std::int64_t>(d));
+      if (!std::isfinite(d) || std::fabs(d) > qv::kMaximumInputMagnitude) {
+        v = Value(d);  // refused below with the host core's message
+      } else {
+        if (d != std::floor(d)) fail(input, numberText(d) + " is not an integer");
+        v = Value(static_cast<std::int64_t>(d));
+      }
       break;
     }
     case ParamKind::Boolean: {
@@ -248,10 +252,7 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const json& val
       break;
     }
     case ParamKind::Color: {
-      const InputParam four{input.key, input.attributeClass, input.kind, {}, 4, {}};
-      std::vector<double> c = numbers(four, value);
-      for (double x : c)
-        if (x < 0 || x > 1) fail(input, "colour components must be within 0 to 1");
+      std::vector<double> c = numbers(input, value, 4);
       v = Value(CIColor::colorWithRed(c[0], c[1], c[2], c[3]));
       break;
     }
@@ -271,7 +272,7 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const json& val
       break;
     }
     case ParamKind::Transform: {
-      std::vector<double> t = numbers(input, value);
+      std::vector<double> t = numbers(input, value, 6);
       v = Value(CGAffineTransformMake(t[0], t[1], t[2], t[3], t[4], t[5]));
       break;
     }
@@ -301,6 +302,9 @@ void setInputFromJSON(CIFilter& filter, const InputParam& input, const json& val
       break;
     }
   }
+  // The host core's checks, as for every other host: finite numbers within +-1e15, the number of
+  // values a vector key takes, and texture names of a loaded catalogue. Its messages name the key.
+  qv::checkInputValue(filter, input.key, v);
   filter.setValue(v, input.key);
 }
 
@@ -321,7 +325,8 @@ json inputJSON(const CIFilter& filter, const InputParam& input) {
     case ParamKind::Vector: {
       json out = json::array();
       const auto vector = v.object<CIVector>();
-      for (std::size_t i = 0; i < input.length; ++i)
+      const std::size_t count = input.length ? input.length : (vector ? vector->count() : 0);
+      for (std::size_t i = 0; i < count; ++i)
         out.push_back(vector && i < vector->count() ? vector->valueAtIndex(i) : 0.0);
       return out;
     }
@@ -339,6 +344,27 @@ json inputJSON(const CIFilter& filter, const InputParam& input) {
     }
   }
   return nullptr;
+}
+
+CIFilterRef previewFilter(const CIFilter& filter, const FilterProcedure& procedure, double scale) {
+  CIFilterRef copy = filter.copy();
+  if (!copy || scale >= 1.0) return copy;
+  for (const InputParam& input : procedure.inputs) {
+    const Value v = copy->valueForKey(input.key);
+    if (input.kind == ParamKind::ImageFile) {
+      if (const CIImage image = CIImage::fromValue(v))
+        copy->setValue(Value(image.imageByApplyingTransform(CGAffineTransformMakeScale(scale, scale))), input.key);
+      continue;
+    }
+    if ((input.kind != ParamKind::Number && input.kind != ParamKind::Integer) || !v.isNumber() ||
+        stringAttribute(input.attributes, kCIAttributeType) != kCIAttributeTypeDistance)
+      continue;
+    double scaled = v.doubleValue() * scale;
+    if (const Value* lo = attribute(input.attributes, kCIAttributeMin); lo && lo->isNumber())
+      scaled = std::max(scaled, lo->doubleValue());
+    copy->setValue(Value(scaled), input.key);
+  }
+  return copy;
 }
 
 json settingsJSON(const CIFilter& filter, const FilterProcedure& procedure) {

@@ -19,7 +19,7 @@ enum class ParamKind {
   Integer,    // GIMP_PDB_INT32 (integer and count types), checked against kCIAttributeMin/Max
   Boolean,    // GIMP_PDB_INT32, 0 or 1
   Color,      // GIMP_PDB_COLOR
-  Vector,     // GIMP_PDB_INT32 count + GIMP_PDB_FLOATARRAY, of the default's length
+  Vector,     // GIMP_PDB_INT32 count + GIMP_PDB_FLOATARRAY, of the length qv::vectorFormForKey gives
   Transform,  // GIMP_PDB_INT32 count + GIMP_PDB_FLOATARRAY of 6 (a b c d tx ty)
   String,     // GIMP_PDB_STRING
   Texture,    // GIMP_PDB_STRING: a texture identifier or tag key the catalogue resolves, or ""
@@ -59,13 +59,20 @@ int pdbParamCount(const InputParam& input);
 CIFilterRef makeFilter(const FilterProcedure& procedure);
 
 // Sets one input from its remembered (JSON) form: numbers, booleans, [r,g,b,a] colours, number
-// arrays and strings, as the PDB carries them. Throws qv::ValueError with a message that names
+// arrays and strings, as the PDB carries them, checked by the attribute range and by
+// qv::checkInputValue as every host does. Throws qv::ValueError with a message that names
 // the key when the value does not fit (out of range, wrong length, unreadable image file); a
 // texture the catalogue does not know is found by qv::checkFilterInputs once all are set.
 void setInputFromJSON(CIFilter& filter, const InputParam& input, const nlohmann::json& value);
 
 // The remembered form of the filter's current value of an input.
 nlohmann::json inputJSON(const CIFilter& filter, const InputParam& input);
+
+// A copy of the filter for a preview drawn at `scale` (at most 1) of the drawable's size: its
+// distance inputs (kCIAttributeTypeDistance: radii, widths) multiplied by `scale`, no lower than
+// their minimum, and its image inputs other than the drawable scaled down with it, so that the
+// preview looks like the full-size result made smaller. The filter itself is left as it is.
+CIFilterRef previewFilter(const CIFilter& filter, const FilterProcedure& procedure, double scale);
 
 // Every input of the procedure, in the remembered form, from the filter.
 nlohmann::json settingsJSON(const CIFilter& filter, const FilterProcedure& procedure);

@@ -193,9 +193,9 @@ GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const
     return GIMP_PDB_CALLING_ERROR;
   }
   try {
+    // The dialog previews a small copy; the whole drawable is read once the user chose OK.
+    if (runMode == GIMP_RUN_INTERACTIVE && !qvgimp::runDialog(procedure, filter, drawable)) return GIMP_PDB_CANCEL;
     const CIImage input = qvgimp::drawableImage(drawable);
-    if (runMode == GIMP_RUN_INTERACTIVE && !qvgimp::runDialog(procedure, filter, drawable, input))
-      return GIMP_PDB_CANCEL;
     filter->setValue(Value(input), kCIInputImageKey);
     filter->setCalculatedValues();
     qvgimp::applyOutput(image, drawable, filter->outputImage());

@@ -243,12 +243,7 @@ std::string numberText(double v) {
   return ec == std::errc() ? std::string(buf, end) : std::string("?");
 }
 
-// What a vector input takes, from its default or its attribute type: the number of values
-// (0 when the filter does not say) and whether it is a rectangle (x, y, width, height).
-struct VectorForm {
-  std::size_t count = 0;
-  bool rectangle = false;
-};
+}  // namespace
 
 VectorForm vectorFormForKey(const CIFilter& filter, const std::string& key) {
   VectorForm form;
@@ -269,6 +264,8 @@ VectorForm vectorFormForKey(const CIFilter& filter, const std::string& key) {
   if (form.count != 4) form.rectangle = false;
   return form;
 }
+
+namespace {
 
 std::string vectorFormText(const VectorForm& form) {
   switch (form.count) {

@@ -79,6 +79,14 @@ std::string valueClassName(const Value& value);
 // setting of any input and overflow the plug-in's integer and pixel arithmetic.
 inline constexpr double kMaximumInputMagnitude = 1e15;
 
+// What a vector input takes, from its default or its attribute type: the number of values
+// (0 when the filter does not say) and whether it is a rectangle (x, y, width, height).
+struct VectorForm {
+  std::size_t count = 0;
+  bool rectangle = false;
+};
+VectorForm vectorFormForKey(const CIFilter& filter, const std::string& key);
+
 // Checks a value about to be set on `key` of `filter`: every number (alone, or inside a vector,
 // colour or transform) finite and within kMaximumInputMagnitude, and a vector with the number
 // of values that the key takes (the count of its default vector, or 2 for a position or an

@@ -499,6 +499,34 @@ void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowByt
   progress.finish();
 }
 
+void CIContext::renderStrips(const CIImage& image, const CGRect& bounds, CIRenderFormat format,
+                             std::int64_t minStripRows, const StripConsumer& consume) const {
+  const PixelRect b = renderBounds(image, bounds);
+  Progress progress;
+  progress.fn = options_.progress;
+  if (b.empty()) {
+    progress.finish();
+    return;
+  }
+  const Plan plan = makePlan(image.node().get());
+  ColumnRenderer renderer(plan, b, options_, progress);
+  const std::int64_t th = std::max<std::int64_t>(1, renderer.tiling().height);
+  const std::int64_t wanted = std::max<std::int64_t>(1, minStripRows);
+  const std::int64_t stripRows = std::min(b.height, th * ((wanted + th - 1) / th));
+  const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
+  progress.total = 0;
+  for (std::int64_t s = 0; s < strips; ++s) progress.total += renderer.tilesIn(std::min(stripRows, b.height - s * stripRows));
+  const std::ptrdiff_t rowBytes = b.width * bytesPerPixel(format);
+  std::vector<std::uint8_t> strip(std::size_t(rowBytes) * std::size_t(stripRows));
+  for (std::int64_t s = 0; s < strips; ++s) {
+    const std::int64_t top = b.maxY() - s * stripRows;
+    const std::int64_t h = std::min(stripRows, top - b.y);
+    renderer.render(PixelRect{b.x, top - h, b.width, h}, strip.data(), rowBytes, format);
+    consume(strip.data(), rowBytes, s * stripRows, h);
+  }
+  progress.finish();
+}
+
 std::string CIContext::writeErrorMessage(const std::string& path, const std::string& detail) {
   if (detail.rfind("cannot write ", 0) == 0 || detail.rfind("cannot create ", 0) == 0) return detail;
   return "cannot write " + path + (detail.empty() ? "" : ": " + detail);

@@ -47,6 +47,17 @@ class CIContext {
   void render(const CIImage& image, void* buffer, std::ptrdiff_t rowBytes, const CGRect& bounds,
               CIRenderFormat format) const;
 
+  // Renders `bounds` (made integral; null: the image's extent) from the top down in strips of
+  // whole tile rows, at least `minStripRows` rows each, and hands every strip to `consume`
+  // before rendering the next: its pixels (top row first, `rowBytes` apart), its first row
+  // counted from the bounds' top, and its height. Unlike separate render calls, the strips
+  // share one renderer, which carries every column's margins from one strip to the next (a
+  // blur is not computed again at each strip's edges). Exceptions from `consume` propagate.
+  using StripConsumer =
+      std::function<void(const void* pixels, std::ptrdiff_t rowBytes, std::int64_t top, std::int64_t height)>;
+  void renderStrips(const CIImage& image, const CGRect& bounds, CIRenderFormat format, std::int64_t minStripRows,
+                    const StripConsumer& consume) const;
+
   // Renders to a file through ImageIO in strips; the type comes from the extension (.png,
   // .jpg/.jpeg, .webp). Throws CIRenderError with a one-line reason on failure.
   void writeToFile(const CIImage& image, const std::string& path, const CGRect& bounds, double quality = 0.9) const;

@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """The plug-in's dialogs under Xvfb: one gimp-console run opens the dialog of a filter with its
-own parameter view (the texture composite where the bundle has it, else the blur) and of a
-filter with generic controls (the border); each dialog window must appear with its preview
-drawn, and a screenshot of each is kept in the test's folder (dialogs/*.png) to be looked at.
+own parameter view (the texture composite where the bundle has it, else the blur), of a filter
+with generic controls (the border) and of one with an image input (the watermark, whose file
+chooser is then used with xdotool to pick a watermark), over a picture larger than the preview
+(which is drawn from a scaled-down copy); each dialog window must appear with its preview drawn,
+and a screenshot of each is kept in the test's folder (dialogs/*.png) to be looked at.
 
 Environment as for gimp_filters.py."""
 import json
@@ -14,7 +16,7 @@ import subprocess
 import sys
 import time
 
-from gimp_support import SKIP, gimp_console, make_profile, procedure_name, run, scheme_string
+from gimp_support import SKIP, gimp_console, make_profile, procedure_name, run, scheme_string, start_xvfb
 
 QVFILTER = os.environ["QVFILTER"]
 PLUGIN_DIR = os.environ["QV_GIMP_PLUGIN_DIR"]
@@ -38,22 +40,64 @@ def distinct_colours(png):
     return int(r.stdout.strip() or 0)
 
 
+def differing_pixels(a, b):
+    r = run(["compare", "-metric", "AE", a, b, "null:"])
+    try:
+        return int(float(r.stderr.split()[0]))
+    except (IndexError, ValueError):
+        return 0
+
+
+def choose_watermark(display, window, mark, shot, failures):
+    """Picks `mark` with the image input's file chooser button, as a user would: the button is
+    the dialog's first control and so has the focus when the dialog opens (there is no window
+    manager: the window is focused directly); Space opens the chooser (in the picture's folder),
+    where Ctrl+L, the file's name and Return choose it. The preview must then change; a screenshot is kept."""
+    env = dict(os.environ, DISPLAY=display)
+    run(["xdotool", "windowfocus", "--sync", window], env=env, timeout=10)
+    run(["xdotool", "key", "space"], env=env, timeout=10)
+    chooser = find_window(display, "Choose an image file", time.time() + 30)
+    if not chooser:
+        failures.append("the image input's file chooser did not open")
+        return
+    run(["xdotool", "windowfocus", "--sync", chooser], env=env, timeout=10)
+    time.sleep(1)
+    run(["xdotool", "key", "ctrl+l"], env=env, timeout=10)  # the location entry
+    time.sleep(2)
+    # The chooser starts in the picture's folder, which holds the watermark too.
+    run(["xdotool", "type", "--clearmodifiers", "--delay", "60", os.path.basename(mark)], env=env, timeout=60)
+    time.sleep(1)
+    run(["xdotool", "key", "Return"], env=env, timeout=10)
+    time.sleep(4)  # the file is read and the preview drawn again
+    chosen = shot.replace(".png", "-chosen.png")
+    run(["import", "-display", display, "-window", window, chosen])
+    changed = differing_pixels(shot, chosen) if os.path.exists(chosen) else 0
+    print("after choosing %s: %s (%d pixels changed)" % (os.path.basename(mark), chosen, changed))
+    # The watermark covers a corner of the preview: thousands of pixels.
+    if changed < 500:
+        failures.append("choosing a watermark file did not change the preview (%d pixels)" % changed)
+
+
 def main():
     gimp = gimp_console()
-    tools = [shutil.which(t) for t in ("Xvfb", "xwininfo", "import", "identify")]
+    tools = [shutil.which(t) for t in ("Xvfb", "xwininfo", "import", "identify", "compare", "xdotool")]
     if not gimp or not all(tools):
-        print("SKIP: gimp-console, Xvfb, xwininfo or ImageMagick is missing (scripts/bootstrap installs them)")
+        print("SKIP: gimp-console, Xvfb, xwininfo, xdotool or ImageMagick is missing (scripts/bootstrap installs them)")
         return SKIP
     shutil.rmtree(TMP, ignore_errors=True)
     os.makedirs(os.path.join(TMP, "dialogs"))
     profile = make_profile(TMP, gimp, PLUGIN_DIR)
     picture = os.path.join(TMP, "in.png")
-    run([QVFILTER, "sample", picture, "--width", "480", "--height", "320"])
+    run([QVFILTER, "sample", picture, "--width", "2400", "--height", "1600"])
+    mark = os.path.join(TMP, "mark.png")
+    run([QVFILTER, "sample", mark, "--width", "900", "--height", "300"])
     filters = {f["name"]: f for f in json.loads(run([QVFILTER, "list", "--json"]).stdout)}
     provided = "QVFilterTextureComposite" if "QVFilterTextureComposite" in filters else "QVFilterBlur"
     if provided != "QVFilterTextureComposite":
         print("NOTE: the bundle has no QVFilterTextureComposite; showing the blur's own view instead")
     cases = [(provided, "provided"), ("QVFilterBorder", "generic")]
+    if "QVFilterWatermark" in filters:
+        cases.append(("QVFilterWatermark", "image-input"))
 
     # Interactive calls still pass every argument; the dialog starts from the remembered values
     # (none yet: the defaults).
@@ -69,12 +113,7 @@ def main():
                         " (%s RUN-INTERACTIVE img drw %s))" % (scheme_string(picture), procedure_name(name),
                                                                " ".join(args)))
 
-    # A display number nobody holds (a low one may belong to a desktop the plug-in cannot open).
-    number = next(n for n in range(90, 200)
-                  if not os.path.exists("/tmp/.X%d-lock" % n) and not os.path.exists("/tmp/.X11-unix/X%d" % n))
-    display = ":%d" % number
-    xvfb = subprocess.Popen(["Xvfb", display, "-screen", "0", "1280x900x24", "-nolisten", "tcp"],
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    xvfb, display = start_xvfb()
     deadline = time.time() + 30
     while run(["xwininfo", "-display", display, "-root"]).returncode and time.time() < deadline:
         time.sleep(0.2)
@@ -105,6 +144,8 @@ def main():
             # brings thousands.
             if colours < 1000:
                 failures.append("the dialog \"%s\" shows no preview (%d colours)" % (title, colours))
+            if kind == "image-input":
+                choose_watermark(display, window, mark, shot, failures)
             # Close the dialog by ending its plug-in process (a child of our gimp-console); the
             # batch goes on to the next command.
             for pid in os.listdir("/proc"):

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The GIMP plug-in, driven headless: one gimp-console run calls every filter's procedure
-through script-fu on a test picture, at 8-bit and at float precision, and saves each result;
+through script-fu on a test picture, at 8-bit, 16-bit (linear and perceptual) and float
+precision, and saves each result;
 each must equal `qvfilter apply` of the same filter and inputs under the golden tolerances.
 The same run checks that a selection limits the effect, that the recipe procedure equals
 `qvfilter run`, and that bad arguments give a PDB error naming the key without killing the
@@ -94,6 +95,19 @@ def pdb_inputs(info):
     return [Input(info, k) for k in keys if k != "inputImage" and k not in calculated]
 
 
+# The precisions every filter runs at: (name, conversion before the call, conversion back to the
+# 8-bit PNG that is compared).
+PRECISIONS = (
+    ("u8", "", ""),
+    ("u16-linear", "(gimp-image-convert-precision img PRECISION-U16-LINEAR)",
+     "(gimp-image-convert-precision img PRECISION-U8-GAMMA)"),
+    ("u16-gamma", "(gimp-image-convert-precision img PRECISION-U16-GAMMA)",
+     "(gimp-image-convert-precision img PRECISION-U8-GAMMA)"),
+    ("float", "(gimp-image-convert-precision img PRECISION-FLOAT-LINEAR)",
+     "(gimp-image-convert-precision img PRECISION-U8-GAMMA)"),
+)
+
+
 def main():
     gimp = gimp_console()
     if not gimp:
@@ -152,10 +166,7 @@ def main():
         r = run([QVFILTER, "apply", picture, ref, "-f", name] + cli)
         if r.returncode:
             fail("%s: qvfilter apply failed: %s" % (case, r.stderr.strip()))
-        for precision, before, after in (
-                ("u8", "", ""),
-                ("float", "(gimp-image-convert-precision img PRECISION-FLOAT-LINEAR)",
-                 "(gimp-image-convert-precision img PRECISION-U8-GAMMA)")):
+        for precision, before, after in PRECISIONS:
             out = os.path.join(TMP, "out", "%s-%s.png" % (case, precision))
             commands.append(
                 "(let* ((img " + copy + ")"
@@ -206,20 +217,30 @@ def main():
         " (file-png-save2 RUN-NONINTERACTIVE img drw %s \"out.png\" 0 9 0 0 0 0 0 0 0)"
         " (gimp-image-delete img))" % (scheme_string(recipe), scheme_string(recipe_out)))
 
-    # Bad arguments: a PDB error naming the key, and the plug-in still answers afterwards.
-    bad = [("inputRadius", "(plug-in-qvfilter-blur RUN-NONINTERACTIVE img drw -5.0 \"CIGaussianBlur\")"),
-           ("inputCenter", "(plug-in-qvfilter-bump-distortion RUN-NONINTERACTIVE img drw 3 #(0.5 0.5 0.5) 150.0 0.5)")]
+    # Bad arguments: a PDB error naming the key (with the words that say what is wrong), and the
+    # plug-in still answers afterwards.
+    bad = [("inputRadius", "(plug-in-qvfilter-blur RUN-NONINTERACTIVE img drw -5.0 \"CIGaussianBlur\")",
+            "inputRadius: -5 is out of range"),
+           ("inputRadius", "(plug-in-qvfilter-blur RUN-NONINTERACTIVE img drw 1e16 \"CIGaussianBlur\")",
+            "inputRadius expects a number from -1e15 to 1e15"),
+           ("inputCenter", "(plug-in-qvfilter-bump-distortion RUN-NONINTERACTIVE img drw 3 #(0.5 0.5 0.5) 150.0 0.5)",
+            "inputCenter expects 2 numbers")]
     for name in names:
         tex = [k for k in infos[name]["inputKeys"] if k.endswith("TextureName")]
         if tex:
             inputs = pdb_inputs(infos[name])
             args = " ".join(inp.args("no-such-texture" if inp.key == tex[0] else
                                      (mark if inp.kind == "image" else inp.default))[0] for inp in inputs)
-            bad.append((tex[0], "(%s RUN-NONINTERACTIVE img drw %s)" % (procedure(name), args)))
+            bad.append((tex[0], "(%s RUN-NONINTERACTIVE img drw %s)" % (procedure(name), args), tex[0]))
+            # A texture of a catalogue that no loaded plug-in has.
+            args = " ".join(inp.args("x-qvfilter-texture://org.example.elsewhere/paper" if inp.key == tex[0] else
+                                     (mark if inp.kind == "image" else inp.default))[0] for inp in inputs)
+            bad.append((tex[0], "(%s RUN-NONINTERACTIVE img drw %s)" % (procedure(name), args),
+                        "no loaded plug-in's catalogue"))
             break
     else:
         print("NOTE: no filter of the bundle takes a texture name; the unknown-texture error is not exercised")
-    for key, call in bad:
+    for key, call, _ in bad:
         commands.append("(let* ((img " + copy + ")"
                         " (drw (car (gimp-image-get-active-drawable img)))) %s (gimp-image-delete img))" % call)
     alive = os.path.join(TMP, "out", "after-errors.png")
@@ -235,7 +256,7 @@ def main():
     argv += ["-b", "(gimp-quit 0)"]
     env = dict(os.environ, GIMP2_DIRECTORY=profile, LC_ALL="C")
     start = time.time()
-    r = run(argv, env=env, cwd=TMP, timeout=600)
+    r = run(argv, env=env, cwd=TMP, timeout=1700)
     print("gimp-console took %.1f s" % (time.time() - start))
     log = r.stdout + r.stderr
     with open(os.path.join(TMP, "gimp-console.log"), "w") as f:
@@ -243,7 +264,7 @@ def main():
     print("gimp-console: %d batch commands in %.1f s" % (len(commands), time.time() - start))
 
     for case, name, _, _ in cases:
-        for precision in ("u8", "float"):
+        for precision, _, _ in PRECISIONS:
             out = os.path.join(TMP, "out", "%s-%s.png" % (case, precision))
             if not os.path.exists(out):
                 fail("%s at %s: GIMP saved no result" % (case, precision))
@@ -269,9 +290,9 @@ def main():
     print("recipe:", c.stdout.strip())
     if c.returncode:
         fail("recipe procedure: " + c.stdout.strip() + c.stderr.strip())
-    for key, call in bad:
-        if key not in log or "failed" not in log:
-            fail("no PDB error naming %s for %s" % (key, call))
+    for key, call, words in bad:
+        if key not in log or words not in log or "failed" not in log:
+            fail("no PDB error naming %s (\"%s\") for %s" % (key, words, call))
     if not os.path.exists(alive):
         fail("the plug-in did not answer after the bad calls")
     for word in ("crashed", "terminated", "Segmentation", "wire read"):
@@ -280,7 +301,7 @@ def main():
     if failures:
         print("\n%d failures; GIMP's log: %s" % (len(failures), os.path.join(TMP, "gimp-console.log")))
         return 1
-    print("all %d cases match" % (2 * len(cases)))
+    print("all %d cases match" % (len(PRECISIONS) * len(cases)))
     return 0
 
 

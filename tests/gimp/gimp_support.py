@@ -1,8 +1,12 @@
-"""What the GIMP tests share: finding gimp-console, a private GIMP folder under the build tree
-that shows GIMP only the plug-ins a run needs, and script-fu text helpers."""
+"""What the GIMP tests and benchmarks share: finding gimp-console, a private GIMP folder under the
+build tree that shows GIMP only the plug-ins a run needs, script-fu text helpers and a client of
+script-fu's server."""
 import os
 import shutil
+import socket
+import struct
 import subprocess
+import time
 
 SKIP = 77
 
@@ -48,3 +52,66 @@ def procedure_name(filter_name):
             out += "-"
         out += ch.lower()
     return "plug-in-qvfilter-" + out
+
+
+class ScriptFu:
+    """A client of script-fu's server: 'G', a 16-bit length and the command; the answer is 'G',
+    an error byte, a 16-bit length and the text."""
+
+    def __init__(self, port, deadline, timeout=120):
+        while True:
+            try:
+                self.sock = socket.create_connection(("127.0.0.1", port), timeout=timeout)
+                return
+            except OSError:
+                if time.time() > deadline:
+                    raise
+                time.sleep(0.5)
+
+    def __call__(self, command):
+        data = command.encode()
+        self.sock.sendall(b"G" + struct.pack(">H", len(data)) + data)
+        head = self._read(4)
+        if head[:1] != b"G":
+            raise RuntimeError("script-fu server answered %r" % head)
+        text = self._read(struct.unpack(">H", head[2:4])[0]).decode(errors="replace")
+        if head[1]:
+            raise RuntimeError("script-fu: %s -> %s" % (command, text))
+        return text
+
+    def _read(self, n):
+        out = b""
+        while len(out) < n:
+            chunk = self.sock.recv(n - len(out))
+            if not chunk:
+                raise RuntimeError("script-fu server closed the connection")
+            out += chunk
+        return out
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def start_xvfb(timeout=30):
+    """A private Xvfb on a display number nobody holds, tried at random among many so that tests
+    running side by side do not race for one (Xvfb refuses a number whose lock is taken).
+    Returns (process, ":N")."""
+    import random
+    for number in random.sample(range(100, 1000), 20):
+        if os.path.exists("/tmp/.X%d-lock" % number) or os.path.exists("/tmp/.X11-unix/X%d" % number):
+            continue
+        display = ":%d" % number
+        proc = subprocess.Popen(["Xvfb", display, "-screen", "0", "1280x900x24", "-nolisten", "tcp"],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.time() + timeout
+        while proc.poll() is None and time.time() < deadline:
+            if run(["xwininfo", "-display", display, "-root"]).returncode == 0:
+                return proc, display
+            time.sleep(0.2)
+        if proc.poll() is None:
+            proc.kill()
+        proc.wait()
+    raise RuntimeError("Xvfb did not start on any display tried")

@@ -94,3 +94,31 @@ TEST(ColumnCarry, FileWrittenInStripsEqualsOneRender) {
   EXPECT_EQ(renderRGBA8(back, back.extent()), renderRGBA8(blurred, img.extent(), tiles(8192, 1)));
   std::filesystem::remove(path);
 }
+
+TEST(ColumnCarry, StripsOfOneRendererEqualOneRender) {
+  // A blur whose support spans several strips; strips of at least 20 rows over tiles of 16
+  // (so whole tile rows of 32) and a last, shorter strip.
+  const CIImage img = makeTestImageWithAlpha(80, 150, CGPointMake(2, -5), 7);
+  const CIImage blurred = filtered("CIGaussianBlur", clamped(img), kCIInputRadiusKey, Value(12.0));
+  const CGRect rect = CGRectMake(2, -5, 80, 150);
+  const auto whole = renderRGBAf(blurred, rect, tiles(8192, 1));
+  for (int threads : {1, 2}) {
+    SCOPED_TRACE(threads);
+    std::vector<float> strips(whole.size(), -1.0f);
+    std::int64_t next = 0;
+    int calls = 0;
+    CIContext(tiles(16, threads))
+        .renderStrips(blurred, rect, CIRenderFormat::RGBAf, 20,
+                      [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t top, std::int64_t height) {
+                        EXPECT_EQ(top, next);  // top down, no gaps
+                        EXPECT_EQ(rowBytes, 80 * 16);
+                        const auto* p = static_cast<const float*>(pixels);
+                        std::copy(p, p + height * 80 * 4, strips.begin() + top * 80 * 4);
+                        next = top + height;
+                        ++calls;
+                      });
+    EXPECT_EQ(next, 150);
+    EXPECT_EQ(calls, 5);  // 4 strips of 32 rows and one of 22
+    EXPECT_TRUE(bitwiseEqual(whole, strips)) << "max difference " << maxAbsDifference(whole, strips);
+  }
+}
