@@ -1,6 +1,8 @@
 #include "CoreImage/Render/StripCache.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 
 #include "CoreImage/CIContext.h"
 #include "ImageIO/CGImageSource.h"
@@ -22,6 +24,13 @@ StripCache::StripCache(Opener open, std::string what, std::size_t width, std::si
       bytesPerRow_(width * 4 * std::size_t(bitsPerComponent / 8)),
       stripCount_((height + kStripRows - 1) / kStripRows),
       budget_(budgetBytes) {}
+
+StripCache::~StripCache() {
+  if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
+  const Stats s = stats();
+  std::fprintf(stderr, "strip cache of %s: %zu opens, %zu of %zu strips decoded, peak %.1f MB\n", what_.c_str(), s.opens,
+               s.stripsDecoded, stripCount_, double(s.peakBytes) / 1048576.0);
+}
 
 StripCache::Stats StripCache::stats() const {
   std::lock_guard lock(cacheMutex_);

@@ -38,6 +38,8 @@ class StripCache {
   // `what` names the image in error messages ("cannot decode <what>: ...").
   StripCache(Opener open, std::string what, std::size_t width, std::size_t height, int bitsPerComponent,
              std::size_t budgetBytes = defaultBudget());
+  // With QV_STRIP_CACHE_STATS set in the environment, prints its Stats on stderr (benchmarks).
+  ~StripCache();
 
   // Hands rows [first, first + count) to `use` top-down: use(row, its pixels). Throws
   // CIRenderError when the file cannot be decoded, naming the rows where it breaks.
