@@ -39,8 +39,9 @@ StripCache::Stats StripCache::stats() const {
 
 std::size_t StripCache::capacityStrips() const {
   const std::size_t byBudget = budget_ / std::max<std::size_t>(bytesPerRow_ * kStripRows, 1);
-  // Room for two workers' requests and what is decoded ahead of them, whatever the budget.
-  return std::max<std::size_t>({byBudget, 4 * largestRequest_.load() + 4, 8});
+  // Whatever the budget, room for the largest request twice (the workers read the same rows at
+  // about the same time, one possibly a request behind) and what is decoded ahead.
+  return std::max<std::size_t>({byBudget, 2 * largestRequest_.load() + 4, 8});
 }
 
 void StripCache::forEachRow(std::size_t first, std::size_t count,
@@ -157,5 +158,5 @@ void StripCache::decodeAhead(std::size_t lastIndex, std::size_t strips) const {
 
 void StripCache::fail() const {
   failed_ = true;
-  throw CIRenderError(failure_);
+  throw CIImageDecodeError(failure_);
 }

@@ -42,7 +42,7 @@ class StripCache {
   ~StripCache();
 
   // Hands rows [first, first + count) to `use` top-down: use(row, its pixels). Throws
-  // CIRenderError when the file cannot be decoded, naming the rows where it breaks.
+  // CIImageDecodeError when the file cannot be decoded, naming the rows where it breaks.
   void forEachRow(std::size_t first, std::size_t count,
                   const std::function<void(std::size_t row, const std::uint8_t* pixels)>& use) const;
 
