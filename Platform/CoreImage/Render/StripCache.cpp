@@ -8,7 +8,7 @@
 #include "ImageIO/CGImageSource.h"
 
 namespace {
-std::atomic<std::size_t> gDefaultBudget{std::size_t{16} << 20};
+std::atomic<std::size_t> gDefaultBudget{std::size_t{12} << 20};
 }  // namespace
 
 std::size_t StripCache::defaultBudget() { return gDefaultBudget.load(); }
@@ -99,11 +99,15 @@ std::shared_ptr<const StripCache::Strip> StripCache::strip(std::size_t index, st
 }
 
 void StripCache::position(std::size_t index, std::size_t lastIndex) const {
-  // The first strip worth decoding for a request that ends at lastIndex: half the cache above
-  // its end, so that a consumer moving upwards finds the rows it asks for next.
+  // The first strip worth decoding. Where the reader must start again above the strip it
+  // started at last time, the consumer moves upwards: half the cache above the end of its
+  // request, so that it finds the rows it asks for next. Otherwise (the first request, or a
+  // worker that fell behind the others on the way down): from the request's own first strip.
   const std::size_t half = capacityStrips() / 2;
-  const std::size_t windowFirst = std::min(index, lastIndex + 1 > half ? lastIndex + 1 - half : 0);
+  const bool upwards = reader_ && index < restartedAt_;
+  const std::size_t windowFirst = upwards ? std::min(index, lastIndex + 1 > half ? lastIndex + 1 - half : 0) : index;
   const std::size_t at = reader_ ? reader_->nextRow() / kStripRows : 0;
+  if (!reader_ || at > index) restartedAt_ = windowFirst;
   if (reader_ && at > index && reader_->rewind()) {
     // A reader holding the whole image starts again for free.
   } else if (!reader_ || at > index) {

@@ -1,13 +1,15 @@
 // StripCache: the rows of an image file, decoded on demand by a sequential row reader and kept
 // in a bounded cache of strips that every tile and thread of one render shares.
 //
-// The reader decodes top-down. A request for rows below its position decodes forward to them
-// (skipping, without decoding pixels, what lies more than half the cache below). A request for
+// The reader decodes top-down. A request for rows below its position decodes forward to them,
+// skipping the rows in between without decoding their pixels. A request for
 // rows above its position that the cache no longer holds restarts the reader from the top of
-// the file, skips in the compressed domain to a window of half the cache that ends at the last
-// row of the request, and decodes that window: a consumer that walks the file upwards (a
-// vertical flip, a reflection, a half-turn) then finds the rows above in the cache and pays
-// one restart per half cache of rows, not one per tile. The cache is bounded by its byte
+// the file and skips in the compressed domain (which costs only the entropy decoding) to the
+// rows worth decoding: for a restart above the previous one, a window of half the cache that
+// ends at the last row of the request, so that a consumer walking the file upwards (a vertical
+// flip, a reflection, a half-turn) finds the rows above in the cache and pays one restart per
+// half cache of rows, not one per tile; for a worker that fell behind the others, its own rows.
+// (Keeping the whole decoded file instead would cost 4 bytes a pixel, 96 MB for 24 MP.) The cache is bounded by its byte
 // budget (least recently used strips go first), grown only as far as the largest request
 // needs.
 //
@@ -56,7 +58,7 @@ class StripCache {
   };
   Stats stats() const;
 
-  // The byte budget of caches made from now on (16 MiB unless set); tests shrink it to make
+  // The byte budget of caches made from now on (12 MiB unless set); tests shrink it to make
   // evictions and restarts happen on small images.
   static std::size_t defaultBudget();
   static void setDefaultBudget(std::size_t bytes);
@@ -88,6 +90,7 @@ class StripCache {
 
   mutable std::mutex decodeMutex_;  // guards reader_ and failure_
   mutable std::unique_ptr<CGImageSourceRowReader> reader_;
+  mutable std::size_t restartedAt_ = 0;  // the strip the reader was last positioned at on a restart
   mutable std::string failure_;
   mutable std::atomic<bool> failed_{false};
 
