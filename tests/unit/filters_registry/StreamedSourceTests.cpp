@@ -1,8 +1,8 @@
 // Every filter of the bundle with its defaults renders the same pixels, bit for bit, from a file
 // decoded on demand in strips (small tiles, two threads, a strip cache far smaller than the
 // picture) as from the whole picture decoded first into memory (one tile, one thread): on a
-// JPEG, on a PNG with alpha and on a JPEG with an EXIF orientation (whose stored pixels both
-// read).
+// JPEG, on a PNG with alpha, on a JPEG with an EXIF orientation (whose stored pixels both
+// read) and on a WebP (which its reader holds whole and rewinds for rows far apart).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -39,15 +39,16 @@ struct Picture {
   CGImageRef whole;
 };
 
-// The three pictures, written once per test program.
+// The pictures, written once per test program.
 const std::vector<Picture>& pictures() {
   static const std::vector<Picture> all = [] {
     std::vector<Picture> p;
     const auto dir = streamTestDir();
-    const std::pair<std::string, int> files[] = {{"stream.jpg", 1}, {"stream-alpha.png", 1}, {"stream-oriented.jpg", 6}};
+    const std::pair<std::string, int> files[] = {{"stream.jpg", 1}, {"stream-alpha.png", 1}, {"stream-oriented.jpg", 6},
+                                                   {"stream-alpha.webp", 1}};
     for (const auto& [name, orientation] : files) {
       const std::string path = (dir / name).string();
-      writePicture(grainyPicture(260, 190, name.ends_with(".png")), path, orientation);
+      writePicture(grainyPicture(260, 190, !name.ends_with(".jpg")), path, orientation);
       p.push_back({path, CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0)});
     }
     return p;
