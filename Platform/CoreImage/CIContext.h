@@ -19,6 +19,13 @@ class CIRenderError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A render that failed because an image file it reads cannot be decoded (damaged or cut
+// short); the message names the file and the rows where its data breaks.
+class CIImageDecodeError : public CIRenderError {
+ public:
+  using CIRenderError::CIRenderError;
+};
+
 enum class CIRenderFormat {
   RGBA8,   // sRGB-encoded (or raw when colour management is off), straight alpha
   RGBA16,  // as RGBA8, 16 bits per component

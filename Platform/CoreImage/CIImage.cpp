@@ -91,7 +91,7 @@ CIImage CIImage::emptyImage() {
 
 CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
   // The header is read now (size, and whether the file is an image at all); pixels are decoded
-  // on first render. The file's EXIF orientation is not applied: the image is the stored
+  // as tiles read them. The file's EXIF orientation is not applied: the image is the stored
   // pixels, as the platform's image-from-file does without an orientation option.
   auto src = CGImageSourceCreateWithURL(path);
   if (!src || CGImageSourceGetCount(src) < 1) return {};
@@ -100,7 +100,8 @@ CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
   if (w == props.end() || h == props.end()) return {};
   const std::int64_t width = w->second.integerValue(), height = h->second.integerValue();
   if (width <= 0 || height <= 0) return {};
-  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height)));
+  const std::int64_t depth = props.count(kCGImagePropertyDepth) ? props.at(kCGImagePropertyDepth).integerValue() : 8;
+  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8));
 }
 
 CIImage CIImage::imageWithImageProvider(std::shared_ptr<CIImageProvider> provider, std::size_t width,

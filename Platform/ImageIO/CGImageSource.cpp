@@ -232,6 +232,19 @@ class CGImageSource {
     return false;
   }
 
+  std::unique_ptr<RowReader> openRowReader(std::string& error) const {
+    const std::uint8_t* d = bytes_.data();
+    const std::size_t n = bytes_.size();
+    switch (format_) {
+      case Format::JPEG: return openJPEGRowReader(d, n, error);
+      case Format::PNG: return openPNGRowReader(d, n, error);
+      case Format::WebP:
+        return openWholeImageRowReader(
+            [&](RowSink& sink, std::string& e) { return decodeWebP(d, n, DecodeRequest{}, sink, e); }, error);
+    }
+    return nullptr;
+  }
+
   void setError(std::string e) {
     std::lock_guard<std::mutex> lock(mutex_);
     lastError_ = std::move(e);
@@ -492,4 +505,95 @@ bool CGImageSourceDecodeStripsAtIndex(const CGImageSourceRef& source, std::size_
   }
   source->setError("");
   return true;
+}
+
+// ---- Row readers ----
+
+namespace imageio_detail {
+
+bool RowReader::skip(std::size_t count, std::string& error) {
+  std::vector<std::uint8_t> row(width * 4 * std::size_t(bitsPerComponent / 8));
+  for (std::size_t i = 0; i < count; ++i)
+    if (!read(row.data(), 1, row.size(), error)) return false;
+  return true;
+}
+
+namespace {
+
+// Holds a whole decoded image and hands out its rows.
+class WholeImageRowReader final : public RowReader {
+ public:
+  explicit WholeImageRowReader(std::shared_ptr<CGImage> image) : image_(std::move(image)) {
+    width = image_->width;
+    height = image_->height;
+    bitsPerComponent = image_->bitsPerComponent;
+    wholeImage = true;
+  }
+  bool read(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) override {
+    if (count > height - nextRow) {
+      error = "rows past the end of the image";
+      return false;
+    }
+    for (std::size_t i = 0; i < count; ++i)
+      std::memcpy(rows + i * bytesPerRow, image_->row(nextRow + i), image_->bytesPerRow);
+    nextRow += count;
+    return true;
+  }
+  bool skip(std::size_t count, std::string& error) override {
+    if (count > height - nextRow) {
+      error = "rows past the end of the image";
+      return false;
+    }
+    nextRow += count;
+    return true;
+  }
+  bool rewind() override {
+    nextRow = 0;
+    return true;
+  }
+
+ private:
+  std::shared_ptr<CGImage> image_;
+};
+
+}  // namespace
+
+std::unique_ptr<RowReader> openWholeImageRowReader(const std::function<bool(RowSink&, std::string&)>& decode,
+                                                   std::string& error) {
+  ImageSink sink;
+  if (!decode(sink, error)) return nullptr;
+  auto image = sink.take();
+  if (!image) {
+    error = "out of memory";
+    return nullptr;
+  }
+  return std::make_unique<WholeImageRowReader>(std::move(image));
+}
+
+}  // namespace imageio_detail
+
+CGImageSourceRowReader::CGImageSourceRowReader(CGImageSourceRef source, std::unique_ptr<RowReader> reader)
+    : source_(std::move(source)), reader_(std::move(reader)) {}
+CGImageSourceRowReader::~CGImageSourceRowReader() = default;
+std::size_t CGImageSourceRowReader::width() const { return reader_->width; }
+std::size_t CGImageSourceRowReader::height() const { return reader_->height; }
+int CGImageSourceRowReader::bitsPerComponent() const { return reader_->bitsPerComponent; }
+bool CGImageSourceRowReader::wholeImage() const { return reader_->wholeImage; }
+std::size_t CGImageSourceRowReader::nextRow() const { return reader_->nextRow; }
+bool CGImageSourceRowReader::readRows(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow) {
+  return reader_->read(rows, count, bytesPerRow, error_);
+}
+bool CGImageSourceRowReader::skipRows(std::size_t count) { return reader_->skip(count, error_); }
+bool CGImageSourceRowReader::rewind() { return reader_->rewind(); }
+
+std::unique_ptr<CGImageSourceRowReader> CGImageSourceCreateRowReaderAtIndex(const CGImageSourceRef& source,
+                                                                            std::size_t index) {
+  if (!checkIndex(source, index)) return nullptr;
+  std::string error;
+  auto reader = source->openRowReader(error);
+  if (!reader) {
+    source->setError(error.empty() ? "cannot decode the image" : error);
+    return nullptr;
+  }
+  return std::make_unique<CGImageSourceRowReader>(source, std::move(reader));
 }

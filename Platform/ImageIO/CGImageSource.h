@@ -22,6 +22,9 @@
 
 class CGImageSource;
 using CGImageSourceRef = std::shared_ptr<CGImageSource>;
+namespace imageio_detail {
+class RowReader;
+}
 
 // Property keys of CGImageSourceCopyPropertiesAtIndex.
 inline constexpr char kCGImagePropertyPixelWidth[] = "PixelWidth";    // integer
@@ -109,3 +112,40 @@ struct CGImageSourceStrip {
 using CGImageSourceStripConsumer = std::function<bool(const CGImageSourceStrip&)>;
 bool CGImageSourceDecodeStripsAtIndex(const CGImageSourceRef& source, std::size_t index,
                                       const CGImageSourceStripConsumer& consumer);
+
+// Decoding driven by the caller: image `index` read top-down, a few rows at a time, with the
+// decoder's state kept between calls (RGBA, straight alpha, 8 or 16 bits as
+// CGImageSourceDecodeStripsAtIndex hands them out; not oriented). JPEG goes through libjpeg's
+// scanline interface and skips rows in the compressed domain; non-interlaced PNG is read row
+// by row. Interlaced PNG and WebP cannot be decoded in part: their reader decodes the whole
+// image when it is created and holds it (wholeImage() answers true). A reader keeps its source
+// alive and is used by one thread at a time.
+class CGImageSourceRowReader {
+ public:
+  CGImageSourceRowReader(CGImageSourceRef source, std::unique_ptr<imageio_detail::RowReader> reader);
+  ~CGImageSourceRowReader();
+  std::size_t width() const;
+  std::size_t height() const;
+  int bitsPerComponent() const;
+  std::size_t bytesPerRow() const { return width() * 4 * std::size_t(bitsPerComponent() / 8); }
+  bool wholeImage() const;
+  // The row the next read or skip starts at.
+  std::size_t nextRow() const;
+  // Decodes the next `count` rows into `rows`, bytesPerRow apart. False on a decode failure,
+  // with the reason (naming the rows where the data breaks) in error(); the reader is then
+  // finished.
+  bool readRows(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow);
+  // Moves past the next `count` rows without producing them.
+  bool skipRows(std::size_t count);
+  // Goes back to row 0 where that costs no decoding (wholeImage()); false otherwise.
+  bool rewind();
+  const std::string& error() const { return error_; }
+
+ private:
+  CGImageSourceRef source_;
+  std::unique_ptr<imageio_detail::RowReader> reader_;
+  std::string error_;
+};
+// Null on failure, with the reason in CGImageSourceGetLastError.
+std::unique_ptr<CGImageSourceRowReader> CGImageSourceCreateRowReaderAtIndex(const CGImageSourceRef& source,
+                                                                            std::size_t index);

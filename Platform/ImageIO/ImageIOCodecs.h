@@ -5,6 +5,8 @@
 #include <csetjmp>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -51,6 +53,36 @@ bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::s
 bool readWebPHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error);
 bool decodeWebP(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
                 std::string& error);
+
+// A decoder driven by its caller: rows come out top-down, as many at a time as asked for (RGBA,
+// straight alpha, at `bitsPerComponent` 8 or 16, not oriented). The state persists between
+// calls, so that a consumer can decode an image strip by strip while it works on the strips it
+// already has. After a failure the reader is finished: every later call fails with the same
+// reason.
+class RowReader {
+ public:
+  virtual ~RowReader() = default;
+  std::size_t width = 0, height = 0;
+  int bitsPerComponent = 8;
+  // The row the next read or skip starts at.
+  std::size_t nextRow = 0;
+  // Whether the reader holds the whole decoded image (formats without a partial decode).
+  bool wholeImage = false;
+  // Decodes rows [nextRow, nextRow + count) into `rows`, bytesPerRow apart.
+  virtual bool read(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) = 0;
+  // Moves past `count` rows without producing them (more cheaply than reading where the format
+  // allows).
+  virtual bool skip(std::size_t count, std::string& error);
+  // Goes back to row 0 where that costs no decoding (a reader holding the whole image).
+  virtual bool rewind() { return false; }
+};
+
+// Each returns null with a one-line reason in `error`.
+std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error);
+std::unique_ptr<RowReader> openPNGRowReader(const std::uint8_t* data, std::size_t size, std::string& error);
+// Decodes the whole image at once through the sink-driven `decode` and hands out its rows.
+std::unique_ptr<RowReader> openWholeImageRowReader(const std::function<bool(RowSink&, std::string&)>& decode,
+                                                   std::string& error);
 
 // Helpers shared by the decoders.
 std::uint64_t maximumPixelCount();

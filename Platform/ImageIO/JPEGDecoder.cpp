@@ -196,8 +196,10 @@ enum class DecodeStatus { OK, ZeroSize, OverLimit, TooLittleData, Unsupported, S
 // arrays are sized by it. (Arithmetic coding has no such floor.)
 constexpr std::uint64_t kMaximumPixelsPerByte = 1024;
 
-// The guarded part of a decode: trivially destructible locals only.
-DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t size, int denom, RowSink& sink) {
+// Reads the header and starts the decompressor at a DCT scale of 1/denom, with RGBA (or CMYK,
+// converted per row) output. Guarded: trivially destructible locals only.
+DecodeStatus startBody(Decompressor& d, const std::uint8_t* data, std::size_t size, int denom, bool& cmyk,
+                       bool& inverted) {
   openDecompressor(d, data, size);
   jpeg_read_header(&d.cinfo, TRUE);
   jpeg_decompress_struct& c = d.cinfo;
@@ -205,13 +207,21 @@ DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t s
   if (exceedsPixelLimit(c.image_width, c.image_height)) return DecodeStatus::OverLimit;
   if (!c.arith_code && std::uint64_t{c.image_width} * c.image_height > kMaximumPixelsPerByte * size)
     return DecodeStatus::TooLittleData;
-  const bool cmyk = c.jpeg_color_space == JCS_CMYK || c.jpeg_color_space == JCS_YCCK;
-  const bool inverted = cmyk && c.saw_Adobe_marker;
+  cmyk = c.jpeg_color_space == JCS_CMYK || c.jpeg_color_space == JCS_YCCK;
+  inverted = cmyk && c.saw_Adobe_marker;
   c.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
   c.scale_num = 1;
   c.scale_denom = (denom == 2 || denom == 4 || denom == 8) ? static_cast<unsigned>(denom) : 1;
   jpeg_start_decompress(&c);
   if (c.output_components != 4) return DecodeStatus::Unsupported;
+  return DecodeStatus::OK;
+}
+
+// The guarded part of a decode: trivially destructible locals only.
+DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t size, int denom, RowSink& sink) {
+  bool cmyk = false, inverted = false;
+  if (const DecodeStatus s = startBody(d, data, size, denom, cmyk, inverted); s != DecodeStatus::OK) return s;
+  jpeg_decompress_struct& c = d.cinfo;
   const std::size_t width = c.output_width, height = c.output_height;
   if (!sink.begin(width, height, 8)) return DecodeStatus::Stopped;
   std::size_t strip = sink.maxStripRows();
@@ -247,6 +257,108 @@ DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t s
 
 }  // namespace
 
+namespace {
+
+std::string statusText(const Decompressor& d, DecodeStatus status, std::size_t size) {
+  switch (status) {
+    case DecodeStatus::OK: return "";
+    case DecodeStatus::ZeroSize: return "corrupt JPEG: zero image size";
+    case DecodeStatus::OverLimit: return checkPixelLimit(d.cinfo.image_width, d.cinfo.image_height);
+    case DecodeStatus::TooLittleData:
+      return "corrupt JPEG: " + std::to_string(d.cinfo.image_width) + " x " + std::to_string(d.cinfo.image_height) +
+             " pixels cannot be coded in " + std::to_string(size) + " bytes";
+    case DecodeStatus::Unsupported: return "unsupported JPEG colour space";
+    case DecodeStatus::Stopped: return "stopped";
+    case DecodeStatus::NoRows: return "corrupt JPEG: no rows decoded";
+  }
+  return "";
+}
+
+// Reads a JPEG through libjpeg's scanline interface, keeping the decompressor between calls.
+// Progressive files are the exception to streaming inside libjpeg: starting the decompressor
+// reads every scan into whole-image coefficient buffers.
+class JPEGRowReader final : public RowReader {
+ public:
+  bool open(const std::uint8_t* data, std::size_t size, std::string& error) {
+    DecodeStatus status = DecodeStatus::OK;
+    if (!runGuarded(d_.err.jump, [&] { status = startBody(d_, data, size, 1, cmyk_, inverted_); })) {
+      error = std::string("corrupt JPEG: ") + d_.err.message;
+      return false;
+    }
+    if (status != DecodeStatus::OK) {
+      error = statusText(d_, status, size);
+      return false;
+    }
+    width = d_.cinfo.output_width;
+    height = d_.cinfo.output_height;
+    bitsPerComponent = 8;
+    return true;
+  }
+
+  bool read(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) override {
+    if (!check(count, error)) return false;
+    std::size_t done = 0;
+    const bool ok = runGuarded(d_.err.jump, [&] {
+      JSAMPROW pointers[32];
+      while (done < count) {
+        const std::size_t n = count - done < 32 ? count - done : 32;
+        for (std::size_t i = 0; i < n; ++i) pointers[i] = rows + (done + i) * bytesPerRow;
+        const JDIMENSION got = jpeg_read_scanlines(&d_.cinfo, pointers, static_cast<JDIMENSION>(n));
+        if (got == 0) break;
+        done += got;
+      }
+    });
+    if (!ok || done < count) return fail(ok ? "corrupt JPEG: no rows decoded" : std::string("corrupt JPEG: ") + d_.err.message,
+                                         count, error);
+    if (cmyk_)
+      for (std::size_t i = 0; i < count; ++i) cmykRowsToRGBA(rows + i * bytesPerRow, width, inverted_);
+    nextRow += count;
+    return true;
+  }
+
+  bool skip(std::size_t count, std::string& error) override {
+    if (!check(count, error)) return false;
+    std::size_t done = 0;
+    const bool ok = runGuarded(d_.err.jump, [&] {
+      while (done < count) {
+        const JDIMENSION got = jpeg_skip_scanlines(&d_.cinfo, static_cast<JDIMENSION>(count - done));
+        if (got == 0) break;
+        done += got;
+      }
+    });
+    if (!ok || done < count) return fail(ok ? "corrupt JPEG: no rows decoded" : std::string("corrupt JPEG: ") + d_.err.message,
+                                         count, error);
+    nextRow += count;
+    return true;
+  }
+
+ private:
+  bool check(std::size_t count, std::string& error) {
+    if (!failure_.empty()) {
+      error = failure_;
+      return false;
+    }
+    if (count > height - nextRow) {
+      error = "rows past the end of the image";
+      return false;
+    }
+    return true;
+  }
+  // The reason, with the rows being decoded when the data broke off.
+  bool fail(const std::string& reason, std::size_t count, std::string& error) {
+    failure_ = reason + " (in rows " + std::to_string(nextRow) + "-" + std::to_string(nextRow + count - 1) + " of " +
+               std::to_string(height) + ")";
+    error = failure_;
+    return false;
+  }
+
+  Decompressor d_;
+  bool cmyk_ = false, inverted_ = false;
+  std::string failure_;
+};
+
+}  // namespace
+
 bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
                 std::string& error) {
   Decompressor d;
@@ -255,19 +367,15 @@ bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest&
     error = std::string("corrupt JPEG: ") + d.err.message;
     return false;
   }
-  switch (status) {
-    case DecodeStatus::OK: return true;
-    case DecodeStatus::ZeroSize: error = "corrupt JPEG: zero image size"; break;
-    case DecodeStatus::OverLimit: error = checkPixelLimit(d.cinfo.image_width, d.cinfo.image_height); break;
-    case DecodeStatus::TooLittleData:
-      error = "corrupt JPEG: " + std::to_string(d.cinfo.image_width) + " x " + std::to_string(d.cinfo.image_height) +
-              " pixels cannot be coded in " + std::to_string(size) + " bytes";
-      break;
-    case DecodeStatus::Unsupported: error = "unsupported JPEG colour space"; break;
-    case DecodeStatus::Stopped: error = "stopped"; break;
-    case DecodeStatus::NoRows: error = "corrupt JPEG: no rows decoded"; break;
-  }
+  if (status == DecodeStatus::OK) return true;
+  error = statusText(d, status, size);
   return false;
+}
+
+std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error) {
+  auto reader = std::make_unique<JPEGRowReader>();
+  if (!reader->open(data, size, error)) return nullptr;
+  return reader;
 }
 
 }  // namespace imageio_detail

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <png.h>
 
@@ -139,8 +140,9 @@ void fillHeaderInfo(const RawHeader& raw, HeaderInfo& info) {
 
 enum class DecodeStatus { OK, OverLimit, Unsupported, Stopped };
 
-// The guarded part of a decode: trivially destructible locals only.
-DecodeStatus decodeBody(ReadStruct& s, RowSink& sink, RawHeader& raw) {
+// Reads the header and sets up RGBA output at 8 or 16 bits; `passes` is 1 unless the file is
+// interlaced. Guarded: trivially destructible locals only.
+DecodeStatus startBody(ReadStruct& s, RawHeader& raw, int& passes) {
   readRawHeader(s, raw);
   const png_uint_32 w = raw.width, h = raw.height;
   if (exceedsPixelLimit(w, h)) return DecodeStatus::OverLimit;
@@ -156,10 +158,19 @@ DecodeStatus decodeBody(ReadStruct& s, RowSink& sink, RawHeader& raw) {
     std::memcpy(&first, &probe, 1);
     if (first == 1) png_set_swap(s.png);  // PNG stores big-endian samples
   }
-  const int passes = png_set_interlace_handling(s.png);
+  passes = png_set_interlace_handling(s.png);
   png_read_update_info(s.png, s.info);
   const std::size_t bytesPerPixel = sixteen ? 8 : 4;
   if (png_get_rowbytes(s.png, s.info) != std::size_t{w} * bytesPerPixel) return DecodeStatus::Unsupported;
+  return DecodeStatus::OK;
+}
+
+// The guarded part of a decode: trivially destructible locals only.
+DecodeStatus decodeBody(ReadStruct& s, RowSink& sink, RawHeader& raw) {
+  int passes = 1;
+  if (const DecodeStatus status = startBody(s, raw, passes); status != DecodeStatus::OK) return status;
+  const png_uint_32 w = raw.width, h = raw.height;
+  const bool sixteen = raw.bitDepth == 16;
   if (!sink.begin(w, h, sixteen ? 16 : 8)) return DecodeStatus::Stopped;
   if (passes > 1) {
     // Interlaced: every pass touches every row, so the whole image is needed at once.
@@ -204,6 +215,90 @@ bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info,
   fillHeaderInfo(raw, info);
   error = checkPixelLimit(info.width, info.height);
   return error.empty();
+}
+
+namespace {
+
+// Reads a non-interlaced PNG row by row through png_read_row, keeping libpng's state between
+// calls. (An interlaced file spreads every row over seven passes, so it is decoded whole; see
+// openPNGRowReader.)
+class PNGRowReader final : public RowReader {
+ public:
+  // False with `error` set on failure; false with `error` empty when the file is interlaced.
+  bool open(const std::uint8_t* data, std::size_t size, std::string& error) {
+    if (const std::string problem = chunkLengthProblem(data, size); !problem.empty()) {
+      error = "corrupt PNG: " + problem;
+      return false;
+    }
+    if (!imageio_detail::open(s_, data, size)) {
+      error = "out of memory";
+      return false;
+    }
+    RawHeader raw;
+    DecodeStatus status = DecodeStatus::OK;
+    int passes = 1;
+    if (!runGuarded(png_jmpbuf(s_.png), [&] { status = startBody(s_, raw, passes); })) {
+      error = std::string("corrupt PNG: ") + s_.reader.message;
+      return false;
+    }
+    switch (status) {
+      case DecodeStatus::OK: break;
+      case DecodeStatus::OverLimit: error = checkPixelLimit(raw.width, raw.height); return false;
+      default: error = "unsupported PNG layout"; return false;
+    }
+    if (passes > 1) return false;
+    width = raw.width;
+    height = raw.height;
+    bitsPerComponent = raw.bitDepth == 16 ? 16 : 8;
+    return true;
+  }
+
+  bool read(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) override {
+    return advance(rows, count, bytesPerRow, error);
+  }
+  bool skip(std::size_t count, std::string& error) override {
+    // Every row must be inflated and unfiltered anyway (filters refer to the row above).
+    if (scratch_.empty()) scratch_.resize(width * std::size_t(bitsPerComponent / 2));
+    return advance(nullptr, count, 0, error);
+  }
+
+ private:
+  bool advance(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) {
+    if (!failure_.empty()) {
+      error = failure_;
+      return false;
+    }
+    if (count > height - nextRow) {
+      error = "rows past the end of the image";
+      return false;
+    }
+    std::uint8_t* scratch = scratch_.data();
+    if (!runGuarded(png_jmpbuf(s_.png), [&] {
+          for (std::size_t i = 0; i < count; ++i) png_read_row(s_.png, rows ? rows + i * bytesPerRow : scratch, nullptr);
+        })) {
+      failure_ = std::string("corrupt PNG: ") + s_.reader.message + " (in rows " + std::to_string(nextRow) + "-" +
+                 std::to_string(nextRow + count - 1) + " of " + std::to_string(height) + ")";
+      error = failure_;
+      return false;
+    }
+    nextRow += count;
+    return true;
+  }
+
+  ReadStruct s_;
+  std::vector<std::uint8_t> scratch_;
+  std::string failure_;
+};
+
+}  // namespace
+
+std::unique_ptr<RowReader> openPNGRowReader(const std::uint8_t* data, std::size_t size, std::string& error) {
+  auto reader = std::make_unique<PNGRowReader>();
+  error.clear();
+  if (reader->open(data, size, error)) return reader;
+  if (!error.empty()) return nullptr;
+  // Interlaced: decoded whole.
+  return openWholeImageRowReader([&](RowSink& sink, std::string& e) { return decodePNG(data, size, sink, e); }, error);
 }
 
 bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error) {

@@ -193,6 +193,9 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   }
   try {
     CIContext(contextOptions).writeToFile(image, options.output, bounds, qv::parseQualityArgument(options.quality) / 100.0);
+  } catch (const CIImageDecodeError& e) {
+    // The input file itself is damaged: no step is to blame.
+    throw qv::CommandError{CIContext::writeErrorMessage(options.output, e.what())};
   } catch (const CIRenderError& e) {
     // The renderer names the internal node it could not serve; the user asked for filters.
     const std::string step = stepThatCannotBeRendered(steps, stepOutputs);

@@ -8,6 +8,7 @@
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/Render/PixelConvert.h"
 #include "CoreImage/Render/RenderCache.h"
+#include "CoreImage/Render/StripCache.h"
 #include "ImageIO/ImageIO.h"
 
 namespace {
@@ -427,47 +428,43 @@ void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>,
 
 // ---- FileNode ----
 
-struct FileNode::Decoded {
-  CGImageRef image;
-  std::string error;
-};
-
-FileNode::FileNode(std::string path, std::size_t width, std::size_t height)
-    : ImageNode(CGRectMake(0, 0, double(width), double(height))), path_(std::move(path)), width_(width), height_(height) {}
-
-const FileNode::Decoded& FileNode::decoded() const {
-  std::call_once(once_, [this] {
-    auto d = std::make_shared<Decoded>();
-    auto src = CGImageSourceCreateWithURL(path_);
-    if (!src) {
-      d->error = CGImageSourceGetCreateError();
-    } else {
-      d->image = CGImageSourceCreateImageAtIndex(src, 0);
-      if (!d->image) d->error = CGImageSourceGetLastError(src);
-    }
-    if (d->image && (d->image->width != width_ || d->image->height != height_)) {
-      d->error = "the file changed size since it was opened";
-      d->image.reset();
-    }
-    decoded_ = std::move(d);
-  });
-  return *decoded_;
-}
+FileNode::FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent)
+    : ImageNode(CGRectMake(0, 0, double(width), double(height))),
+      path_(std::move(path)),
+      width_(width),
+      height_(height),
+      bits_(bitsPerComponent) {}
 
 void FileNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
   const PixelRect r = out.rect.intersection({0, 0, std::int64_t(width_), std::int64_t(height_)});
   if (r.empty()) return;
-  const Decoded& d = decoded();
-  if (!d.image)
-    throw CIRenderError("cannot decode " + path_ + (d.error.empty() ? std::string() : ": " + d.error));
-  const CGImage& img = *d.image;
-  for (std::int64_t y = r.y; y < r.maxY(); ++y) {
-    const std::uint8_t* row = img.row(height_ - 1 - std::size_t(y));
-    if (img.bitsPerComponent == 16) {
-      qvpixel::decodeStraightRGBA16(reinterpret_cast<const std::uint16_t*>(row) + std::size_t(r.x) * 4, out.at(r.x, y),
-                                    std::size_t(r.width), info.colorManaged);
-    } else {
-      qvpixel::decodeStraightRGBA8(row + std::size_t(r.x) * 4, out.at(r.x, y), std::size_t(r.width), info.colorManaged);
-    }
-  }
+  auto make = [this] {
+    const std::string path = path_;
+    auto open = [path](std::string& error) -> std::unique_ptr<CGImageSourceRowReader> {
+      auto src = CGImageSourceCreateWithURL(path);
+      if (!src) {
+        error = CGImageSourceGetCreateError();
+        return nullptr;
+      }
+      auto reader = CGImageSourceCreateRowReaderAtIndex(src, 0);
+      if (!reader) error = CGImageSourceGetLastError(src);
+      return reader;
+    };
+    return std::make_shared<const StripCache>(open, path_, width_, height_, bits_);
+  };
+  // One cache per render, shared by its tiles and threads; outside a render, one per call.
+  std::shared_ptr<const StripCache> cache =
+      info.cache ? info.cache->getOrCreate<StripCache>(this, 0, make) : make();
+  // Plane row y is file row height - 1 - y: the tile's top row is its first file row.
+  const std::size_t first = height_ - std::size_t(r.maxY());
+  const std::size_t offset = std::size_t(r.x) * 4;
+  const bool sixteen = bits_ == 16;
+  cache->forEachRow(first, std::size_t(r.height), [&](std::size_t row, const std::uint8_t* p) {
+    float* dst = out.at(r.x, std::int64_t(height_ - 1 - row));
+    if (sixteen)
+      qvpixel::decodeStraightRGBA16(reinterpret_cast<const std::uint16_t*>(p) + offset, dst, std::size_t(r.width),
+                                    info.colorManaged);
+    else
+      qvpixel::decodeStraightRGBA8(p + offset, dst, std::size_t(r.width), info.colorManaged);
+  });
 }

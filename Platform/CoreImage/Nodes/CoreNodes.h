@@ -7,7 +7,6 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -150,21 +149,19 @@ class ProviderNode final : public ImageNode {
   std::size_t tileSize_ = 0;  // 0: whole image
 };
 
-// An image file, decoded through ImageIO on first render (once per node, thread-safe) and kept
-// in its 8- or 16-bit form; converted to working floats per tile.
+// An image file, decoded on demand: the rows a tile reads are decoded into a strip cache that
+// all tiles and threads of one render share (see Render/StripCache.h), and only the pixels a
+// tile reads are converted to working floats. The stored pixels, not oriented.
 class FileNode final : public ImageNode {
  public:
-  FileNode(std::string path, std::size_t width, std::size_t height);
+  // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8).
+  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "file"; }
   const std::string& path() const { return path_; }
 
  private:
-  struct Decoded;
-  const Decoded& decoded() const;
-
   std::string path_;
   std::size_t width_, height_;
-  mutable std::once_flag once_;
-  mutable std::shared_ptr<const Decoded> decoded_;
+  int bits_;
 };

@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# bench/stream.sh: every filter of the bundle with its defaults as a one-filter pipeline
+# (JPEG Q90 in and out), on one thread and on two: wall time (best of N), peak resident memory,
+# the two-thread speed-up, and the time against `qvfilter convert` of the same picture (the
+# streamed decode + encode alone) in the same run.
+#
+#   bench/stream.sh [--runs N] [--only PATTERN] [--size WxH]   (default 6000x4000)
+#   env: QVFILTER (default: build/release/bin/qvfilter), QV_STREAM_TMP (default /tmp/qv-stream)
+#
+# The input is made by `qvfilter sample` and `qvfilter convert --quality 90`.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+runs=3
+only=.
+size=6000x4000
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --runs) runs=$2; shift 2 ;;
+    --only) only=$2; shift 2 ;;
+    --size) size=$2; shift 2 ;;
+    -h|--help) sed -n '2,11p' "$0"; exit 0 ;;
+    *) echo "stream.sh: unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+QVFILTER=${QVFILTER:-build/release/bin/qvfilter}
+[ -x "$QVFILTER" ] || { echo "stream.sh: build qvfilter first (or set QVFILTER)" >&2; exit 1; }
+TIME=/usr/bin/time
+[ -x "$TIME" ] || { echo "stream.sh: GNU time (/usr/bin/time) is needed" >&2; exit 1; }
+W=${size%x*} H=${size#*x}
+WORK=${QV_STREAM_TMP:-/tmp/qv-stream}
+mkdir -p "$WORK"
+IN="$WORK/sample-${W}x${H}-q90.jpg"
+if [ ! -s "$IN" ]; then
+  "$QVFILTER" sample "$WORK/sample.png" --width "$W" --height "$H" >/dev/null
+  "$QVFILTER" convert "$WORK/sample.png" "$IN" --quality 90 >/dev/null
+  rm -f "$WORK/sample.png"
+fi
+
+# measure COMMAND... -> "seconds megabytes" of the fastest of $runs runs ("- -" if it failed).
+measure() {
+  local best_t="" best_m="" t m
+  for _ in $(seq "$runs"); do
+    "$TIME" -f "%e %M" -o "$WORK/time.txt" "$@" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+    read -r t m <"$WORK/time.txt"
+    if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
+  done
+  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
+}
+
+echo "load: $(uptime | sed 's/.*load average: //')"
+read -r ct cm <<<"$(measure "$QVFILTER" convert "$IN" "$WORK/copy.jpg" --quality 90)"
+echo "convert: $ct s, $cm MB"
+echo "| filter | 1 thread | 2 threads | 2 vs 1 | peak MB | vs convert |"
+echo "|---|---|---|---|---|---|"
+for f in $("$QVFILTER" list | grep '^QVFilter'); do
+  grep -q -- "$only" <<<"$f" || continue
+  read -r t1 m1 <<<"$(measure "$QVFILTER" apply "$IN" "$WORK/out.jpg" -f "$f" --threads 1 --quality 90)"
+  read -r t2 m2 <<<"$(measure "$QVFILTER" apply "$IN" "$WORK/out.jpg" -f "$f" --threads 2 --quality 90)"
+  awk -v f="$f" -v t1="$t1" -v t2="$t2" -v m1="$m1" -v m2="$m2" -v ct="$ct" 'BEGIN{
+    if (t1 == "-" || t2 == "-") { printf "| %s | failed | | | | |\n", f; exit }
+    m = m1 > m2 ? m1 : m2
+    printf "| %s | %.2f s | %.2f s | %.2fx | %d | %.2fx |\n", f, t1, t2, t1 / t2, m, t2 / ct }'
+done
+echo "load: $(uptime | sed 's/.*load average: //')"

@@ -1,0 +1,111 @@
+// Every filter of the bundle with its defaults renders the same pixels, bit for bit, from a file
+// decoded on demand in strips (small tiles, two threads, a strip cache far smaller than the
+// picture) as from the whole picture decoded first into memory (one tile, one thread): on a
+// JPEG, on a PNG with alpha, on a JPEG with an EXIF orientation (whose stored pixels both
+// read) and on a WebP (which its reader holds whole and rewinds for rows far apart).
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "CoreImage/CIContext.h"
+#include "CoreImage/Render/StripCache.h"
+#include "FilterTestSupport.h"
+#include "StreamTestImages.h"
+
+using namespace qvtest;
+
+namespace {
+
+CIContextOptions options(int threads, int tileSize) {
+  CIContextOptions o;
+  o.threads = threads;
+  o.tileSize = tileSize;
+  return o;
+}
+
+std::vector<std::string> bundleFilterNames() {
+  if (!loadBundleOnce()) return {};
+  std::string error;
+  const Value description =
+      CIPlugIn::readFilterDescription(std::string(QV_BUNDLE_DIR) + "/Resources/Description.plist", &error);
+  std::vector<std::string> names;
+  if (const Dictionary* d = description.dictionary())
+    for (const auto& [name, entry] : *d) names.push_back(name);
+  return names;
+}
+
+struct Picture {
+  std::string file;
+  CGImageRef whole;
+};
+
+// The pictures, written once per test program.
+const std::vector<Picture>& pictures() {
+  static const std::vector<Picture> all = [] {
+    std::vector<Picture> p;
+    const auto dir = streamTestDir();
+    const std::pair<std::string, int> files[] = {{"stream.jpg", 1}, {"stream-alpha.png", 1}, {"stream-oriented.jpg", 6},
+                                                   {"stream-alpha.webp", 1}};
+    for (const auto& [name, orientation] : files) {
+      const std::string path = (dir / name).string();
+      writePicture(grainyPicture(260, 190, !name.ends_with(".jpg")), path, orientation);
+      p.push_back({path, CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0)});
+    }
+    return p;
+  }();
+  return all;
+}
+
+std::vector<float> render(const CIImage& image, const CGRect& rect, const CIContextOptions& options) {
+  const std::size_t w = std::size_t(rect.size.width), h = std::size_t(rect.size.height);
+  std::vector<float> pixels(w * h * 4);
+  CIContext(options).render(image, pixels.data(), std::ptrdiff_t(w * 16), rect, CIRenderFormat::RGBAf);
+  return pixels;
+}
+
+CIImage apply(const std::string& filter, const CIImage& input) {
+  CIFilterRef f = makeFilter(filter);
+  if (!f) return {};
+  f->setValue(input, kCIInputImageKey);
+  return filterOutput(f);
+}
+
+class StreamedSource : public ::testing::TestWithParam<std::string> {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(loadBundleOnce(&error)) << error;
+    budget_ = StripCache::defaultBudget();
+    StripCache::setDefaultBudget(64 * 1024);  // 16 KiB strips: a few of the 12 each picture has
+  }
+  void TearDown() override { StripCache::setDefaultBudget(budget_); }
+  std::size_t budget_ = 0;
+};
+
+}  // namespace
+
+TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
+  for (const Picture& picture : pictures()) {
+    ASSERT_TRUE(picture.whole) << picture.file;
+    const CIImage streamed = CIImage::imageWithContentsOfFile(picture.file);
+    const CIImage whole = CIImage::imageWithRGBA8(picture.whole->pixels.data(), picture.whole->width,
+                                                  picture.whole->height, picture.whole->bytesPerRow);
+    ASSERT_TRUE(streamed) << picture.file;
+    ASSERT_TRUE(CGRectEqualToRect(streamed.extent(), whole.extent()));
+    const CIImage a = apply(GetParam(), streamed), b = apply(GetParam(), whole);
+    ASSERT_TRUE(a) << picture.file;
+    ASSERT_TRUE(b) << picture.file;
+    // The output's extent, or the picture's where it is infinite or much larger.
+    CGRect rect = CGRectIntegral(a.extent());
+    if (CGRectIsInfinite(a.extent()) || rect.size.width * rect.size.height > 4.0 * 260 * 190) rect = whole.extent();
+    const auto tiled = render(a, rect, options(2, 48));
+    const auto single = render(b, rect, options(1, 8192));
+    ASSERT_EQ(tiled.size(), single.size());
+    std::size_t differing = 0;
+    for (std::size_t i = 0; i < tiled.size(); ++i) differing += std::memcmp(&tiled[i], &single[i], sizeof(float)) != 0;
+    EXPECT_EQ(differing, 0u) << GetParam() << " on " << picture.file;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryBundleFilter, StreamedSource, ::testing::ValuesIn(bundleFilterNames()),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });

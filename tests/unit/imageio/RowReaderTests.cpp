@@ -1,0 +1,134 @@
+// The caller-driven row readers: any sequence of reads and skips hands out exactly the rows of
+// the whole-image decode, for every format; damaged data fails naming the rows.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "ImageIOTestSupport.h"
+#include "StreamTestImages.h"
+
+using namespace qvtest;
+
+namespace {
+
+CGImageRef wholeDecode(const std::string& path) {
+  auto src = CGImageSourceCreateWithURL(path);
+  return src ? CGImageSourceCreateImageAtIndex(src, 0) : nullptr;
+}
+
+// Reads the file through a row reader in the given steps (negative: skip), checking every row
+// read against the whole decode; returns the reader.
+std::unique_ptr<CGImageSourceRowReader> readInSteps(const std::string& path, const std::vector<int>& steps) {
+  const CGImageRef whole = wholeDecode(path);
+  EXPECT_TRUE(whole);
+  auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(path), 0);
+  EXPECT_TRUE(reader);
+  if (!reader || !whole) return reader;
+  EXPECT_EQ(reader->width(), whole->width);
+  EXPECT_EQ(reader->height(), whole->height);
+  EXPECT_EQ(reader->bitsPerComponent(), whole->bitsPerComponent);
+  std::vector<std::uint8_t> rows;
+  for (int step : steps) {
+    const std::size_t first = reader->nextRow();
+    if (step < 0) {
+      EXPECT_TRUE(reader->skipRows(std::size_t(-step))) << reader->error();
+      EXPECT_EQ(reader->nextRow(), first + std::size_t(-step));
+      continue;
+    }
+    rows.assign(std::size_t(step) * reader->bytesPerRow(), 0);
+    EXPECT_TRUE(reader->readRows(rows.data(), std::size_t(step), reader->bytesPerRow())) << reader->error();
+    for (std::size_t i = 0; i < std::size_t(step); ++i)
+      EXPECT_EQ(std::memcmp(rows.data() + i * reader->bytesPerRow(), whole->row(first + i), whole->bytesPerRow), 0)
+          << path << " row " << first + i;
+  }
+  return reader;
+}
+
+class RowReaderTest : public ::testing::Test {
+ protected:
+  std::string path(const std::string& name) const { return (streamTestDir() / name).string(); }
+};
+
+}  // namespace
+
+TEST_F(RowReaderTest, JPEGReadsAndSkipsToTheRowsOfTheWholeDecode) {
+  const std::string file = path("reader.jpg");
+  ASSERT_TRUE(writePicture(grainyPicture(203, 150, false), file));
+  auto reader = readInSteps(file, {1, 7, 16, -5, 3, -40, 17, 1, -29, 31});
+  ASSERT_TRUE(reader);
+  EXPECT_FALSE(reader->wholeImage());
+  EXPECT_EQ(reader->nextRow(), 150u);
+  // Past the end: refused, without a crash.
+  std::vector<std::uint8_t> row(reader->bytesPerRow());
+  EXPECT_FALSE(reader->readRows(row.data(), 1, row.size()));
+}
+
+TEST_F(RowReaderTest, PNGWithAlphaReadsRowByRow) {
+  const std::string file = path("reader.png");
+  ASSERT_TRUE(writePicture(grainyPicture(97, 61, true), file));
+  auto reader = readInSteps(file, {5, -9, 16, 1, -10, 20});
+  ASSERT_TRUE(reader);
+  EXPECT_FALSE(reader->wholeImage());
+}
+
+TEST_F(RowReaderTest, SixteenBitPNGKeepsItsDepth) {
+  auto image = CGImageCreateBlank(40, 30, 16);
+  for (std::size_t y = 0; y < 30; ++y) {
+    auto* p = reinterpret_cast<std::uint16_t*>(image->row(y));
+    for (std::size_t i = 0; i < 40 * 4; ++i) p[i] = std::uint16_t(y * 2000 + i * 300);
+  }
+  image->hasAlpha = true;
+  const std::string file = path("reader16.png");
+  ASSERT_TRUE(writePicture(image, file));
+  auto reader = readInSteps(file, {3, -4, 23});
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(reader->bitsPerComponent(), 16);
+}
+
+TEST_F(RowReaderTest, InterlacedPNGAndWebPAreHeldWhole) {
+  imageio_test::PNGSpec spec;
+  spec.width = 21;
+  spec.height = 19;
+  spec.colorType = 6;
+  spec.interlaced = true;
+  for (std::uint32_t y = 0; y < spec.height; ++y) {
+    imageio_test::Bytes row;
+    for (std::uint32_t x = 0; x < spec.width * 4; ++x) row.push_back(std::uint8_t(x * 7 + y * 13));
+    spec.rows.push_back(row);
+  }
+  const imageio_test::Bytes png = imageio_test::makePNG(spec);
+  const std::string interlaced = path("interlaced.png");
+  std::ofstream(interlaced, std::ios::binary).write(reinterpret_cast<const char*>(png.data()), std::streamsize(png.size()));
+  auto reader = readInSteps(interlaced, {4, -6, 9});
+  ASSERT_TRUE(reader);
+  EXPECT_TRUE(reader->wholeImage());
+  EXPECT_TRUE(reader->rewind());
+  EXPECT_EQ(reader->nextRow(), 0u);
+
+  const std::string webp = path("reader.webp");
+  ASSERT_TRUE(writePicture(grainyPicture(50, 40, true), webp));
+  auto webpReader = readInSteps(webp, {10, -10, 20});
+  ASSERT_TRUE(webpReader);
+  EXPECT_TRUE(webpReader->wholeImage());
+}
+
+TEST_F(RowReaderTest, TruncatedJPEGFailsNamingTheRowsWhereTheDataBreaks) {
+  const std::string file = path("truncated.jpg");
+  ASSERT_TRUE(writePicture(grainyPicture(256, 256, false), file));
+  std::filesystem::resize_file(file, std::filesystem::file_size(file) / 2);
+  auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(file), 0);
+  ASSERT_TRUE(reader);  // the header is intact
+  std::vector<std::uint8_t> rows(16 * reader->bytesPerRow());
+  std::size_t good = 0;
+  while (reader->nextRow() < reader->height() && reader->readRows(rows.data(), 16, reader->bytesPerRow())) good += 16;
+  EXPECT_LT(good, 256u);
+  EXPECT_NE(reader->error().find("corrupt JPEG"), std::string::npos) << reader->error();
+  EXPECT_NE(reader->error().find("in rows " + std::to_string(good) + "-" + std::to_string(good + 15) + " of 256"),
+            std::string::npos)
+      << reader->error();
+  // The reader is finished: the next call fails with the same reason.
+  const std::string first = reader->error();
+  EXPECT_FALSE(reader->readRows(rows.data(), 1, reader->bytesPerRow()));
+  EXPECT_EQ(reader->error(), first);
+}
