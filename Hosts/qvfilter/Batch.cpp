@@ -183,6 +183,7 @@ nlohmann::json BatchRecipe::run(const BatchEntry& entry, const BatchFileOptions&
   try {
     RecipeOptions recipeOptions;
     recipeOptions.threads = options.threads;
+    recipeOptions.maxMemory = options.maxMemory;
     recipeOptions.quality = options.quality;
     recipeOptions.outputFileOverride = entry.output;
     try {

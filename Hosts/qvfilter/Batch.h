@@ -8,6 +8,7 @@
 //               "error": "..." (failed only), "seconds": S}, ...]}
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -43,6 +44,7 @@ struct BatchFileOptions {
   int threads = 1;                 // render threads per file (0: one per core)
   std::optional<double> quality;   // 0...1, replaces the recipe's output quality
   bool skipExisting = false;       // leave an output that exists alone
+  std::int64_t maxMemory = 0;      // working memory of one file's render (0: the renderer's default)
 };
 
 // A recipe read once and run over many files. Its chain's first step takes each file as its

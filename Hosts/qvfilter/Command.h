@@ -24,4 +24,12 @@ struct CommandRegistration {
 
 std::vector<std::pair<int, CommandRegistration::Setup>>& registeredCommands();
 
+// The --max-memory option of the commands that render: its text, read by parseMemoryArgument.
+inline CLI::Option* addMaxMemoryOption(CLI::App* cmd, std::string& text) {
+  return cmd->add_option("--max-memory", text,
+                         "Working memory one render may hold, e.g. 512M or 2G (default: a quarter of the machine's "
+                         "memory); a render that needs more is refused before it starts")
+      ->option_text("SIZE");
+}
+
 }  // namespace qv

@@ -163,8 +163,10 @@ class Builder {
       for (std::size_t i = 0; i < chain.size(); ++i) {
         const bool hostInput = i == 0 && options_.chainInput;
         if (hostInput) previous = options_.chainInput;
-        previous = applyStep(chain[i], i == 0 && !hostInput ? nullptr : &previous, "chain step " + std::to_string(i + 1),
-                             false);
+        const std::string where = "chain step " + std::to_string(i + 1);
+        previous = applyStep(chain[i], i == 0 && !hostInput ? nullptr : &previous, where, false);
+        graph.steps.push_back({where + " (" + chain[i]["filter"].get<std::string>() + ")" + givenInputs(chain[i]),
+                               previous});
       }
       graph.output = previous;
       haveOutput = !chain.empty();
@@ -253,6 +255,17 @@ class Builder {
   }
 
   // Creates, sets up and runs one filter; returns its output image.
+  // " with KEY=VALUE, ..." for the inputs a step gives other than images (empty when none).
+  static std::string givenInputs(const json& step) {
+    std::string text;
+    if (!step.contains("inputs") || !step["inputs"].is_object()) return text;
+    for (const auto& [key, given] : step["inputs"].items()) {
+      if (given.is_string() && given.get<std::string>().rfind("@", 0) == 0) continue;
+      text += (text.empty() ? " with " : ", ") + key + "=" + given.dump();
+    }
+    return text;
+  }
+
   CIImage applyStep(const json& step, const CIImage* previous, const std::string& where, bool keysChecked) {
     if (!step.is_object()) throw RecipeError(where + " must be an object with a \"filter\"");
     if (!keysChecked) checkKeys(step, {"filter", "inputs", "defaults"}, where);
@@ -493,6 +506,7 @@ nlohmann::json renderRecipe(const RecipeGraph& graph, const RecipeOptions& optio
   CIContextOptions contextOptions;
   contextOptions.colorManagement = spec.colorManagement;
   contextOptions.threads = options.threads;
+  contextOptions.maxMemory = options.maxMemory;
   if (!spec.file.empty()) {
     const CGRect integral = CGRectIntegral(bounds);
     if (CGRectIsNull(integral) || CGRectIsEmpty(integral)) {
@@ -507,6 +521,8 @@ nlohmann::json renderRecipe(const RecipeGraph& graph, const RecipeOptions& optio
     fileOptions.progress = options.progress;
     try {
       CIContext(fileOptions).writeToFile(graph.output, spec.file, integral, spec.quality);
+    } catch (const CIRenderBudgetError& e) {
+      throw RecipeError(CIContext::writeErrorMessage(spec.file, budgetMessage(graph.steps, e, fileOptions, true)));
     } catch (const std::exception& e) {
       throw RecipeError(CIContext::writeErrorMessage(spec.file, e.what()));
     }
@@ -563,6 +579,32 @@ nlohmann::json runRecipe(std::string_view text, const std::string& baseDir, cons
   const json doc = parseRecipeJSON(text);
   const RecipeGraph graph = buildRecipe(doc, baseDir, options);
   return renderRecipe(graph, options);
+}
+
+std::string budgetMessage(const std::vector<ChainStep>& steps, const CIRenderBudgetError& refusal,
+                          const CIContextOptions& options, bool toFile) {
+  CIContextOptions quiet = options;
+  quiet.progress = nullptr;
+  const CIContext context(quiet);
+  for (const ChainStep& step : steps) {
+    if (!step.output || CGRectIsInfinite(step.output.extent()) || CGRectIsEmpty(step.output.extent())) continue;
+    try {
+      context.workingMemory(step.output, CGRectNull, toFile);
+    } catch (const CIRenderBudgetError& e) {
+      if (e.kind() != refusal.kind()) continue;
+      if (e.kind() == CIRenderBudgetError::Kind::memory)
+        return step.label + " needs " + CIContext::formatBytes(std::int64_t(e.needed())) +
+               " of working memory, more than the budget of " + CIContext::formatBytes(std::int64_t(e.budget())) +
+               " (--max-memory)";
+      char text[96];
+      std::snprintf(text, sizeof text, " makes the render compute %.3g pixels, more than the limit of %.3g", e.needed(),
+                    e.budget());
+      return step.label + text;
+    } catch (const std::exception&) {
+      continue;
+    }
+  }
+  return refusal.what();
 }
 
 void prepareFilterRegistry() { registerBuiltinFilters(); }

@@ -40,6 +40,7 @@
 #include <nlohmann/json.hpp>
 
 #include "CoreGraphics/CGGeometry.h"
+#include "CoreImage/CIContext.h"
 #include "CoreImage/CIImage.h"
 
 namespace qv {
@@ -63,6 +64,8 @@ struct RecipeOptions {
   bool allowFiles = true;
   // Render threads (0: one per core).
   int threads = 0;
+  // The working memory one render may hold (bytes; 0: the renderer's default share).
+  std::int64_t maxMemory = 0;
   // Largest output rectangle (in pixels) that may be rendered to a file.
   std::uint64_t maxOutputPixels = kMaxOutputPixels;
   // Replaces "output"."file" when not empty (taken as given, not relative to the recipe).
@@ -91,11 +94,27 @@ struct RecipeOutputSpec {
 };
 
 // A recipe read into an image graph; nothing has been rendered.
+// One step of a chain as the user wrote it ("chain step 3 (CIGaussianBlur) with inputRadius=20")
+// and its output image.
+struct ChainStep {
+  std::string label;
+  CIImage output;
+};
+
 struct RecipeGraph {
   std::map<std::string, CIImage> images;
   CIImage output;
   RecipeOutputSpec outputSpec;
+  std::vector<ChainStep> steps;
 };
+
+// The message for a render refused by its memory budget or its limit of work, naming the step
+// that makes the graph too large: the first of `steps` whose own output, rendered whole with
+// `options` (to a file when `toFile`), is refused for the same reason, as "LABEL needs N of working memory, more than
+// the budget of M (--max-memory)" or "LABEL makes the render compute N pixels, more than the
+// limit of M"; the refusal's own message when no single step is.
+std::string budgetMessage(const std::vector<ChainStep>& steps, const CIRenderBudgetError& refusal,
+                          const CIContextOptions& options, bool toFile);
 
 // Parses recipe text: a clear RecipeError for malformed JSON (with line and column), nesting
 // deeper than kMaxRecipeDepth, text larger than kMaxRecipeBytes, or a non-object document.

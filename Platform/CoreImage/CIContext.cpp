@@ -1,7 +1,11 @@
 #include "CoreImage/CIContext.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <future>
 #include <mutex>
@@ -22,8 +26,11 @@ namespace {
 
 // The largest buffer one node may need for one tile (pixels): 1 GiB of working floats.
 constexpr std::int64_t kMaxBufferPixels = std::int64_t{1} << 26;
-// The budget of all buffers of one tile when choosing the tile size (bytes).
+// The budget of all buffers of one tile when choosing the tile size (bytes): what keeps the
+// working set small enough to be fast. The memory budget of the context is the hard limit.
 constexpr std::int64_t kTileBudgetBytes = std::int64_t{64} << 20;
+// Bytes of one working pixel: four floats.
+constexpr std::int64_t kWorkingPixelBytes = 16;
 // The largest image the renderer accepts in one call (pixels).
 constexpr std::int64_t kMaxRenderPixels = std::int64_t{1} << 34;
 
@@ -138,11 +145,13 @@ void computeRegions(const Plan& plan, const PixelRect& tile, const std::vector<P
 // and carrying the rows that vertically adjacent tiles share.
 class TileEvaluator {
  public:
-  // keep[i]: whether node i's buffer is carried to the tile below (see Tiling::keep).
-  TileEvaluator(const Plan& plan, RenderInfo info, std::vector<char> keep)
+  // keep[i]: whether node i's buffer is carried to the tile below (see Tiling::keep);
+  // `maxFloats`: what the buffers of this column may hold between two tiles (Tiling::columnBytes).
+  TileEvaluator(const Plan& plan, RenderInfo info, std::vector<char> keep, std::size_t maxFloats)
       : plan_(plan),
         info_(info),
         keep_(std::move(keep)),
+        maxFloats_(maxFloats),
         held_(plan.nodes.size()),
         last_(plan.nodes.size()),
         buffer_(plan.nodes.size(), -1),
@@ -195,12 +204,23 @@ class TileEvaluator {
     const int resultBuffer = buffer_[0];
     if (!keep_[0]) drop(0);  // stays intact until the next acquire
     // Free buffers far larger than this tile needed (the first tile of a column may need much
-    // more than the others) give their memory back.
+    // more than the others) give their memory back; and so do the largest free ones while all
+    // buffers together hold more than the column's share of the memory budget, so that the
+    // pool never grows past what the budget was checked against.
     std::size_t largest = 0;
     for (const PixelRect& need : regions_.needed) largest = std::max(largest, std::size_t(need.area()) * 4);
-    for (int b : free_) {
+    std::size_t total = 0;
+    for (const auto& buf : buffers_) total += buf.capacity();
+    std::vector<int> byCapacity(free_);
+    std::sort(byCapacity.begin(), byCapacity.end(),
+              [&](int a, int b) { return buffers_[std::size_t(a)].capacity() > buffers_[std::size_t(b)].capacity(); });
+    for (int b : byCapacity) {
       auto& buf = buffers_[std::size_t(b)];
-      if (buf.capacity() > 2 * largest && b != resultBuffer) std::vector<float>().swap(buf);
+      if (b == resultBuffer) continue;
+      if (buf.capacity() > 2 * largest || total > maxFloats_) {
+        total -= buf.capacity();
+        std::vector<float>().swap(buf);
+      }
     }
     return result;
   }
@@ -251,6 +271,7 @@ class TileEvaluator {
   const Plan& plan_;
   RenderInfo info_;
   std::vector<char> keep_;
+  std::size_t maxFloats_;
   Regions regions_;
   std::vector<PixelRect> held_;  // per node, the region its buffer holds
   std::vector<PixelRect> last_;  // per node, the region it rendered last
@@ -267,7 +288,29 @@ struct Tiling {
   // Per node, whether the tile below carries part of its buffer over (probed on two tiles):
   // only those buffers are kept from one tile to the next.
   std::vector<char> keep;
+  // The most the buffers of one column hold: every node's region at once, in the first tile
+  // of a column or in the steady state, whichever is larger.
+  std::int64_t columnBytes = 0;
+  // The node whose region is the largest part of columnBytes, and its bytes.
+  std::size_t largestNode = 0;
+  std::int64_t largestBytes = 0;
+  std::int64_t columns(const PixelRect& bounds) const { return (bounds.width + width - 1) / width; }
+  // Working memory of the whole render: every column's evaluator keeps its buffers until the
+  // render ends.
+  std::int64_t bytes(const PixelRect& bounds) const { return columnBytes * columns(bounds); }
 };
+
+// Bytes of all buffers of one tile's regions; raises `perNode` (sized like the plan) to each
+// node's bytes.
+std::int64_t regionBytes(const Regions& r, std::vector<std::int64_t>& perNode) {
+  std::int64_t bytes = 0;
+  for (std::size_t i = 0; i < r.needed.size(); ++i) {
+    const std::int64_t b = r.needed[i].area() * kWorkingPixelBytes;
+    perNode[i] = std::max(perNode[i], b);
+    bytes += b;
+  }
+  return bytes;
+}
 
 // The regions of a tile of `width` × `height` at the top of `bounds` and, when there is one, of
 // the tile below it with what the first left behind; returns those of the second (steady) tile.
@@ -287,6 +330,15 @@ Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, s
   const Regions& r = probeTiles(plan, bounds, width, height, first, steady);
   Tiling t{width, height, std::vector<char>(plan.nodes.size(), 0)};
   if (&r == &steady) t.keep = steady.carried;
+  std::vector<std::int64_t> perNode(plan.nodes.size(), 0);
+  t.columnBytes = regionBytes(first, perNode);
+  if (&r == &steady) t.columnBytes = std::max(t.columnBytes, regionBytes(steady, perNode));
+  for (std::size_t i = 0; i < perNode.size(); ++i) {
+    if (perNode[i] > t.largestBytes) {
+      t.largestBytes = perNode[i];
+      t.largestNode = i;
+    }
+  }
   return t;
 }
 
@@ -294,12 +346,17 @@ Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, s
 // from tile to tile; columns no narrower than 256 pixels (narrower when the budget demands).
 // The tile height is probed: the cost of a tile in the steady state (with the rows carried
 // from the tile above) counts the pixels every node computes and reads; the lowest tile whose
-// cost is close to the best, of at least kMinTilePixels, within the memory budget.
-Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, int threads) {
+// cost is close to the best, of at least kMinTilePixels, within the tile budget (kTileBudgetBytes,
+// or the context's memory budget when that is smaller). When no tiling is within it, the one
+// that needs the least memory of those probed (the memory budget then decides whether it may
+// run at all).
+Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, int threads, std::int64_t budget) {
   if (requested > 0) {
     const std::int64_t t = std::clamp(requested, 16, 8192);
     return withKeep(plan, bounds, t, t);
   }
+  const std::int64_t tileBudget = std::min(kTileBudgetBytes, budget);
+  std::int64_t leastBytes = -1, leastWidth = 0, leastHeight = 0;
   constexpr std::int64_t kMinTilePixels = 1 << 16;
   static constexpr std::int64_t kHeights[] = {16, 32, 64, 128, 256, 512, 1024};
   std::int64_t columns = std::clamp<std::int64_t>((bounds.width + 255) / 256, 1, std::max(threads, 1));
@@ -321,7 +378,12 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
         pixels += r.work[i].area();
         for (const PixelRect& roi : r.roi[i]) pixels += roi.area();
       }
-      if (bytes > kTileBudgetBytes) {
+      if (leastBytes < 0 || bytes < leastBytes) {
+        leastBytes = bytes;
+        leastWidth = width;
+        leastHeight = h;
+      }
+      if (bytes > tileBudget) {
         if (probes.empty()) probes.push_back({h, 0.0});
         break;
       }
@@ -333,6 +395,7 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
       columns *= 2;  // even the lowest tiles are over the budget: narrower columns
       continue;
     }
+    if (!fits) return withKeep(plan, bounds, leastWidth, leastHeight);
     double best = probes.front().cost;
     for (const Probe& p : probes) best = std::min(best, p.cost);
     for (const Probe& p : probes)
@@ -392,6 +455,76 @@ void store(const ConstPixelTile& t, const PixelRect& bounds, void* buffer, std::
   }
 }
 
+}  // namespace
+
+std::string CIContext::formatBytes(std::int64_t bytes) {
+  static const char* const kUnits[] = {"bytes", "KB", "MB", "GB", "TB", "PB", "EB"};
+  double v = double(bytes);
+  int unit = 0;
+  while (v >= 1024 && unit < 6) {
+    v /= 1024;
+    ++unit;
+  }
+  char text[32];
+  // Two decimals below 10, so that a size just over a budget does not read as the budget.
+  if (unit == 0 || v >= 100 || v == std::floor(v))
+    std::snprintf(text, sizeof text, "%.0f %s", v, kUnits[unit]);
+  else
+    std::snprintf(text, sizeof text, v < 10 ? "%.2f %s" : "%.1f %s", v, kUnits[unit]);
+  return text;
+}
+
+namespace {
+
+// The rows of one strip that writeToFile hands to the encoder: whole tile rows, at least 256.
+std::int64_t stripRowsFor(const PixelRect& bounds, std::int64_t tileHeight) {
+  return std::min(bounds.height, tileHeight * std::max<std::int64_t>(1, (256 + tileHeight - 1) / tileHeight));
+}
+
+// The working memory of rendering `bounds` with `tiling`: the buffers of every column and, for
+// a file, the encoder's two strip buffers of 8-bit pixels.
+std::int64_t renderBytes(const Tiling& tiling, const PixelRect& bounds, bool toFile) {
+  std::int64_t bytes = tiling.bytes(bounds);
+  if (toFile) bytes += 2 * bounds.width * 4 * stripRowsFor(bounds, tiling.height);
+  return bytes;
+}
+
+// The pixels all nodes compute when `bounds` is rendered as one tile: each node's extent within
+// what its consumers ask of it. Tiles compute the margins their neighbours share again, so a
+// tiled render computes at least this much.
+double pixelWork(const Plan& plan, const PixelRect& bounds) {
+  static const std::vector<PixelRect> none;
+  Regions whole;
+  computeRegions(plan, bounds, none, none, whole);
+  double pixels = 0;
+  for (const PixelRect& work : whole.work) pixels += double(work.area());
+  return pixels;
+}
+
+// Refuses, before anything is rendered, a render whose nodes compute more than `maxWork` pixels,
+// or that needs more than `budget` bytes; names the node whose region is the largest part of
+// the memory.
+void checkBudget(const Plan& plan, const Tiling& tiling, const PixelRect& bounds, bool toFile, std::int64_t budget,
+                 double maxWork) {
+  const double work = pixelWork(plan, bounds);
+  if (work > maxWork) {
+    char text[160];
+    std::snprintf(text, sizeof text, "rendering %lldx%lld pixels computes %.3g pixels in %zu nodes, more than the limit of %.3g",
+                  static_cast<long long>(bounds.width), static_cast<long long>(bounds.height), work, plan.nodes.size(),
+                  maxWork);
+    throw CIRenderBudgetError(text, CIRenderBudgetError::Kind::work, work, maxWork);
+  }
+  const std::int64_t bytes = renderBytes(tiling, bounds, toFile);
+  if (bytes <= budget) return;
+  const std::int64_t largest = tiling.largestBytes * tiling.columns(bounds);
+  throw CIRenderBudgetError("rendering " + std::to_string(bounds.width) + "x" + std::to_string(bounds.height) +
+                                " pixels needs " + CIContext::formatBytes(bytes) +
+                                " of working memory, more than the budget of " + CIContext::formatBytes(budget) +
+                                " (the region of interest of \"" + plan.nodes[tiling.largestNode]->name() +
+                                "\" holds " + CIContext::formatBytes(largest) + ")",
+                            CIRenderBudgetError::Kind::memory, double(bytes), double(budget));
+}
+
 int renderThreads(const CIContextOptions& options) {
   return options.threads > 0 ? options.threads : tbb::this_task_arena::max_concurrency();
 }
@@ -402,20 +535,25 @@ int renderThreads(const CIContextOptions& options) {
 // order.
 class ColumnRenderer {
  public:
-  ColumnRenderer(const Plan& plan, const PixelRect& bounds, const CIContextOptions& options, Progress& progress)
+  // Throws CIRenderBudgetError when the render would need more than `budget` (with the strip
+  // buffers of a file when `toFile`).
+  ColumnRenderer(const Plan& plan, const PixelRect& bounds, const CIContextOptions& options, std::int64_t budget,
+                 double maxWork, bool toFile, Progress& progress)
       : plan_(plan),
         bounds_(bounds),
         options_(options),
         threads_(renderThreads(options)),
-        tiling_(chooseTiling(plan, bounds, options.tileSize, threads_)),
-        columns_(std::size_t((bounds.width + tiling_.width - 1) / tiling_.width)),
+        tiling_(chooseTiling(plan, bounds, options.tileSize, threads_, budget)),
+        columns_(std::size_t(tiling_.columns(bounds))),
         progress_(progress),
         arena_(threads_) {
+    checkBudget(plan, tiling_, bounds, toFile, budget, maxWork);
     RenderInfo info;
     info.colorManaged = options.colorManagement;
     info.cache = &cache_;
     evaluators_.reserve(columns_);
-    for (std::size_t c = 0; c < columns_; ++c) evaluators_.emplace_back(plan, info, tiling_.keep);
+    for (std::size_t c = 0; c < columns_; ++c)
+      evaluators_.emplace_back(plan, info, tiling_.keep, std::size_t(tiling_.columnBytes) / sizeof(float));
   }
 
   const Tiling& tiling() const { return tiling_; }
@@ -481,6 +619,29 @@ PixelRect renderBounds(const CIImage& image, const CGRect& bounds) {
 
 CIContext::CIContext(CIContextOptions options) : options_(std::move(options)) {}
 
+std::int64_t CIContext::defaultMaxMemory() {
+  const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGE_SIZE);
+  if (pages <= 0 || pageSize <= 0) return std::int64_t{1} << 30;
+  return std::int64_t(pages) * std::int64_t(pageSize) / 4;
+}
+
+std::int64_t CIContext::maxMemory() const {
+  return options_.maxMemory > 0 ? options_.maxMemory : defaultMaxMemory();
+}
+
+double CIContext::maxPixelWork() const {
+  return options_.maxPixelWork > 0 ? options_.maxPixelWork : kDefaultMaxPixelWork;
+}
+
+std::int64_t CIContext::workingMemory(const CIImage& image, const CGRect& bounds, bool toFile) const {
+  const PixelRect b = renderBounds(image, bounds);
+  if (b.empty()) return 0;
+  const Plan plan = makePlan(image.node().get());
+  const Tiling tiling = chooseTiling(plan, b, options_.tileSize, renderThreads(options_), maxMemory());
+  checkBudget(plan, tiling, b, toFile, maxMemory(), maxPixelWork());
+  return renderBytes(tiling, b, toFile);
+}
+
 void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowBytes, const CGRect& bounds,
                        CIRenderFormat format) const {
   const PixelRect b = renderBounds(image, bounds);
@@ -493,7 +654,7 @@ void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowByt
   if (!buffer) throw CIRenderError("cannot render into a null buffer");
   if (rowBytes < b.width * bytesPerPixel(format)) throw CIRenderError("the buffer's rows are too short for the bounds");
   const Plan plan = makePlan(image.node().get());
-  ColumnRenderer renderer(plan, b, options_, progress);
+  ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
   progress.total = renderer.tilesIn(b.height);
   renderer.render(b, buffer, rowBytes, format);
   progress.finish();
@@ -537,21 +698,21 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   if (b.empty()) throw CIRenderError("cannot write " + path + ": the image is empty");
   const std::string type = CGImageDestinationTypeForPath(path);
   if (type.empty()) throw CIRenderError("cannot write " + path + ": unknown file type (use .png, .jpg, .jpeg or .webp)");
+  // The plan and its budget are checked before the file is created: a refused render leaves
+  // nothing behind.
+  const Plan plan = makePlan(image.node().get());
+  Progress progress;
+  progress.fn = options_.progress;
+  ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), true, progress);
   auto dest = CGImageDestinationCreateWithURL(path, type, 1);
   if (!dest) throw CIRenderError("cannot write " + path);
   const bool alpha = type != kUTTypeJPEG;
   Dictionary props{{kCGImageDestinationLossyCompressionQuality, Value(std::clamp(quality, 0.0, 1.0))}};
   if (!CGImageDestinationBeginImage(dest, std::size_t(b.width), std::size_t(b.height), 8, alpha, props))
     throw CIRenderError(writeErrorMessage(path, CGImageDestinationGetLastError(dest)));
-
-  const Plan plan = makePlan(image.node().get());
-  Progress progress;
-  progress.fn = options_.progress;
-  ColumnRenderer renderer(plan, b, options_, progress);
   // Strips of whole tile rows, at least 256 rows, top down: the encoder never sees the whole
   // image at once.
-  const std::int64_t th = renderer.tiling().height;
-  const std::int64_t stripRows = std::min(b.height, th * std::max<std::int64_t>(1, (256 + th - 1) / th));
+  const std::int64_t stripRows = stripRowsFor(b, renderer.tiling().height);
   const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
   progress.total = 0;
   for (std::int64_t s = 0; s < strips; ++s) progress.total += renderer.tilesIn(std::min(stripRows, b.height - s * stripRows));

@@ -26,6 +26,24 @@ class CIImageDecodeError : public CIRenderError {
   using CIRenderError::CIRenderError;
 };
 
+// A render refused before it started: even its smallest tiling needs more working memory
+// than the context's budget allows (memory), or its nodes would compute more pixels than the
+// context's limit of work (work).
+class CIRenderBudgetError : public CIRenderError {
+ public:
+  enum class Kind { memory, work };
+  CIRenderBudgetError(const std::string& message, Kind kind, double needed, double budget)
+      : CIRenderError(message), kind_(kind), needed_(needed), budget_(budget) {}
+  Kind kind() const { return kind_; }
+  // Bytes (memory) or pixels computed by all nodes together (work).
+  double needed() const { return needed_; }
+  double budget() const { return budget_; }
+
+ private:
+  Kind kind_;
+  double needed_, budget_;
+};
+
 enum class CIRenderFormat {
   RGBA8,   // sRGB-encoded (or raw when colour management is off), straight alpha
   RGBA16,  // as RGBA8, 16 bits per component
@@ -38,6 +56,13 @@ struct CIContextOptions {
   int tileSize = 0;  // square tiles of this size; 0: columns and tile height chosen per render
   // Called with the fraction done (0..1), from any thread, at most once per tile; 1 always last.
   std::function<void(double)> progress;
+  // The most working memory (bytes) one render may hold: the tile buffers of every column and,
+  // for a file, the strip buffers of the encoder. 0: CIContext::defaultMaxMemory().
+  std::int64_t maxMemory = 0;
+  // The most pixels all nodes of one render may compute together (each node counted over the
+  // part of its extent the render reaches); what bounds the time of a render whatever its
+  // graph. 0: CIContext::kDefaultMaxPixelWork.
+  double maxPixelWork = 0;
 };
 
 class CIContext {
@@ -48,9 +73,30 @@ class CIContext {
   }
   const CIContextOptions& options() const { return options_; }
 
+  // 2^34 node pixels: a 100-megapixel picture through some 170 nodes, minutes of work.
+  static constexpr double kDefaultMaxPixelWork = 17179869184.0;
+
+  // A quarter of the machine's physical memory: what a render may hold unless told otherwise.
+  static std::int64_t defaultMaxMemory();
+  // The budget this context renders within (options().maxMemory, or the default).
+  std::int64_t maxMemory() const;
+  // The limit of work this context renders within (options().maxPixelWork, or the default).
+  double maxPixelWork() const;
+
+  // "12.5 MB": a size in binary units, as the budget's messages give it.
+  static std::string formatBytes(std::int64_t bytes);
+
+  // The working memory (bytes) that rendering `bounds` of `image` (null: its extent) will hold
+  // at most, with the tiling this context chooses for it; `toFile` adds the encoder's strip
+  // buffers of writeToFile. Throws CIRenderBudgetError when that is over the budget (or the
+  // render's work over the limit of work), and
+  // CIRenderError for what render() refuses (nil image, infinite bounds).
+  std::int64_t workingMemory(const CIImage& image, const CGRect& bounds, bool toFile = false) const;
+
   // Renders `bounds` (made integral) of the image into `buffer`, whose row 0 is the top row.
   // A null `bounds` means the image's extent. Throws CIRenderError for an infinite extent
-  // without bounds, a nil image, or a buffer too small.
+  // without bounds, a nil image, or a buffer too small, and CIRenderBudgetError (before
+  // rendering anything) for a graph that cannot be rendered within the memory budget.
   void render(const CIImage& image, void* buffer, std::ptrdiff_t rowBytes, const CGRect& bounds,
               CIRenderFormat format) const;
 

@@ -31,6 +31,7 @@ struct ApplyOptions {
   bool extentOnly = false;
   bool progress = false;
   int threads = 0;
+  std::string maxMemory;
   std::string quality = "90";
   CLI::Option* filterOption = nullptr;
   CLI::Option* setOption = nullptr;
@@ -142,6 +143,7 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   qv::prepareFilterRegistry();
   const std::vector<Step> steps = stepsInOrder(cmd, options);
   qv::parseQualityArgument(options.quality);  // checked before any decoding
+  const std::int64_t maxMemory = options.maxMemory.empty() ? 0 : qv::parseMemoryArgument(options.maxMemory);
   CIImage image;
   try {
     image = qv::imageFromFile(options.input);
@@ -187,6 +189,7 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   }
   CIContextOptions contextOptions;
   contextOptions.threads = options.threads;
+  contextOptions.maxMemory = maxMemory;
   if (options.progress || isatty(STDERR_FILENO)) {
     auto printer = std::make_shared<ProgressPrinter>();
     contextOptions.progress = [printer](double f) { (*printer)(f); };
@@ -196,6 +199,15 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   } catch (const CIImageDecodeError& e) {
     // The input file itself is damaged: no step is to blame.
     throw qv::CommandError{CIContext::writeErrorMessage(options.output, e.what())};
+  } catch (const CIRenderBudgetError& e) {
+    std::vector<qv::ChainStep> chain;
+    for (std::size_t i = 0; i < steps.size() && i < stepOutputs.size(); ++i) {
+      std::string inputs;
+      for (const auto& [key, text] : steps[i].settings) inputs += (inputs.empty() ? " with " : ", ") + key + "=" + text;
+      chain.push_back({"step " + std::to_string(i + 1) + " (" + steps[i].filter + ")" + inputs, stepOutputs[i]});
+    }
+    throw qv::CommandError{
+        CIContext::writeErrorMessage(options.output, qv::budgetMessage(chain, e, contextOptions, true))};
   } catch (const CIRenderError& e) {
     // The renderer names the internal node it could not serve; the user asked for filters.
     const std::string step = stepThatCannotBeRendered(steps, stepOutputs);
@@ -223,6 +235,7 @@ const qv::CommandRegistration registration(30, [](CLI::App& app) {
   cmd->add_flag("--extent", options->extentOnly, "Print the output extent (x y width height) without rendering");
   cmd->add_option("--threads", options->threads, "Render threads (0: one per core)")->check(CLI::Range(0, 256));
   cmd->add_option("--quality", options->quality, "JPEG/WebP quality, 0 to 100");
+  qv::addMaxMemoryOption(cmd, options->maxMemory);
   cmd->add_flag("--progress", options->progress, "Print progress on stderr even when it is not a terminal");
   cmd->footer(
       "Values are read by the input's class (see qvfilter info NAME): NSNumber 3, 2.5 or true; CIVector \"x y\" "

@@ -18,6 +18,7 @@
 
 #include "Batch.h"
 #include "Command.h"
+#include "CoreImage/CIContext.h"
 #include "ImageFiles.h"
 #include "PlugIns.h"
 
@@ -34,6 +35,7 @@ struct BatchOptions {
   const CLI::Option* qualityOption = nullptr;
   int jobs = 0;
   int threads = 1;
+  std::string maxMemory;
   bool skipExisting = false;
   std::string report;
   bool quiet = false;
@@ -139,6 +141,8 @@ int runBatch(const BatchOptions& options) {
   qv::BatchFileOptions fileOptions;
   fileOptions.threads = options.threads;
   fileOptions.skipExisting = options.skipExisting;
+  const std::int64_t maxMemory =
+      options.maxMemory.empty() ? CIContext::defaultMaxMemory() : qv::parseMemoryArgument(options.maxMemory);
   if (options.qualityOption && options.qualityOption->count() > 0)
     fileOptions.quality = qv::parseQualityArgument(options.quality) / 100.0;
 
@@ -166,6 +170,8 @@ int runBatch(const BatchOptions& options) {
   const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
   const std::size_t jobs =
       std::clamp<std::size_t>(options.jobs > 0 ? std::size_t(options.jobs) : cores, 1, std::max<std::size_t>(entries.size(), 1));
+  // The files rendered at once share the budget.
+  fileOptions.maxMemory = std::max<std::int64_t>(maxMemory / std::int64_t(jobs), 1);
   Progress progress(entries.size(), isatty(STDERR_FILENO) != 0, options.quiet);
 
   std::vector<json> results(entries.size());
@@ -244,6 +250,7 @@ const qv::CommandRegistration registration(45, [](CLI::App& app) {
       ->check(CLI::Range(1, 256));
   cmd->add_option("--threads", options->threads, "Render threads per file (default 1; 0: one per core)")
       ->check(CLI::Range(0, 256));
+  qv::addMaxMemoryOption(cmd, options->maxMemory);
   cmd->add_flag("--skip-existing", options->skipExisting, "Leave outputs that already exist alone (resume a batch)");
   cmd->add_option("--report", options->report, "Write a JSON report of every file's result here");
   cmd->add_flag("-q,--quiet", options->quiet, "No progress, only the summary");

@@ -1,0 +1,193 @@
+// The render's working memory has a budget: it is estimated before anything is rendered, the
+// tiling shrinks to fit it, a graph that cannot fit is refused, and what a render really
+// allocates stays within the estimate. Likewise the pixels a render computes have a limit.
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <new>
+#include <vector>
+
+#include "CoreImage/CIColor.h"
+#include "CoreImage/CIContext.h"
+#include "CoreImage/CIFilter.h"
+#include "CoreImage/CIVector.h"
+
+// Live and peak bytes of every operator new of this test program: the renderer's buffers are
+// std::vectors, so they are all counted.
+namespace {
+std::atomic<std::int64_t> gLiveBytes{0};
+std::atomic<std::int64_t> gPeakBytes{0};
+
+void* countedAlloc(std::size_t size) {
+  void* p = std::malloc(size ? size : 1);
+  if (!p) throw std::bad_alloc();
+  const std::int64_t live = gLiveBytes += std::int64_t(malloc_usable_size(p));
+  std::int64_t peak = gPeakBytes.load();
+  while (live > peak && !gPeakBytes.compare_exchange_weak(peak, live)) {
+  }
+  return p;
+}
+void countedFree(void* p) {
+  if (!p) return;
+  gLiveBytes -= std::int64_t(malloc_usable_size(p));
+  std::free(p);
+}
+}  // namespace
+
+void* operator new(std::size_t size) { return countedAlloc(size); }
+void* operator new[](std::size_t size) { return countedAlloc(size); }
+void operator delete(void* p) noexcept { countedFree(p); }
+void operator delete[](void* p) noexcept { countedFree(p); }
+void operator delete(void* p, std::size_t) noexcept { countedFree(p); }
+void operator delete[](void* p, std::size_t) noexcept { countedFree(p); }
+
+namespace {
+
+CIImage plain(double width, double height) {
+  return CIImage::imageWithColor(std::make_shared<CIColor>(0.2, 0.5, 0.8, 1.0))
+      .imageByCroppingToRect(CGRectMake(0, 0, width, height));
+}
+
+CIImage blurred(const CIImage& input, double radius) {
+  auto f = CIFilter::filterWithName("CIGaussianBlur");
+  f->setDefaults();
+  f->setValue(input, kCIInputImageKey);
+  f->setValue(Value(radius), "inputRadius");
+  return f->outputImage();
+}
+
+// A 320 x 240 picture (the size of the CLI's test photo) through `steps` blurs of `radius`.
+CIImage blurChain(int steps, double radius) {
+  CIImage image = plain(320, 240);
+  for (int i = 0; i < steps; ++i) image = blurred(image, radius);
+  return image;
+}
+
+CIContextOptions budget(std::int64_t bytes, int threads = 2) {
+  CIContextOptions o;
+  o.maxMemory = bytes;
+  o.threads = threads;
+  return o;
+}
+
+TEST(MemoryBudget, TheDefaultIsAShareOfTheMachinesMemory) {
+  const std::int64_t d = CIContext::defaultMaxMemory();
+  EXPECT_GT(d, 0);
+  EXPECT_EQ(CIContext(CIContextOptions{}).maxMemory(), d);
+  EXPECT_EQ(CIContext(budget(std::int64_t{3} << 20)).maxMemory(), std::int64_t{3} << 20);
+  EXPECT_EQ(CIContext(CIContextOptions{}).maxPixelWork(), CIContext::kDefaultMaxPixelWork);
+}
+
+TEST(MemoryBudget, BytesAreWrittenInBinaryUnits) {
+  EXPECT_EQ(CIContext::formatBytes(512), "512 bytes");
+  EXPECT_EQ(CIContext::formatBytes(std::int64_t{1} << 20), "1 MB");
+  EXPECT_EQ(CIContext::formatBytes(std::int64_t{3} << 29), "1.50 GB");
+  EXPECT_EQ(CIContext::formatBytes((std::int64_t{1} << 30) + (std::int64_t{1} << 22)), "1.00 GB");
+  EXPECT_EQ(CIContext::formatBytes(std::int64_t{25} << 19), "12.5 MB");
+  EXPECT_EQ(CIContext::formatBytes(std::int64_t{300} << 20), "300 MB");
+}
+
+TEST(MemoryBudget, ATinyBudgetRefusesAPlainBlurBeforeRendering) {
+  const CIImage image = blurChain(1, 10);
+  bool progressed = false;
+  CIContextOptions o = budget(std::int64_t{64} << 10);
+  o.progress = [&](double) { progressed = true; };
+  std::vector<std::uint8_t> pixels(380 * 300 * 4);
+  try {
+    CIContext(o).render(image, pixels.data(), 380 * 4, CGRectNull, CIRenderFormat::RGBA8);
+    FAIL() << "rendered over the budget";
+  } catch (const CIRenderBudgetError& e) {
+    EXPECT_EQ(e.kind(), CIRenderBudgetError::Kind::memory);
+    EXPECT_EQ(e.budget(), double(std::int64_t{64} << 10));
+    EXPECT_GT(e.needed(), e.budget());
+    const std::string message = e.what();
+    EXPECT_EQ(message.rfind("rendering 380x300 pixels needs ", 0), 0u) << message;
+    EXPECT_NE(message.find(" of working memory, more than the budget of 64 KB (the region of interest of \""),
+              std::string::npos)
+        << message;
+  }
+  EXPECT_FALSE(progressed);
+  // The estimate says the same without rendering.
+  EXPECT_THROW(CIContext(o).workingMemory(image, CGRectNull), CIRenderBudgetError);
+  // With room, the same render runs.
+  EXPECT_NO_THROW(CIContext(budget(std::int64_t{256} << 20))
+                      .render(image, pixels.data(), 380 * 4, CGRectNull, CIRenderFormat::RGBA8));
+}
+
+TEST(MemoryBudget, TheTilingShrinksToFitASmallBudget) {
+  // One blur of a 2000 x 2000 picture: the tiling chosen for speed holds more than 8 MB, a
+  // narrower and lower one fits.
+  const CIImage image = blurred(plain(2000, 2000), 4);
+  const CGRect rect = CGRectMake(0, 0, 2000, 2000);
+  const std::int64_t roomy = CIContext(budget(std::int64_t{1} << 32)).workingMemory(image, rect);
+  const std::int64_t small = std::int64_t{8} << 20;
+  ASSERT_GT(roomy, small);
+  const std::int64_t fitted = CIContext(budget(small)).workingMemory(image, rect);
+  EXPECT_LE(fitted, small);
+  std::vector<std::uint8_t> pixels(2000 * 2000 * 4);
+  const std::int64_t before = gLiveBytes.load();
+  gPeakBytes = before;
+  CIContext(budget(small)).render(image, pixels.data(), 2000 * 4, rect, CIRenderFormat::RGBA8);
+  // The tile buffers, and at most a few hundred KB of regions, plans and thread-pool state.
+  EXPECT_LE(gPeakBytes.load() - before, fitted + (std::int64_t{1} << 20));
+}
+
+TEST(MemoryBudget, AChainOfBlursHoldsNoMoreThanItsEstimate) {
+  // 20 blurs of radius 20: the output grows to 2720 x 2640 and each tile's region of interest
+  // to thousands of pixels; what the render allocates stays within the estimate it was
+  // checked against.
+  const CIImage image = blurChain(20, 20);
+  const CGRect rect = image.extent();
+  const CIContext context(budget(std::int64_t{1} << 30));
+  const std::int64_t estimate = context.workingMemory(image, rect, true);
+  EXPECT_GT(estimate, std::int64_t{16} << 20);
+  const std::string path = ::testing::TempDir() + "/budget-chain.png";
+  const std::int64_t before = gLiveBytes.load();
+  gPeakBytes = before;
+  context.writeToFile(image, path, rect);
+  // The encoder's own state (zlib, libpng) is allocated with malloc, not counted here.
+  EXPECT_LE(gPeakBytes.load() - before, estimate + (std::int64_t{1} << 20));
+  EXPECT_GT(gPeakBytes.load() - before, estimate / 4);  // the estimate is not a wild overstatement
+  std::remove(path.c_str());
+}
+
+TEST(MemoryBudget, AHundredChainedBlursAreRefusedOverTheirBudget) {
+  // A hundred blurs of radius 20: every tile reaches 6000 pixels into the picture on each side.
+  const CIImage image = blurChain(100, 20);
+  const CIContext context(budget(std::int64_t{1} << 30));
+  try {
+    context.workingMemory(image, CGRectNull, true);
+    FAIL() << "a hundred blurs fit in 1 GB";
+  } catch (const CIRenderBudgetError& e) {
+    EXPECT_EQ(e.kind(), CIRenderBudgetError::Kind::memory);
+    EXPECT_GT(e.needed(), double(std::int64_t{1} << 30));
+  }
+  // A file of it is refused before the file is created.
+  const std::string path = ::testing::TempDir() + "/budget-hundred.png";
+  EXPECT_THROW(context.writeToFile(image, path, CGRectNull), CIRenderBudgetError);
+  EXPECT_FALSE(std::ifstream(path).good());
+}
+
+TEST(MemoryBudget, AGraphThatWouldComputeTooManyPixelsIsRefused) {
+  // 40 blurs of a 2000 x 2000 picture compute more than 10^8 pixels.
+  CIImage image = plain(2000, 2000);
+  for (int i = 0; i < 40; ++i) image = blurred(image, 1);
+  CIContextOptions o = budget(std::int64_t{1} << 32);
+  o.maxPixelWork = 1e8;
+  try {
+    CIContext(o).workingMemory(image, CGRectNull);
+    FAIL() << "the work was under the limit";
+  } catch (const CIRenderBudgetError& e) {
+    EXPECT_EQ(e.kind(), CIRenderBudgetError::Kind::work);
+    EXPECT_GT(e.needed(), 40 * 2000.0 * 2000.0);
+    EXPECT_EQ(e.budget(), 1e8);
+  }
+  o.maxPixelWork = 1e9;
+  EXPECT_NO_THROW(CIContext(o).workingMemory(image, CGRectNull));
+}
+
+}  // namespace
