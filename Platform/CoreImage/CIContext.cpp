@@ -670,7 +670,7 @@ void CIContext::renderStrips(const CIImage& image, const CGRect& bounds, CIRende
     return;
   }
   const Plan plan = makePlan(image.node().get());
-  ColumnRenderer renderer(plan, b, options_, progress);
+  ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
   const std::int64_t th = std::max<std::int64_t>(1, renderer.tiling().height);
   const std::int64_t wanted = std::max<std::int64_t>(1, minStripRows);
   const std::int64_t stripRows = std::min(b.height, th * ((wanted + th - 1) / th));
