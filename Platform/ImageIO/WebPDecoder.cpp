@@ -1,6 +1,7 @@
-// WebP decoding through libwebp: WebPGetFeatures for the header, RGBA decode, and libwebp's own
-// scaled decode for thumbnails. EXIF and ICCP chunks of extended files are found by walking
-// the RIFF container.
+// WebP decoding through libwebp: WebPGetFeatures for the header, an incremental RGBA decode whose
+// finished rows reach the sink in strips, and libwebp's own scaled decode for thumbnails. EXIF
+// and ICCP chunks of extended files are found by walking the RIFF container.
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -101,27 +102,51 @@ bool decodeWebP(const std::uint8_t* data, std::size_t size, const DecodeRequest&
     error = "stopped";
     return false;
   }
-  // libwebp decodes the whole picture in one call: into the sink's buffer when it can hold it
-  // all, as the whole-image sink does.
-  std::size_t bytesPerRow = 0;
-  std::uint8_t* rows = sink.rows(0, height, bytesPerRow);
-  if (!rows) {
-    error = "stopped";
-    return false;
-  }
+  // libwebp's incremental decoder is fed the file in pieces, and the rows it has finished are
+  // handed to the sink in strips as they come. Its own output buffer is sized by the header but
+  // only the decoded rows of it are ever written, and the sink grows with the rows it is given,
+  // so a small file claiming a huge picture fails at its data's end having made resident only
+  // what it really held (a whole-size buffer handed to the decoder up front would be).
   config.output.colorspace = MODE_RGBA;
-  config.output.is_external_memory = 1;
-  config.output.u.RGBA.rgba = rows;
-  config.output.u.RGBA.stride = static_cast<int>(bytesPerRow);
-  config.output.u.RGBA.size = bytesPerRow * height;
-  const VP8StatusCode status = WebPDecode(data, size, &config);
-  WebPFreeDecBuffer(&config.output);
-  if (status != VP8_STATUS_OK) {
-    error = std::string("corrupt WebP: ") + statusText(status);
+  WebPIDecoder* decoder = WebPIDecode(nullptr, 0, &config);
+  if (!decoder) {
+    error = "corrupt WebP: cannot start decoding";
     return false;
   }
-  if (!sink.commit(0, height)) {
+  constexpr std::size_t kPieceBytes = std::size_t{1} << 16;
+  std::size_t delivered = 0;
+  VP8StatusCode status = VP8_STATUS_SUSPENDED;
+  bool stopped = false;
+  for (std::size_t offset = 0; offset < size && status == VP8_STATUS_SUSPENDED && !stopped;) {
+    const std::size_t piece = std::min(kPieceBytes, size - offset);
+    status = WebPIAppend(decoder, data + offset, piece);
+    offset += piece;
+    int lastRow = 0, decodedWidth = 0, decodedHeight = 0, stride = 0;
+    const std::uint8_t* decoded = WebPIDecGetRGB(decoder, &lastRow, &decodedWidth, &decodedHeight, &stride);
+    if (!decoded || lastRow <= 0) continue;
+    const std::size_t rowBytes = width * 4;
+    while (delivered < std::size_t(lastRow) && !stopped) {
+      const std::size_t count = std::min(std::size_t(lastRow) - delivered, std::max<std::size_t>(1, sink.maxStripRows()));
+      std::size_t bytesPerRow = 0;
+      std::uint8_t* rows = sink.rows(delivered, count, bytesPerRow);
+      if (!rows) {
+        stopped = true;
+        break;
+      }
+      for (std::size_t r = 0; r < count; ++r)
+        std::memcpy(rows + r * bytesPerRow, decoded + (delivered + r) * std::size_t(stride), rowBytes);
+      stopped = !sink.commit(delivered, count);
+      delivered += count;
+    }
+  }
+  WebPIDelete(decoder);
+  if (stopped) {
     error = "stopped";
+    return false;
+  }
+  if (status == VP8_STATUS_SUSPENDED) status = VP8_STATUS_NOT_ENOUGH_DATA;  // all data given, rows missing
+  if (status != VP8_STATUS_OK || delivered != height) {
+    error = std::string("corrupt WebP: ") + statusText(status == VP8_STATUS_OK ? VP8_STATUS_NOT_ENOUGH_DATA : status);
     return false;
   }
   return true;

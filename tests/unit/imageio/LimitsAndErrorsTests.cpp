@@ -304,3 +304,24 @@ TEST(ImageIODestination, TypesAndFailures) {
   EXPECT_FALSE(CGImageDestinationFinalize(dest));
   EXPECT_EQ(readFile(dir + "/strips.png"), encode(img, kUTTypePNG));
 }
+
+TEST(ImageIOLimits, ALosslessWebPClaimingMorePixelsThanItsDataHoldsFailsWithoutSizingThemAll) {
+  // 16 x 16 pixels of lossless data under a header claiming 16384 x 16384 (at the pixel limit):
+  // the decode fails at the data's end without a 1 GB picture made resident first.
+  Bytes webp = encode(noise(16, 16), kUTTypeWebP, {{kCGImageDestinationLossless, Value::boolean(true)}});
+  ASSERT_GT(webp.size(), 25u);
+  ASSERT_EQ(std::string(webp.begin() + 12, webp.begin() + 16), "VP8L");
+  ASSERT_EQ(webp[20], 0x2f);
+  std::uint32_t bits = std::uint32_t(webp[21]) | std::uint32_t(webp[22]) << 8 | std::uint32_t(webp[23]) << 16 |
+                       std::uint32_t(webp[24]) << 24;
+  bits = (bits & ~0x0fffffffu) | 16383u | 16383u << 14;  // width - 1, height - 1: 14 bits each
+  for (int i = 0; i < 4; ++i) webp[21 + i] = std::uint8_t(bits >> (8 * i));
+  auto src = CGImageSourceCreateWithData(webp);
+  ASSERT_EQ(CGImageSourceGetCount(src), 1u);
+  const Dictionary props = CGImageSourceCopyPropertiesAtIndex(src, 0);
+  ASSERT_EQ(props.at(kCGImagePropertyPixelWidth).integerValue(), 16384);
+  const long before = peakResidentKiB();
+  EXPECT_EQ(CGImageSourceCreateImageAtIndex(src, 0), nullptr);
+  EXPECT_EQ(CGImageSourceGetLastError(src).rfind("corrupt WebP: ", 0), 0u) << CGImageSourceGetLastError(src);
+  EXPECT_LT(peakResidentKiB() - before, 100 * 1024);
+}
