@@ -12,6 +12,7 @@
 
 #include "CoreImage/CIPlugIn.h"
 #include "ImageIO/CGImage.h"
+#include "ImageIO/ImageIO.h"
 
 namespace qvbench {
 
@@ -70,6 +71,20 @@ inline bool loadBundle() {
     return false;
   }
   return true;
+}
+
+// Writes the generated photo of w x h as a Q90 JPEG at `path` unless it is already there, then
+// loads the bundle. False (with the reason on stderr) when either fails.
+inline bool preparePhotoJPEG(const char* path, std::size_t w, std::size_t h) {
+  if (!std::filesystem::exists(path)) {
+    auto dest = CGImageDestinationCreateWithURL(path, kUTTypeJPEG);
+    if (!dest || !CGImageDestinationAddImage(dest, photoImage(w, h), {{kCGImageDestinationLossyCompressionQuality, 0.9}}) ||
+        !CGImageDestinationFinalize(dest)) {
+      std::fprintf(stderr, "cannot write %s\n", path);
+      return false;
+    }
+  }
+  return loadBundle();
 }
 
 }  // namespace qvbench

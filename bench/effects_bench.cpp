@@ -35,18 +35,7 @@ constexpr std::size_t kWidth = 6000, kHeight = 4000;
 const char* const kInput = "/tmp/qv_effects_bench_6000x4000.jpg";
 
 bool prepare() {
-  static const bool ready = [] {
-    if (!std::filesystem::exists(kInput)) {
-      auto dest = CGImageDestinationCreateWithURL(kInput, kUTTypeJPEG);
-      if (!dest || !CGImageDestinationAddImage(dest, qvbench::photoImage(kWidth, kHeight),
-                                               {{kCGImageDestinationLossyCompressionQuality, 0.9}}) ||
-          !CGImageDestinationFinalize(dest)) {
-        std::fprintf(stderr, "cannot write %s\n", kInput);
-        return false;
-      }
-    }
-    return qvbench::loadBundle();
-  }();
+  static const bool ready = qvbench::preparePhotoJPEG(kInput, kWidth, kHeight);
   return ready;
 }
 
