@@ -140,6 +140,7 @@ bool decodeWebP(const std::uint8_t* data, std::size_t size, const DecodeRequest&
     }
   }
   WebPIDelete(decoder);
+  WebPFreeDecBuffer(&config.output);  // a decoder started with a config writes into its output, not its own
   if (stopped) {
     error = "stopped";
     return false;

@@ -323,5 +323,12 @@ TEST(ImageIOLimits, ALosslessWebPClaimingMorePixelsThanItsDataHoldsFailsWithoutS
   const long before = peakResidentKiB();
   EXPECT_EQ(CGImageSourceCreateImageAtIndex(src, 0), nullptr);
   EXPECT_EQ(CGImageSourceGetLastError(src).rfind("corrupt WebP: ", 0), 0u) << CGImageSourceGetLastError(src);
-  EXPECT_LT(peakResidentKiB() - before, 100 * 1024);
+  // libwebp reserves its picture and pixel buffers by the header (1 GB each, never written).
+  // AddressSanitizer marks the shadow of every allocation, an eighth of its size, so under it
+  // the bound grows by that bookkeeping; a whole picture made resident still exceeds it.
+  long boundKiB = 100 * 1024;
+#if defined(__SANITIZE_ADDRESS__)
+  boundKiB += 2 * (16384L * 16384L * 4 / 8) / 1024;
+#endif
+  EXPECT_LT(peakResidentKiB() - before, boundKiB);
 }
