@@ -8,6 +8,7 @@
 
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "CoreImage/CIFilter.h"
 #include "CoreImage/CIImage.h"
@@ -24,6 +25,19 @@ inline bool loadBundleOnce(std::string* error = nullptr) {
   std::call_once(once, [] { loaded = CIPlugIn::loadPlugIn(QV_BUNDLE_DIR, &message); });
   if (error) *error = message;
   return loaded;
+}
+
+// The filters registered from the bundle: the classes its filter description names, in name
+// order. Empty when the bundle cannot be loaded (the bundle tests then say why).
+inline std::vector<std::string> bundleFilterNames() {
+  if (!loadBundleOnce()) return {};
+  std::string error;
+  const Value description =
+      CIPlugIn::readFilterDescription(std::string(QV_BUNDLE_DIR) + "/Resources/Description.plist", &error);
+  std::vector<std::string> names;
+  if (const Dictionary* d = description.dictionary())
+    for (const auto& [name, entry] : *d) names.push_back(name);
+  return names;
 }
 
 // The path of the fixed test photo.

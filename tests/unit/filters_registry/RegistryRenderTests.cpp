@@ -15,19 +15,6 @@ using namespace qvtest;
 
 namespace {
 
-// The filters registered from the bundle: the classes its filter description names, in name
-// order. Empty when the bundle cannot be loaded (BundleLoads then says why).
-std::vector<std::string> bundleFilterNames() {
-  if (!loadBundleOnce()) return {};
-  std::string error;
-  const Value description =
-      CIPlugIn::readFilterDescription(std::string(QV_BUNDLE_DIR) + "/Resources/Description.plist", &error);
-  std::vector<std::string> names;
-  if (const Dictionary* d = description.dictionary())
-    for (const auto& [name, entry] : *d) names.push_back(name);
-  return names;
-}
-
 // The rectangle to render: the output's extent in whole pixels, or the photo's where the
 // output is infinite.
 CGRect renderRect(const CIImage& out) {

@@ -23,17 +23,6 @@ CIContextOptions options(int threads, int tileSize) {
   return o;
 }
 
-std::vector<std::string> bundleFilterNames() {
-  if (!loadBundleOnce()) return {};
-  std::string error;
-  const Value description =
-      CIPlugIn::readFilterDescription(std::string(QV_BUNDLE_DIR) + "/Resources/Description.plist", &error);
-  std::vector<std::string> names;
-  if (const Dictionary* d = description.dictionary())
-    for (const auto& [name, entry] : *d) names.push_back(name);
-  return names;
-}
-
 struct Picture {
   std::string file;
   CGImageRef whole;
