@@ -631,13 +631,13 @@ QV_BLUR_CLONES void emitRowEdges(float* out, const double* sums, const float* a,
   for (std::int64_t i = 0; i < nf; ++i) out[i] = gridValue((sums[i] + edge * (double(a[i]) + double(b[i]))) * norm);
 }
 
-class BoxColumnsNode final : public ImageNode {
+// A vertical pass that streams down a column of tiles: it reads `support` rows beyond a tile
+// above and below, and keeps what it read in the column's render state, so that the tile right
+// below the one it rendered last goes on where that one stopped.
+class ColumnStreamNode : public ImageNode {
  public:
-  BoxColumnsNode(std::string name, const CIImage& input, std::vector<Pass1D> passes, int support)
-      : ImageNode(growExtent(input.extent(), 0, support), {input}),
-        name_(std::move(name)),
-        passes_(std::move(passes)),
-        support_(support) {}
+  ColumnStreamNode(std::string name, const CIImage& input, int support)
+      : ImageNode(growExtent(input.extent(), 0, support), {input}), support_(support), name_(std::move(name)) {}
 
   PixelRect regionOfInterest(std::size_t, const PixelRect& rect) const override { return rect.outset(0, support_); }
   PixelRect regionOfInterestBelow(std::size_t, const PixelRect& rect) const override {
@@ -646,19 +646,44 @@ class BoxColumnsNode final : public ImageNode {
   bool continuesDown() const override { return true; }
   std::string name() const override { return name_; }
 
+ protected:
+  // The column's stream state S (with a `last` rectangle): the one the tile above left when
+  // `rect` lies straight below it (`continuing`), else a fresh one from `make`, kept in the
+  // render's state for the tile below (in `local` when the render keeps none).
+  template <class S, class Make>
+  S* columnStream(const PixelRect& rect, const RenderInfo& info, std::shared_ptr<void>& local, bool& continuing,
+                  Make make) const {
+    std::shared_ptr<void>& slot = info.state ? *info.state : local;
+    auto* stream = static_cast<S*>(slot.get());
+    continuing = stream && !stream->last.empty() && stream->last.x == rect.x && stream->last.width == rect.width &&
+                 stream->last.y == rect.maxY();
+    if (continuing) return stream;
+    std::shared_ptr<S> fresh = make();
+    stream = fresh.get();
+    slot = std::move(fresh);
+    return stream;
+  }
+
+  int support_;
+
+ private:
+  std::string name_;
+};
+
+class BoxColumnsNode final : public ColumnStreamNode {
+ public:
+  BoxColumnsNode(std::string name, const CIImage& input, std::vector<Pass1D> passes, int support)
+      : ColumnStreamNode(std::move(name), input, support), passes_(std::move(passes)) {}
+
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
     const std::int64_t nf = out.rect.width * 4;
     std::shared_ptr<void> local;
-    std::shared_ptr<void>& slot = info.state ? *info.state : local;
-    auto* stream = static_cast<Stream*>(slot.get());
-    const bool continuing = stream && !stream->last.empty() && stream->last.x == out.rect.x &&
-                            stream->last.width == out.rect.width && stream->last.y == out.rect.maxY();
-    if (!continuing) {
+    bool continuing = false;
+    Stream* stream = columnStream<Stream>(out.rect, info, local, continuing, [&] {
       auto fresh = std::make_shared<Stream>();
       for (const Pass1D& p : passes_) fresh->passes.emplace_back(p, nf);
-      slot = fresh;
-      stream = fresh.get();
-    }
+      return fresh;
+    });
     // Input rows not seen yet, top down: each yields exactly one output row once the passes
     // are primed (a fresh stream first reads the 2·support rows above the tile's bottom row).
     const std::int64_t top = continuing ? out.rect.maxY() - support_ : out.rect.maxY() + support_;
@@ -710,42 +735,26 @@ class BoxColumnsNode final : public ImageNode {
     if (!last) push(stream, p + 1, y, out);
   }
 
-  std::string name_;
   std::vector<Pass1D> passes_;
-  int support_;
 };
 
 // The direct vertical pass streaming down a column: the node keeps the last 2·support input
 // rows it read, in a ring indexed by row, so that a tile below the one it rendered last reads
 // only its own new rows and filters each output row once.
-class FirColumnsNode final : public ImageNode {
+class FirColumnsNode final : public ColumnStreamNode {
  public:
   FirColumnsNode(std::string name, const CIImage& input, Pass1D pass)
-      : ImageNode(growExtent(input.extent(), 0, pass.support()), {input}),
-        name_(std::move(name)),
-        pass_(std::move(pass)),
-        support_(pass_.support()) {}
-
-  PixelRect regionOfInterest(std::size_t, const PixelRect& rect) const override { return rect.outset(0, support_); }
-  PixelRect regionOfInterestBelow(std::size_t, const PixelRect& rect) const override {
-    return rect.offset(0, -support_);
-  }
-  bool continuesDown() const override { return true; }
-  std::string name() const override { return name_; }
+      : ColumnStreamNode(std::move(name), input, pass.support()), pass_(std::move(pass)) {}
 
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
     const std::int64_t nf = out.rect.width * 4, window = 2 * std::int64_t(support_);
     std::shared_ptr<void> local;
-    std::shared_ptr<void>& slot = info.state ? *info.state : local;
-    auto* stream = static_cast<Stream*>(slot.get());
-    const bool continuing = stream && !stream->last.empty() && stream->last.x == out.rect.x &&
-                            stream->last.width == out.rect.width && stream->last.y == out.rect.maxY();
-    if (!continuing) {
+    bool continuing = false;
+    Stream* stream = columnStream<Stream>(out.rect, info, local, continuing, [&] {
       auto fresh = std::make_shared<Stream>();
       fresh->ring.resize(std::size_t(window * nf));
-      slot = fresh;
-      stream = fresh.get();
-    }
+      return fresh;
+    });
     // The window of input rows, bottom up: the rows the ring holds (the 2·support rows from
     // out.rect.maxY() - support up, when continuing) and the tile's new rows from the input.
     const std::int64_t y0 = out.rect.y - support_, y1 = out.rect.maxY() + support_;
@@ -771,9 +780,7 @@ class FirColumnsNode final : public ImageNode {
     }
   };
 
-  std::string name_;
   Pass1D pass_;
-  int support_;
 };
 
 }  // namespace
