@@ -5,18 +5,7 @@ source "$QV_SOURCE_DIR/tests/cli/recipes/lib.sh"
 tmp=$(scratch serve_api)
 cd "$tmp" || exit 1
 
-"$QVFILTER" serve --port 0 >server.out 2>server.err &
-server=$!
-for _ in $(seq 100); do
-  grep -q 'http://' server.out 2>/dev/null && break
-  sleep 0.1
-done
-base=$(grep -o 'http://127\.0\.0\.1:[0-9]*' server.out)
-if [ -z "$base" ]; then
-  echo "FAIL: qvfilter serve printed no address: $(cat server.out server.err)" >&2
-  kill "$server" 2>/dev/null
-  exit 1
-fi
+start_server
 
 # check STATUS DESCRIPTION CURL-ARGS...: the answer has that status and, for errors, a JSON
 # body with a non-empty "error"; the body is left in $body.

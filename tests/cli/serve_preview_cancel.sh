@@ -6,15 +6,8 @@ source "$QV_SOURCE_DIR/tests/cli/recipes/lib.sh"
 tmp=$(scratch serve_preview_cancel)
 cd "$tmp" || exit 1
 
-"$QVFILTER" serve --port 0 >server.out 2>server.err &
-server=$!
+start_server
 trap 'kill "$server" 2>/dev/null' EXIT
-for _ in $(seq 100); do
-  grep -q 'http://' server.out 2>/dev/null && break
-  sleep 0.1
-done
-base=$(grep -o 'http://127\.0\.0\.1:[0-9]*' server.out)
-[ -n "$base" ] || { echo "FAIL: qvfilter serve printed no address: $(cat server.out server.err)" >&2; exit 1; }
 json_field() { python3 -c "import json,sys; print(json.load(open('body.json'))$1)"; }
 
 "$QVFILTER" sample photo.jpg --width 2400 --height 1600 >/dev/null

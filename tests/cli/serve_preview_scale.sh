@@ -7,15 +7,8 @@ source "$QV_SOURCE_DIR/tests/cli/recipes/lib.sh"
 tmp=$(scratch serve_preview_scale)
 cd "$tmp" || exit 1
 
-"$QVFILTER" serve --port 0 >server.out 2>server.err &
-server=$!
+start_server
 trap 'kill "$server" 2>/dev/null' EXIT
-for _ in $(seq 100); do
-  grep -q 'http://' server.out 2>/dev/null && break
-  sleep 0.1
-done
-base=$(grep -o 'http://127\.0\.0\.1:[0-9]*' server.out)
-[ -n "$base" ] || { echo "FAIL: qvfilter serve printed no address: $(cat server.out server.err)" >&2; exit 1; }
 
 # post PATH JSON: the answer's body in body.json; fails the test on an HTTP error.
 post() {

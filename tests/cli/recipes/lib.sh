@@ -117,3 +117,21 @@ finish() {
   echo "ok"
   exit 0
 }
+
+# start_server: starts `qvfilter serve` on a free loopback port, its output in server.out and
+# server.err of the current directory, waits for the address it prints and sets $server (its
+# process) and $base (its URL). Ends the test when no address comes.
+start_server() {
+  "$QVFILTER" serve --port 0 >server.out 2>server.err &
+  server=$!
+  for _ in $(seq 100); do
+    grep -q 'http://' server.out 2>/dev/null && break
+    sleep 0.1
+  done
+  base=$(grep -o 'http://127\.0\.0\.1:[0-9]*' server.out)
+  if [ -z "$base" ]; then
+    echo "FAIL: qvfilter serve printed no address: $(cat server.out server.err)" >&2
+    kill "$server" 2>/dev/null
+    exit 1
+  fi
+}
