@@ -511,6 +511,25 @@ bool CGImageSourceDecodeStripsAtIndex(const CGImageSourceRef& source, std::size_
 
 namespace imageio_detail {
 
+bool RowReader::canAdvance(std::size_t count, std::string& error) const {
+  if (!failure_.empty()) {
+    error = failure_;
+    return false;
+  }
+  if (count > height - nextRow) {
+    error = "rows past the end of the image";
+    return false;
+  }
+  return true;
+}
+
+bool RowReader::fail(const std::string& reason, std::size_t count, std::string& error) {
+  failure_ = reason + " (in rows " + std::to_string(nextRow) + "-" + std::to_string(nextRow + count - 1) + " of " +
+             std::to_string(height) + ")";
+  error = failure_;
+  return false;
+}
+
 bool RowReader::skip(std::size_t count, std::string& error) {
   std::vector<std::uint8_t> row(width * 4 * std::size_t(bitsPerComponent / 8));
   for (std::size_t i = 0; i < count; ++i)
@@ -530,20 +549,14 @@ class WholeImageRowReader final : public RowReader {
     wholeImage = true;
   }
   bool read(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) override {
-    if (count > height - nextRow) {
-      error = "rows past the end of the image";
-      return false;
-    }
+    if (!canAdvance(count, error)) return false;
     for (std::size_t i = 0; i < count; ++i)
       std::memcpy(rows + i * bytesPerRow, image_->row(nextRow + i), image_->bytesPerRow);
     nextRow += count;
     return true;
   }
   bool skip(std::size_t count, std::string& error) override {
-    if (count > height - nextRow) {
-      error = "rows past the end of the image";
-      return false;
-    }
+    if (!canAdvance(count, error)) return false;
     nextRow += count;
     return true;
   }

@@ -75,6 +75,17 @@ class RowReader {
   virtual bool skip(std::size_t count, std::string& error);
   // Goes back to row 0 where that costs no decoding (a reader holding the whole image).
   virtual bool rewind() { return false; }
+
+ protected:
+  // Whether `count` more rows can be decoded: false with the reason when the reader failed
+  // before (the same reason again) or the rows run past the end of the image.
+  bool canAdvance(std::size_t count, std::string& error) const;
+  // Finishes the reader: `reason`, with the rows being decoded when the data broke off, is the
+  // answer to this call and every later one. Returns false.
+  bool fail(const std::string& reason, std::size_t count, std::string& error);
+
+ private:
+  std::string failure_;
 };
 
 // Each returns null with a one-line reason in `error`.

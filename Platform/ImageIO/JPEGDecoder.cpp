@@ -296,7 +296,7 @@ class JPEGRowReader final : public RowReader {
   }
 
   bool read(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) override {
-    if (!check(count, error)) return false;
+    if (!canAdvance(count, error)) return false;
     std::size_t done = 0;
     const bool ok = runGuarded(d_.err.jump, [&] {
       JSAMPROW pointers[32];
@@ -317,7 +317,7 @@ class JPEGRowReader final : public RowReader {
   }
 
   bool skip(std::size_t count, std::string& error) override {
-    if (!check(count, error)) return false;
+    if (!canAdvance(count, error)) return false;
     std::size_t done = 0;
     const bool ok = runGuarded(d_.err.jump, [&] {
       while (done < count) {
@@ -333,28 +333,8 @@ class JPEGRowReader final : public RowReader {
   }
 
  private:
-  bool check(std::size_t count, std::string& error) {
-    if (!failure_.empty()) {
-      error = failure_;
-      return false;
-    }
-    if (count > height - nextRow) {
-      error = "rows past the end of the image";
-      return false;
-    }
-    return true;
-  }
-  // The reason, with the rows being decoded when the data broke off.
-  bool fail(const std::string& reason, std::size_t count, std::string& error) {
-    failure_ = reason + " (in rows " + std::to_string(nextRow) + "-" + std::to_string(nextRow + count - 1) + " of " +
-               std::to_string(height) + ")";
-    error = failure_;
-    return false;
-  }
-
   Decompressor d_;
   bool cmyk_ = false, inverted_ = false;
-  std::string failure_;
 };
 
 }  // namespace

@@ -264,30 +264,18 @@ class PNGRowReader final : public RowReader {
 
  private:
   bool advance(std::uint8_t* rows, std::size_t count, std::size_t bytesPerRow, std::string& error) {
-    if (!failure_.empty()) {
-      error = failure_;
-      return false;
-    }
-    if (count > height - nextRow) {
-      error = "rows past the end of the image";
-      return false;
-    }
+    if (!canAdvance(count, error)) return false;
     std::uint8_t* scratch = scratch_.data();
     if (!runGuarded(png_jmpbuf(s_.png), [&] {
           for (std::size_t i = 0; i < count; ++i) png_read_row(s_.png, rows ? rows + i * bytesPerRow : scratch, nullptr);
-        })) {
-      failure_ = std::string("corrupt PNG: ") + s_.reader.message + " (in rows " + std::to_string(nextRow) + "-" +
-                 std::to_string(nextRow + count - 1) + " of " + std::to_string(height) + ")";
-      error = failure_;
-      return false;
-    }
+        }))
+      return fail(std::string("corrupt PNG: ") + s_.reader.message, count, error);
     nextRow += count;
     return true;
   }
 
   ReadStruct s_;
   std::vector<std::uint8_t> scratch_;
-  std::string failure_;
 };
 
 }  // namespace
