@@ -4,10 +4,18 @@
 
 #include <algorithm>
 #include <cmath>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <utility>
+#include <exception>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "CoreGraphics/CGGeometry.h"
 #include "CoreImage/CIContext.h"
+#include "Timing.h"
 
 namespace qvgimp {
 namespace {
@@ -17,18 +25,29 @@ const Babl* workingFormat(gint32 drawable) {
   return babl_format_with_space("RaGaBaA float", gimp_drawable_get_format(drawable));
 }
 
-// True when the drawable holds 8-bit sRGB-encoded RGB in sRGB, the encoding of the engine's own
-// 8-bit images (as files hold them). Its pixels then cross as 8-bit values, a quarter of the
-// floats' size, and the engine converts them on its render threads instead of babl on one.
-bool isSRGB8(gint32 drawable) {
+// The drawable's own format when it holds 8-bit sRGB-encoded RGB or RGBA in sRGB, the encoding
+// of the engine's own 8-bit images (as files hold them); null otherwise. Such pixels cross in
+// the format they are stored in: babl converts nothing, the wire carries a quarter of the
+// floats' bytes, and the engine decodes them on its render threads.
+const Babl* srgb8Format(gint32 drawable) {
   const Babl* format = gimp_drawable_get_format(drawable);
-  if (!format || babl_format_get_type(format, 0) != babl_type("u8")) return false;
-  if (babl_format_get_space(format) != babl_space("sRGB")) return false;
+  if (!format || babl_format_get_type(format, 0) != babl_type("u8")) return nullptr;
+  if (babl_format_get_space(format) != babl_space("sRGB")) return nullptr;
   const Babl* model = babl_format_get_model(format);
-  return model == babl_model("R'G'B'A") || model == babl_model("R'G'B'");
+  return model == babl_model("R'G'B'A") || model == babl_model("R'G'B'") ? format : nullptr;
 }
 
-const Babl* srgb8Format() { return babl_format("R'G'B'A u8"); }
+// Widens `count` packed 3-byte pixels at the start of `pixels` to opaque 4-byte ones in place,
+// from the last pixel back, so that no pixel is overwritten before it is read.
+void widenRGBToRGBA(std::uint8_t* pixels, std::size_t count) {
+  for (std::size_t i = count; i-- > 0;) {
+    const std::uint8_t r = pixels[i * 3], g = pixels[i * 3 + 1], b = pixels[i * 3 + 2];
+    pixels[i * 4] = r;
+    pixels[i * 4 + 1] = g;
+    pixels[i * 4 + 2] = b;
+    pixels[i * 4 + 3] = 255;
+  }
+}
 
 // What the output is written as: straight linear float, which GIMP converts to the drawable's
 // own precision and encoding.
@@ -39,8 +58,8 @@ const Babl* outputFormat(gint32 drawable) {
 // Working pixels as the engine's file encoders store them: alpha clamped to 0..1 (a sharpened
 // edge may overshoot it), colour divided by that alpha, nothing where alpha is not positive.
 // Colours stay unclamped, so float images keep values beyond 1.
-void straighten(std::vector<float>& pixels) {
-  for (std::size_t i = 0; i + 3 < pixels.size(); i += 4) {
+void straighten(float* pixels, std::size_t count) {
+  for (std::size_t i = 0; i + 3 < count * 4; i += 4) {
     const float a = std::min(pixels[i + 3], 1.0f);
     if (!(a > 0.0f)) {
       pixels[i] = pixels[i + 1] = pixels[i + 2] = pixels[i + 3] = 0.0f;
@@ -54,51 +73,164 @@ void straighten(std::vector<float>& pixels) {
   }
 }
 
-// Rows per strip, so that one strip of floats stays near 32 MB whatever the width.
+// Rows per strip, so that one strip of floats stays near 32 MB whatever the width (8-bit
+// strips, a quarter of that).
 std::int64_t stripRows(int width) {
   return std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1)))));
 }
 
+// Stores rendered strips in a GEGL buffer and sends their tiles to GIMP on a thread of its own,
+// so that the wire to GIMP carries one strip while the renderer computes the next instead of
+// the two taking turns. The thread is the only user of the buffer and of the wire while it
+// runs (the caller only renders). At most two strips wait, which bounds the memory held.
+class StripWriter {
+ public:
+  StripWriter(GeglBuffer* buffer, const Babl* format) : buffer_(buffer), format_(format), thread_([this] { run(); }) {}
+  ~StripWriter() {
+    try {
+      finish();
+    } catch (...) {  // already unwinding from the render's own failure
+    }
+  }
+
+  // Queues `bytes` (rows `rowstride` apart) for `rect`; waits while two strips are queued.
+  void write(const GeglRectangle& rect, std::vector<std::uint8_t> bytes, int rowstride) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return queue_.size() < 2 || error_; });
+    if (error_) std::rethrow_exception(error_);
+    queue_.push_back(Strip{rect, std::move(bytes), rowstride});
+    changed_.notify_all();
+  }
+
+  // Waits until every queued strip is stored and sent; rethrows what the thread failed with.
+  void finish() {
+    {
+      std::lock_guard lock(mutex_);
+      done_ = true;
+      changed_.notify_all();
+    }
+    if (thread_.joinable()) thread_.join();
+    if (error_) std::rethrow_exception(std::exchange(error_, nullptr));
+  }
+
+ private:
+  struct Strip {
+    GeglRectangle rect;
+    std::vector<std::uint8_t> bytes;
+    int rowstride;
+  };
+
+  void run() {
+    try {
+      for (;;) {
+        Strip strip;
+        {
+          std::unique_lock lock(mutex_);
+          changed_.wait(lock, [&] { return !queue_.empty() || done_; });
+          if (queue_.empty()) return;
+          strip = std::move(queue_.front());
+        }
+        gegl_buffer_set(buffer_, &strip.rect, 0, format_, strip.bytes.data(), strip.rowstride);
+        gegl_buffer_flush(buffer_);  // the strip's tiles to GIMP now, not all at the end
+        std::lock_guard lock(mutex_);
+        queue_.pop_front();
+        changed_.notify_all();
+      }
+    } catch (...) {
+      std::lock_guard lock(mutex_);
+      error_ = std::current_exception();
+      changed_.notify_all();
+    }
+  }
+
+  GeglBuffer* buffer_;
+  const Babl* format_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Strip> queue_;  // the front one is being written
+  bool done_ = false;
+  std::exception_ptr error_;
+  std::thread thread_;  // last: starts once the members it uses exist
+};
+
 // Renders the engine rectangle that covers buffer rows [top, top + height) of a buffer whose top
 // row is engine row `engineTop` (exclusive upper edge) and whose first column is `engineLeft`,
-// and stores it in the buffer.
+// and stores it in the buffer, flushed to GIMP.
 // One renderer for all strips, so that a filter reaching beyond a strip (a blur) carries its
 // margins from one strip to the next instead of computing them again at every strip's edges.
-// `srgb8`: the drawable is 8-bit sRGB, and the engine's own 8-bit rendering is written as is.
-void renderInto(GeglBuffer* buffer, const Babl* format, bool srgb8, const CIImage& output, int left, int top,
-                int width, int height, double engineLeft, double engineTop) {
+// An 8-bit sRGB drawable takes the engine's own 8-bit rendering as is (its alpha left out where
+// the drawable has none); any other takes straight linear float.
+void renderInto(GeglBuffer* buffer, gint32 drawable, const CIImage& output, int left, int top, int width, int height,
+                double engineLeft, double engineTop) {
   const CIContext context;
   const CGRect bounds = CGRectMake(engineLeft + left, engineTop - (top + height), width, height);
-  if (srgb8) {
-    context.renderStrips(output, bounds, CIRenderFormat::RGBA8, stripRows(width) * 4,
+  const std::size_t columns = static_cast<std::size_t>(width);
+  if (const Babl* format = srgb8Format(drawable)) {
+    const std::size_t bytesPerPixel = static_cast<std::size_t>(babl_format_get_bytes_per_pixel(format));
+    StripWriter writer(buffer, format);
+    context.renderStrips(output, bounds, CIRenderFormat::RGBA8, stripRows(width),
                          [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t y, std::int64_t h) {
-                           const GeglRectangle rect{left, top + static_cast<int>(y), width, static_cast<int>(h)};
-                           gegl_buffer_set(buffer, &rect, 0, srgb8Format(), pixels, rowBytes);
+                           const auto rows = static_cast<std::size_t>(h);
+                           std::vector<std::uint8_t> strip(columns * rows * bytesPerPixel);
+                           std::uint8_t* out = strip.data();
+                           for (std::size_t row = 0; row < rows; ++row) {
+                             const auto* in = static_cast<const std::uint8_t*>(pixels) +
+                                              static_cast<std::ptrdiff_t>(row) * rowBytes;
+                             if (bytesPerPixel == 4) {
+                               std::memcpy(out, in, columns * 4);
+                               out += columns * 4;
+                               continue;
+                             }
+                             for (std::size_t x = 0; x < columns; ++x, in += 4, out += 3) {
+                               out[0] = in[0];
+                               out[1] = in[1];
+                               out[2] = in[2];
+                             }
+                           }
+                           writer.write(GeglRectangle{left, top + static_cast<int>(y), width, static_cast<int>(h)},
+                                        std::move(strip), static_cast<int>(columns * bytesPerPixel));
                          });
+    writer.finish();
     return;
   }
-  std::vector<float> strip;
+  StripWriter writer(buffer, outputFormat(drawable));
   context.renderStrips(output, bounds, CIRenderFormat::RGBAf, stripRows(width),
                        [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t y, std::int64_t h) {
-                         const auto* rows = static_cast<const float*>(pixels);
-                         strip.assign(rows, rows + static_cast<std::size_t>(rowBytes / 4) * static_cast<std::size_t>(h));
-                         straighten(strip);
-                         const GeglRectangle rect{left, top + static_cast<int>(y), width, static_cast<int>(h)};
-                         gegl_buffer_set(buffer, &rect, 0, format, strip.data(), rowBytes);
+                         const auto rows = static_cast<std::size_t>(h);
+                         std::vector<std::uint8_t> strip(columns * rows * 16u);
+                         for (std::size_t row = 0; row < rows; ++row)
+                           std::memcpy(strip.data() + row * columns * 16u,
+                                       static_cast<const std::uint8_t*>(pixels) + static_cast<std::ptrdiff_t>(row) * rowBytes,
+                                       columns * 16u);
+                         straighten(reinterpret_cast<float*>(strip.data()), columns * rows);
+                         writer.write(GeglRectangle{left, top + static_cast<int>(y), width, static_cast<int>(h)},
+                                      std::move(strip), static_cast<int>(columns * 16u));
                        });
+  writer.finish();
 }
 
 }  // namespace
+
+bool crossesUnconverted(std::int32_t image, std::int32_t drawable) {
+  if (gimp_image_get_precision(image) != GIMP_PRECISION_U8_GAMMA || !gimp_drawable_is_rgb(drawable)) return false;
+  GimpColorProfile* profile = gimp_image_get_color_profile(image);
+  if (!profile) return true;
+  g_object_unref(profile);
+  return false;
+}
 
 CIImage drawableImage(std::int32_t drawable) {
   GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
   if (!buffer) throw PixelError("cannot read the drawable's pixels");
   const int width = gegl_buffer_get_width(buffer), height = gegl_buffer_get_height(buffer);
   const GeglRectangle rect{0, 0, width, height};
-  if (isSRGB8(drawable)) {
-    std::vector<std::uint8_t> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4u);
-    gegl_buffer_get(buffer, &rect, 1.0, srgb8Format(), pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_NONE);
+  if (const Babl* format = srgb8Format(drawable)) {
+    const std::size_t count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    std::vector<std::uint8_t> pixels(count * 4u);
+    // Read as stored (no conversion), then widened where the layer has no alpha.
+    gegl_buffer_get(buffer, &rect, 1.0, format, pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_NONE);
     g_object_unref(buffer);
+    if (babl_format_get_bytes_per_pixel(format) == 3) widenRGBToRGBA(pixels.data(), count);
     return CIImage::imageWithRGBA8(pixels.data(), static_cast<std::size_t>(width), static_cast<std::size_t>(height),
                                    static_cast<std::size_t>(width) * 4u);
   }
@@ -131,7 +263,6 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
   extent = CGRectIntegral(extent);
   if (CGRectIsNull(extent) || CGRectIsEmpty(extent)) throw PixelError("the filter's output is empty");
   ApplyResult result;
-  const bool srgb8 = isSRGB8(drawable);
   const bool sameExtent =
       extent.origin.x == 0 && extent.origin.y == 0 && extent.size.width == width && extent.size.height == height;
   if (sameExtent) {
@@ -139,12 +270,17 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
     if (!gimp_drawable_mask_intersect(drawable, &x, &y, &w, &h)) return result;
     gimp_image_undo_group_start(image);
     GeglBuffer* shadow = gimp_drawable_get_shadow_buffer(drawable);
-    renderInto(shadow, outputFormat(drawable), srgb8, output, x, y, w, h, 0, height);
+    timingMark("shadow buffer");
+    renderInto(shadow, drawable, output, x, y, w, h, 0, height);
+    timingMark("rendered into the shadow");
     gegl_buffer_flush(shadow);
     g_object_unref(shadow);
+    timingMark("shadow flushed");
     gimp_drawable_merge_shadow(drawable, TRUE);
+    timingMark("shadow merged");
     gimp_drawable_update(drawable, x, y, w, h);
     gimp_image_undo_group_end(image);
+    timingMark("drawable updated");
     result = ApplyResult{x, y, w, h, false};
     return result;
   }
@@ -169,7 +305,7 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
   if (!gimp_drawable_has_alpha(drawable)) gimp_layer_add_alpha(drawable);
   gimp_layer_resize(drawable, newWidth, newHeight, offX, offY);
   GeglBuffer* shadow = gimp_drawable_get_shadow_buffer(drawable);
-  renderInto(shadow, outputFormat(drawable), srgb8, output, 0, 0, newWidth, newHeight, extent.origin.x,
+  renderInto(shadow, drawable, output, 0, 0, newWidth, newHeight, extent.origin.x,
              extent.origin.y + extent.size.height);
   gegl_buffer_flush(shadow);
   g_object_unref(shadow);

@@ -1,8 +1,9 @@
 // Pixels between a GIMP drawable and the image engine, through GEGL buffers: the drawable as an
-// input image (8-bit sRGB drawables as the engine's own 8-bit images, which it converts on its
-// render threads; every other precision as premultiplied linear RGBA float in the image's own
-// colour space), and a filter's output written back in strips of one renderer through the
-// shadow buffer, so that GIMP merges it through the selection in one undo step.
+// input image (8-bit sRGB drawables as the engine's own 8-bit images, read and written as they
+// are stored and converted by the engine on its render threads; every other precision as
+// premultiplied linear RGBA float in the image's own colour space), and a filter's output
+// written back in strips of one renderer through the shadow buffer, each strip sent to GIMP
+// while the next renders, so that GIMP merges it through the selection in one undo step.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +18,12 @@ class PixelError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// True when the drawable's pixels cross between GIMP and the engine in the format they are
+// stored in, with no conversion by babl: 8-bit perceptual RGB or RGBA of an image without a
+// colour profile of its own (so in sRGB). Asked of GIMP alone, so that it is known before GEGL
+// and babl are started.
+bool crossesUnconverted(std::int32_t image, std::int32_t drawable);
 
 // The whole drawable as an image with its extent at (0, 0, width, height), origin bottom-left
 // as the engine has it.
