@@ -23,6 +23,9 @@ namespace {
 
 constexpr int kPreviewSize = 320;
 constexpr int kResetResponse = 1;
+// The row of an image input's layer choice that stands for no layer, and what it shows.
+constexpr gint kNoLayer = -1;
+constexpr const char* kLayerChoiceLabel = "Layer\u2026";
 
 // One drawn control and the view it stands for.
 struct Control {
@@ -71,7 +74,7 @@ void refreshWidgets(DialogState& state) {
     } else if (auto* well = dynamic_cast<NSImageView*>(c.view); well && !well->image()) {
       // No image (Reset): neither a file nor a layer is chosen.
       if (GTK_IS_FILE_CHOOSER(c.widget)) gtk_file_chooser_unselect_all(GTK_FILE_CHOOSER(c.widget));
-      if (GTK_IS_COMBO_BOX(c.widget)) gtk_combo_box_set_active(GTK_COMBO_BOX(c.widget), -1);
+      if (GIMP_IS_INT_COMBO_BOX(c.widget)) gimp_int_combo_box_set_active(GIMP_INT_COMBO_BOX(c.widget), kNoLayer);
     }
   }
   state.updating = false;
@@ -177,9 +180,13 @@ GtkWidget* imageInputFor(DialogState& state, NSView* view, int width, int height
   g_signal_connect_data(file, "file-set", G_CALLBACK(onImageFile), bindingFor(state, view), freeBinding,
                         GConnectFlags(0));
   GtkWidget* layers = gimp_layer_combo_box_new(nullptr, nullptr);
-  gimp_int_combo_box_set_label(GIMP_INT_COMBO_BOX(layers), "Layer");
-  gtk_combo_box_set_active(GTK_COMBO_BOX(layers), -1);
-  gtk_widget_set_tooltip_text(layers, "Or a layer of an open image");
+  // Its first row says what the choice is for (short enough for the half of the row it has),
+  // and stands for no layer chosen.
+  gimp_int_combo_box_prepend(GIMP_INT_COMBO_BOX(layers), GIMP_INT_STORE_VALUE, kNoLayer, GIMP_INT_STORE_LABEL,
+                             kLayerChoiceLabel, -1);
+  gimp_int_combo_box_set_active(GIMP_INT_COMBO_BOX(layers), kNoLayer);
+  gtk_widget_set_tooltip_text(layers, "Or a layer of an open image for this input");
+  atk_object_set_name(gtk_widget_get_accessible(layers), "Layer for this input");
   g_signal_connect_data(layers, "changed", G_CALLBACK(onImageLayer), bindingFor(state, view), freeBinding,
                         GConnectFlags(0));
   gtk_box_pack_start(GTK_BOX(box), file, TRUE, TRUE, 0);
