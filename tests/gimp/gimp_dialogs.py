@@ -5,6 +5,9 @@ with generic controls (the border) and of one with an image input (the watermark
 chooser is then used with xdotool to pick a watermark), over a picture larger than the preview
 (which is drawn from a scaled-down copy); each dialog window must appear with its preview drawn,
 and a screenshot of each is kept in the test's folder (dialogs/*.png) to be looked at.
+Last, the watermark's dialog once more, where the layer choice beside the file chooser picks
+the layer of another open image and OK applies the filter: the result must equal
+`qvfilter apply` with that layer's file as the watermark.
 
 Environment as for gimp_filters.py."""
 import json
@@ -12,14 +15,14 @@ import os
 import re
 import shutil
 import signal
-import subprocess
 import sys
 import time
 
-from gimp_support import SKIP, gimp_console, make_profile, procedure_name, run, scheme_string, start_xvfb
+from gimp_support import SKIP, GimpSession, gimp_console, procedure_name, run, scheme_string
 
 QVFILTER = os.environ["QVFILTER"]
 PLUGIN_DIR = os.environ["QV_GIMP_PLUGIN_DIR"]
+COMPARE = os.environ["QV_COMPARE"]
 TMP = os.path.join(os.environ["QV_TEST_TMP"], "gimp-dialogs")
 
 
@@ -78,6 +81,42 @@ def choose_watermark(display, window, mark, shot, failures):
         failures.append("choosing a watermark file did not change the preview (%d pixels)" % changed)
 
 
+def choose_layer(display, window, shot, failures):
+    """Picks the first layer of the image input's layer choice with the keyboard, as a user
+    would: Tab moves from the file chooser (which has the focus) to the layer choice, whose
+    first row only says what it is for; Down selects the next row, the first layer listed. The
+    preview must then change. Then Alt+O presses OK."""
+    env = dict(os.environ, DISPLAY=display)
+    run(["xdotool", "windowfocus", "--sync", window], env=env, timeout=10)
+    run(["xdotool", "key", "Tab"], env=env, timeout=10)
+    time.sleep(1)
+    run(["xdotool", "key", "Down"], env=env, timeout=10)
+    time.sleep(4)  # the layer is read and the preview drawn again
+    chosen = shot.replace(".png", "-chosen.png")
+    run(["import", "-display", display, "-window", window, chosen])
+    changed = differing_pixels(shot, chosen) if os.path.exists(chosen) else 0
+    print("after choosing the first layer: %s (%d pixels changed)" % (chosen, changed))
+    if changed < 500:
+        failures.append("choosing a layer did not change the preview (%d pixels)" % changed)
+    run(["xdotool", "key", "alt+o"], env=env, timeout=10)
+
+
+def close_dialogs(gimp_pid):
+    """Closes the open dialog by ending its plug-in process (a child of GIMP); GIMP's batch
+    goes on to the next command."""
+    for pid in os.listdir("/proc"):
+        if not pid.isdigit():
+            continue
+        try:
+            with open("/proc/%s/stat" % pid) as f:
+                stat = f.read()
+        except OSError:
+            continue
+        fields = stat[stat.rindex(")") + 2:].split()
+        if "(qvfilter-gimp)" in stat and int(fields[1]) == gimp_pid:
+            os.kill(int(pid), signal.SIGTERM)
+
+
 def main():
     gimp = gimp_console()
     tools = [shutil.which(t) for t in ("Xvfb", "xwininfo", "import", "identify", "compare", "xdotool")]
@@ -86,7 +125,6 @@ def main():
         return SKIP
     shutil.rmtree(TMP, ignore_errors=True)
     os.makedirs(os.path.join(TMP, "dialogs"))
-    profile = make_profile(TMP, gimp, PLUGIN_DIR)
     picture = os.path.join(TMP, "in.png")
     run([QVFILTER, "sample", picture, "--width", "2400", "--height", "1600"])
     mark = os.path.join(TMP, "mark.png")
@@ -98,34 +136,35 @@ def main():
     cases = [(provided, "provided"), ("QVFilterBorder", "generic")]
     if "QVFilterWatermark" in filters:
         cases.append(("QVFilterWatermark", "image-input"))
+        cases.append(("QVFilterWatermark", "layer-input"))
+    layer_result = os.path.join(TMP, "layer-input-result.png")
 
     # Interactive calls still pass every argument; the dialog starts from the remembered values
     # (none yet: the defaults).
     commands = []
-    for name, _ in cases:
+    for name, kind in cases:
         info = json.loads(run([QVFILTER, "info", name, "--json"]).stdout)
         from gimp_filters import pdb_inputs  # the PDB parameters as the plug-in derives them
         args = []
         for inp in pdb_inputs(info):
             args.append(inp.args(picture if inp.kind == "image" else inp.default)[0])
+        call = "(%s RUN-INTERACTIVE img drw %s)" % (procedure_name(name), " ".join(args))
+        if kind == "layer-input":
+            # The only other open image is the watermark's, whose layer is listed first; the
+            # result is saved once OK is pressed.
+            commands.append("(begin (for-each gimp-image-delete (vector->list (cadr (gimp-image-list))))"
+                            " (let* ((img (car (gimp-file-load RUN-NONINTERACTIVE %s \"in.png\")))"
+                            " (drw (car (gimp-image-get-active-drawable img))))"
+                            " (gimp-file-load RUN-NONINTERACTIVE %s \"mark.png\") %s"
+                            " (file-png-save2 RUN-NONINTERACTIVE img drw %s \"out.png\" 0 9 0 0 0 0 0 0 0)))"
+                            % (scheme_string(picture), scheme_string(mark), call, scheme_string(layer_result)))
+            continue
         commands.append("(let* ((img (car (gimp-file-load RUN-NONINTERACTIVE %s \"in.png\")))"
-                        " (drw (car (gimp-image-get-active-drawable img))))"
-                        " (%s RUN-INTERACTIVE img drw %s))" % (scheme_string(picture), procedure_name(name),
-                                                               " ".join(args)))
+                        " (drw (car (gimp-image-get-active-drawable img)))) %s)" % (scheme_string(picture), call))
 
-    xvfb, display = start_xvfb()
-    deadline = time.time() + 30
-    while run(["xwininfo", "-display", display, "-root"]).returncode and time.time() < deadline:
-        time.sleep(0.2)
-    env = dict(os.environ, GIMP2_DIRECTORY=profile, LC_ALL="C", DISPLAY=display)
-    argv = [gimp, "-i", "-d", "-f"]
-    for c in commands:
-        argv += ["-b", c]
-    argv += ["-b", "(gimp-quit 0)"]
-    gimp_proc = subprocess.Popen(argv, env=env, cwd=TMP, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                 text=True)
     failures = []
-    try:
+    with GimpSession(TMP, PLUGIN_DIR, display=True, batch=commands + ["(gimp-quit 0)"]) as session:
+        display = session.display
         for name, kind in cases:
             title = "QVFilter " + filters[name]["displayName"]
             window = find_window(display, title, time.time() + 120)
@@ -146,29 +185,30 @@ def main():
                 failures.append("the dialog \"%s\" shows no preview (%d colours)" % (title, colours))
             if kind == "image-input":
                 choose_watermark(display, window, mark, shot, failures)
-            # Close the dialog by ending its plug-in process (a child of our gimp-console); the
-            # batch goes on to the next command.
-            for pid in os.listdir("/proc"):
-                if not pid.isdigit():
-                    continue
-                try:
-                    with open("/proc/%s/stat" % pid) as f:
-                        stat = f.read()
-                except OSError:
-                    continue
-                fields = stat[stat.rindex(")") + 2:].split()
-                if "(qvfilter-gimp)" in stat and int(fields[1]) == gimp_proc.pid:
-                    os.kill(int(pid), signal.SIGTERM)
-    finally:
-        try:
-            gimp_proc.wait(timeout=60)
-        except subprocess.TimeoutExpired:
-            gimp_proc.kill()
-        log = gimp_proc.stdout.read()
-        with open(os.path.join(TMP, "gimp-console.log"), "w") as f:
-            f.write(log)
-        xvfb.terminate()
-        xvfb.wait()
+            if kind == "layer-input":
+                choose_layer(display, window, shot, failures)
+                deadline = time.time() + 120
+                while not os.path.exists(layer_result) and time.time() < deadline:
+                    time.sleep(0.5)
+                continue
+            close_dialogs(session.proc.pid)
+            # The next dialog may have the same title: wait until this one is gone.
+            deadline = time.time() + 30
+            while run(["xwininfo", "-display", display, "-id", window]).returncode == 0 and time.time() < deadline:
+                time.sleep(0.3)
+    if ("QVFilterWatermark", "layer-input") in cases:
+        # The filter's watermark must be the chosen layer's pixels: those of mark.png.
+        ref = os.path.join(TMP, "layer-input-ref.png")
+        r = run([QVFILTER, "apply", picture, ref, "-f", "QVFilterWatermark", "-s", "inputWatermarkImage=" + mark])
+        if r.returncode:
+            failures.append("qvfilter apply failed: " + r.stderr.strip())
+        elif not os.path.exists(layer_result):
+            failures.append("OK in the dialog with a layer chosen saved no result")
+        else:
+            c = run([COMPARE, ref, layer_result])
+            print("layer chosen as the watermark, against qvfilter apply with its file:", c.stdout.strip())
+            if c.returncode:
+                failures.append("the chosen layer is not the watermark: " + c.stdout.strip() + c.stderr.strip())
     for f in failures:
         print("FAIL:", f)
     return 1 if failures else 0

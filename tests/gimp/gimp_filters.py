@@ -15,7 +15,7 @@ import shutil
 import sys
 import time
 
-from gimp_support import SKIP, gimp_console, make_profile, procedure_name, run, scheme_string
+from gimp_support import SKIP, GimpSession, gimp_console, procedure_name, run, scheme_string
 
 QVFILTER = os.environ["QVFILTER"]
 PLUGIN_DIR = os.environ["QV_GIMP_PLUGIN_DIR"]
@@ -116,7 +116,6 @@ def main():
     shutil.rmtree(TMP, ignore_errors=True)
     for d in ("ref", "out"):
         os.makedirs(os.path.join(TMP, d))
-    profile = make_profile(TMP, gimp, PLUGIN_DIR)
 
     picture = os.path.join(TMP, "in.png")
     mark = os.path.join(TMP, "mark.png")
@@ -250,17 +249,10 @@ def main():
         " (plug-in-qvfilter-blur RUN-NONINTERACTIVE img drw 2.0 \"CIGaussianBlur\")"
         " (file-png-save2 RUN-NONINTERACTIVE img drw %s \"out.png\" 0 9 0 0 0 0 0 0 0))" % scheme_string(alive))
 
-    argv = [gimp, "-i", "-d", "-f", "--no-splash"]
-    for c in commands:
-        argv += ["-b", c]
-    argv += ["-b", "(gimp-quit 0)"]
-    env = dict(os.environ, GIMP2_DIRECTORY=profile, LC_ALL="C")
     start = time.time()
-    r = run(argv, env=env, cwd=TMP, timeout=1700)
-    print("gimp-console took %.1f s" % (time.time() - start))
-    log = r.stdout + r.stderr
-    with open(os.path.join(TMP, "gimp-console.log"), "w") as f:
-        f.write(log)
+    with GimpSession(TMP, PLUGIN_DIR, batch=commands + ["(gimp-quit 0)"]) as session:
+        session.wait(1700)
+    log = session.log()
     print("gimp-console: %d batch commands in %.1f s" % (len(commands), time.time() - start))
 
     for case, name, _, _ in cases:
@@ -297,9 +289,9 @@ def main():
         fail("the plug-in did not answer after the bad calls")
     for word in ("crashed", "terminated", "Segmentation", "wire read"):
         if word in log:
-            fail("the plug-in died (%s) -- see %s" % (word, os.path.join(TMP, "gimp-console.log")))
+            fail("the plug-in died (%s) -- see %s" % (word, session.log_path))
     if failures:
-        print("\n%d failures; GIMP's log: %s" % (len(failures), os.path.join(TMP, "gimp-console.log")))
+        print("\n%d failures; GIMP's log: %s" % (len(failures), session.log_path))
         return 1
     print("all %d cases match" % (len(PRECISIONS) * len(cases)))
     return 0

@@ -1,6 +1,7 @@
 """What the GIMP tests and benchmarks share: finding gimp-console, a private GIMP folder under the
-build tree that shows GIMP only the plug-ins a run needs, script-fu text helpers and a client of
-script-fu's server."""
+build tree that shows GIMP only the plug-ins a run needs, script-fu text helpers, a client of
+script-fu's server, and GimpSession, which starts GIMP (headless or under a private Xvfb) with
+all of these and stops it again."""
 import os
 import shutil
 import socket
@@ -115,3 +116,93 @@ def start_xvfb(timeout=30):
             proc.kill()
         proc.wait()
     raise RuntimeError("Xvfb did not start on any display tried")
+
+
+class GimpSession:
+    """One GIMP run of a test or a benchmark, as a context manager.
+
+    GIMP sees a fresh private folder made in `folder` (make_profile) with our plug-in from
+    `plugin_dir`. `console`: gimp-console, else the full GIMP (image windows, under a display).
+    `display`: a private Xvfb (self.display) that GIMP and the tools a test runs show on.
+    `batch`: script-fu commands run in order (-b). `server`: script-fu's server on a free
+    loopback port, with self.sf its connected client. `env`: more environment for GIMP (and
+    for the plug-in it starts). GIMP's output goes to folder/gimp.log (self.log_path).
+
+    On leaving, GIMP is asked to quit through the server (a batch ends with its own
+    (gimp-quit 0)), given `quit_timeout` seconds and killed after them, and the Xvfb stopped."""
+
+    def __init__(self, folder, plugin_dir, console=True, display=False, batch=(), server=False, env=None,
+                 connect_timeout=180, call_timeout=120, quit_timeout=60):
+        self.gimp = gimp_console() if console else shutil.which("gimp")
+        if not self.gimp:
+            raise RuntimeError("%s is not installed" % ("gimp-console" if console else "gimp"))
+        self.folder = folder
+        self.plugin_dir = plugin_dir
+        self.console = console
+        self.want_display = display
+        self.batch = list(batch)
+        self.server = server
+        self.extra_env = dict(env or {})
+        self.connect_timeout = connect_timeout
+        self.call_timeout = call_timeout
+        self.quit_timeout = quit_timeout
+        self.log_path = os.path.join(folder, "gimp.log")
+        self.xvfb = self.display = self.proc = self.sf = self._log = None
+
+    def __enter__(self):
+        profile = make_profile(self.folder, self.gimp, self.plugin_dir)
+        self.env = dict(os.environ, GIMP2_DIRECTORY=profile, LC_ALL="C", **self.extra_env)
+        try:
+            if self.want_display:
+                self.xvfb, self.display = start_xvfb()
+                self.env["DISPLAY"] = self.display
+            argv = [self.gimp, "-d", "-f", "--no-splash"] + (["-i"] if self.console else [])
+            port = free_port() if self.server else None
+            if self.server:
+                argv += ["-b", '(plug-in-script-fu-server RUN-NONINTERACTIVE "127.0.0.1" %d "")' % port]
+            for command in self.batch:
+                argv += ["-b", command]
+            self._log = open(self.log_path, "w")
+            self.proc = subprocess.Popen(argv, env=self.env, cwd=self.folder, stdout=self._log,
+                                         stderr=subprocess.STDOUT)
+            if self.server:
+                self.sf = ScriptFu(port, time.time() + self.connect_timeout, timeout=self.call_timeout)
+        except BaseException:
+            self.__exit__(None, None, None)
+            raise
+        return self
+
+    def wait(self, timeout):
+        """Waits for GIMP to end by itself (a batch that quits); kills it after `timeout` seconds."""
+        try:
+            self.proc.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait()
+            raise
+
+    def log(self):
+        """What GIMP and its plug-ins printed so far."""
+        if self._log and not self._log.closed:
+            self._log.flush()
+        with open(self.log_path, errors="replace") as f:
+            return f.read()
+
+    def __exit__(self, *exc):
+        if self.proc:
+            if self.sf and self.proc.poll() is None:
+                try:
+                    self.sf("(gimp-quit 1)")
+                except (RuntimeError, OSError):
+                    pass  # GIMP ends without answering
+            try:
+                self.proc.wait(timeout=self.quit_timeout)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        if self._log:
+            self._log.close()
+        if self.xvfb:
+            self.xvfb.terminate()
+            self.xvfb.wait()
+        return False

@@ -11,11 +11,10 @@ import json
 import os
 import re
 import shutil
-import subprocess
 import sys
 import time
 
-from gimp_support import SKIP, ScriptFu, free_port, make_profile, run, scheme_string, start_xvfb
+from gimp_support import SKIP, GimpSession, run, scheme_string
 
 QVFILTER = os.environ["QVFILTER"]
 PLUGIN_DIR = os.environ["QV_GIMP_PLUGIN_DIR"]
@@ -59,24 +58,12 @@ def main():
         return SKIP
     shutil.rmtree(TMP, ignore_errors=True)
     os.makedirs(os.path.join(TMP, "out"))
-    profile = make_profile(TMP, tools["gimp"], PLUGIN_DIR)
     picture = os.path.join(TMP, "in.png")
     r = run([QVFILTER, "sample", picture, "--width", "200", "--height", "150"])
     if r.returncode:
         print(r.stdout, r.stderr)
         return 1
 
-    xvfb, display = start_xvfb()
-    deadline = time.time() + 30
-    while run(["xwininfo", "-display", display, "-root"]).returncode and time.time() < deadline:
-        time.sleep(0.2)
-    port = free_port()
-    env = dict(os.environ, GIMP2_DIRECTORY=profile, LC_ALL="C", DISPLAY=display)
-    log_path = os.path.join(TMP, "gimp.log")
-    log = open(log_path, "w")
-    gimp = subprocess.Popen([tools["gimp"], "-d", "-f", "--no-splash", "-b",
-                             '(plug-in-script-fu-server RUN-NONINTERACTIVE "127.0.0.1" %d "")' % port],
-                            env=env, cwd=TMP, stdout=log, stderr=subprocess.STDOUT)
     failures = []
     # (case, precision conversion, set-up before the filter, filter call)
     cases = [
@@ -93,71 +80,59 @@ def main():
     args = " ".join(inp.args(values.get(inp.key, inp.default))[0] for inp in pdb_inputs(info))
     cases.append(("outside-border-u8", "", "", "(plug-in-qvfilter-border RUN-NONINTERACTIVE img drw %s)" % args))
     try:
-        sf = ScriptFu(port, time.time() + 180)
-        for case, convert, setup, call in cases:
-            before = os.path.join(TMP, "out", case + "-before.png")
-            after = os.path.join(TMP, "out", case + "-after.png")
-            undone = os.path.join(TMP, "out", case + "-undone.png")
-            save = "(file-png-save2 RUN-NONINTERACTIVE img (car (gimp-image-get-active-drawable img)) %s \"x.png\"" \
-                   " 0 9 0 0 0 0 0 0 0)"
-            # The image starts clean (its loading and conversion are not the user's edits), so
-            # that once the filter's step is undone, GIMP calls it clean again.
-            image = sf("(let* ((img (car (gimp-file-load RUN-NONINTERACTIVE %s \"in.png\")))"
-                       " (drw (car (gimp-image-get-active-drawable img))))"
-                       " %s %s (gimp-image-clean-all img) %s (gimp-display-new img) img)"
-                       % (scheme_string(picture), convert, setup, save % scheme_string(before)))
-            image = image.strip()
-            window = window_for(display, r"^\[?in\]? .*%s|in\.png-%s" % (image, image), time.time() + 60) \
-                or window_for(display, r"in", time.time() + 5)
-            if not window:
-                failures.append("%s: no image window appeared" % case)
-                continue
-            sf("(let* ((img %s) (drw (car (gimp-image-get-active-drawable img)))) %s %s)"
-               % (image, call, save % scheme_string(after)))
-            if sf("(car (gimp-image-is-dirty %s))" % image).strip() != "1":
-                failures.append("%s: the filter left the image clean" % case)
-            # Ctrl+Z in the image window. No window manager: focus it directly, then type.
-            deadline = time.time() + 30
-            clean = False
-            while time.time() < deadline and not clean:
-                run(["xdotool", "windowfocus", "--sync", window], env=env, timeout=10)
-                run(["xdotool", "key", "--clearmodifiers", "ctrl+z"], env=env, timeout=10)
-                for _ in range(10):
-                    time.sleep(0.3)
-                    if sf("(car (gimp-image-is-dirty %s))" % image).strip() == "0":
-                        clean = True
-                        break
-            if not clean:
-                failures.append("%s: Ctrl+Z in the image window undid nothing within 30 s" % case)
-                continue
-            sf("(let* ((img %s)) %s)" % (image, save % scheme_string(undone)))
-            changed, restored = differing_pixels(before, after), differing_pixels(before, undone)
-            print("%-20s %s -> %s -> %s; pixels changed by the filter: %s, differing after the undo: %s"
-                  % (case, size(before), size(after), size(undone), changed, restored))
-            if changed == 0:
-                failures.append("%s: the filter changed nothing, so the undo is not tested" % case)
-            if restored != 0:
-                failures.append("%s: after the undo %s pixels differ from the original (%s, %s)"
-                                % (case, restored, before, undone))
-        try:
-            sf("(gimp-quit 1)")
-        except (RuntimeError, OSError):
-            pass
+        with GimpSession(TMP, PLUGIN_DIR, console=False, display=True, server=True) as session:
+            sf, display, env = session.sf, session.display, session.env
+            for case, convert, setup, call in cases:
+                before = os.path.join(TMP, "out", case + "-before.png")
+                after = os.path.join(TMP, "out", case + "-after.png")
+                undone = os.path.join(TMP, "out", case + "-undone.png")
+                save = "(file-png-save2 RUN-NONINTERACTIVE img (car (gimp-image-get-active-drawable img)) %s \"x.png\"" \
+                       " 0 9 0 0 0 0 0 0 0)"
+                # The image starts clean (its loading and conversion are not the user's edits), so
+                # that once the filter's step is undone, GIMP calls it clean again.
+                image = sf("(let* ((img (car (gimp-file-load RUN-NONINTERACTIVE %s \"in.png\")))"
+                           " (drw (car (gimp-image-get-active-drawable img))))"
+                           " %s %s (gimp-image-clean-all img) %s (gimp-display-new img) img)"
+                           % (scheme_string(picture), convert, setup, save % scheme_string(before)))
+                image = image.strip()
+                window = window_for(display, r"^\[?in\]? .*%s|in\.png-%s" % (image, image), time.time() + 60) \
+                    or window_for(display, r"in", time.time() + 5)
+                if not window:
+                    failures.append("%s: no image window appeared" % case)
+                    continue
+                sf("(let* ((img %s) (drw (car (gimp-image-get-active-drawable img)))) %s %s)"
+                   % (image, call, save % scheme_string(after)))
+                if sf("(car (gimp-image-is-dirty %s))" % image).strip() != "1":
+                    failures.append("%s: the filter left the image clean" % case)
+                # Ctrl+Z in the image window. No window manager: focus it directly, then type.
+                deadline = time.time() + 30
+                clean = False
+                while time.time() < deadline and not clean:
+                    run(["xdotool", "windowfocus", "--sync", window], env=env, timeout=10)
+                    run(["xdotool", "key", "--clearmodifiers", "ctrl+z"], env=env, timeout=10)
+                    for _ in range(10):
+                        time.sleep(0.3)
+                        if sf("(car (gimp-image-is-dirty %s))" % image).strip() == "0":
+                            clean = True
+                            break
+                if not clean:
+                    failures.append("%s: Ctrl+Z in the image window undid nothing within 30 s" % case)
+                    continue
+                sf("(let* ((img %s)) %s)" % (image, save % scheme_string(undone)))
+                changed, restored = differing_pixels(before, after), differing_pixels(before, undone)
+                print("%-20s %s -> %s -> %s; pixels changed by the filter: %s, differing after the undo: %s"
+                      % (case, size(before), size(after), size(undone), changed, restored))
+                if changed == 0:
+                    failures.append("%s: the filter changed nothing, so the undo is not tested" % case)
+                if restored != 0:
+                    failures.append("%s: after the undo %s pixels differ from the original (%s, %s)"
+                                    % (case, restored, before, undone))
     except (RuntimeError, OSError) as e:
         failures.append("script-fu server: %s" % e)
-    finally:
-        try:
-            gimp.wait(timeout=30)
-        except subprocess.TimeoutExpired:
-            gimp.kill()
-            gimp.wait()
-        log.close()
-        xvfb.terminate()
-        xvfb.wait()
     for f in failures:
         print("FAIL:", f)
     if failures:
-        print("GIMP's log:", log_path)
+        print("GIMP's log:", os.path.join(TMP, "gimp.log"))
         return 1
     print("undo restored the original pixels in all %d cases" % len(cases))
     return 0
