@@ -74,9 +74,14 @@ void straighten(float* pixels, std::size_t count) {
 }
 
 // Rows per strip, so that one strip of floats stays near 32 MB whatever the width (8-bit
-// strips, a quarter of that).
+// strips, a quarter of that), in whole rows of GIMP's tiles: a strip that ends inside a tile
+// would have GEGL fetch that tile's old pixels from GIMP to keep its other rows, and send the
+// tile twice. The renderer rounds a strip up to whole rows of its own tiles (32 rows for the
+// blur and the exposure change), which keeps it aligned where those divide GIMP's.
 std::int64_t stripRows(int width) {
-  return std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1)))));
+  const int tileRows = std::max(static_cast<int>(gimp_tile_height()), 1);
+  const int rows = std::max(64, static_cast<int>((32u << 20) / (16u * static_cast<unsigned>(std::max(width, 1)))));
+  return (rows + tileRows - 1) / tileRows * tileRows;
 }
 
 // Stores rendered strips in a GEGL buffer and sends their tiles to GIMP on a thread of its own,
