@@ -9,19 +9,12 @@
 #        build/release/python), QV_BATCH_TMP (scratch directory, default /tmp/qv-batch)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. bench/lib.sh
 
 runs=1
 count=200
 size=2000x1500
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --runs) runs=$2; shift 2 ;;
-    --count) count=$2; shift 2 ;;
-    --size) size=$2; shift 2 ;;
-    -h|--help) sed -n '2,10p' "$0"; exit 0 ;;
-    *) echo "batch.sh: unknown argument $1" >&2; exit 2 ;;
-  esac
-done
+bench_parse_args "$0" runs count size -- "$@"
 width=${size%x*}
 height=${size#*x}
 

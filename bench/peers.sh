@@ -24,17 +24,11 @@
 # against the streamed copy (`qvfilter convert`) of the same input.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. bench/lib.sh
 
 runs=3
 only=.
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --runs) runs=$2; shift 2 ;;
-    --only) only=$2; shift 2 ;;
-    -h|--help) sed -n '2,24p' "$0"; exit 0 ;;
-    *) echo "peers.sh: unknown argument $1" >&2; exit 2 ;;
-  esac
-done
+bench_parse_args "$0" runs only -- "$@"
 
 QVFILTER=${QVFILTER:-}
 if [ -z "$QVFILTER" ]; then

@@ -10,19 +10,12 @@
 # The input is made by `qvfilter sample` and `qvfilter convert --quality 90`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. bench/lib.sh
 
 runs=3
 only=.
 size=6000x4000
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --runs) runs=$2; shift 2 ;;
-    --only) only=$2; shift 2 ;;
-    --size) size=$2; shift 2 ;;
-    -h|--help) sed -n '2,11p' "$0"; exit 0 ;;
-    *) echo "stream.sh: unknown argument $1" >&2; exit 2 ;;
-  esac
-done
+bench_parse_args "$0" runs only size -- "$@"
 QVFILTER=${QVFILTER:-build/release/bin/qvfilter}
 [ -x "$QVFILTER" ] || { echo "stream.sh: build qvfilter first (or set QVFILTER)" >&2; exit 1; }
 TIME=/usr/bin/time

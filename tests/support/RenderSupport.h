@@ -18,6 +18,16 @@
 #include "CoreImage/CIImage.h"
 
 
+// Context options for a render on `threads` threads (0: one per core) in square tiles of
+// `tileSize` (0: the renderer's own choice), colour-managed unless told otherwise.
+inline CIContextOptions renderOptions(int threads, int tileSize, bool colorManaged = true) {
+  CIContextOptions o;
+  o.threads = threads;
+  o.tileSize = tileSize;
+  o.colorManagement = colorManaged;
+  return o;
+}
+
 // Renders `rect` (made integral) of the image as premultiplied working-space floats, 4 per
 // pixel, row 0 = top row.
 inline std::vector<float> renderRGBAf(const CIImage& image, const CGRect& rect, CIContextOptions opts = {}) {

@@ -14,13 +14,6 @@
 
 namespace {
 
-CIContextOptions tiles(int tileSize, int threads) {
-  CIContextOptions o;
-  o.tileSize = tileSize;
-  o.threads = threads;
-  return o;
-}
-
 CIImage filtered(const char* name, const CIImage& input, const std::string& key = {}, const Value& value = {}) {
   auto f = CIFilter::filterWithName(name);
   f->setDefaults();
@@ -34,13 +27,13 @@ CIImage clamped(const CIImage& image) { return image.imageByClampingToExtent(); 
 // Renders `rect` of `image` in one tile, and in tiles of 16 on one and on two threads, and
 // expects the same bits.
 void expectSameAcrossTilings(const CIImage& image, const CGRect& rect) {
-  const auto whole = renderRGBAf(image, rect, tiles(8192, 1));
+  const auto whole = renderRGBAf(image, rect, renderOptions(1, 8192));
   for (int threads : {1, 2}) {
     SCOPED_TRACE(threads);
-    const auto tiled = renderRGBAf(image, rect, tiles(16, threads));
+    const auto tiled = renderRGBAf(image, rect, renderOptions(threads, 16));
     EXPECT_TRUE(bitwiseEqual(whole, tiled)) << "max difference " << maxAbsDifference(whole, tiled);
   }
-  const auto chosen = renderRGBAf(image, rect, tiles(0, 2));
+  const auto chosen = renderRGBAf(image, rect, renderOptions(2, 0));
   EXPECT_TRUE(bitwiseEqual(whole, chosen)) << "max difference " << maxAbsDifference(whole, chosen);
 }
 
@@ -88,10 +81,10 @@ TEST(ColumnCarry, FileWrittenInStripsEqualsOneRender) {
   const CIImage img = makeTestImageWithAlpha(150, 700, CGPointMake(0, 0), 9);
   const CIImage blurred =
       filtered("CIGaussianBlur", clamped(img), kCIInputRadiusKey, Value(30.0)).imageByCroppingToRect(img.extent());
-  CIContext(tiles(0, 2)).writeToFile(blurred, path, CGRectNull);
+  CIContext(renderOptions(2, 0)).writeToFile(blurred, path, CGRectNull);
   const CIImage back = CIImage::imageWithContentsOfFile(path);
   ASSERT_FALSE(back.isNil());
-  EXPECT_EQ(renderRGBA8(back, back.extent()), renderRGBA8(blurred, img.extent(), tiles(8192, 1)));
+  EXPECT_EQ(renderRGBA8(back, back.extent()), renderRGBA8(blurred, img.extent(), renderOptions(1, 8192)));
   std::filesystem::remove(path);
 }
 
@@ -101,13 +94,13 @@ TEST(ColumnCarry, StripsOfOneRendererEqualOneRender) {
   const CIImage img = makeTestImageWithAlpha(80, 150, CGPointMake(2, -5), 7);
   const CIImage blurred = filtered("CIGaussianBlur", clamped(img), kCIInputRadiusKey, Value(12.0));
   const CGRect rect = CGRectMake(2, -5, 80, 150);
-  const auto whole = renderRGBAf(blurred, rect, tiles(8192, 1));
+  const auto whole = renderRGBAf(blurred, rect, renderOptions(1, 8192));
   for (int threads : {1, 2}) {
     SCOPED_TRACE(threads);
     std::vector<float> strips(whole.size(), -1.0f);
     std::int64_t next = 0;
     int calls = 0;
-    CIContext(tiles(16, threads))
+    CIContext(renderOptions(threads, 16))
         .renderStrips(blurred, rect, CIRenderFormat::RGBAf, 20,
                       [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t top, std::int64_t height) {
                         EXPECT_EQ(top, next);  // top down, no gaps

@@ -21,14 +21,6 @@
 
 namespace {
 
-CIContextOptions opts(int tileSize, int threads, bool managed = true) {
-  CIContextOptions o;
-  o.tileSize = tileSize;
-  o.threads = threads;
-  o.colorManagement = managed;
-  return o;
-}
-
 // Every registered filter with its defaults, given test images for its image inputs; nil when
 // it cannot produce an output that way.
 CIImage defaultOutput(const std::string& name) {
@@ -62,10 +54,10 @@ TEST(Renderer, EveryBuiltinRendersTheSameTiledAndWhole) {
     if (!out) continue;
     const CGRect r = renderRect(out);
     if (CGRectIsEmpty(r)) continue;
-    const auto whole = renderRGBAf(out, r, opts(4096, 1));
-    const auto tiled = renderRGBAf(out, r, opts(13, 2));
+    const auto whole = renderRGBAf(out, r, renderOptions(1, 4096));
+    const auto tiled = renderRGBAf(out, r, renderOptions(2, 13));
     EXPECT_TRUE(bitwiseEqual(whole, tiled)) << "max difference " << maxAbsDifference(whole, tiled);
-    const auto autoTiles = renderRGBAf(out, r, opts(0, 0));
+    const auto autoTiles = renderRGBAf(out, r, renderOptions(0, 0));
     EXPECT_TRUE(bitwiseEqual(whole, autoTiles));
     ++rendered;
   }
@@ -78,8 +70,8 @@ TEST(Renderer, OneThreadEqualsManyThreads) {
                        .imageByApplyingTransform(CGAffineTransformMakeRotation(0.2))
                        .imageByApplyingTransform(CGAffineTransformMakeScale(0.4, 0.7));
   const CGRect r = CGRectIntegral(img.extent());
-  EXPECT_TRUE(bitwiseEqual(renderRGBAf(img, r, opts(32, 1)), renderRGBAf(img, r, opts(32, 2))));
-  EXPECT_TRUE(bitwiseEqual(renderRGBAf(img, r, opts(32, 1)), renderRGBAf(img, r, opts(32, 8))));
+  EXPECT_TRUE(bitwiseEqual(renderRGBAf(img, r, renderOptions(1, 32)), renderRGBAf(img, r, renderOptions(2, 32))));
+  EXPECT_TRUE(bitwiseEqual(renderRGBAf(img, r, renderOptions(1, 32)), renderRGBAf(img, r, renderOptions(8, 32))));
 }
 
 TEST(Renderer, SharedNodesAreComputedOncePerTile) {
@@ -106,7 +98,7 @@ TEST(Renderer, SharedNodesAreComputedOncePerTile) {
   auto counting = std::make_shared<Counting>(makeTestImage(64, 64));
   const CIImage shared(counting);
   const CIImage graph(std::make_shared<Sum>(shared.imageByCroppingToRect(CGRectMake(0, 0, 64, 40)), shared));
-  const auto out = renderRGBAf(graph, graph.extent(), opts(32, 1));
+  const auto out = renderRGBAf(graph, graph.extent(), renderOptions(1, 32));
   EXPECT_EQ(counting->calls.load(), 4);  // 2 × 2 tiles, once each
   const auto base = renderRGBAf(makeTestImage(64, 64), CGRectMake(0, 0, 64, 64));
   EXPECT_NEAR(out[0], base[0], 1e-6);  // top row: outside the crop, only one path
@@ -117,7 +109,7 @@ TEST(Renderer, SharedNodesAreComputedOncePerTile) {
 TEST(Renderer, ProgressOncePerTileAtMostAndOneLast) {
   std::mutex m;
   std::vector<double> seen;
-  CIContextOptions o = opts(16, 2);
+  CIContextOptions o = renderOptions(2, 16);
   o.progress = [&](double f) {
     std::lock_guard lock(m);
     seen.push_back(f);
@@ -138,7 +130,7 @@ TEST(RenderFormats, RGBA8IsRoundedStraightAlpha) {
                       1.5f,   -0.2f, 1.0f, 1.0f,  // out of range: clamped
                       0.3f,   0.3f,  0.3f, 0.0f};  // alpha 0: all zero
   const auto img = CIImage::imageWithRGBAf(px, 3, 1);
-  const auto out = renderRGBA8(img, img.extent(), opts(0, 1, false));
+  const auto out = renderRGBA8(img, img.extent(), renderOptions(1, 0, false));
   // 0.25 × 255 = 63.75 rounds to 64 (not 63); alpha 0.5 → 127.5 rounds to 128.
   EXPECT_EQ(std::vector<int>(out.begin(), out.end()), (std::vector<int>{64, 128, 0, 128, 255, 0, 255, 255, 0, 0, 0, 0}));
 }
@@ -146,7 +138,7 @@ TEST(RenderFormats, RGBA8IsRoundedStraightAlpha) {
 TEST(RenderFormats, RGBA8IsSRGBEncodedWhenManaged) {
   const float px[] = {0.18f, 1.0f, 0.0f, 1.0f, 0.5f * 0.5f, 0.0f, 0.0f, 0.5f};
   const auto img = CIImage::imageWithRGBAf(px, 2, 1);
-  const auto out = renderRGBA8(img, img.extent(), opts(0, 1, true));
+  const auto out = renderRGBA8(img, img.extent(), renderOptions(1, 0, true));
   EXPECT_EQ(out[0], 118);  // linear 0.18 is sRGB 0.4614
   EXPECT_EQ(out[1], 255);
   EXPECT_EQ(out[4], 188);  // straight linear 0.5 is sRGB 0.7354
@@ -162,8 +154,8 @@ TEST(RenderFormats, EveryEightBitCodeRoundTrips) {
     codes[std::size_t(i) * 4 + 3] = 255;
   }
   const auto img = CIImage::imageWithRGBA8(codes.data(), 256, 1, 256 * 4);
-  EXPECT_EQ(renderRGBA8(img, img.extent(), opts(0, 1, true)), codes);
-  EXPECT_EQ(renderRGBA8(img, img.extent(), opts(0, 1, false)), codes);
+  EXPECT_EQ(renderRGBA8(img, img.extent(), renderOptions(1, 0, true)), codes);
+  EXPECT_EQ(renderRGBA8(img, img.extent(), renderOptions(1, 0, false)), codes);
 }
 
 // The managed 8-bit encoder finds each component's nearest sRGB code from a bucket table and
@@ -196,12 +188,12 @@ TEST(RenderFormats, RGBA16) {
   const float px[] = {0.125f, 0.25f, 0.5f, 0.5f};
   const auto img = CIImage::imageWithRGBAf(px, 1, 1);
   std::uint16_t out[4];
-  CIContext(opts(0, 1, false)).render(img, out, 8, img.extent(), CIRenderFormat::RGBA16);
+  CIContext(renderOptions(1, 0, false)).render(img, out, 8, img.extent(), CIRenderFormat::RGBA16);
   EXPECT_EQ(out[0], 16384);  // 0.25 × 65535 = 16383.75
   EXPECT_EQ(out[1], 32768);
   EXPECT_EQ(out[2], 65535);
   EXPECT_EQ(out[3], 32768);
-  CIContext(opts(0, 1, true)).render(img, out, 8, img.extent(), CIRenderFormat::RGBA16);
+  CIContext(renderOptions(1, 0, true)).render(img, out, 8, img.extent(), CIRenderFormat::RGBA16);
   EXPECT_EQ(out[1], std::uint16_t(std::floor(linearToSrgb(0.5f) * 65535.0f + 0.5f)));
 }
 
@@ -244,7 +236,7 @@ TEST(Providers, WholeImageOncePerRender) {
   const auto img = CIImage::imageWithImageProvider(p, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB", {});
   EXPECT_EQ(img.extent(), CGRectMake(0, 0, 100, 70));
   EXPECT_EQ(p->calls.load(), 0);  // nothing asked while building
-  const auto out = renderRGBAf(img, img.extent(), opts(16, 2, false));
+  const auto out = renderRGBAf(img, img.extent(), renderOptions(2, 16, false));
   EXPECT_EQ(p->calls.load(), 1);
   EXPECT_EQ(p->requests[0], (std::array<std::size_t, 4>{0, 0, 100, 70}));
   // Pixel (x, y) of the plane is provider column x, row 69 - y from the top.
@@ -252,7 +244,7 @@ TEST(Providers, WholeImageOncePerRender) {
   EXPECT_NEAR(q[0], 7 / 255.0, 1e-7);
   EXPECT_NEAR(q[1], 9 / 255.0, 1e-7);
   EXPECT_EQ(q[3], 1.0f);
-  renderRGBAf(img, img.extent(), opts(16, 2, false));
+  renderRGBAf(img, img.extent(), renderOptions(2, 16, false));
   EXPECT_EQ(p->calls.load(), 3);  // once more per render (pixelAt was one)
   (void)out;
 }
@@ -261,11 +253,11 @@ TEST(Providers, TileSizeOptionAsksInTiles) {
   auto p = std::make_shared<CountingProvider>();
   const auto img = CIImage::imageWithImageProvider(p, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB",
                                                    {{"CIImageProviderTileSize", Value(32)}});
-  const auto tiled = renderRGBAf(img, img.extent(), opts(16, 2, false));
+  const auto tiled = renderRGBAf(img, img.extent(), renderOptions(2, 16, false));
   EXPECT_EQ(p->calls.load(), 4 * 3);  // every 32-pixel tile once
   auto whole = std::make_shared<CountingProvider>();
   const auto img2 = CIImage::imageWithImageProvider(whole, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB", {});
-  EXPECT_TRUE(bitwiseEqual(tiled, renderRGBAf(img2, img2.extent(), opts(16, 2, false))));
+  EXPECT_TRUE(bitwiseEqual(tiled, renderRGBAf(img2, img2.extent(), renderOptions(2, 16, false))));
 }
 
 TEST(Files, PngRoundTripThroughWriteToFile) {
@@ -273,7 +265,7 @@ TEST(Files, PngRoundTripThroughWriteToFile) {
   std::filesystem::create_directories(dir);
   const std::string path = (dir / "roundtrip.png").string();
   const auto img = makeTestImageWithAlpha(300, 270, CGPointMake(4, 9));
-  CIContext ctx(opts(64, 2));
+  CIContext ctx(renderOptions(2, 64));
   ctx.writeToFile(img, path, CGRectNull);
   const auto back = CIImage::imageWithContentsOfFile(path);
   ASSERT_FALSE(back.isNil());

@@ -10,18 +10,12 @@
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIImage.h"
 #include "CoreImage/Render/StripCache.h"
+#include "RenderSupport.h"
 #include "StreamTestImages.h"
 
 using namespace qvtest;
 
 namespace {
-
-CIContextOptions options(int threads, int tileSize) {
-  CIContextOptions o;
-  o.threads = threads;
-  o.tileSize = tileSize;
-  return o;
-}
 
 StripCache::Opener openerFor(const std::string& path) {
   return [path](std::string& error) -> std::unique_ptr<CGImageSourceRowReader> {
@@ -123,7 +117,7 @@ TEST(StripCache, FileImageRendersItsRowsThroughTheCache) {
   const CIImage file = CIImage::imageWithContentsOfFile(path);
   const CIImage bitmap = CIImage::imageWithRGBA8(whole->pixels.data(), 150, 333, whole->bytesPerRow);
   std::vector<float> a(150 * 333 * 4), b(a.size());
-  CIContext(options(2, 40)).render(file, a.data(), 150 * 16, CGRectNull, CIRenderFormat::RGBAf);
-  CIContext(options(1, 0)).render(bitmap, b.data(), 150 * 16, CGRectNull, CIRenderFormat::RGBAf);
+  CIContext(renderOptions(2, 40)).render(file, a.data(), 150 * 16, CGRectNull, CIRenderFormat::RGBAf);
+  CIContext(renderOptions(1, 0)).render(bitmap, b.data(), 150 * 16, CGRectNull, CIRenderFormat::RGBAf);
   EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(float)), 0);
 }

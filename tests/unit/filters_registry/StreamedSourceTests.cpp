@@ -2,26 +2,24 @@
 // decoded on demand in strips (small tiles, two threads, a strip cache far smaller than the
 // picture) as from the whole picture decoded first into memory (one tile, one thread): on a
 // JPEG, on a PNG with alpha, on a JPEG with an EXIF orientation (whose stored pixels both
-// read) and on a WebP (which its reader holds whole and rewinds for rows far apart).
+// read) and on a WebP (which its reader holds whole and rewinds for rows far apart). And two
+// renders of a streamed JPEG at once, on two threads each, through filters that read it out of
+// order.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <exception>
+#include <thread>
 
 #include "CoreImage/CIContext.h"
 #include "CoreImage/Render/StripCache.h"
 #include "FilterTestSupport.h"
+#include "RenderSupport.h"
 #include "StreamTestImages.h"
 
 using namespace qvtest;
 
 namespace {
-
-CIContextOptions options(int threads, int tileSize) {
-  CIContextOptions o;
-  o.threads = threads;
-  o.tileSize = tileSize;
-  return o;
-}
 
 struct Picture {
   std::string file;
@@ -59,6 +57,13 @@ CIImage apply(const std::string& filter, const CIImage& input) {
   return filterOutput(f);
 }
 
+// The output's extent, or the picture's where it is infinite or much larger.
+CGRect comparedRect(const CIImage& output, const CIImage& picture) {
+  const CGRect rect = CGRectIntegral(output.extent());
+  if (CGRectIsInfinite(output.extent()) || rect.size.width * rect.size.height > 4.0 * 260 * 190) return picture.extent();
+  return rect;
+}
+
 class StreamedSource : public ::testing::TestWithParam<std::string> {
  protected:
   void SetUp() override {
@@ -70,6 +75,11 @@ class StreamedSource : public ::testing::TestWithParam<std::string> {
   void TearDown() override { StripCache::setDefaultBudget(budget_); }
   std::size_t budget_ = 0;
 };
+
+// Filters whose streamed renders read the file in other orders than top-down (a blur's columns
+// of tiles with their margins, a rotation's rows far apart, a reflection's rows upwards) or
+// share the texture store's decoded textures between renders.
+class StreamedSourceConcurrently : public StreamedSource {};
 
 }  // namespace
 
@@ -84,11 +94,9 @@ TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
     const CIImage a = apply(GetParam(), streamed), b = apply(GetParam(), whole);
     ASSERT_TRUE(a) << picture.file;
     ASSERT_TRUE(b) << picture.file;
-    // The output's extent, or the picture's where it is infinite or much larger.
-    CGRect rect = CGRectIntegral(a.extent());
-    if (CGRectIsInfinite(a.extent()) || rect.size.width * rect.size.height > 4.0 * 260 * 190) rect = whole.extent();
-    const auto tiled = render(a, rect, options(2, 48));
-    const auto single = render(b, rect, options(1, 8192));
+    const CGRect rect = comparedRect(a, whole);
+    const auto tiled = render(a, rect, renderOptions(2, 48));
+    const auto single = render(b, rect, renderOptions(1, 8192));
     ASSERT_EQ(tiled.size(), single.size());
     std::size_t differing = 0;
     for (std::size_t i = 0; i < tiled.size(); ++i) differing += std::memcmp(&tiled[i], &single[i], sizeof(float)) != 0;
@@ -97,4 +105,44 @@ TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryBundleFilter, StreamedSource, ::testing::ValuesIn(bundleFilterNames()),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+// Two renders of one streamed JPEG through the same filter graph at the same time, each on two
+// threads in small tiles: each render's workers share that render's strip cache, both renders
+// share the graph (and any texture the filter decodes), and each equals the whole decode
+// rendered on one thread, bit for bit. Run under ThreadSanitizer by scripts/tsan-tests.
+TEST_P(StreamedSourceConcurrently, TwoRendersAtOnceOnTwoThreadsEachEqualTheWholeDecode) {
+  const Picture& picture = pictures().front();
+  ASSERT_TRUE(picture.file.ends_with(".jpg")) << picture.file;
+  ASSERT_TRUE(picture.whole) << picture.file;
+  const CIImage whole = CIImage::imageWithRGBA8(picture.whole->pixels.data(), picture.whole->width,
+                                                picture.whole->height, picture.whole->bytesPerRow);
+  const CIImage file = CIImage::imageWithContentsOfFile(picture.file);
+  const CIImage streamed = apply(GetParam(), file);
+  const CIImage single = apply(GetParam(), whole);
+  ASSERT_TRUE(streamed);
+  ASSERT_TRUE(single);
+  const CGRect rect = comparedRect(streamed, whole);
+  const auto expected = render(single, rect, renderOptions(1, 8192));
+  std::vector<float> results[2];
+  std::string errors[2];
+  std::vector<std::thread> renders;
+  for (int i = 0; i < 2; ++i)
+    renders.emplace_back([&, i] {
+      try {
+        results[i] = render(streamed, rect, renderOptions(2, 40 + 8 * i));
+      } catch (const std::exception& e) {
+        errors[i] = e.what();
+      }
+    });
+  for (auto& t : renders) t.join();
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(errors[i], "") << "render " << i;
+    EXPECT_TRUE(bitwiseEqual(results[i], expected)) << GetParam() << ", render " << i;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(ReadingOutOfOrder, StreamedSourceConcurrently,
+                         ::testing::Values("QVFilterBlur", "QVFilterRotate", "QVFilterReflection",
+                                           "QVFilterTextureBorder"),
                          [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });

@@ -1,7 +1,11 @@
 // The caller-driven row readers: any sequence of reads and skips hands out exactly the rows of
-// the whole-image decode, for every format; damaged data fails naming the rows.
+// the whole-image decode, for every format, also with many readers of one source at once;
+// damaged data fails naming the rows.
 #include <gtest/gtest.h>
 
+#include <tbb/parallel_for.h>
+
+#include <atomic>
 #include <cstring>
 #include <fstream>
 
@@ -131,4 +135,61 @@ TEST_F(RowReaderTest, TruncatedJPEGFailsNamingTheRowsWhereTheDataBreaks) {
   const std::string first = reader->error();
   EXPECT_FALSE(reader->readRows(rows.data(), 1, reader->bytesPerRow()));
   EXPECT_EQ(reader->error(), first);
+}
+
+// Readers of one source (one file's bytes) opened and read on the renderer's thread pool at
+// once, each from its own row on, between whole decodes of the same source: every one hands out
+// the rows of the whole decode; readers of a damaged file all fail, each with its own reason.
+// Run under ThreadSanitizer by scripts/tsan-tests.
+TEST_F(RowReaderTest, ReadersOfOneSourceOnParallelWorkersSeeTheWholeDecode) {
+  const std::string jpeg = path("parallel.jpg"), png = path("parallel.png"), webp = path("parallel.webp");
+  ASSERT_TRUE(writePicture(grainyPicture(120, 96, false), jpeg));
+  ASSERT_TRUE(writePicture(grainyPicture(120, 96, true), png));
+  ASSERT_TRUE(writePicture(grainyPicture(120, 96, true), webp));
+  for (const std::string& file : {jpeg, png, webp}) {
+    const CGImageRef whole = wholeDecode(file);
+    ASSERT_TRUE(whole) << file;
+    const CGImageSourceRef source = CGImageSourceCreateWithURL(file);
+    ASSERT_TRUE(source) << file;
+    std::atomic<int> mismatches{0}, failures{0};
+    tbb::parallel_for(0, 24, [&](int i) {
+      if (i % 6 == 5) {
+        const CGImageRef again = CGImageSourceCreateImageAtIndex(source, 0);
+        if (!again || again->pixels != whole->pixels || !CGImageSourceGetLastError(source).empty()) ++mismatches;
+        return;
+      }
+      auto reader = CGImageSourceCreateRowReaderAtIndex(source, 0);
+      if (!reader) {
+        ++failures;
+        return;
+      }
+      const std::size_t first = std::size_t(i) * 4, count = 96 - first < 20 ? 96 - first : 20;
+      std::vector<std::uint8_t> rows(count * reader->bytesPerRow());
+      if (!reader->skipRows(first) || !reader->readRows(rows.data(), count, reader->bytesPerRow())) {
+        ++failures;
+        return;
+      }
+      for (std::size_t r = 0; r < count; ++r)
+        if (std::memcmp(rows.data() + r * reader->bytesPerRow(), whole->row(first + r), whole->bytesPerRow) != 0)
+          ++mismatches;
+    });
+    EXPECT_EQ(failures.load(), 0) << file;
+    EXPECT_EQ(mismatches.load(), 0) << file;
+  }
+
+  const std::string cut = path("parallel-cut.jpg");
+  ASSERT_TRUE(writePicture(grainyPicture(256, 256, false), cut));
+  std::filesystem::resize_file(cut, std::filesystem::file_size(cut) / 2);
+  const CGImageSourceRef source = CGImageSourceCreateWithURL(cut);
+  ASSERT_TRUE(source);
+  std::atomic<int> failed{0};
+  tbb::parallel_for(0, 8, [&](int) {
+    auto reader = CGImageSourceCreateRowReaderAtIndex(source, 0);
+    if (!reader) return;
+    std::vector<std::uint8_t> rows(16 * reader->bytesPerRow());
+    while (reader->nextRow() < reader->height() && reader->readRows(rows.data(), 16, reader->bytesPerRow())) {
+    }
+    if (reader->error().find("corrupt JPEG") != std::string::npos) ++failed;
+  });
+  EXPECT_EQ(failed.load(), 8);
 }

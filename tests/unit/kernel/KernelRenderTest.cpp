@@ -25,14 +25,6 @@ CIKernelRef noOpKernel() {
   return kernels.size() == 1 ? kernels[0] : nullptr;
 }
 
-CIContextOptions plain(int tileSize = 0, int threads = 1) {
-  CIContextOptions o;
-  o.colorManagement = false;
-  o.tileSize = tileSize;
-  o.threads = threads;
-  return o;
-}
-
 TEST(KernelRender, NoOpOverAClampSamplerRepeatsTheEdgesWithoutLimit) {
   auto k = noOpKernel();
   ASSERT_NE(k, nullptr);
@@ -45,8 +37,8 @@ TEST(KernelRender, NoOpOverAClampSamplerRepeatsTheEdgesWithoutLimit) {
   ASSERT_FALSE(out.isNil());
   EXPECT_TRUE(CGRectIsInfinite(out.extent()));
   const int m = 4;
-  auto got = renderRGBAf(out, CGRectMake(10 - m, 20 - m, w + 2 * m, h + 2 * m), plain());
-  auto src = renderRGBAf(input, CGRectMake(10, 20, w, h), plain());
+  auto got = renderRGBAf(out, CGRectMake(10 - m, 20 - m, w + 2 * m, h + 2 * m), renderOptions(1, 0, false));
+  auto src = renderRGBAf(input, CGRectMake(10, 20, w, h), renderOptions(1, 0, false));
   // Rows are top first in both buffers.
   for (int row = 0; row < h + 2 * m; ++row) {
     for (int col = 0; col < w + 2 * m; ++col) {
@@ -68,8 +60,8 @@ TEST(KernelRender, NoOpWithTheSamplersDefinitionEqualsTheInput) {
   auto sampler = CISampler::samplerWithImage(input);
   CIImage out = k->apply({Value(sampler)}, {{kCIApplyOptionDefinition, sampler->definition()}});
   EXPECT_TRUE(CGRectEqualToRect(out.extent(), input.extent()));
-  auto a = renderRGBAf(out, CGRectMake(-6, 1, 27, 21), plain());
-  auto b = renderRGBAf(input, CGRectMake(-6, 1, 27, 21), plain());
+  auto a = renderRGBAf(out, CGRectMake(-6, 1, 27, 21), renderOptions(1, 0, false));
+  auto b = renderRGBAf(input, CGRectMake(-6, 1, 27, 21), renderOptions(1, 0, false));
   EXPECT_TRUE(bitwiseEqual(a, b));
 }
 
@@ -93,8 +85,8 @@ kernel vec4 wobble(sampler s, vec2 centre, float amount)
     auto s = CISampler::samplerWithImage(input, options);
     CIImage out = k->apply({Value(s), Value(CIVector::vectorWithX(100, 60)), 1.3}, {{kCIApplyOptionDefinition, Value(CIFilterShape::shapeWithRect(CGRectMake(0, -10, 220, 160)))}});
     ASSERT_FALSE(out.isNil());
-    auto whole = renderRGBAf(out, out.extent(), plain(4096, 1));
-    auto tiled = renderRGBAf(out, out.extent(), plain(37, 4));
+    auto whole = renderRGBAf(out, out.extent(), renderOptions(1, 4096, false));
+    auto tiled = renderRGBAf(out, out.extent(), renderOptions(4, 37, false));
     EXPECT_TRUE(bitwiseEqual(whole, tiled)) << "clamp " << clamp << ": " << maxAbsDifference(whole, tiled);
   }
 }
@@ -110,7 +102,7 @@ TEST(KernelRender, ColoursAreMatchedToTheWorkingSpace) {
   EXPECT_NEAR(px[1], srgbToLinear(0.25f) * 0.5f, 1e-6);
   EXPECT_NEAR(px[2], 0.5f, 1e-6);
   EXPECT_NEAR(px[3], 0.5f, 1e-6);
-  auto raw = renderRGBAf(out, CGRectMake(0, 0, 1, 1), plain());
+  auto raw = renderRGBAf(out, CGRectMake(0, 0, 1, 1), renderOptions(1, 0, false));
   EXPECT_NEAR(raw[0], 0.25f, 1e-6);
   EXPECT_NEAR(raw[1], 0.125f, 1e-6);
 }
@@ -132,8 +124,8 @@ kernel vec4 boxX(sampler s)
   CIImage blurred = blur->apply({Value(s)}, {{kCIApplyOptionDefinition, Value(CIFilterShape::shapeWithRect(input.extent()))}});
   CIImage out = invert->apply({Value(blurred)}, {{kCIApplyOptionDefinition, Value(CIFilterShape::shapeWithRect(input.extent()))}});
   ASSERT_FALSE(out.isNil());
-  auto src = renderRGBAf(input, input.extent(), plain());
-  auto got = renderRGBAf(out, input.extent(), plain(16, 2));
+  auto src = renderRGBAf(input, input.extent(), renderOptions(1, 0, false));
+  auto got = renderRGBAf(out, input.extent(), renderOptions(2, 16, false));
   for (int row = 0; row < 30; ++row) {
     for (int col = 0; col < 40; ++col) {
       for (int c = 0; c < 3; ++c) {
