@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "CoreImage/ColorSpace.h"
+#include "CoreImage/Render/PixelConvertKernels.h"
 
 namespace qvpixel {
 namespace {
@@ -60,6 +61,12 @@ inline std::uint8_t code8Managed(float v, const Tables& t) {
 const float* decodeTable8(bool colorManaged) { return colorManaged ? tables().linear.data() : tables().raw.data(); }
 
 void decodeStraightRGBA8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
+  // With colour management the scalar loop is the fastest form (see PixelConvertKernels.cpp).
+  const std::size_t done = colorManaged ? 0 : kernels::decodeStraightRGBA8Unmanaged(src, dst, count);
+  decodeStraightRGBA8Scalar(src + 4 * done, dst + 4 * done, count - done, colorManaged);
+}
+
+void decodeStraightRGBA8Scalar(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
   const float* lut = decodeTable8(colorManaged);
   const float* raw = tables().raw.data();
   for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
@@ -138,6 +145,11 @@ void decodePremultipliedRGBA8(const std::uint8_t* src, float* dst, std::size_t c
 }
 
 void encodeStraightRGBA8(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged) {
+  const std::size_t done = colorManaged ? 0 : kernels::encodeStraightRGBA8Unmanaged(src, dst, count);
+  encodeStraightRGBA8Scalar(src + 4 * done, dst + 4 * done, count - done, colorManaged);
+}
+
+void encodeStraightRGBA8Scalar(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged) {
   const Tables& t = tables();
   for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
     const float a = clamp01(src[3]);

@@ -1,0 +1,110 @@
+// The 8-bit conversions of PixelConvert.cpp in Highway SIMD with run-time dispatch: the file is
+// compiled once per instruction set Highway targets, and the first call picks the best one the
+// processor has.
+//
+// A vector holds whole pixels (four floats each, one per 128-bit block), so the alpha of a pixel
+// is lane 3 of its block. Every lane goes through the same operations, in the same order, as
+// the scalar code does for one component: the same table entries, the same single-rounded
+// products, sums and quotients (this file is compiled without contraction into fused
+// multiply-adds), so the results are those of the scalar code bit for bit.
+//
+// Only the conversions without colour management are here: they are arithmetic. With colour
+// management each component is a table look-up (the linear value of a code; the bucket's
+// first code and that code's threshold), and on the processor measured (bench/README.md,
+// imageio_bench) every vector form of those look-ups was slower than the scalar loop: gather
+// instructions by 1.1x (encode) to 1.3x (decode), vector index arithmetic with scalar table
+// reads by 1.9x.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "CoreImage/Render/PixelConvertKernels.cpp"
+#include <hwy/foreach_target.h>  // IWYU pragma: keep
+
+#include <hwy/highway.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "CoreImage/Render/PixelConvertKernels.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace qvpixel::kernels {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+#if HWY_TARGET == HWY_SCALAR
+// One lane cannot hold a pixel: everything is left to the scalar code.
+std::size_t DecodeStraightRGBA8Unmanaged(const std::uint8_t*, float*, std::size_t) { return 0; }
+std::size_t EncodeStraightRGBA8Unmanaged(const float*, std::uint8_t*, std::size_t) { return 0; }
+#else
+
+// Lane 3 of every block of four: the alpha of each pixel.
+template <class DI>
+HWY_INLINE hn::Mask<DI> alphaLanes(DI di) {
+  const auto three = hn::Set(di, 3);
+  return hn::Eq(hn::And(hn::Iota(di, 0), three), three);
+}
+
+std::size_t DecodeStraightRGBA8Unmanaged(const std::uint8_t* HWY_RESTRICT src, float* HWY_RESTRICT dst,
+                                         std::size_t count) {
+  const hn::ScalableTag<float> d;
+  const hn::RebindToSigned<decltype(d)> di;
+  const hn::Rebind<std::uint8_t, decltype(d)> d8;
+  const std::size_t pixels = hn::Lanes(d) / 4;
+  const auto isAlpha = hn::RebindMask(d, alphaLanes(di));
+  const auto v255 = hn::Set(d, 255.0f);
+  std::size_t i = 0;
+  for (; i + pixels <= count; i += pixels) {
+    // code / 255, as the scalar code's table holds it.
+    const auto values = hn::Div(hn::ConvertTo(d, hn::PromoteTo(di, hn::LoadU(d8, src + 4 * i))), v255);
+    const auto alpha = hn::Broadcast<3>(values);
+    hn::StoreU(hn::IfThenElse(isAlpha, values, hn::Mul(values, alpha)), d, dst + 4 * i);
+  }
+  return i;
+}
+
+std::size_t EncodeStraightRGBA8Unmanaged(const float* HWY_RESTRICT src, std::uint8_t* HWY_RESTRICT dst,
+                                         std::size_t count) {
+  const hn::ScalableTag<float> d;
+  const hn::RebindToSigned<decltype(d)> di;
+  const hn::Rebind<std::uint8_t, decltype(d)> d8;
+  using V = hn::Vec<decltype(d)>;
+  const std::size_t pixels = hn::Lanes(d) / 4;
+  const auto isAlpha = alphaLanes(di);
+  const V zero = hn::Zero(d), one = hn::Set(d, 1.0f), v255 = hn::Set(d, 255.0f), half = hn::Set(d, 0.5f);
+  // clamp01: v > 0 ? (v < 1 ? v : 1) : 0, NaN giving 0.
+  auto clamp01 = [&](V v) { return hn::IfThenElseZero(hn::Gt(v, zero), hn::Min(v, one)); };
+  // floor(clamp01(v) · 255 + 0.5), the sum being positive: truncation is the floor.
+  auto code = [&](V v) { return hn::ConvertTo(di, hn::Add(hn::Mul(clamp01(v), v255), half)); };
+  std::size_t i = 0;
+  for (; i + pixels <= count; i += pixels) {
+    const V s = hn::LoadU(d, src + 4 * i);
+    const V alpha = clamp01(hn::Broadcast<3>(s));
+    const auto colour = code(hn::Div(s, alpha));  // infinite or NaN where alpha is 0: cleared below
+    const auto out = hn::IfThenElseZero(hn::RebindMask(di, hn::Gt(alpha, zero)),
+                                        hn::IfThenElse(isAlpha, code(alpha), colour));
+    hn::StoreU(hn::DemoteTo(d8, out), d8, dst + 4 * i);
+  }
+  return i;
+}
+
+#endif  // HWY_TARGET == HWY_SCALAR
+
+}  // namespace HWY_NAMESPACE
+}  // namespace qvpixel::kernels
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace qvpixel::kernels {
+
+HWY_EXPORT(DecodeStraightRGBA8Unmanaged);
+HWY_EXPORT(EncodeStraightRGBA8Unmanaged);
+
+std::size_t decodeStraightRGBA8Unmanaged(const std::uint8_t* src, float* dst, std::size_t count) {
+  return HWY_DYNAMIC_DISPATCH(DecodeStraightRGBA8Unmanaged)(src, dst, count);
+}
+
+std::size_t encodeStraightRGBA8Unmanaged(const float* src, std::uint8_t* dst, std::size_t count) {
+  return HWY_DYNAMIC_DISPATCH(EncodeStraightRGBA8Unmanaged)(src, dst, count);
+}
+
+}  // namespace qvpixel::kernels
+#endif  // HWY_ONCE
