@@ -34,6 +34,7 @@ namespace hn = hwy::HWY_NAMESPACE;
 // One lane cannot hold a pixel: everything is left to the scalar code.
 std::size_t DecodeStraightRGBA8Unmanaged(const std::uint8_t*, float*, std::size_t) { return 0; }
 std::size_t EncodeStraightRGBA8Unmanaged(const float*, std::uint8_t*, std::size_t) { return 0; }
+std::size_t EncodeStraightRGBA8Managed(const float*, std::uint8_t*, std::size_t, const EncodeTable&) { return 0; }
 #else
 
 // Lane 3 of every block of four: the alpha of each pixel.
@@ -86,6 +87,48 @@ std::size_t EncodeStraightRGBA8Unmanaged(const float* HWY_RESTRICT src, std::uin
   return i;
 }
 
+std::size_t EncodeStraightRGBA8Managed(const float* HWY_RESTRICT src, std::uint8_t* HWY_RESTRICT dst,
+                                       std::size_t count, const EncodeTable& table) {
+  const hn::ScalableTag<float> d;
+  const hn::RebindToSigned<decltype(d)> di;
+  const hn::Rebind<std::uint8_t, decltype(d)> d8;
+  using V = hn::Vec<decltype(d)>;
+  using VI = hn::Vec<decltype(di)>;
+  const std::size_t pixels = hn::Lanes(d) / 4;
+  const auto isAlpha = alphaLanes(di);
+  const V zero = hn::Zero(d), one = hn::Set(d, 1.0f), v255 = hn::Set(d, 255.0f), half = hn::Set(d, 0.5f);
+  const VI first = hn::Set(di, table.first), last = hn::Set(di, table.count - 1), izero = hn::Zero(di);
+  const VI lowBits = hn::Set(di, 0xFFFF), thresholdBits = hn::Set(di, 0x1FFFF), codeBits = hn::Set(di, 0xFF);
+  const VI i1 = hn::Set(di, 1), i255 = hn::Set(di, 255);
+  const auto* entries = reinterpret_cast<const std::int32_t*>(table.entries);
+  // clamp01: v > 0 ? (v < 1 ? v : 1) : 0, NaN giving 0.
+  auto clamp01 = [&](V v) { return hn::IfThenElseZero(hn::Gt(v, zero), hn::Min(v, one)); };
+  // The alpha code: floor(clamp01(a) · 255 + 0.5), the sum being positive (truncation is the floor).
+  auto rawCode = [&](V v) { return hn::ConvertTo(di, hn::Add(hn::Mul(clamp01(v), v255), half)); };
+  // 0 for v <= 0 or NaN, 255 for v >= 1, else the table's code; lanes outside (0, 1) read
+  // the first or last entry, and are then overridden.
+  auto code = [&](V v) {
+    const VI bits = hn::BitCast(di, v);
+    const VI index = hn::Min(hn::Max(hn::Sub(hn::ShiftRight<16>(bits), first), izero), last);
+    const VI entry = hn::GatherIndex(di, entries, index);
+    const auto below = hn::Lt(hn::And(bits, lowBits), hn::And(entry, thresholdBits));
+    VI c = hn::Add(hn::And(hn::ShiftRight<24>(entry), codeBits), hn::IfThenZeroElse(below, i1));
+    c = hn::IfThenElse(hn::RebindMask(di, hn::Ge(v, one)), i255, c);
+    return hn::IfThenElseZero(hn::RebindMask(di, hn::Gt(v, zero)), c);
+  };
+  std::size_t i = 0;
+  for (; i + pixels <= count; i += pixels) {
+    const V s = hn::LoadU(d, src + 4 * i);
+    const V alpha = clamp01(hn::Broadcast<3>(s));
+    // Opaque (most pixels of a photo): the colour is already straight (s / 1 is s).
+    const V straight = hn::AllTrue(d, hn::Eq(alpha, one)) ? s : hn::Div(s, alpha);  // cleared where alpha is 0
+    const auto out = hn::IfThenElseZero(hn::RebindMask(di, hn::Gt(alpha, zero)),
+                                        hn::IfThenElse(isAlpha, rawCode(alpha), code(straight)));
+    hn::StoreU(hn::DemoteTo(d8, out), d8, dst + 4 * i);
+  }
+  return i;
+}
+
 #endif  // HWY_TARGET == HWY_SCALAR
 
 }  // namespace HWY_NAMESPACE
@@ -97,6 +140,7 @@ namespace qvpixel::kernels {
 
 HWY_EXPORT(DecodeStraightRGBA8Unmanaged);
 HWY_EXPORT(EncodeStraightRGBA8Unmanaged);
+HWY_EXPORT(EncodeStraightRGBA8Managed);
 
 std::size_t decodeStraightRGBA8Unmanaged(const std::uint8_t* src, float* dst, std::size_t count) {
   return HWY_DYNAMIC_DISPATCH(DecodeStraightRGBA8Unmanaged)(src, dst, count);
@@ -104,6 +148,11 @@ std::size_t decodeStraightRGBA8Unmanaged(const std::uint8_t* src, float* dst, st
 
 std::size_t encodeStraightRGBA8Unmanaged(const float* src, std::uint8_t* dst, std::size_t count) {
   return HWY_DYNAMIC_DISPATCH(EncodeStraightRGBA8Unmanaged)(src, dst, count);
+}
+
+std::size_t encodeStraightRGBA8Managed(const float* src, std::uint8_t* dst, std::size_t count,
+                                       const EncodeTable& table) {
+  return HWY_DYNAMIC_DISPATCH(EncodeStraightRGBA8Managed)(src, dst, count, table);
 }
 
 }  // namespace qvpixel::kernels

@@ -15,4 +15,19 @@ std::size_t decodeStraightRGBA8Unmanaged(const std::uint8_t* src, float* dst, st
 // Premultiplied floats -> straight RGBA8, each straight value times 255, rounded.
 std::size_t encodeStraightRGBA8Unmanaged(const float* src, std::uint8_t* dst, std::size_t count);
 
+// The nearest sRGB code of linear values in (0, 1), by the high 16 bits of the float: entry
+// j covers the floats whose high bits are first + j (values below that have code 0). Its
+// bits 24-31 hold the code at the start of the bucket, its low 17 bits the low 16 bits of the
+// threshold inside the bucket where the code steps up by one (0x10000 when there is none).
+// Positive floats order as their bits, so a value's code is the entry's code plus one when
+// its low 16 bits reach the threshold's.
+struct EncodeTable {
+  const std::uint32_t* entries = nullptr;  // null: no exact table
+  std::int32_t first = 0, count = 0;
+};
+
+// Premultiplied linear floats -> straight sRGB RGBA8 with colour management: the nearest code.
+std::size_t encodeStraightRGBA8Managed(const float* src, std::uint8_t* dst, std::size_t count,
+                                       const EncodeTable& table);
+
 }  // namespace qvpixel::kernels
