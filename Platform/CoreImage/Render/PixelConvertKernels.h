@@ -1,5 +1,5 @@
 // The vector (Highway, run-time dispatch) forms of the 8-bit conversions of PixelConvert.h
-// without colour management. They work on whole vectors of pixels only and return how many
+// (all but the decode with colour management). They work on whole vectors of pixels only and return how many
 // pixels they converted; the caller converts the rest one pixel at a time with the scalar
 // form, whose results they equal bit for bit.
 #pragma once
