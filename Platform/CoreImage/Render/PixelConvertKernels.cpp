@@ -3,10 +3,11 @@
 // processor has.
 //
 // A vector holds whole pixels (four floats each, one per 128-bit block), so the alpha of a pixel
-// is lane 3 of its block. Every lane goes through the same operations, in the same order, as
-// the scalar code does for one component: the same table entries, the same single-rounded
-// products, sums and quotients (this file is compiled without contraction into fused
-// multiply-adds), so the results are those of the scalar code bit for bit.
+// is lane 3 of its block. Every lane goes through the same arithmetic, in the same order, as
+// the scalar code does for one component: the same single-rounded products, sums and quotients
+// (this file is compiled without contraction into fused multiply-adds); and the managed encode
+// finds the same code as the scalar code's table search (the count of thresholds not above the
+// value) by another table. So the results are those of the scalar code bit for bit.
 //
 // With colour management, decoding is a look-up of each code's linear value, and on the
 // processor measured (bench/README.md, imageio_bench) a gather of them was 1.3x slower than the
