@@ -90,8 +90,8 @@ inline std::uint8_t code8Managed(float v, const Tables& t) {
 const float* decodeTable8(bool colorManaged) { return colorManaged ? tables().linear.data() : tables().raw.data(); }
 
 void decodeStraightRGBA8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
-  // With colour management the scalar loop is the fastest form (see PixelConvertKernels.cpp).
-  const std::size_t done = colorManaged ? 0 : kernels::decodeStraightRGBA8Unmanaged(src, dst, count);
+  const std::size_t done = colorManaged ? kernels::decodeStraightRGBA8Managed(src, dst, count, tables().linear.data())
+                                        : kernels::decodeStraightRGBA8Unmanaged(src, dst, count);
   decodeStraightRGBA8Scalar(src + 4 * done, dst + 4 * done, count - done, colorManaged);
 }
 

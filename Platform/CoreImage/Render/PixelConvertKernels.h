@@ -1,5 +1,5 @@
 // The vector (Highway, run-time dispatch) forms of the 8-bit conversions of PixelConvert.h
-// (all but the decode with colour management). They work on whole vectors of pixels only and return how many
+// (the decode with colour management only with AVX-512). They work on whole vectors of pixels only and return how many
 // pixels they converted; the caller converts the rest one pixel at a time with the scalar
 // form, whose results they equal bit for bit.
 #pragma once
@@ -11,6 +11,11 @@ namespace qvpixel::kernels {
 
 // Straight RGBA8 -> premultiplied floats, each code read as code / 255.
 std::size_t decodeStraightRGBA8Unmanaged(const std::uint8_t* src, float* dst, std::size_t count);
+
+// Straight sRGB RGBA8 -> premultiplied linear floats: each colour code's value from `linear`
+// (256 floats), alpha code / 255. Only where the processor can hold the table in registers
+// (AVX-512); elsewhere it converts nothing and returns 0.
+std::size_t decodeStraightRGBA8Managed(const std::uint8_t* src, float* dst, std::size_t count, const float* linear);
 
 // Premultiplied floats -> straight RGBA8, each straight value times 255, rounded.
 std::size_t encodeStraightRGBA8Unmanaged(const float* src, std::uint8_t* dst, std::size_t count);
