@@ -90,6 +90,8 @@ class TransformNode final : public ImageNode {
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "transform"; }
+  // Every pixel of a tile is sampled, or written transparent where no input pixel reaches it.
+  bool writesEveryPixel() const override { return true; }
 
  private:
   void renderSeparable(const PixelTile& out, const ConstPixelTile& src) const;

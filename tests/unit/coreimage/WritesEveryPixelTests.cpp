@@ -127,6 +127,13 @@ class WritesEveryPixel : public ::testing::Test {
     out.push_back(CIImage::fromValue(over->valueForKey(kCIOutputImageKey)));
     out.push_back(colour);
     out.push_back(photo_.imageByApplyingTransform(CGAffineTransformMakeTranslation(7, -3)));
+    // Transforms: on the grid (a flip), axis-aligned (a half-pixel shift, a shrink), rotated
+    // (bilinear) and rotated while shrinking (the tent filter).
+    for (const CGAffineTransform& t :
+         {CGAffineTransformMakeScale(-1, 1), CGAffineTransformMakeTranslation(0.5, 0.25),
+          CGAffineTransformMakeScale(0.45, 0.6), CGAffineTransformMakeRotation(0.3),
+          CGAffineTransformConcat(CGAffineTransformMakeRotation(0.4), CGAffineTransformMakeScale(0.3, 0.35))})
+      out.push_back(photo_.imageByApplyingTransform(t));
     // Filters whose defaults change nothing, with settings that do.
     CIFilterRef matrix = CIFilter::filterWithName("CIColorMatrix");
     matrix->setDefaults();
@@ -168,7 +175,8 @@ TEST_F(WritesEveryPixel, NodesThatSaySoRenderTheSameIntoGarbageAsIntoACleanBuffe
   }
   // Every kind of node that says so was among them.
   for (const char* name : {"bitmap", "bitmap8", "file", "offset", "constantColor", "colorMatrix", "CIBlendWithMask",
-                           "CISourceOverCompositing", "CIMultiplyBlendMode", "CIMaskToAlpha", "CIWhitePointAdjust"})
+                           "CISourceOverCompositing", "CIMultiplyBlendMode", "CIMaskToAlpha", "CIWhitePointAdjust",
+                           "transform"})
     EXPECT_TRUE(checked.count(name)) << name << " was not checked";
 }
 
