@@ -46,7 +46,7 @@ void expectSameDecode(const std::vector<std::uint8_t>& src, bool managed) {
     for (std::size_t count = 0; count <= 37 && start + count <= n; ++count) {
       std::vector<float> part(count * 4, -7.0f);
       qvpixel::decodeStraightRGBA8(src.data() + 4 * start, part.data(), count, managed);
-      ASSERT_EQ(0, std::memcmp(part.data(), ref.data() + 4 * start, count * 4 * sizeof(float)))
+      ASSERT_TRUE(count == 0 || std::memcmp(part.data(), ref.data() + 4 * start, count * 4 * sizeof(float)) == 0)
           << "run of " << count << " from pixel " << start;
     }
 }
@@ -67,8 +67,8 @@ void expectSameEncode(const std::vector<float>& src, bool managed) {
     for (std::size_t count = 0; count <= 37 && start + count <= n; ++count) {
       std::vector<std::uint8_t> part(count * 4, 0xA5);
       qvpixel::encodeStraightRGBA8(src.data() + 4 * start, part.data(), count, managed);
-      ASSERT_EQ(0, std::memcmp(part.data(), ref.data() + 4 * start, count * 4)) << "run of " << count << " from pixel "
-                                                                                 << start;
+      ASSERT_TRUE(count == 0 || std::memcmp(part.data(), ref.data() + 4 * start, count * 4) == 0)
+          << "run of " << count << " from pixel " << start;
     }
 }
 
