@@ -172,13 +172,18 @@ class TileEvaluator {
       if (need.empty()) continue;
       if (need.area() > kMaxBufferPixels)
         throw CIRenderError("the region of interest of \"" + plan_.nodes[ii]->name() + "\" is too large to render");
+      const PixelRect& work = regions_.work[ii];
+      // The rows the node renders afresh (below those carried from the tile above) need no
+      // clearing when the node writes all of them: its extent covers them and it writes every
+      // pixel it renders.
+      const std::int64_t freshArea = regions_.carried[ii] ? (held_[ii].y - need.y) * need.width : need.area();
+      const bool clear = !(plan_.nodes[ii]->writesEveryPixel() && work.area() == freshArea);
       if (regions_.carried[ii])
-        shiftDown(ii, need);
+        shiftDown(ii, need, clear);
       else
-        buffer_[ii] = acquire(std::size_t(need.area()) * 4);
+        buffer_[ii] = acquire(std::size_t(need.area()) * 4, clear);
       held_[ii] = need;
       float* base = buffers_[std::size_t(buffer_[ii])].data();
-      const PixelRect& work = regions_.work[ii];
       if (!work.empty()) {
         ins.clear();
         for (std::size_t k = 0; k < plan_.inputs[ii].size(); ++k) {
@@ -233,18 +238,20 @@ class TileEvaluator {
   }
 
   // Moves the rows of node i's buffer that `need` keeps to their place in `need` (they are its
-  // top rows) and clears the fresh rows below them.
-  void shiftDown(std::size_t i, const PixelRect& need) {
+  // top rows) and, when `clear`, clears the fresh rows below them.
+  void shiftDown(std::size_t i, const PixelRect& need, bool clear) {
     auto& buf = buffers_[std::size_t(buffer_[i])];
     const std::size_t rowFloats = std::size_t(need.width) * 4;
     const std::size_t freshRows = std::size_t(held_[i].y - need.y);
     const std::size_t keptRows = std::size_t(need.maxY() - held_[i].y);
     buf.resize(std::size_t(need.area()) * 4);
     std::memmove(buf.data() + freshRows * rowFloats, buf.data(), keptRows * rowFloats * sizeof(float));
-    std::memset(buf.data(), 0, freshRows * rowFloats * sizeof(float));
+    if (clear) std::memset(buf.data(), 0, freshRows * rowFloats * sizeof(float));
   }
 
-  int acquire(std::size_t floats) {
+  // A free buffer of at least `floats`, cleared to transparent when `clear` (otherwise holding
+  // whatever it held: only for a node that writes all of it).
+  int acquire(std::size_t floats, bool clear) {
     int best = -1;
     for (int i : free_) {
       if (buffers_[std::size_t(i)].capacity() >= floats &&
@@ -259,7 +266,10 @@ class TileEvaluator {
       free_.erase(std::find(free_.begin(), free_.end(), best));
     }
     auto& buf = buffers_[std::size_t(best)];
-    buf.assign(floats, 0.0f);
+    if (clear)
+      buf.assign(floats, 0.0f);
+    else if (buf.size() < floats)
+      buf.resize(floats);
     return best;
   }
   void drop(std::size_t node) {

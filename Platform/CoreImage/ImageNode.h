@@ -60,6 +60,13 @@ struct ConstPixelTile {
   const float* at(std::int64_t x, std::int64_t y) const { return row(y) + (x - rect.x) * 4; }
 };
 
+// Whether the pixels whose centres lie inside `extent` are all the pixels it touches (true for
+// integral and infinite extents): then a node that writes every pixel inside its extent writes
+// every pixel of any tile the renderer hands it (see ImageNode::writesEveryPixel).
+inline bool centresCoverExtent(const CGRect& extent) {
+  return PixelRect::centresInside(extent) == PixelRect::covering(extent);
+}
+
 class RenderCache;
 
 // What a node may need to know about the render it takes part in.
@@ -83,9 +90,15 @@ class ImageNode : public Object {
 
   // The region of input `index` needed to produce `rect` of this node. One-to-one by default.
   virtual PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const;
-  // Produce out.rect. `out` arrives cleared to transparent. in[i] covers exactly
-  // regionOfInterest(i, out.rect), transparent wherever input i has no pixels.
+  // Produce out.rect. `out` arrives cleared to transparent, unless the node answers
+  // writesEveryPixel(). in[i] covers exactly regionOfInterest(i, out.rect), transparent
+  // wherever input i has no pixels.
   virtual void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const = 0;
+  // Whether render() writes every pixel of out.rect (out.rect never reaches past
+  // PixelRect::covering(extent())), transparent ones included, and reads none of `out` before
+  // writing it. The renderer then hands the node its buffer as it is, with whatever an earlier
+  // tile left there, instead of clearing it first. False by default.
+  virtual bool writesEveryPixel() const { return false; }
   // Nodes that keep what they read from one tile to the next, in RenderInfo::state, answer
   // true. The renderer then asks regionOfInterestBelow for a tile directly below the one the
   // node rendered last in the same worker (the same columns, its top row adjoining that tile's

@@ -208,6 +208,7 @@ class WhitePointNode final : public ImageNode {
     });
   }
   std::string name() const override { return "CIWhitePointAdjust"; }
+  bool writesEveryPixel() const override { return centresCoverExtent(extent()); }
 
  private:
   CIColorRef color_;
@@ -230,6 +231,7 @@ class MaskToAlphaNode final : public ImageNode {
     });
   }
   std::string name() const override { return "CIMaskToAlpha"; }
+  bool writesEveryPixel() const override { return centresCoverExtent(extent()); }
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -44,6 +44,7 @@ class ColorMatrixNode final : public ImageNode {
 
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "colorMatrix"; }
+  bool writesEveryPixel() const override { return centresCoverExtent(extent()); }
 
  private:
   ColorMatrix matrix_;

@@ -332,6 +332,15 @@ CIImage sourceOfOverNothing(const ImageNode* node);
 // times 1 − m, which a composite computes as it reads the layer (see CompositeInput::row).
 bool layerAndMaskOfMaskedLayer(const ImageNode* node, CIImage& layer, CIImage& mask);
 
+// The buffers one folded input assembles its runs in, kept across the rows of one render.
+struct RowBuffers {
+  std::vector<float> scratch, kept;
+  // For a constant input: the run `kept` holds (its length and the part inside the window;
+  // length 0: none), which every other row with the same run reads again as it is.
+  std::size_t constantLength = 0;
+  std::int64_t constantFrom = 0, constantTo = 0;
+};
+
 struct CompositeInput {
   CIImage image;  // the image whose pixels are read; nil for a constant
   CIColorRef constant;  // the colour of a constant input (null: transparent, or not a constant)
@@ -446,17 +455,19 @@ struct CompositeInput {
   }
 
   // The n pixels from (x0, y) in the composite's coordinates. `tiles` are the node's inputs;
-  // `colour` is constantPixel() of this render.
+  // `colour` is constantPixel() of this render; `buffers` are this input's for this render.
   const float* row(std::span<const ConstPixelTile> tiles, const std::array<float, 4>& colour, std::int64_t x0,
-                   std::int64_t y, std::size_t n, std::vector<float>& scratch, std::vector<float>& kept) const {
+                   std::int64_t y, std::size_t n, RowBuffers& buffers) const {
+    std::vector<float>& scratch = buffers.scratch;
+    std::vector<float>& kept = buffers.kept;
     const float* p = isConstant ? nullptr : inputRow(tiles[std::size_t(slot)], x0 - dx, y - dy, n, scratch);
     if (mask && p) {
       // out = s·k + b·(1 − k) with s = nothing and b = the layer, as the blend with mask
       // computes it; k is the clamped Rec. 709 luminance of the mask's premultiplied colour.
       // The mask's row is used up here, so its buffers can be this thread's; the masked layer
       // goes to `scratch` (in place when the layer's row is already there: pixel by pixel).
-      thread_local std::vector<float> maskScratch, maskKept;
-      const float* m = mask->row(tiles, {}, x0 - maskDx, y - maskDy, n, maskScratch, maskKept);
+      thread_local RowBuffers maskBuffers;
+      const float* m = mask->row(tiles, {}, x0 - maskDx, y - maskDy, n, maskBuffers);
       if (p != scratch.data()) scratch.resize(n * 4);
       float* masked = scratch.data();
       for (std::size_t i = 0; i < n; ++i) {
@@ -466,11 +477,20 @@ struct CompositeInput {
       p = masked;
     }
     if (!windowed && !isConstant) return p;
-    kept.resize(n * 4);
     const std::int64_t count = std::int64_t(n);
     const bool inRow = y >= window.y && y < window.maxY();
     const std::int64_t a = inRow ? std::clamp<std::int64_t>(window.x - x0, 0, count) : count;
     const std::int64_t b = inRow ? std::clamp<std::int64_t>(window.maxX() - x0, a, count) : count;
+    // A run wholly inside the window, with no matrix to run, is the image's own pixels: read
+    // in place, not copied.
+    if (!isConstant && !matrix && a == 0 && b == count) return p;
+    if (isConstant) {
+      if (buffers.constantLength == n && buffers.constantFrom == a && buffers.constantTo == b) return kept.data();
+      buffers.constantLength = n;
+      buffers.constantFrom = a;
+      buffers.constantTo = b;
+    }
+    kept.resize(n * 4);
     std::fill(kept.begin(), kept.begin() + a * 4, 0.0f);
     std::fill(kept.begin() + b * 4, kept.end(), 0.0f);
     if (b <= a) return kept.data();
@@ -538,17 +558,17 @@ class CompositeNode final : public ImageNode {
     constexpr std::size_t kRun = 256;
     const CompositeInput &s = folded_[0], &b = folded_[1];
     const auto colourS = s.constantPixel(info), colourB = b.constantPixel(info);
-    std::vector<float> scratchS, scratchB, keptS, keptB;
+    RowBuffers buffersS, buffersB;
     forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
       for (std::size_t j = 0; j < n; j += kRun) {
         const std::size_t m = std::min(kRun, n - j);
         const std::int64_t x = x0 + std::int64_t(j);
-        op_.row(s.row(in, colourS, x, y, m, scratchS, keptS), b.row(in, colourB, x, y, m, scratchB, keptB), o + j * 4,
-                m);
+        op_.row(s.row(in, colourS, x, y, m, buffersS), b.row(in, colourB, x, y, m, buffersB), o + j * 4, m);
       }
     });
   }
   std::string name() const override { return op_.name; }
+  bool writesEveryPixel() const override { return centresCoverExtent(extent()); }
 
  private:
   CompositeNode(const CompositeOperation& op, const CGRect& extent, FoldedInputs f)
@@ -593,16 +613,16 @@ class BlendWithMaskNode final : public ImageNode {
     const bool hasBackground = folded_.size() > 2;
     std::array<std::array<float, 4>, 3> colour{};
     for (std::size_t k = 0; k < folded_.size(); ++k) colour[k] = folded_[k].constantPixel(info);
-    std::vector<float> scratch[3], kept[3];
+    RowBuffers buffers[3];
     forEachRowInExtent(out, extent(), [&](float* row, std::int64_t x0, std::int64_t y, std::size_t width) {
       for (std::size_t j = 0; j < width; j += kRun) {
         const std::size_t n = std::min(kRun, width - j);
         const std::int64_t x = x0 + std::int64_t(j);
         float* o = row + j * 4;
-        const float* s = folded_[0].row(in, colour[0], x, y, n, scratch[0], kept[0]);
-        const float* m = folded_[1].row(in, colour[1], x, y, n, scratch[1], kept[1]);
+        const float* s = folded_[0].row(in, colour[0], x, y, n, buffers[0]);
+        const float* m = folded_[1].row(in, colour[1], x, y, n, buffers[1]);
         if (hasBackground) {
-          const float* b = folded_[2].row(in, colour[2], x, y, n, scratch[2], kept[2]);
+          const float* b = folded_[2].row(in, colour[2], x, y, n, buffers[2]);
           for (std::size_t i = 0; i < n; ++i) {
             const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
             for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k + b[4 * i + c] * (1 - k);
@@ -617,6 +637,7 @@ class BlendWithMaskNode final : public ImageNode {
     });
   }
   std::string name() const override { return "CIBlendWithMask"; }
+  bool writesEveryPixel() const override { return centresCoverExtent(extent()); }
 
  private:
   BlendWithMaskNode(const CGRect& extent, FoldedInputs f)

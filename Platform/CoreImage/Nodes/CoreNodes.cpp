@@ -119,18 +119,32 @@ PixelRect TransformNode::regionOfInterest(std::size_t, const PixelRect& rect) co
 }
 
 namespace {
+// Clears pixels x0 .. x1 - 1 of row Y of `out` to transparent.
+void clearRun(const PixelTile& out, std::int64_t Y, std::int64_t x0, std::int64_t x1) {
+  if (x1 > x0) std::memset(out.at(x0, Y), 0, std::size_t(x1 - x0) * 4 * sizeof(float));
+}
+void clearTile(const PixelTile& out) {
+  for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) clearRun(out, Y, out.rect.x, out.rect.maxX());
+}
+
 // Output pixel X takes input texel u0 + sx·(X - out.rect.x) of row v0 + sy·(Y - out.rect.y):
-// rows copied, reversed where the transform flips x; texels outside `src` stay transparent.
+// rows copied, reversed where the transform flips x; pixels whose texel lies outside `src` are
+// written transparent.
 void copyOnGrid(const PixelTile& out, const ConstPixelTile& src, std::int64_t u0, std::int64_t v0, int sx, int sy) {
   const PixelRect& sr = src.rect;
   const std::int64_t x0 = out.rect.x;
   // The output columns whose texel lies inside src.
   const std::int64_t xa = std::max(x0, sx > 0 ? x0 + sr.x - u0 : x0 + u0 - sr.maxX() + 1);
   const std::int64_t xb = std::min(out.rect.maxX(), sx > 0 ? x0 + sr.maxX() - u0 : x0 + u0 - sr.x + 1);
-  if (xb <= xa) return;
+  if (xb <= xa) return clearTile(out);
   for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
     const std::int64_t j = v0 + sy * (Y - out.rect.y);
-    if (j < sr.y || j >= sr.maxY()) continue;
+    if (j < sr.y || j >= sr.maxY()) {
+      clearRun(out, Y, x0, out.rect.maxX());
+      continue;
+    }
+    clearRun(out, Y, x0, xa);
+    clearRun(out, Y, xb, out.rect.maxX());
     float* o = out.at(xa, Y);
     if (sx > 0) {
       std::memcpy(o, src.at(u0 + (xa - x0), j), std::size_t(xb - xa) * 4 * sizeof(float));
@@ -144,7 +158,7 @@ void copyOnGrid(const PixelTile& out, const ConstPixelTile& src, std::int64_t u0
 
 void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
   const ConstPixelTile& src = in[0];
-  if (src.rect.empty()) return;
+  if (src.rect.empty()) return clearTile(out);
   const PixelRect sr = src.rect;
   if (onGrid_) {
     const double u0 = snap(inv_.a * (double(out.rect.x) + 0.5) + inv_.tx - 0.5);
@@ -194,7 +208,10 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
       double sx = 0, sy = 0;
       for (std::int64_t i = i0; i <= i1; ++i) sx += wx[std::size_t(i - i0)] = float(std::max(0.0, 1.0 - std::fabs(double(i) - u) / rx_));
       for (std::int64_t j = j0; j <= j1; ++j) sy += wy[std::size_t(j - j0)] = float(std::max(0.0, 1.0 - std::fabs(double(j) - v) / ry_));
-      if (sx <= 0 || sy <= 0) continue;
+      if (sx <= 0 || sy <= 0) {
+        std::memset(o, 0, 4 * sizeof(float));
+        continue;
+      }
       const float norm = float(1.0 / (sx * sy));
       for (std::int64_t j = std::max(j0, sr.y); j <= std::min(j1, sr.maxY() - 1); ++j) {
         const float wj = wy[std::size_t(j - j0)];
@@ -272,7 +289,7 @@ void TransformNode::renderSeparable(const PixelTile& out, const ConstPixelTile& 
     lo = std::min(lo, std::max(sr.x, t.first));
     hi = std::max(hi, std::min(sr.maxX(), t.first + std::int64_t(t.w.size())));
   }
-  if (hi <= lo) return;
+  if (hi <= lo) return clearTile(out);
   TapTable table;
   table.first.reserve(cols.size());
   table.offset.reserve(cols.size());
@@ -293,7 +310,10 @@ void TransformNode::renderSeparable(const PixelTile& out, const ConstPixelTile& 
       float* t = temp.data();
       for (std::size_t i = 0, n = temp.size(); i < n; ++i) t[i] += w * p[i];
     }
-    if (!any) continue;  // the output row arrives transparent
+    if (!any) {
+      clearRun(out, Y, out.rect.x, out.rect.maxX());
+      continue;
+    }
     float* o = out.at(out.rect.x, Y);
     const float* base = temp.data() - lo * 4;
     for (std::size_t X = 0; X < cols.size(); ++X, o += 4) {

@@ -30,6 +30,7 @@ class ConstantColorNode final : public ImageNode {
   const CIColorRef& color() const { return color_; }
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "constantColor"; }
+  bool writesEveryPixel() const override { return color_ && centresCoverExtent(extent()); }
 
  private:
   CIColorRef color_;
@@ -41,6 +42,7 @@ class BitmapNode final : public ImageNode {
   BitmapNode(std::vector<float> pixels, std::size_t width, std::size_t height, std::int64_t x, std::int64_t y);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "bitmap"; }
+  bool writesEveryPixel() const override { return true; }
 
  private:
   std::vector<float> pixels_;
@@ -54,6 +56,7 @@ class Bitmap8Node final : public ImageNode {
   Bitmap8Node(std::vector<std::uint8_t> pixels, std::size_t width, std::size_t height, std::int64_t x, std::int64_t y);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "bitmap8"; }
+  bool writesEveryPixel() const override { return true; }
 
  private:
   std::vector<std::uint8_t> pixels_;  // tightly packed, width * 4 bytes per row
@@ -70,6 +73,7 @@ class OffsetNode final : public ImageNode {
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "offset"; }
+  bool writesEveryPixel() const override { return true; }
 
  private:
   std::int64_t dx_, dy_;
@@ -86,6 +90,8 @@ class TransformNode final : public ImageNode {
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "transform"; }
+  // Every pixel of a tile is sampled, or written transparent where no input pixel reaches it.
+  bool writesEveryPixel() const override { return true; }
 
  private:
   void renderSeparable(const PixelTile& out, const ConstPixelTile& src) const;
@@ -158,6 +164,7 @@ class FileNode final : public ImageNode {
   FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "file"; }
+  bool writesEveryPixel() const override { return true; }
   const std::string& path() const { return path_; }
 
  private:

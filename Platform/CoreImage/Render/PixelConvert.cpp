@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <vector>
 
 #include "CoreImage/ColorSpace.h"
+#include "CoreImage/Render/PixelConvertKernels.h"
 
 namespace qvpixel {
 namespace {
@@ -23,6 +25,10 @@ struct Tables {
   // the result is the exact nearest code, found without a search per component.
   static constexpr int kBuckets = 16384;
   std::array<std::uint8_t, kBuckets> firstCode{};
+  // The same codes for the vector code, which finds them with one look-up per component:
+  // buckets by the high 16 bits of the float (see kernels::EncodeTable).
+  kernels::EncodeTable byBits;
+  std::vector<std::uint32_t> byBitsEntries;
   Tables() {
     for (int i = 0; i < 256; ++i) {
       raw[i] = static_cast<float>(i) / 255.0f;
@@ -35,6 +41,30 @@ struct Tables {
       firstCode[i] = static_cast<std::uint8_t>(std::upper_bound(thresholds.begin(), thresholds.begin() + 255, lower) -
                                                thresholds.begin());
     }
+    buildBitsTable();
+  }
+
+  // Bucket j holds the floats whose high 16 bits are first + j, from the bucket below the
+  // first threshold's (every smaller positive value has code 0) to the one below 1. A bucket
+  // spans a 128th of its values' magnitude, less than any relative gap between thresholds
+  // (at least 2.4 / 255 of the value, at the top of the curve), so it holds at most one; that
+  // is checked here, and without it the vector code is not used.
+  void buildBitsTable() {
+    auto bits = [](float f) { return std::bit_cast<std::uint32_t>(f); };
+    const std::uint32_t first = (bits(thresholds[0]) >> 16) - 1, end = bits(1.0f) >> 16;
+    byBitsEntries.assign(end - first, 0);
+    std::size_t next = 0;  // the first threshold not below the bucket
+    for (std::uint32_t j = 0; j < end - first; ++j) {
+      const std::uint32_t start = (first + j) << 16;
+      while (next < 255 && bits(thresholds[next]) < start) ++next;
+      std::uint32_t inside = 0x10000;  // no threshold in the bucket: never reached
+      if (next < 255 && bits(thresholds[next]) - start < 0x10000) {
+        inside = bits(thresholds[next]) & 0xFFFF;
+        if (next + 1 < 255 && bits(thresholds[next + 1]) - start < 0x10000) return;  // two: not exact
+      }
+      byBitsEntries[j] = std::uint32_t(next) << 24 | inside;
+    }
+    byBits = kernels::EncodeTable{byBitsEntries.data(), std::int32_t(first), std::int32_t(end - first)};
   }
 };
 
@@ -60,6 +90,12 @@ inline std::uint8_t code8Managed(float v, const Tables& t) {
 const float* decodeTable8(bool colorManaged) { return colorManaged ? tables().linear.data() : tables().raw.data(); }
 
 void decodeStraightRGBA8(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
+  const std::size_t done = colorManaged ? kernels::decodeStraightRGBA8Managed(src, dst, count, tables().linear.data())
+                                        : kernels::decodeStraightRGBA8Unmanaged(src, dst, count);
+  decodeStraightRGBA8Scalar(src + 4 * done, dst + 4 * done, count - done, colorManaged);
+}
+
+void decodeStraightRGBA8Scalar(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged) {
   const float* lut = decodeTable8(colorManaged);
   const float* raw = tables().raw.data();
   for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
@@ -138,6 +174,14 @@ void decodePremultipliedRGBA8(const std::uint8_t* src, float* dst, std::size_t c
 }
 
 void encodeStraightRGBA8(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged) {
+  const Tables& t = tables();
+  const std::size_t done = !colorManaged ? kernels::encodeStraightRGBA8Unmanaged(src, dst, count)
+                           : t.byBits.entries ? kernels::encodeStraightRGBA8Managed(src, dst, count, t.byBits)
+                                              : 0;
+  encodeStraightRGBA8Scalar(src + 4 * done, dst + 4 * done, count - done, colorManaged);
+}
+
+void encodeStraightRGBA8Scalar(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged) {
   const Tables& t = tables();
   for (std::size_t i = 0; i < count; ++i, src += 4, dst += 4) {
     const float a = clamp01(src[3]);

@@ -23,4 +23,10 @@ void decodePremultipliedRGBA8(const std::uint8_t* src, float* dst, std::size_t c
 void encodeStraightRGBA8(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged);
 void encodeStraightRGBA16(const float* src, std::uint16_t* dst, std::size_t count, bool colorManaged);
 
+// decodeStraightRGBA8 and encodeStraightRGBA8 one pixel at a time, without SIMD: the definition
+// the vector forms equal bit for bit (and are tested and measured against), and what converts
+// the pixels left after the last whole vector.
+void decodeStraightRGBA8Scalar(const std::uint8_t* src, float* dst, std::size_t count, bool colorManaged);
+void encodeStraightRGBA8Scalar(const float* src, std::uint8_t* dst, std::size_t count, bool colorManaged);
+
 }  // namespace qvpixel
