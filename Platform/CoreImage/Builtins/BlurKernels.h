@@ -45,13 +45,13 @@ struct SeparablePlan {
 //   planGaussianDirect: one pass per axis of the exact sampled Gaussian truncated at
 //     ceil(3 sigma) and normalised to a sum of 1 (direct convolution, SIMD); its cost grows
 //     with sigma.
-//   planGaussianBoxes: three passes per axis of two nested boxes, half-widths about 0.57 sigma
-//     and 1.2 sigma, weighted so that each pass has a third of the direct kernel's variance
-//     (which truncation makes 2.7 % less than sigma^2); cost independent of sigma, reach about
-//     3.6 sigma. Of the constant-cost shapes measured (bench/README.md) it is the one that
-//     agrees with the direct kernel within the golden tolerance: the three passes' kernel
-//     differs from the truncated sampled Gaussian by under 2 % of its peak, where three
-//     extended boxes (one width each) differ by 6 %.
+//   planGaussianBoxes: three passes per axis of two nested boxes, half-widths round(0.6162
+//     sigma) and round(1.2501 sigma), weighted so that the three have kBoxesVariance sigma^2,
+//     close to the direct kernel's (truncation makes that 2.7 % less than sigma^2); cost
+//     independent of sigma, reach about 3.75 sigma. Of the constant-cost shapes measured
+//     (bench/README.md) it is the one that agrees with the direct kernel within the golden
+//     tolerance: its kernel differs from the truncated sampled Gaussian by about 1 % of the
+//     peak, where three extended boxes (one width each) differ by 6 %.
 // The direct passes win below kDirectSigma (measured: bench/blur_bench.cpp,
 // BM_GaussianPlan_RGBAf, see bench/README.md). Sigma is capped at kMaxSigma to bound the region
 // a tile reads.
