@@ -1,8 +1,8 @@
 // Gaussian blur throughput: the blur the plug-in runs most (clamped input, Gaussian, crop back)
 // on a 6000 × 4000 photo, end to end from a JPEG file to a JPEG file, from 8-bit pixels in
 // memory to 8-bit pixels, and the bare kernel on one tile. Below kDirectSigma the blur is a
-// direct convolution whose cost grows with the radius; from there on three box passes whose
-// cost does not (radii 20 and 100); 1 and 2 threads show the scaling. BM_GaussianPlan_RGBAf
+// direct convolution whose cost grows with the radius; from there on three passes of nested
+// boxes whose cost does not (radii 20 and 100); 1 and 2 threads show the scaling. BM_GaussianPlan_RGBAf
 // runs both ways over a range of radii: where they cross is where planGaussian switches.
 //
 // The peer comparison (bench/peers.sh) runs the same JPEG-to-JPEG work through
@@ -10,6 +10,7 @@
 // ImageFilter.GaussianBlur(20).
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -115,7 +116,7 @@ BENCHMARK(BM_GaussianBlur_RGBA8_6000x4000)
     ->Iterations(3);
 
 // The kernel alone on one 1024 × 1024 output tile of premultiplied floats, one thread: path 0
-// is the direct convolution, 1 the three extended box passes.
+// is the direct convolution, 1 the three box passes.
 void BM_GaussianKernel_Tile1024(benchmark::State& state) {
   const double sigma = double(state.range(0));
   const auto plan = state.range(1) == 0 ? qv::blur::planGaussianDirect(sigma) : qv::blur::planGaussianBoxes(sigma);
@@ -140,9 +141,10 @@ BENCHMARK(BM_GaussianKernel_Tile1024)
 
 // The two ways of computing the Gaussian, through the renderer as the filter runs them (a node
 // along x, a node streaming down the columns), one thread, premultiplied floats in and out of a
-// 3000 × 2000 picture: path 0 is the direct convolution, 1 the three extended box passes. The
+// 3000 × 2000 picture: path 0 is the direct convolution, 1 the three box passes. The
 // radius where the box passes become faster is where planGaussian switches (kDirectSigma).
-void BM_GaussianPlan_RGBAf(benchmark::State& state) {
+// The 3000 × 2000 top-left part of the photo as premultiplied floats.
+const std::vector<float>& planPixels() {
   constexpr std::size_t w = 3000, h = 2000;
   static const std::vector<float> px = [] {
     const auto& rgba8 = photoPixels();
@@ -151,6 +153,12 @@ void BM_GaussianPlan_RGBAf(benchmark::State& state) {
       for (std::size_t x = 0; x < w * 4; ++x) f[y * w * 4 + x] = float(rgba8[y * kWidth * 4 + x]) / 255.0f;
     return f;
   }();
+  return px;
+}
+
+void BM_GaussianPlan_RGBAf(benchmark::State& state) {
+  constexpr std::size_t w = 3000, h = 2000;
+  const std::vector<float>& px = planPixels();
   const double sigma = double(state.range(0)) / 2.0;
   const auto plan = state.range(1) == 0 ? qv::blur::planGaussianDirect(sigma) : qv::blur::planGaussianBoxes(sigma);
   const CIImage input = CIImage::imageWithRGBAf(px.data(), w, h);
@@ -168,6 +176,51 @@ void BM_GaussianPlan_RGBAf(benchmark::State& state) {
 BENCHMARK(BM_GaussianPlan_RGBAf)
     ->ArgNames({"sigma_x2", "boxes"})
     ->ArgsProduct({{2, 4, 6, 8, 10, 12, 16, 20, 24, 32, 40, 44, 48, 52, 56, 64}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(0.3);
+
+// Constant-cost Gaussians weighed against each other (bench/README.md, "Gaussian blur: direct
+// kernel or box passes"), as BM_GaussianPlan_RGBAf runs them: σ 20, one thread, 3000 × 2000
+// floats. Shape 0: planGaussianBoxes (three passes of two nested boxes); 3, 4, 5: that many
+// extended box passes (a box of one width plus end taps, the variance exact: Gwosdek et al.),
+// written as nested boxes of half-widths l and l + 1, which they are.
+qv::blur::SeparablePlan extendedBoxes(double sigma, int passes) {
+  const double variance = sigma * sigma / passes;
+  const int l = std::max(0, int(std::floor((std::sqrt(12.0 * variance + 1.0) - 1.0) / 2.0)));
+  const double a = std::clamp(
+      (2.0 * l + 1.0) * (l * (l + 1.0) - 3.0 * variance) / (6.0 * (variance - (l + 1.0) * (l + 1.0))), 0.0, 1.0);
+  const double norm = 1.0 / (2.0 * l + 1.0 + 2.0 * a);
+  qv::blur::Pass1D p;
+  p.l = l + 1;
+  p.weight = a * norm;
+  p.inner = l;
+  p.innerWeight = (1.0 - a) * norm;
+  qv::blur::SeparablePlan plan;
+  plan.horizontal.assign(std::size_t(passes), p);
+  plan.vertical = plan.horizontal;
+  return plan;
+}
+
+void BM_GaussianShape_RGBAf(benchmark::State& state) {
+  constexpr std::size_t w = 3000, h = 2000;
+  const double sigma = double(state.range(1));
+  const auto plan =
+      state.range(0) == 0 ? qv::blur::planGaussianBoxes(sigma) : extendedBoxes(sigma, int(state.range(0)));
+  const CIImage input = CIImage::imageWithRGBAf(planPixels().data(), w, h);
+  const CIImage blurred = qv::blur::separableImage("CIGaussianBlur", input, plan);
+  std::vector<float> dst(w * h * 4);
+  CIContextOptions options;
+  options.threads = 1;
+  options.colorManagement = false;
+  const CIContext context(options);
+  for (auto _ : state)
+    context.render(blurred, dst.data(), std::ptrdiff_t(w * 16), input.extent(), CIRenderFormat::RGBAf);
+  setRate(state, double(w * h));
+}
+BENCHMARK(BM_GaussianShape_RGBAf)
+    ->ArgNames({"shape", "sigma"})
+    ->ArgsProduct({{0, 3, 4, 5}, {20, 100}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->MinTime(0.3);

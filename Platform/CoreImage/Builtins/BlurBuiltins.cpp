@@ -5,10 +5,11 @@
 // the platform leaves them open:
 //   CIGaussianBlur   inputRadius is the standard deviation. Below 0.16 the input comes back
 //                    unchanged; below kDirectSigma a direct convolution with the sampled
-//                    Gaussian truncated at ceil(3σ); above, three extended box passes per axis
-//                    (exact variance, cost independent of σ), whichever is faster (BlurKernels.h);
-//                    σ is capped at 500.
-//                    The extent grows by the kernel's reach, about 3σ per side.
+//                    Gaussian truncated at ceil(3σ); above, three passes of two nested boxes per
+//                    axis (cost independent of σ, within the golden tolerance of the direct
+//                    kernel), whichever is faster (BlurKernels.h); σ is capped at 500.
+//                    The extent grows by the kernel's reach: ceil(3σ) per side below the switch,
+//                    about 3.75σ above.
 //   CIBoxBlur        mean over a square of side 2r+1, r = inputRadius rounded (capped at 1000);
 //                    r = 0 returns the input.
 //   CIDiscBlur       mean over the pixels with dx² + dy² <= r² (hard edge); r < 1 returns the input.

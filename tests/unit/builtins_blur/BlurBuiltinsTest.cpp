@@ -136,11 +136,12 @@ TEST(GaussianBlur, TinyRadiusReturnsTheInputItself) {
   EXPECT_FALSE(applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(0.16)}}) == image);
 }
 
-TEST(GaussianBlur, ExtentGrowsByAboutThreeSigma) {
+TEST(GaussianBlur, ExtentGrowsByTheKernelsReach) {
   const CIImage image = blurtest::photo(40, 30, {10, 20});
-  // The kernel's support in whole pixels: 3 sigma and a little, rounded up by the plan.
-  // Direct below kDirectSigma: ceil(3 sigma); three extended boxes above: three box supports.
-  for (auto [sigma, expected] : {std::pair{0.5, 2.0}, {2.0, 6.0}, {3.5, 11.0}, {10.0, 30.0}, {25.0, 75.0}}) {
+  // The kernel's support in whole pixels. Direct below kDirectSigma: ceil(3 sigma); the box
+  // passes above: three outer half-widths of round(1.2501 sigma), about 3.75 sigma.
+  for (auto [sigma, expected] :
+       {std::pair{0.5, 2.0}, {2.0, 6.0}, {3.5, 11.0}, {10.0, 30.0}, {20.0, 75.0}, {25.0, 93.0}, {100.0, 375.0}}) {
     const CGRect e = applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(sigma)}}).extent();
     const double grow = 10 - e.origin.x;
     EXPECT_EQ(grow, expected) << sigma;
@@ -477,21 +478,37 @@ TEST(UnsharpMask, IsImagePlusIntensityTimesDetail) {
 
 // ---- Kernel plans ----
 
-TEST(BlurKernels, ExtendedBoxHasTheExactVariance) {
-  for (double sigma : {3.0, 4.2, 10.0, 57.3, 200.0}) {
+TEST(BlurKernels, BoxPassesHaveTheDirectKernelsVariance) {
+  // Each of the three passes is two nested boxes with positive weights summing to 1; together
+  // their variance is kBoxesVariance sigma^2, within 1 % of the direct path's truncated
+  // sampled Gaussian from the switch on.
+  for (double sigma : {0.2, 0.5, 1.0, 3.0, 4.2, 10.0, 20.0, 57.3, 200.0, 500.0}) {
     const auto plan = qv::blur::planGaussianBoxes(sigma);
     ASSERT_EQ(plan.horizontal.size(), 3u);
     double variance = 0;
     for (const auto& p : plan.horizontal) {
-      const double l = p.l, a = p.edge;
-      variance += (l * (l + 1) * (2 * l + 1) / 3 + 2 * a * (l + 1) * (l + 1)) / (2 * l + 1 + 2 * a);
+      ASSERT_FALSE(p.fir);
+      ASSERT_GE(p.inner, 0);
+      ASSERT_LT(p.inner, p.l);
+      EXPECT_GE(p.weight, 0.0);
+      EXPECT_GE(p.innerWeight, 0.0);
+      const double l = p.l, i = p.inner;
+      const double a = p.weight * (2 * l + 1), b = p.innerWeight * (2 * i + 1);
+      EXPECT_NEAR(a + b, 1.0, 1e-12) << sigma;
+      variance += a * l * (l + 1) / 3 + b * i * (i + 1) / 3;
     }
-    EXPECT_NEAR(std::sqrt(variance), sigma, 1e-4 * sigma);
+    EXPECT_NEAR(variance, qv::blur::kBoxesVariance * sigma * sigma, 1e-9 * sigma * sigma) << sigma;
+    if (sigma < qv::blur::kDirectSigma) continue;
+    const auto direct = qv::blur::planGaussianDirect(sigma).horizontal[0].taps;
+    const int r = int(direct.size() / 2);
+    double truncated = 0;
+    for (int k = -r; k <= r; ++k) truncated += double(direct[std::size_t(k + r)]) * k * k;
+    EXPECT_NEAR(variance, truncated, 0.01 * truncated) << sigma;
   }
   EXPECT_TRUE(qv::blur::planGaussianBoxes(0.1).identity());
   EXPECT_TRUE(qv::blur::planGaussian(0.1).identity());
   EXPECT_TRUE(qv::blur::planGaussian(std::nan("")).identity());
-  EXPECT_EQ(qv::blur::planGaussian(1e12).supportX(), 1500);  // the support of kMaxSigma
+  EXPECT_EQ(qv::blur::planGaussian(1e12).supportX(), 1875);  // the support of kMaxSigma: 3 x 625
 }
 
 // ---- Extreme parameters: bounded regions, no crash ----
@@ -500,7 +517,7 @@ TEST(BlurFilters, ExtremeParametersStayBounded) {
   const CIImage image = blurtest::photo(24, 16);
   const double huge = 1e300, nan = std::nan("");
   auto growth = [&](const CIImage& out) { return image.extent().origin.x - out.extent().origin.x; };
-  EXPECT_EQ(growth(applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(huge)}})), 1500);
+  EXPECT_EQ(growth(applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(huge)}})), 1875);
   EXPECT_EQ(growth(applyFilter("CIBoxBlur", image, {{"inputRadius", Value(huge)}})), 1000);
   EXPECT_EQ(growth(applyFilter("CIDiscBlur", image, {{"inputRadius", Value(huge)}})), 200);
   EXPECT_EQ(growth(applyFilter("CIMorphologyMaximum", image, {{"inputRadius", Value(huge)}})), 200);

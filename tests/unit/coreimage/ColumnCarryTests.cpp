@@ -40,7 +40,7 @@ void expectSameAcrossTilings(const CIImage& image, const CGRect& rect) {
 }  // namespace
 
 TEST(ColumnCarry, GaussianWhoseSupportSpansManyTilesStreamsExactly) {
-  // σ 40: three box passes with a support of about 120 rows, over tiles of 16 rows.
+  // σ 40: three box passes with a support of 150 rows, over tiles of 16 rows.
   const CIImage img = makeTestImageWithAlpha(90, 140, CGPointMake(3, -7), 5);
   const CIImage blurred = filtered("CIGaussianBlur", clamped(img), kCIInputRadiusKey, Value(40.0));
   expectSameAcrossTilings(blurred, CGRectMake(3, -7, 90, 140));
