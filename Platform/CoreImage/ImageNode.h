@@ -95,6 +95,10 @@ class ImageNode : public Object {
   virtual PixelRect regionOfInterestBelow(std::size_t index, const PixelRect& rect) const {
     return regionOfInterest(index, rect);
   }
+  // A node that can draw itself under an affine transform (a generator whose formula takes the
+  // transform in) returns a node that draws it so, at the transformed image's own pixels; null
+  // (the default) when the transform must resample it.
+  virtual std::shared_ptr<const ImageNode> transformedBy(const CGAffineTransform&) const { return nullptr; }
   // A short name for graph dumps ("crop", "transform", "CIGaussianBlur"...).
   virtual std::string name() const = 0;
 
