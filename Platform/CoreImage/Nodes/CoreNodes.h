@@ -162,6 +162,8 @@ class FileNode final : public ImageNode {
   // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8).
   FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  // Its strips are decoded once per render for every reader (the strip cache is the node's).
+  bool rendersAgainCheaply() const override { return true; }
   std::string name() const override { return "file"; }
   const std::string& path() const { return path_; }
 
