@@ -135,6 +135,8 @@ bool CGRectEqualToRect(const CGRect& r1, const CGRect& r2) {
   return CGRectStandardize(r1) == CGRectStandardize(r2);
 }
 
+bool CGSizeEqualToSize(CGSize s1, CGSize s2) { return s1.width == s2.width && s1.height == s2.height; }
+
 CGAffineTransform CGAffineTransformMake(CGFloat a, CGFloat b, CGFloat c, CGFloat d, CGFloat tx, CGFloat ty) {
   return {a, b, c, d, tx, ty};
 }

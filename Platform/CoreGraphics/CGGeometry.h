@@ -64,6 +64,7 @@ bool CGRectContainsPoint(const CGRect& r, CGPoint p);
 bool CGRectContainsRect(const CGRect& outer, const CGRect& inner);
 bool CGRectIntersectsRect(const CGRect& r1, const CGRect& r2);
 bool CGRectEqualToRect(const CGRect& r1, const CGRect& r2);
+bool CGSizeEqualToSize(CGSize s1, CGSize s2);
 
 CGAffineTransform CGAffineTransformMake(CGFloat a, CGFloat b, CGFloat c, CGFloat d, CGFloat tx, CGFloat ty);
 CGAffineTransform CGAffineTransformMakeTranslation(CGFloat tx, CGFloat ty);

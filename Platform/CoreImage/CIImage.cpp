@@ -45,6 +45,12 @@ CIImage CIImage::imageByApplyingTransform(const CGAffineTransform& t) const {
   if (!isUsableTransform(t)) return emptyImage();
   if (dynamic_cast<const EmptyNode*>(node_.get())) return *this;
   if (auto* cc = dynamic_cast<const ConstantColorNode*>(node_.get()); cc && CGRectIsInfinite(cc->extent())) return *this;
+  // A generator that draws itself transformed is drawn at the output's pixels, not resampled;
+  // a crop of one becomes that drawing cropped to the transformed rectangle.
+  if (auto drawn = node_->transformedBy(t)) return CIImage(std::move(drawn));
+  if (auto* crop = dynamic_cast<const CropNode*>(node_.get()))
+    if (auto drawn = crop->inputs()[0].node()->transformedBy(t))
+      return CIImage(std::move(drawn)).imageByCroppingToRect(CGRectApplyAffineTransform(crop->rect(), t));
   if (isIntegerTranslation(t)) return offsetImage(*this, std::int64_t(t.tx), std::int64_t(t.ty));
   // A transform of a transform (or of an offset) is one transform.
   if (auto* tn = dynamic_cast<const TransformNode*>(node_.get()))

@@ -13,6 +13,7 @@
 
 class ImageNode;
 class CIColor;
+struct CGImage;
 
 // The pixel formats a provider may deliver.
 enum class CIFormat { ARGB8, RGBA8 };
@@ -25,6 +26,11 @@ class CIImageProvider {
   virtual ~CIImageProvider() = default;
   virtual void provideImageData(void* data, std::size_t rowBytes, std::size_t x, std::size_t y, std::size_t width,
                                 std::size_t height, const Value& userInfo) = 0;
+  // A provider whose pixels are one decoded bitmap may hand it out whole (straight, encoded
+  // RGBA of 8 or 16 bits, row 0 = top row). When it has the image's own size, the renderer
+  // converts the rows a tile reads straight from it instead of asking provideImageData for an
+  // 8-bit premultiplied copy of the whole image. Null (the default): provideImageData is asked.
+  virtual std::shared_ptr<const CGImage> sharedBitmap() { return nullptr; }
 };
 
 class CIImage {

@@ -108,6 +108,15 @@ class ImageNode : public Object {
   virtual PixelRect regionOfInterestBelow(std::size_t index, const PixelRect& rect) const {
     return regionOfInterest(index, rect);
   }
+  // A node that can draw itself under an affine transform (a generator whose formula takes the
+  // transform in) returns a node that draws it so, at the transformed image's own pixels; null
+  // (the default) when the transform must resample it.
+  virtual std::shared_ptr<const ImageNode> transformedBy(const CGAffineTransform&) const { return nullptr; }
+  // A source (no inputs) whose pixels cost little to produce again, because what is costly is
+  // shared by the whole render (a file's decoded strips): with several consumers it is rendered
+  // into a buffer of its own for each, rather than into one buffer spanning all their regions,
+  // which is large when they read it at rows far apart (a scaled copy over the picture).
+  virtual bool rendersAgainCheaply() const { return false; }
   // A short name for graph dumps ("crop", "transform", "CIGaussianBlur"...).
   virtual std::string name() const = 0;
 

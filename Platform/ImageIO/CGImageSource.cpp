@@ -82,13 +82,18 @@ class ImageSink final : public RowSink {
   }
 
  private:
+  // A buffer the header sizes at no more than this is made whole at once: a small image (a
+  // texture, a thumbnail's source) is then never copied while it grows, and a header that lies
+  // costs no more than this. Larger buffers grow with the rows really there.
+  static constexpr std::size_t kWholeAtOnceBytes = std::size_t(16) << 20;
+
   bool reserveRows(std::size_t rowCount) {
     const std::size_t needed = std::min(rowCount, image_->height) * image_->bytesPerRow;
     std::vector<std::uint8_t>& pixels = image_->pixels;
     if (pixels.size() >= needed) return true;
     const std::size_t whole = image_->height * image_->bytesPerRow;
     try {
-      pixels.resize(std::min(whole, std::max(needed, pixels.size() * 2)));
+      pixels.resize(whole <= kWholeAtOnceBytes ? whole : std::min(whole, std::max(needed, pixels.size() * 2)));
     } catch (const std::bad_alloc&) {
       return false;
     }
@@ -438,14 +443,11 @@ CGImageRef CGImageSourceCreateImageAtIndex(const CGImageSourceRef& source, std::
   return decodeWhole(source, DecodeRequest{});
 }
 
-CGImageRef CGImageSourceCreateThumbnailAtIndex(const CGImageSourceRef& source, std::size_t index,
-                                               const Dictionary& options) {
-  if (!checkIndex(source, index)) return nullptr;
-  const HeaderInfo& info = source->info();
-  const double requested = optionNumber(options, kCGImageSourceThumbnailMaxPixelSize);
+namespace {
+// The thumbnail's size in the file's own orientation: the larger side becomes the requested
+// size (never more than the image), the other keeps the aspect ratio.
+std::pair<std::size_t, std::size_t> thumbnailSize(const HeaderInfo& info, double requested) {
   const std::size_t larger = std::max(info.width, info.height);
-  // The thumbnail's size in the file's own orientation: the larger side becomes the requested
-  // size (never more than the image), the other keeps the aspect ratio.
   std::size_t targetWidth = info.width, targetHeight = info.height;
   if (std::isfinite(requested) && requested >= 1 && requested < static_cast<double>(larger)) {
     const double maxSide = std::floor(requested);
@@ -458,6 +460,23 @@ CGImageRef CGImageSourceCreateThumbnailAtIndex(const CGImageSourceRef& source, s
     targetHeight = side(info.height);
     if (info.width == info.height) targetWidth = targetHeight = static_cast<std::size_t>(maxSide);
   }
+  return {targetWidth, targetHeight};
+}
+}  // namespace
+
+CGSize CGImageSourceGetThumbnailSizeAtIndex(const CGImageSourceRef& source, std::size_t index, double maxPixelSize) {
+  if (!checkIndex(source, index)) return CGSizeMake(0, 0);
+  const auto [width, height] = thumbnailSize(source->info(), maxPixelSize);
+  return CGSizeMake(static_cast<double>(width), static_cast<double>(height));
+}
+
+CGImageRef CGImageSourceCreateThumbnailAtIndex(const CGImageSourceRef& source, std::size_t index,
+                                               const Dictionary& options) {
+  if (!checkIndex(source, index)) return nullptr;
+  const HeaderInfo& info = source->info();
+  const double requested = optionNumber(options, kCGImageSourceThumbnailMaxPixelSize);
+  const std::size_t larger = std::max(info.width, info.height);
+  const auto [targetWidth, targetHeight] = thumbnailSize(info, requested);
   DecodeRequest request;
   if (source->format() == Format::JPEG) {
     // The largest SIMD-accelerated DCT reduction that keeps the decoded larger side at least

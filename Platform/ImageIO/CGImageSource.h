@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "CoreGraphics/CGGeometry.h"
 #include "Foundation/Value.h"
 #include "ImageIO/CGImage.h"
 
@@ -88,6 +89,10 @@ CGImageRef CGImageSourceCreateImageAtIndex(const CGImageSourceRef& source, std::
 // the rest is finished by CGImageCreateScaled. nil on failure.
 CGImageRef CGImageSourceCreateThumbnailAtIndex(const CGImageSourceRef& source, std::size_t index,
                                                const Dictionary& options);
+// The width and height of the thumbnail CGImageSourceCreateThumbnailAtIndex makes for a
+// kCGImageSourceThumbnailMaxPixelSize of maxPixelSize (below 1, or not finite: the full size),
+// in the file's stored orientation (before the transform option); {0, 0} for a bad index.
+CGSize CGImageSourceGetThumbnailSizeAtIndex(const CGImageSourceRef& source, std::size_t index, double maxPixelSize);
 // One-line reason of the last failure of a call on this source ("" if none).
 std::string CGImageSourceGetLastError(const CGImageSourceRef& source);
 

@@ -60,15 +60,26 @@ bool QVFilterMask::initWithCoder(const NSCoder& coder) {
 
 CIImage QVFilterMask::applyInputMask(const CIImage& image) const {
   if (!image) return {};
-  CIImage mask = _QVFilterTextureStore::imageForTextureIdentifier(inputMaskTextureIdentifier(), CGSizeZero);
+  const NSURLRef identifier = inputMaskTextureIdentifier();
+  const bool matchOrientation = inputMaskTextureShouldMatchInputImageOrientation().boolValue();
+  auto maskForHint = [&](CGSize hint) {
+    CIImage mask = _QVFilterTextureStore::imageForTextureIdentifier(identifier, hint);
+    if (mask && matchOrientation) mask = imageByApplyingTransformToMatchOrientationOfImage(mask, image);
+    return mask;
+  };
+  CIImage mask = maskForHint(CGSizeZero);
   if (!mask) return image;
-  if (inputMaskTextureShouldMatchInputImageOrientation().boolValue())
-    mask = imageByApplyingTransformToMatchOrientationOfImage(mask, image);
 
   // Fitted over the image grown by one pixel, so that the mask overlaps the image's edges.
   const CGRect target = CGRectInset(image.extent(), -1.0, -1.0);
-  const CIImage fitted =
-      imageByFittingToRect(mask, QVSizeScaledToRect(mask.extent().size, target, kCAGravityResizeAspectFill));
+  const CGRect placed = QVSizeScaledToRect(mask.extent().size, target, kCAGravityResizeAspectFill);
+  // Decoded no larger than it is drawn: a mask over a picture smaller than the texture file
+  // comes from a smaller decode, with the same extent.
+  const CGSize hint = _QVFilterTextureStore::drawnSizeHint(CGSizeZero, mask.extent().size, placed.size);
+  if (!CGSizeEqualToSize(hint, CGSizeZero))
+    if (CIImage smaller = maskForHint(hint); smaller && CGRectEqualToRect(smaller.extent(), mask.extent()))
+      mask = smaller;
+  const CIImage fitted = imageByFittingToRect(mask, placed);
 
   // Black keeps the image, white lets the empty image through.
   const CIFilterRef blend = QVFilterWithDefaults("CIBlendWithMask");

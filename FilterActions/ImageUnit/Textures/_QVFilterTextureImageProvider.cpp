@@ -72,6 +72,31 @@ CIImage _QVFilterTextureImageProvider::imageWithImageSource(const CGImageSourceR
                                          kCGColorSpaceGenericRGB, Dictionary{});
 }
 
+CIImage _QVFilterTextureImageProvider::imageAtDecodedSizeWithImageSource(
+    const CGImageSourceRef& imageSource, CGSize maximumSize, std::shared_ptr<_QVFilterDecodedTextureCache> cache,
+    std::string cacheKey) {
+  CIImage nominal = imageWithImageSource(imageSource, maximumSize, cache, cacheKey);
+  if (!nominal || !imageSource) return nominal;
+  const CGRect extent = nominal.extent();
+  const Dictionary properties = CGImageSourceCopyPropertiesAtIndex(imageSource, 0);
+  auto orientation = properties.find(kCGImagePropertyOrientation);
+  if (orientation != properties.end() && orientation->second.integerValue() != 1) return nominal;
+  const CGSize decoded = CGImageSourceGetThumbnailSizeAtIndex(imageSource, 0, std::max(maximumSize.width, maximumSize.height));
+  if (decoded.width < 1 || decoded.height < 1 ||
+      (decoded.width == extent.size.width && decoded.height == extent.size.height))
+    return nominal;
+  auto provider = initWithImageSource(imageSource, maximumSize);
+  if (cache) provider->setDecodedTextureCache(std::move(cache), std::move(cacheKey));
+  const CIImage thumbnail =
+      CIImage::imageWithImageProvider(provider, std::size_t(decoded.width), std::size_t(decoded.height),
+                                      CIFormat::ARGB8, kCGColorSpaceGenericRGB, Dictionary{});
+  const CIImage scaled = thumbnail.imageByApplyingTransform(CGAffineTransformMakeScale(
+      extent.size.width / decoded.width, extent.size.height / decoded.height));
+  // Only when the scale lands exactly on the nominal extent (it does for every size but a few
+  // whose quotient rounds): the texture's extent must not change.
+  return CGRectEqualToRect(scaled.extent(), extent) ? scaled : nominal;
+}
+
 _QVFilterTextureImageProvider::_QVFilterTextureImageProvider(const CGImageSourceRef& imageSource, CGSize maximumSize)
     : imageSource_(imageSource), maximumSize_(maximumSize) {
   if (!(imageSource != nullptr)) {

@@ -60,6 +60,16 @@ class _QVFilterTextureImageProvider final : public CIImageProvider {
                                       std::shared_ptr<_QVFilterDecodedTextureCache> cache = nullptr,
                                       std::string cacheKey = {});
 
+  // The store's image of a texture: the same extent as imageWithImageSource's (the file's
+  // nominal size), but when the thumbnail the size hint asks for is smaller than the file (and
+  // the file is stored upright), it is a provider-backed image of the thumbnail's own size
+  // scaled up to the nominal size by the engine. A fit to the drawn size then folds into that
+  // scale: the decoded pixels are resampled once, straight to the drawn size, and nothing of
+  // the nominal size is ever held in memory.
+  static CIImage imageAtDecodedSizeWithImageSource(const CGImageSourceRef& imageSource, CGSize maximumSize,
+                                                   std::shared_ptr<_QVFilterDecodedTextureCache> cache = nullptr,
+                                                   std::string cacheKey = {});
+
   // Asserts "imageSource != NULL" through the assertion handler.
   _QVFilterTextureImageProvider(const CGImageSourceRef& imageSource, CGSize maximumSize);
   static std::shared_ptr<_QVFilterTextureImageProvider> initWithImageSource(const CGImageSourceRef& imageSource,
@@ -71,6 +81,10 @@ class _QVFilterTextureImageProvider final : public CIImageProvider {
   // drawn scaled over the whole buffer; where nothing can be cut, the buffer stays clear.
   void provideImageData(void* data, std::size_t rowBytes, std::size_t x, std::size_t y, std::size_t width,
                         std::size_t height, const Value& userInfo) override;
+
+  // The thumbnail (_thumbnail()), handed to the renderer to read in place: no premultiplied
+  // copy of the whole texture is made for a render.
+  std::shared_ptr<const CGImage> sharedBitmap() override { return _thumbnail(); }
 
   // Decodes a new thumbnail of the texture at every call (null when the file cannot be
   // decoded). Oriented by the file's orientation.

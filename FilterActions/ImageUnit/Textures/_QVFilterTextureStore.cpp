@@ -190,12 +190,24 @@ CIImage _QVFilterTextureStore::imageForTextureIdentifier(const NSURLRef& identif
   const double requested = std::max(maximumSizeHint.width, maximumSizeHint.height);
   const double decodedSide = requested >= 1 && requested < larger ? std::floor(requested) : 0;
   const std::string decodeKey = identifier->absoluteString() + " @" + std::to_string(std::int64_t(decodedSide));
-  CIImage image = _QVFilterTextureImageProvider::imageWithImageSource(source, maximumSizeHint, state.decoded, decodeKey);
+  CIImage image =
+      _QVFilterTextureImageProvider::imageAtDecodedSizeWithImageSource(source, maximumSizeHint, state.decoded, decodeKey);
   if (!image) return {};
   const CGRect extent = image.extent();
   const double cost = extent.size.width * extent.size.height;
   cache->setObject(image, cacheKey, cost > 0 ? static_cast<std::size_t>(cost) : 0);
   return image;
+}
+
+CGSize _QVFilterTextureStore::drawnSizeHint(CGSize maximumSizeHint, CGSize nominalSize, CGSize drawnSize) {
+  // Only the larger sides count: the decoder bounds the thumbnail's larger side.
+  const double nominal = std::max(nominalSize.width, nominalSize.height);
+  const double requested = std::max(maximumSizeHint.width, maximumSizeHint.height);
+  const double decoded = requested >= 1 && requested < nominal ? std::floor(requested) : nominal;
+  const double width = std::ceil(drawnSize.width), height = std::ceil(drawnSize.height);
+  const double drawn = std::max(width, height);
+  if (!(drawn >= 1) || !(drawn < decoded)) return maximumSizeHint;
+  return CGSizeMake(width, height);
 }
 
 std::shared_ptr<NSBundle> _QVFilterTextureStore::_bundle() { return bundleOf(*currentState()); }

@@ -65,6 +65,12 @@ class _QVFilterTextureStore {
   // decoded-texture cache: the file is decoded once per decode size, not once per render.
   // nil when there is no such texture or its file is missing or unreadable.
   static CIImage imageForTextureIdentifier(const NSURLRef& identifier, CGSize maximumSizeHint);
+  // The size hint that decodes a texture no larger than it is drawn: `maximumSizeHint` as the
+  // caller would give it, unless the texture, whose extent has the size `nominalSize`, is drawn
+  // at `drawnSize` and that asks for fewer pixels than the hint decodes (a zero hint decodes
+  // the full size); then the drawn size rounded up. The image for the hint returned has the
+  // same extent; only its decoded pixels are fewer.
+  static CGSize drawnSizeHint(CGSize maximumSizeHint, CGSize nominalSize, CGSize drawnSize);
 
   // The plug-in bundle the store reads (found by QVFilterImageUnitsBundleIdentifier).
   static std::shared_ptr<NSBundle> _bundle();

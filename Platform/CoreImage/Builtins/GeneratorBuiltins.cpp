@@ -56,28 +56,47 @@ class LinearGradientNode final : public ImageNode {
 
 // d = |p − centre|, t = clamp((d − r0) / (r1 − r0), 0, 1). With r0 == r1 the gradient is a hard
 // step: colour 0 inside the circle, colour 1 on and beyond it.
+// Under a transform that scales the axes (and moves), the gradient draws itself at the output's
+// pixels: p's offset from the moved centre is scaled back per axis (by 1 / scale) before its
+// length is taken, so circles become the ellipses the transform makes of them, sampled at each
+// output pixel's centre instead of resampled from a drawing at the original scale.
 class RadialGradientNode final : public ImageNode {
  public:
-  RadialGradientNode(CGPoint centre, double r0, double r1, CIColorRef c0, CIColorRef c1)
-      : ImageNode(CGRectInfinite), centre_(centre), r0_(r0), r1_(r1), c0_(std::move(c0)), c1_(std::move(c1)) {}
+  RadialGradientNode(CGPoint centre, double r0, double r1, CIColorRef c0, CIColorRef c1, double kx = 1, double ky = 1)
+      : ImageNode(CGRectInfinite),
+        centre_(centre),
+        r0_(r0),
+        r1_(r1),
+        kx_(kx),
+        ky_(ky),
+        c0_(std::move(c0)),
+        c1_(std::move(c1)) {}
   void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const override {
     const RGBA c0 = working(c0_, info), c1 = working(c1_, info);
     const double span = r1_ - r0_;
     forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
-      const double dy = static_cast<double>(y) + 0.5 - centre_.y;
+      const double dy = (static_cast<double>(y) + 0.5 - centre_.y) * ky_;
       for (std::size_t i = 0; i < n; ++i) {
-        const double dx = static_cast<double>(x0) + static_cast<double>(i) + 0.5 - centre_.x;
+        const double dx = (static_cast<double>(x0) + static_cast<double>(i) + 0.5 - centre_.x) * kx_;
         const double d = std::sqrt(dx * dx + dy * dy);
         const double t = span != 0 ? std::clamp((d - r0_) / span, 0.0, 1.0) : (d < r0_ ? 0.0 : 1.0);
         mixInto(o + 4 * i, c0, c1, static_cast<float>(t));
       }
     });
   }
+  std::shared_ptr<const ImageNode> transformedBy(const CGAffineTransform& t) const override {
+    if (t.b != 0 || t.c != 0 || !(t.a != 0) || !(t.d != 0) || !std::isfinite(t.tx) || !std::isfinite(t.ty)) return nullptr;
+    const double kx = kx_ / std::fabs(t.a), ky = ky_ / std::fabs(t.d);
+    if (!std::isfinite(kx) || !std::isfinite(ky) || !(kx > 0) || !(ky > 0)) return nullptr;
+    return std::make_shared<RadialGradientNode>(CGPointMake(t.a * centre_.x + t.tx, t.d * centre_.y + t.ty), r0_, r1_,
+                                                c0_, c1_, kx, ky);
+  }
   std::string name() const override { return "CIRadialGradient"; }
 
  private:
   CGPoint centre_;
   double r0_, r1_;
+  double kx_, ky_;  // per-axis factors from output offsets back to the gradient's own units
   CIColorRef c0_, c1_;
 };
 

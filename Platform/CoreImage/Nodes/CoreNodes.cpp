@@ -383,6 +383,11 @@ struct ProviderNode::Block {
   std::vector<std::uint8_t> bytes;  // encoded premultiplied 8-bit pixels, row 0 = top row of rect
 };
 
+// The provider's own bitmap, read in place; null when it has none of the image's size.
+struct ProviderNode::Shared {
+  std::shared_ptr<const CGImage> bitmap;
+};
+
 ProviderNode::ProviderNode(std::shared_ptr<CIImageProvider> provider, std::size_t width, std::size_t height,
                            CIFormat format, std::string colorSpace, Dictionary options)
     : ImageNode(CGRectMake(0, 0, double(width), double(height))),
@@ -421,12 +426,40 @@ std::shared_ptr<const ProviderNode::Block> ProviderNode::fetch(std::int64_t col,
   return info.cache->getOrCreate<Block>(this, key, make);
 }
 
+std::shared_ptr<const ProviderNode::Shared> ProviderNode::shared(const RenderInfo& info) const {
+  auto make = [&]() -> std::shared_ptr<const Shared> {
+    auto entry = std::make_shared<Shared>();
+    std::shared_ptr<const CGImage> bitmap = provider_ ? provider_->sharedBitmap() : nullptr;
+    if (bitmap && bitmap->width == width_ && bitmap->height == height_ &&
+        (bitmap->bitsPerComponent == 8 || bitmap->bitsPerComponent == 16) &&
+        bitmap->bytesPerRow >= width_ * 4 * std::size_t(bitmap->bitsPerComponent / 8) &&
+        bitmap->pixels.size() >= bitmap->bytesPerRow * height_)
+      entry->bitmap = std::move(bitmap);
+    return entry;
+  };
+  // Key -1: no grid tile has it (tile keys are row << 32 ^ col with non-negative row and col).
+  if (!info.cache) return make();
+  return info.cache->getOrCreate<Shared>(this, -1, make);
+}
+
 void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
   const std::int64_t W = std::int64_t(width_), H = std::int64_t(height_);
   const PixelRect r = out.rect.intersection({0, 0, W, H});
   if (r.empty()) return;
-  const std::int64_t ts = tileSize_ ? std::int64_t(tileSize_) : std::max(W, H);
   const bool managed = info.colorManaged && !linearData_;
+  if (const std::shared_ptr<const Shared> own = shared(info); own->bitmap) {
+    const CGImage& bitmap = *own->bitmap;
+    for (std::int64_t y = r.y; y < r.maxY(); ++y) {
+      const std::uint8_t* row = bitmap.row(std::size_t(H - 1 - y));  // bottom-up plane, top-down rows
+      if (bitmap.bitsPerComponent == 8)
+        qvpixel::decodeStraightRGBA8(row + std::size_t(r.x) * 4, out.at(r.x, y), std::size_t(r.width), managed);
+      else
+        qvpixel::decodeStraightRGBA16(reinterpret_cast<const std::uint16_t*>(row) + std::size_t(r.x) * 4,
+                                      out.at(r.x, y), std::size_t(r.width), managed);
+    }
+    return;
+  }
+  const std::int64_t ts = tileSize_ ? std::int64_t(tileSize_) : std::max(W, H);
   // Rows counted from the top: plane row y is image row H - 1 - y.
   const std::int64_t col0 = r.x / ts, col1 = (r.maxX() - 1) / ts;
   const std::int64_t row0 = (H - r.maxY()) / ts, row1 = (H - 1 - r.y) / ts;

@@ -131,10 +131,12 @@ class ClampNode final : public ImageNode {
   PixelRect edge_;
 };
 
-// Pixels asked from a CIImageProvider. Without a "CIImageProviderTileSize" option the provider
-// is asked for the whole image once per render; with one, for grid tiles of that size, each at
-// most once per render. What it gives is kept in the render's cache as it gave it (8-bit) and
-// converted to working floats where tiles read it.
+// Pixels asked from a CIImageProvider. A provider that hands out a shared bitmap of the image's
+// size is asked for it once per render, and tiles convert their rows straight from it (no copy).
+// Otherwise, without a "CIImageProviderTileSize" option the provider is asked for the whole
+// image once per render; with one, for grid tiles of that size, each at most once per render.
+// What it gives is kept in the render's cache as it gave it (8-bit) and converted to working
+// floats where tiles read it.
 class ProviderNode final : public ImageNode {
  public:
   ProviderNode(std::shared_ptr<CIImageProvider> provider, std::size_t width, std::size_t height, CIFormat format,
@@ -144,7 +146,10 @@ class ProviderNode final : public ImageNode {
 
  private:
   struct Block;
+  struct Shared;
   std::shared_ptr<const Block> fetch(std::int64_t col, std::int64_t row, const RenderInfo& info) const;
+  // The provider's shared bitmap for this render, when it has one of the image's size.
+  std::shared_ptr<const Shared> shared(const RenderInfo& info) const;
 
   std::shared_ptr<CIImageProvider> provider_;
   std::size_t width_, height_;
@@ -163,6 +168,8 @@ class FileNode final : public ImageNode {
   // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8).
   FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  // Its strips are decoded once per render for every reader (the strip cache is the node's).
+  bool rendersAgainCheaply() const override { return true; }
   std::string name() const override { return "file"; }
   bool writesEveryPixel() const override { return true; }
   const std::string& path() const { return path_; }

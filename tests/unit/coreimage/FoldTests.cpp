@@ -12,6 +12,7 @@
 #include "CoreImage/Builtins/CompositeOperations.h"
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIFilter.h"
+#include "CoreImage/CIVector.h"
 #include "CoreImage/ImageNode.h"
 #include "CoreImage/Nodes/CoreNodes.h"
 #include "RenderSupport.h"
@@ -29,6 +30,15 @@ class OpaqueNode final : public ImageNode {
 };
 
 CIImage opaque(const CIImage& i) { return CIImage(std::make_shared<OpaqueNode>(i)); }
+
+// Small tiles on two threads, colour management off: the working values are the encoded ones.
+CIContextOptions unmanagedTiles() {
+  CIContextOptions o;
+  o.colorManagement = false;
+  o.threads = 2;
+  o.tileSize = 32;
+  return o;
+}
 
 template <class T>
 const T* nodeAs(const CIImage& i) {
@@ -359,4 +369,54 @@ TEST(Folds, FlipsOnThePixelGridCopyTexelsAndNeedNoApron) {
   // A half-pixel flip is not on the grid and still resamples.
   const CIImage half = img.imageByApplyingTransform(CGAffineTransformMake(1, 0, 0, -1, 0, 0.5));
   EXPECT_GT(half.node()->regionOfInterest(0, PixelRect{0, 0, 4, 3}).height, 3);
+}
+
+// A radial gradient under a scale of its axes is drawn at the output's pixels: one gradient
+// node (no resampling transform), whose values are the ellipse's formula at each pixel centre.
+TEST(Folds, ScaledRadialGradientIsDrawnAtTheOutputPixelsAsAnEllipse) {
+  auto g = CIFilter::filterWithName("CIRadialGradient");
+  ASSERT_TRUE(g);
+  g->setDefaults();
+  g->setValue(CIVector::vectorWithX(100, 50), kCIInputCenterKey);
+  g->setValue(10.0, "inputRadius0");
+  g->setValue(100.0, "inputRadius1");
+  g->setValue(Value(CIColor::colorWithRed(1, 1, 1, 1)), "inputColor0");
+  g->setValue(Value(CIColor::colorWithRed(0, 0, 0, 1)), "inputColor1");
+  const CIImage gradient = g->outputImage();
+  // The square (0, -50, 200, 200) scaled by (1, 0.5) and moved up by 25 lies on (0, 0, 200, 100).
+  const CIImage layer = gradient.imageByCroppingToRect(CGRectMake(0, -50, 200, 200))
+                            .imageByApplyingTransform(CGAffineTransformMakeScale(1, 0.5))
+                            .imageByApplyingTransform(CGAffineTransformMakeTranslation(0, 25));
+  EXPECT_EQ(layer.extent(), CGRectMake(0, 0, 200, 100));
+  const auto* crop = nodeAs<CropNode>(layer);
+  ASSERT_TRUE(crop);
+  EXPECT_EQ(crop->inputs()[0].node()->name(), "CIRadialGradient");
+  EXPECT_EQ(nodeAs<TransformNode>(crop->inputs()[0]), nullptr);
+  // Centre (100, 50) of the output; x offsets count as they are, y offsets twice.
+  const auto pixels = renderRGBAf(layer, layer.extent(), unmanagedTiles());
+  for (int y : {0, 13, 49, 50, 77, 99})
+    for (int x : {0, 31, 99, 100, 150, 199}) {
+      const double dx = x + 0.5 - 100, dy = (y + 0.5 - 50) * 2;
+      const double t = std::clamp((std::sqrt(dx * dx + dy * dy) - 10) / 90, 0.0, 1.0);
+      const float* p = &pixels[(std::size_t(99 - y) * 200 + std::size_t(x)) * 4];
+      EXPECT_NEAR(p[0], 1 - t, 1e-6) << x << "," << y;
+      EXPECT_EQ(p[3], 1.0f) << x << "," << y;
+    }
+  // The same drawing as the gradient resampled (a hidden node the fold cannot see through),
+  // away from the resampled edges, within the resampling's smoothing of the ramp.
+  const CIImage resampled = opaque(gradient.imageByCroppingToRect(CGRectMake(0, -50, 200, 200)))
+                                .imageByApplyingTransform(CGAffineTransformMakeScale(1, 0.5))
+                                .imageByApplyingTransform(CGAffineTransformMakeTranslation(0, 25));
+  const CGRect inner = CGRectMake(2, 2, 196, 96);
+  EXPECT_LT(maxAbsDifference(renderRGBAf(layer, inner, unmanagedTiles()), renderRGBAf(resampled, inner, unmanagedTiles())),
+            0.01);
+}
+
+// Transforms the gradient cannot draw (rotations, shears) still resample it.
+TEST(Folds, RotatedRadialGradientIsResampled) {
+  auto g = CIFilter::filterWithName("CIRadialGradient");
+  ASSERT_TRUE(g);
+  g->setDefaults();
+  const CIImage rotated = g->outputImage().imageByApplyingTransform(CGAffineTransformMakeRotation(0.3));
+  EXPECT_NE(nodeAs<TransformNode>(rotated), nullptr);
 }

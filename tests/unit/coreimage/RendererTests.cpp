@@ -17,6 +17,7 @@
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/ImageNode.h"
 #include "CoreImage/Render/PixelConvert.h"
+#include "ImageIO/CGImage.h"
 #include "RenderSupport.h"
 
 namespace {
@@ -320,4 +321,53 @@ TEST(PixelConvert, PremultipliedEightBitPixelsDecodeToTheFormulaForEveryAlphaAnd
       ASSERT_EQ(fromArgb[4 * i + 3], a);
     }
   }
+}
+
+namespace {
+// A provider whose pixels are one straight RGBA bitmap it hands out: red = column, green = row
+// from the top, opaque (the same pixels as CountingProvider's). provideImageData counts calls.
+class BitmapProvider final : public CIImageProvider {
+ public:
+  BitmapProvider(std::size_t w, std::size_t h) {
+    auto b = CGImageCreateBlank(w, h);
+    for (std::size_t y = 0; y < h; ++y)
+      for (std::size_t x = 0; x < w; ++x) {
+        std::uint8_t* p = b->row(y) + x * 4;
+        p[0] = std::uint8_t(x);
+        p[1] = std::uint8_t(y);
+        p[2] = 0;
+        p[3] = 255;
+      }
+    bitmap = b;
+  }
+  std::atomic<int> calls{0}, shares{0};
+  CGImageRef bitmap;
+  void provideImageData(void*, std::size_t, std::size_t, std::size_t, std::size_t, std::size_t, const Value&) override {
+    ++calls;
+  }
+  std::shared_ptr<const CGImage> sharedBitmap() override {
+    ++shares;
+    return bitmap;
+  }
+};
+}  // namespace
+
+TEST(Providers, SharedBitmapOfTheImageSizeIsReadInPlaceOncePerRender) {
+  auto shared = std::make_shared<BitmapProvider>(100, 70);
+  const auto img = CIImage::imageWithImageProvider(shared, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB", {});
+  auto copied = std::make_shared<CountingProvider>();
+  const auto ref = CIImage::imageWithImageProvider(copied, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB", {});
+  for (bool managed : {false, true}) {
+    EXPECT_TRUE(bitwiseEqual(renderRGBAf(img, img.extent(), opts(16, 2, managed)),
+                             renderRGBAf(ref, ref.extent(), opts(16, 2, managed))));
+  }
+  EXPECT_EQ(shared->calls.load(), 0);   // no copy asked for
+  EXPECT_EQ(shared->shares.load(), 2);  // once per render, however many tiles
+}
+
+TEST(Providers, SharedBitmapOfAnotherSizeIsNotUsed) {
+  auto p = std::make_shared<BitmapProvider>(50, 70);
+  const auto img = CIImage::imageWithImageProvider(p, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB", {});
+  renderRGBAf(img, img.extent(), opts(16, 2, false));
+  EXPECT_EQ(p->calls.load(), 1);  // asked for its data instead
 }

@@ -9,6 +9,7 @@
 #include "Filters/QVFilterColorComposite.h"
 #include "Filters/QVFilterMask.h"
 #include "Framework/QVSizeScaledToRect.h"
+#include "Textures/_QVFilterTextureImageProvider.h"
 
 using namespace qvcomp;
 
@@ -141,6 +142,46 @@ TEST_F(MaskAndComposite, SquareMaskCoversTheImageGrownByOnePixelAsAspectFill) {
   EXPECT_LT(row1, 0.7f);  // with the mask 200 x 200 from y = -50 row 1 would be kept whole
   EXPECT_LT(pixelAt(masked, 100, 3)[3], 0.05f);
   EXPECT_LT(pixelAt(masked, 100, 60)[3], 0.01f);
+}
+
+TEST_F(MaskAndComposite, MaskOverASmallerPictureIsDecodedAtItsDrawnSize) {
+  // The 100 x 100 ramp over 40 x 60 is drawn 62 x 62 (aspect fill over the grown 42 x 62, at
+  // (-11, -1)): it is decoded at that size, not at its full size, and keeps its place.
+  const CGRect extent = CGRectMake(0, 0, 40, 60);
+  const CIImage image = CIImage::imageWithColor(CIColor::colorWithRed(0, 1, 0, 1)).imageByCroppingToRect(extent);
+  auto f = redOver(image);
+  f->setInputMaskTextureName(textureId("ramp"));
+  const std::uint64_t before = _QVFilterTextureImageProvider::decodeCount();
+  const CIImage masked = f->applyInputMask(image);
+  ASSERT_TRUE(masked);
+  EXPECT_EQ(masked.extent(), extent);
+  const auto drawn = renderRGBAf(masked, extent);
+  EXPECT_EQ(_QVFilterTextureImageProvider::decodeCount(), before + 1);
+  EXPECT_EQ(_QVFilterTextureImageProvider::lastDecodedPixelCount(), 62u * 62u);
+
+  // Hand-wired with the mask decoded whole and resampled to the same place: the black 26 rows
+  // end at y = -1 + 26 x 0.62 = 15.12 in both, and the rows agree within the resampling of that
+  // hard edge (one or two rows), exactly away from it.
+  const CIImage whole = _QVFilterTextureStore::imageForTextureIdentifier(f->inputMaskTextureIdentifier(), CGSizeZero);
+  ASSERT_TRUE(whole);
+  EXPECT_EQ(whole.extent(), CGRectMake(0, 0, 100, 100));
+  const CIImage fitted = whole.imageByApplyingTransform(CGAffineTransformMakeScale(0.62, 0.62))
+                             .imageByApplyingTransform(CGAffineTransformMakeTranslation(-11, -1));
+  auto blend = builtin("CIBlendWithMask");
+  blend->setValue(image, kCIInputBackgroundImageKey);
+  blend->setValue(CIImage::emptyImage().imageByCroppingToRect(extent), kCIInputImageKey);
+  blend->setValue(fitted, kCIInputMaskImageKey);
+  const auto reference = renderRGBAf(blend->outputImage(), extent);
+  ASSERT_EQ(drawn.size(), reference.size());
+  for (std::size_t y = 0; y < 60; ++y) {
+    const std::size_t i = ((59 - y) * 40 + 20) * 4 + 3;  // alpha at x = 20, row y from the bottom
+    if (y <= 12 || y >= 18)
+      EXPECT_NEAR(drawn[i], reference[i], 1e-6) << "row " << y;
+    else
+      EXPECT_NEAR(drawn[i], reference[i], 0.3) << "row " << y;
+  }
+  EXPECT_GT(drawn[((59 - 10) * 40 + 20) * 4 + 3], 0.99f);
+  EXPECT_LT(drawn[((59 - 20) * 40 + 20) * 4 + 3], 0.01f);
 }
 
 TEST_F(MaskAndComposite, MaskNameResolvesOnEveryAssignmentAndThroughKeyValueCoding) {

@@ -197,6 +197,23 @@ TEST(ImageIOThumbnail, SizesBoundTheLargerSideAndNeverEnlarge) {
   }
 }
 
+TEST(ImageIOThumbnail, TheSizeIsKnownBeforeDecoding) {
+  // Every size the thumbnail takes, asked of the header alone (in the stored orientation).
+  auto src = CGImageSourceCreateWithData(encode(quadrants(400, 300), kUTTypeJPEG));
+  auto square = CGImageSourceCreateWithData(encode(quadrants(77, 77), kUTTypePNG));
+  for (const auto& source : {src, square})
+    for (double m : {0.0, 1.0, 33.0, 100.0, 100.5, 333.0, 399.0, 1000.0}) {
+      auto t = CGImageSourceCreateThumbnailAtIndex(source, 0, {{kCGImageSourceThumbnailMaxPixelSize, m}});
+      ASSERT_TRUE(t) << m;
+      EXPECT_EQ(CGImageSourceGetThumbnailSizeAtIndex(source, 0, m), CGSizeMake(double(t->width), double(t->height))) << m;
+    }
+  EXPECT_EQ(CGImageSourceGetThumbnailSizeAtIndex(src, 0, NAN), CGSizeMake(400, 300));
+  EXPECT_EQ(CGImageSourceGetThumbnailSizeAtIndex(src, 1, 100), CGSizeMake(0, 0));
+  // The stored orientation: a 400 x 300 file turned by its orientation still answers 100 x 75.
+  auto rotated = CGImageSourceCreateWithData(orientedJPEG(400, 300, 6));
+  EXPECT_EQ(CGImageSourceGetThumbnailSizeAtIndex(rotated, 0, 100), CGSizeMake(100, 75));
+}
+
 TEST(ImageIOThumbnail, JPEGUsesTheLargestDCTReductionThatKeepsEnoughPixels) {
   auto src = CGImageSourceCreateWithData(encode(quadrants(800, 600), kUTTypeJPEG));
   auto denominatorFor = [&](double maxSize) {

@@ -242,6 +242,55 @@ TEST_F(TextureStore, DecodedTextureIsKeptAcrossRendersPerDecodeSize) {
   EXPECT_EQ(cache->totalBytes(), 80u * 40u * 4u + 40u * 20u * 4u);
 }
 
+TEST(TextureStoreDrawnSize, HintAsksForNoMoreThanIsDrawn) {
+  using Store = _QVFilterTextureStore;
+  // Drawn smaller than the hint decodes: the drawn size, rounded up.
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeMake(1000, 800), CGSizeMake(4000, 3000), CGSizeMake(500, 375)),
+            CGSizeMake(500, 375));
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeZero, CGSizeMake(2048, 1536), CGSizeMake(202, 151.5)), CGSizeMake(202, 152));
+  // Drawn at least as large as the full size (a zero hint) or as the hint: the hint stays.
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeZero, CGSizeMake(2048, 1536), CGSizeMake(6002, 4502)), CGSizeZero);
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeZero, CGSizeMake(2048, 1536), CGSizeMake(2048, 1536)), CGSizeZero);
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeMake(6000, 4000), CGSizeMake(1600, 1200), CGSizeMake(3600, 2700)),
+            CGSizeMake(6000, 4000));
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeMake(300, 200), CGSizeMake(1600, 1200), CGSizeMake(400, 300)),
+            CGSizeMake(300, 200));
+  // Nothing drawn, or a size that is no number: the hint stays.
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeZero, CGSizeMake(64, 64), CGSizeZero), CGSizeZero);
+  EXPECT_EQ(Store::drawnSizeHint(CGSizeZero, CGSizeMake(64, 64), CGSizeMake(NAN, NAN)), CGSizeZero);
+}
+
+TEST_F(TextureStore, SmallHintKeepsTheNominalExtentAndHoldsOnlyTheDecodedPixels) {
+  // A smooth 400 x 200 texture asked for at 100: the image still measures 400 x 200, but what
+  // it reads is the 100 x 50 decode, scaled up by the engine (no 400 x 200 copy is made), and
+  // drawn at 100 x 50 it is that decode as it is.
+  writeImage(fixture->texturePath("one.png"), 400, 200, kUTTypePNG, [](std::size_t x, std::size_t y) {
+    return std::array<std::uint8_t, 4>{std::uint8_t(x * 255 / 399), std::uint8_t(y * 255 / 199), 90, 255};
+  });
+  const auto identifier = url(id("one"));
+  const CIImage small = _QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeMake(100, 100));
+  ASSERT_TRUE(small);
+  EXPECT_EQ(small.extent(), CGRectMake(0, 0, 400, 200));
+  const CIImage drawn = small.imageByApplyingTransform(CGAffineTransformMakeScale(0.25, 0.25));
+  EXPECT_EQ(drawn.extent(), CGRectMake(0, 0, 100, 50));
+  const auto pixels = renderRGBA8(drawn, drawn.extent());
+  EXPECT_EQ(_QVFilterTextureImageProvider::lastDecodedPixelCount(), 100u * 50u);
+  // The full decode drawn at the same size: the same picture within the rounding of two
+  // different downscales of a smooth ramp (inside; at the border the engine's resampling of the
+  // full decode also averages in the transparent outside).
+  const CIImage full = _QVFilterTextureStore::imageForTextureIdentifier(identifier, CGSizeZero);
+  const CIImage fullDrawn = full.imageByApplyingTransform(CGAffineTransformMakeScale(0.25, 0.25));
+  const CGRect inside = CGRectMake(2, 2, 96, 46);
+  const auto reference = renderRGBA8(fullDrawn, inside);
+  EXPECT_EQ(_QVFilterTextureImageProvider::lastDecodedPixelCount(), 400u * 200u);
+  const auto mine = renderRGBA8(drawn, inside);
+  ASSERT_EQ(mine.size(), reference.size());
+  int worst = 0;
+  for (std::size_t i = 0; i < mine.size(); ++i) worst = std::max(worst, std::abs(int(mine[i]) - int(reference[i])));
+  EXPECT_LE(worst, 3);
+  EXPECT_EQ(pixels.size(), 100u * 50u * 4u);
+}
+
 TEST_F(TextureStore, DecodedTextureCacheStaysWithinItsByteLimitDroppingTheLeastRecentlyUsed) {
   auto cache = _QVFilterTextureStore::_decodedTextureCache();
   // Room for "two" (80 x 40 x 4 = 12800 bytes) or "one" (64 x 48 x 4 = 12288), not both.
