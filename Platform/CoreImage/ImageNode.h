@@ -1,7 +1,8 @@
 // The node contract of the image graph. A CIImage is a handle to an immutable ImageNode; a node
 // knows its extent, its inputs, which region of each input it needs for a given output region,
-// and how to produce an output region from those input regions. The renderer (CIContext) asks
-// nothing else.
+// and how to produce an output region from those input regions; and, for an 8-bit render, what a
+// region is when it is simpler than a render (a colour, or another node's pixels unchanged: see
+// RegionAnswer). The renderer (CIContext) asks nothing else.
 //
 // Pixel space: pixel (x, y) covers [x, x+1) × [y, y+1) of the image plane, y grows upwards.
 // Tiles hold premultiplied RGBA float in the working space (linear light, sRGB primaries, or
