@@ -4,6 +4,7 @@
 // what it must not answer), and renders with and without the shortcut, bit for bit.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <vector>
 
@@ -95,6 +96,37 @@ std::vector<std::uint8_t> render8(const CIImage& image, bool passThrough, int th
   o.colorManagement = managed;
   return renderRGBA8(image, image.extent(), o);
 }
+
+// A source of opaque black pixels with stored 8-bit pixels of its own, which counts the tiles
+// rendered from it.
+class CountingSource final : public ImageNode {
+ public:
+  CountingSource() : ImageNode(CGRectMake(0, 0, 64, 48)) {}
+  mutable std::atomic<int> renders{0}, writes{0};
+  void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo&) const override {
+    ++renders;
+    const PixelRect r = out.rect.intersection({0, 0, 64, 48});
+    for (std::int64_t y = r.y; y < r.maxY(); ++y)
+      for (std::int64_t x = r.x; x < r.maxX(); ++x) out.at(x, y)[3] = 1.0f;
+  }
+  RegionAnswer describeRegion(const PixelRect& rect, bool) const override {
+    RegionAnswer stored;
+    stored.kind = Kind::stored;
+    stored.opaque = true;
+    return RegionAnswer::within(rect, {0, 0, 64, 48}, stored);
+  }
+  bool writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
+                    const RenderInfo&) const override {
+    ++writes;
+    for (std::int64_t y = 0; y < rect.height; ++y, topRow += rowBytes)
+      for (std::int64_t x = 0; x < rect.width; ++x) {
+        const std::uint8_t black[4] = {0, 0, 0, 255};
+        std::memcpy(topRow + x * 4, black, 4);
+      }
+    return true;
+  }
+  std::string name() const override { return "counting"; }
+};
 
 }  // namespace
 
@@ -269,6 +301,29 @@ TEST(PassThroughRender, EqualsTheFullRenderBitForBit) {
       }
     }
   }
+}
+
+TEST(PassThroughRender, WritesTheSourcesBytesWithoutRenderingAnyTile) {
+  auto source = std::make_shared<CountingSource>();
+  const CIImage image(source);
+  const CIImage graphs[] = {insideBorder(image, 5), outsideBorder(image, 7),
+                            image.imageByCroppingToRect(CGRectMake(3, 4, 40, 30))};
+  for (const CIImage& g : graphs) {
+    source->renders = 0;
+    source->writes = 0;
+    const auto fast = render8(g, true, 2, 16);
+    EXPECT_EQ(source->renders, 0) << g.node()->name();
+    EXPECT_GT(source->writes, 0) << g.node()->name();
+    const auto full = render8(g, false, 2, 16);
+    EXPECT_GT(source->renders, 0) << g.node()->name();
+    EXPECT_TRUE(fast == full) << g.node()->name();
+  }
+  // A float render never asks.
+  source->renders = 0;
+  source->writes = 0;
+  renderRGBAf(insideBorder(image, 5), image.extent());
+  EXPECT_GT(source->renders, 0);
+  EXPECT_EQ(source->writes, 0);
 }
 
 TEST(PassThroughRender, BlurredPartsAfterWrittenOnesStartAfresh) {
