@@ -602,8 +602,8 @@ class ColumnRenderer {
   // beginning there would.
   void writeRegion(TileEvaluator& evaluator, const PixelRect& rect, const PixelRect& rows, std::uint8_t* buffer,
                    std::ptrdiff_t rowBytes, int depth) {
-    // Each cut halves nothing in particular, but lies strictly inside the part: a bound on the
-    // depth keeps a graph of many edges from cutting a tile into slivers.
+    // Every cut lies strictly inside the part, so the recursion ends; the bound on its depth
+    // keeps a graph of many edges from cutting a tile into slivers.
     constexpr int kMaxCuts = 24;
     const RegionAnswer a = resolveRegion(*plan_.nodes[0], rect, options_.colorManagement);
     std::uint8_t* dst = buffer + (rows.maxY() - rect.maxY()) * rowBytes + (rect.x - rows.x) * 4;
