@@ -289,9 +289,15 @@ TEST(PassThroughAnswers, ConstantColoursAnswerTheirColourInsideTheirPixels) {
 TEST(PassThroughRender, EqualsTheFullRenderBitForBit) {
   const CIImage jpeg = CIImage::imageWithContentsOfFile(jpegPath());
   const CIImage png = CIImage::imageWithContentsOfFile(alphaPngPath());
+  // An 8-bit bitmap in memory with every alpha, transparent ones included.
+  const auto picture = grainyPicture(90, 70, true);
+  for (std::size_t i = 0; i < picture->pixels.size(); i += 4 * 5) picture->pixels[i + 3] = std::uint8_t(i / 20);
+  const CIImage bitmap =
+      CIImage::imageWithRGBA8(picture->pixels.data(), picture->width, picture->height, picture->bytesPerRow);
   const CIImage graphs[] = {insideBorder(jpeg, 12), insideBorder(png, 12), outsideBorder(jpeg, 9),
                             outsideBorder(png, 9), jpeg.imageByCroppingToRect(CGRectMake(13, 17, 101.5, 90)),
-                            png.imageByApplyingTransform(CGAffineTransformMakeTranslation(-3, 5))};
+                            png.imageByApplyingTransform(CGAffineTransformMakeTranslation(-3, 5)),
+                            insideBorder(bitmap, 6), bitmap.imageByCroppingToRect(CGRectMake(5, 5, 60, 50))};
   for (const CIImage& g : graphs) {
     for (bool managed : {true, false}) {
       for (int tile : {0, 16, 48}) {
