@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <mutex>
@@ -589,12 +590,13 @@ class ColumnRenderer {
         progress_(progress),
         arena_(threads_) {
     checkBudget(plan, tiling_, bounds, toFile, budget, maxWork);
-    RenderInfo info;
-    info.colorManaged = options.colorManagement;
-    info.cache = &cache_;
+    info_.colorManaged = options.colorManagement;
+    info_.cache = &cache_;
     evaluators_.reserve(columns_);
     for (std::size_t c = 0; c < columns_; ++c)
-      evaluators_.emplace_back(plan, info, tiling_.keep, std::size_t(tiling_.columnBytes) / sizeof(float));
+      evaluators_.emplace_back(plan, info_, tiling_.keep, std::size_t(tiling_.columnBytes) / sizeof(float));
+    const char* off = std::getenv("QV_NO_PASS_THROUGH");
+    passThrough_ = options.passThrough && !(off && *off && std::strcmp(off, "0") != 0);
   }
 
   const Tiling& tiling() const { return tiling_; }
@@ -609,8 +611,11 @@ class ColumnRenderer {
       const std::int64_t w = std::min(tiling_.width, bounds_.maxX() - x0);
       for (std::int64_t y1 = rows.maxY(); y1 > rows.y; y1 -= tiling_.height) {
         const std::int64_t y0 = std::max(rows.y, y1 - tiling_.height);
-        const ConstPixelTile result = evaluators_[c].evaluate(PixelRect{x0, y0, w, y1 - y0});
-        store(result, rows, buffer, rowBytes, format, options_.colorManagement);
+        const PixelRect tile{x0, y0, w, y1 - y0};
+        if (passThrough_ && format == CIRenderFormat::RGBA8)
+          writeRegion(evaluators_[c], tile, rows, static_cast<std::uint8_t*>(buffer), rowBytes, 0);
+        else
+          store(evaluators_[c].evaluate(tile), rows, buffer, rowBytes, format, options_.colorManagement);
         progress_.tileDone();
       }
     };
@@ -629,6 +634,42 @@ class ColumnRenderer {
   }
 
  private:
+  // Writes `rect` of an RGBA8 render (within `rows`, whose top row is row 0 of `buffer`): where
+  // the root's answer is a colour or a source's stored pixels (resolveRegion), those bytes
+  // directly; where the answer cuts the rectangle, each part in turn (top part first, so that
+  // the parts a column renders still run downwards); elsewhere by rendering it. A rendered part
+  // that follows written ones is not directly below what its nodes rendered last, so the
+  // evaluator starts it afresh (regionOfInterest, no carried rows), exactly as a render
+  // beginning there would.
+  void writeRegion(TileEvaluator& evaluator, const PixelRect& rect, const PixelRect& rows, std::uint8_t* buffer,
+                   std::ptrdiff_t rowBytes, int depth) {
+    // Every cut lies strictly inside the part, so the recursion ends; the bound on its depth
+    // keeps a graph of many edges from cutting a tile into slivers.
+    constexpr int kMaxCuts = 24;
+    const RegionAnswer a = resolveRegion(*plan_.nodes[0], rect, options_.colorManagement);
+    std::uint8_t* dst = buffer + (rows.maxY() - rect.maxY()) * rowBytes + (rect.x - rows.x) * 4;
+    if (a.kind == RegionAnswer::Kind::constant) {
+      std::uint8_t code[4];
+      qvpixel::encodeStraightRGBA8(a.color.data(), code, 1, options_.colorManagement);
+      for (std::int64_t y = 0; y < rect.height; ++y, dst += rowBytes)
+        for (std::int64_t x = 0; x < rect.width; ++x) std::memcpy(dst + x * 4, code, 4);
+      return;
+    }
+    if (a.kind == RegionAnswer::Kind::stored && a.node->writeStored8(rect.offset(-a.dx, -a.dy), dst, rowBytes, info_))
+      return;
+    if (a.kind == RegionAnswer::Kind::render && a.cut != RegionAnswer::Cut::none && depth < kMaxCuts) {
+      if (a.cut == RegionAnswer::Cut::y) {
+        writeRegion(evaluator, PixelRect{rect.x, a.at, rect.width, rect.maxY() - a.at}, rows, buffer, rowBytes, depth + 1);
+        writeRegion(evaluator, PixelRect{rect.x, rect.y, rect.width, a.at - rect.y}, rows, buffer, rowBytes, depth + 1);
+      } else {
+        writeRegion(evaluator, PixelRect{rect.x, rect.y, a.at - rect.x, rect.height}, rows, buffer, rowBytes, depth + 1);
+        writeRegion(evaluator, PixelRect{a.at, rect.y, rect.maxX() - a.at, rect.height}, rows, buffer, rowBytes, depth + 1);
+      }
+      return;
+    }
+    store(evaluator.evaluate(rect), rows, buffer, rowBytes, CIRenderFormat::RGBA8, options_.colorManagement);
+  }
+
   const Plan& plan_;
   PixelRect bounds_;
   const CIContextOptions& options_;
@@ -637,6 +678,8 @@ class ColumnRenderer {
   std::size_t columns_;
   Progress& progress_;
   RenderCache cache_;
+  RenderInfo info_;
+  bool passThrough_ = true;
   std::vector<TileEvaluator> evaluators_;
   tbb::task_arena arena_;
 };

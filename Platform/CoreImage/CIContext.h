@@ -63,6 +63,11 @@ struct CIContextOptions {
   // part of its extent the render reaches); what bounds the time of a render whatever its
   // graph. 0: CIContext::kDefaultMaxPixelWork.
   double maxPixelWork = 0;
+  // Parts of an 8-bit render that are a constant colour or a source's stored 8-bit pixels
+  // unchanged (a crop, a whole-pixel move, a mask's constant part...) are written directly,
+  // bit for bit what rendering them gives, without rendering them. False renders every
+  // pixel (as does QV_NO_PASS_THROUGH=1 in the environment, for comparisons).
+  bool passThrough = true;
 };
 
 class CIContext {

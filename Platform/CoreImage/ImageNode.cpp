@@ -57,6 +57,69 @@ PixelRect PixelRect::centresInside(const CGRect& r) {
 
 PixelRect ImageNode::regionOfInterest(std::size_t, const PixelRect& rect) const { return rect; }
 
+RegionAnswer ImageNode::describeRegion(const PixelRect&, bool) const { return RegionAnswer::renderIt(); }
+
+bool ImageNode::writeStored8(const PixelRect&, std::uint8_t*, std::ptrdiff_t, const RenderInfo&) const { return false; }
+
+RegionAnswer RegionAnswer::cutAt(const PixelRect& rect, Cut cut, std::int64_t at) {
+  RegionAnswer a;
+  const bool inside = cut == Cut::x ? at > rect.x && at < rect.maxX() : cut == Cut::y && at > rect.y && at < rect.maxY();
+  if (inside) {
+    a.cut = cut;
+    a.at = at;
+  }
+  return a;
+}
+
+RegionAnswer RegionAnswer::within(const PixelRect& rect, const PixelRect& area, const RegionAnswer& inside) {
+  if (area.contains(rect)) return inside;
+  if (area.intersection(rect).empty()) return transparent();
+  if (area.y > rect.y) return cutAt(rect, Cut::y, area.y);
+  if (area.maxY() < rect.maxY()) return cutAt(rect, Cut::y, area.maxY());
+  if (area.x > rect.x) return cutAt(rect, Cut::x, area.x);
+  return cutAt(rect, Cut::x, area.maxX());
+}
+
+RegionAnswer RegionAnswer::movedBy(std::int64_t mx, std::int64_t my) const {
+  RegionAnswer a = *this;
+  if (kind == Kind::input || kind == Kind::stored) {
+    a.dx += mx;
+    a.dy += my;
+  }
+  if (cut == Cut::x) a.at += mx;
+  if (cut == Cut::y) a.at += my;
+  return a;
+}
+
+RegionAnswer resolveRegion(const ImageNode& node, const PixelRect& rect, bool colorManaged) {
+  // Each step names a node further down the graph (an input, or an input's input): the walk
+  // ends, and a cycle cannot arise in an immutable graph; the bound only guards against a
+  // node that names itself by mistake.
+  const ImageNode* at = &node;
+  std::int64_t dx = 0, dy = 0;
+  for (int step = 0; step < 4096; ++step) {
+    RegionAnswer a = at->describeRegion(rect.offset(-dx, -dy), colorManaged);
+    if (a.kind == RegionAnswer::Kind::stored) {
+      // A node answers its own stored pixels without naming itself; a node that resolved its
+      // inputs' answers itself (a composite) names whose they are.
+      if (a.node == nullptr) {
+        a.node = at;
+        a.dx = 0;
+        a.dy = 0;
+      }
+      return a.movedBy(dx, dy);
+    }
+    if (a.kind != RegionAnswer::Kind::input || a.node == nullptr || a.node == at) {
+      if (a.kind == RegionAnswer::Kind::input) return RegionAnswer::renderIt();
+      return a.movedBy(dx, dy);
+    }
+    at = a.node;
+    dx += a.dx;
+    dy += a.dy;
+  }
+  return RegionAnswer::renderIt();
+}
+
 std::string ImageNode::description() const {
   return "<CIImage " + name() + " extent " + NSStringFromRect(extent_) + ">";
 }

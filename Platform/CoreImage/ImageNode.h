@@ -1,13 +1,15 @@
 // The node contract of the image graph. A CIImage is a handle to an immutable ImageNode; a node
 // knows its extent, its inputs, which region of each input it needs for a given output region,
-// and how to produce an output region from those input regions. The renderer (CIContext) asks
-// nothing else.
+// and how to produce an output region from those input regions; and, for an 8-bit render, what a
+// region is when it is simpler than a render (a colour, or another node's pixels unchanged: see
+// RegionAnswer). The renderer (CIContext) asks nothing else.
 //
 // Pixel space: pixel (x, y) covers [x, x+1) × [y, y+1) of the image plane, y grows upwards.
 // Tiles hold premultiplied RGBA float in the working space (linear light, sRGB primaries, or
 // the encoded values when colour management is off); row 0 of a tile is its bottom row.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -80,6 +82,68 @@ struct RenderInfo {
   std::shared_ptr<void>* state = nullptr;
 };
 
+class ImageNode;
+
+// What a rectangle of a node's output is when it is something simpler than a render: one
+// colour, or the pixels of another node moved by whole pixels, or the node's own stored 8-bit
+// pixels. The renderer writes such rectangles of an 8-bit output without rendering them (no
+// working floats, no node in between), and only where that gives the very bytes a render would
+// (see CIContext.cpp); a node answers only what holds bit for bit in the working format.
+struct RegionAnswer {
+  enum class Kind {
+    render,    // nothing simpler: render it
+    constant,  // every pixel is `color`
+    input,     // the pixels of `node` at (x - dx, y - dy)
+    stored,    // `node`'s own stored 8-bit pixels (ImageNode::writeStored8 writes them)
+  };
+  enum class Cut { none, x, y };
+
+  Kind kind = Kind::render;
+  std::array<float, 4> color{};  // constant: the premultiplied working colour
+  const ImageNode* node = nullptr;
+  std::int64_t dx = 0, dy = 0;
+  bool opaque = false;  // stored: every pixel has alpha 1
+  // render: a column (x) or row (y) strictly inside the rectangle where the answer changes, so
+  // that each side may have a simpler one (the edge of a crop, of a mask's constant part...).
+  Cut cut = Cut::none;
+  std::int64_t at = 0;
+
+  static RegionAnswer renderIt() { return {}; }
+  static RegionAnswer constantColor(const std::array<float, 4>& c) {
+    RegionAnswer a;
+    a.kind = Kind::constant;
+    a.color = c;
+    return a;
+  }
+  static RegionAnswer transparent() { return constantColor({0, 0, 0, 0}); }
+  static RegionAnswer pixelsOf(const ImageNode* n, std::int64_t dx, std::int64_t dy) {
+    RegionAnswer a;
+    a.kind = Kind::input;
+    a.node = n;
+    a.dx = dx;
+    a.dy = dy;
+    return a;
+  }
+  // `inside` where `rect` lies within `area`, transparent where it misses it, and otherwise a
+  // cut along an edge of `area` (rows first: wide strips).
+  static RegionAnswer within(const PixelRect& rect, const PixelRect& area, const RegionAnswer& inside);
+  // A render, cut at column or row `at` when that lies strictly inside `rect`.
+  static RegionAnswer cutAt(const PixelRect& rect, Cut cut, std::int64_t at);
+
+  bool isConstant() const { return kind == Kind::constant; }
+  bool isTransparent() const {
+    return kind == Kind::constant && color[0] == 0 && color[1] == 0 && color[2] == 0 && color[3] == 0;
+  }
+  // Every pixel has alpha exactly 1.
+  bool isOpaque() const { return (kind == Kind::constant && color[3] == 1.0f) || (kind == Kind::stored && opaque); }
+  // The same answer seen from a node that reads this one's pixels moved by (dx, dy).
+  RegionAnswer movedBy(std::int64_t dx, std::int64_t dy) const;
+};
+
+// Follows `node`'s answer for `rect` through the nodes whose pixels it names, down to a colour,
+// stored pixels or a render (whose cut is then in `rect`'s coordinates).
+RegionAnswer resolveRegion(const ImageNode& node, const PixelRect& rect, bool colorManaged);
+
 class ImageNode : public Object {
  public:
   explicit ImageNode(CGRect extent, std::vector<CIImage> inputs = {})
@@ -117,6 +181,15 @@ class ImageNode : public Object {
   // into a buffer of its own for each, rather than into one buffer spanning all their regions,
   // which is large when they read it at rows far apart (a scaled copy over the picture).
   virtual bool rendersAgainCheaply() const { return false; }
+  // What `rect` of this node is, when something simpler than a render (see RegionAnswer):
+  // nodes answer only what holds bit for bit; by default, nothing simpler.
+  virtual RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const;
+  // For a node that answers RegionAnswer::Kind::stored: writes `rect` (inside its extent) as
+  // straight, encoded RGBA8, exactly what decoding it to working floats and encoding those
+  // again gives; `topRow` receives the rect's top row, the rows below follow `rowBytes` apart.
+  // False when it cannot (the caller then renders).
+  virtual bool writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
+                            const RenderInfo& info) const;
   // A short name for graph dumps ("crop", "transform", "CIGaussianBlur"...).
   virtual std::string name() const = 0;
 

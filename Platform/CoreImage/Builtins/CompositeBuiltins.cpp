@@ -504,6 +504,21 @@ struct CompositeInput {
     return kept.data();
   }
 
+  // What `rect` (composite coordinates) of this input reads as, resolved down to a colour,
+  // stored pixels or a render (see RegionAnswer): a constant inside its window, the folded
+  // image's pixels moved by the offsets inside the window, transparent outside it; nothing
+  // simpler through a matrix or a mask.
+  RegionAnswer describe(const PixelRect& rect, bool colorManaged) const {
+    if (windowed && !window.contains(rect)) return RegionAnswer::within(rect, window, RegionAnswer::renderIt());
+    if (isConstant) {
+      RenderInfo info;
+      info.colorManaged = colorManaged;
+      return RegionAnswer::constantColor(constantPixel(info));
+    }
+    if (matrix || mask || !image) return RegionAnswer::renderIt();
+    return resolveRegion(*image.node(), rect.offset(-dx, -dy), colorManaged).movedBy(dx, dy);
+  }
+
   // Folds each of `given` and numbers the images they read: the node's inputs.
   static std::vector<CompositeInput> foldAll(const std::vector<CIImage>& given, std::vector<CIImage>& images) {
     std::vector<CompositeInput> folded;
@@ -552,6 +567,19 @@ class CompositeNode final : public ImageNode {
   }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override {
     return foldedRegionOfInterest(folded_, index, rect);
+  }
+  // Source over only: s + b·(1 − α_s) is s exactly where s is opaque (b·0 adds 0) or b is
+  // transparent, and b exactly where s is transparent (0 + b·1).
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override {
+    if (std::string_view(op_.name) != "CISourceOverCompositing") return RegionAnswer::renderIt();
+    const PixelRect active = PixelRect::centresInside(extent());
+    if (!active.contains(rect)) return RegionAnswer::within(rect, active, RegionAnswer::renderIt());
+    const RegionAnswer s = folded_[0].describe(rect, colorManaged);
+    if (s.kind == RegionAnswer::Kind::render || s.isOpaque()) return s;
+    const RegionAnswer b = folded_[1].describe(rect, colorManaged);
+    if (s.isTransparent()) return b;
+    if (b.isTransparent()) return s;
+    return b.kind == RegionAnswer::Kind::render ? b : RegionAnswer::renderIt();
   }
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
     // Rows in short runs, so that the folded inputs' runs stay in the first-level cache.
@@ -607,6 +635,18 @@ class BlendWithMaskNode final : public ImageNode {
   }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override {
     return foldedRegionOfInterest(folded_, index, rect);
+  }
+  // Where the mask is one colour whose clamped luminance k is exactly 1 or 0, s·k + b·(1 − k)
+  // is s (s·1 + b·0) or b (s·0 + b·1); without a background, s or transparent.
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override {
+    const PixelRect active = PixelRect::centresInside(extent());
+    if (!active.contains(rect)) return RegionAnswer::within(rect, active, RegionAnswer::renderIt());
+    const RegionAnswer m = folded_[1].describe(rect, colorManaged);
+    if (!m.isConstant()) return m.kind == RegionAnswer::Kind::render ? m : RegionAnswer::renderIt();
+    const float k = clamp01(kLumaR * m.color[0] + kLumaG * m.color[1] + kLumaB * m.color[2]);
+    if (k == 1.0f) return folded_[0].describe(rect, colorManaged);
+    if (k != 0.0f) return RegionAnswer::renderIt();
+    return folded_.size() > 2 ? folded_[2].describe(rect, colorManaged) : RegionAnswer::transparent();
   }
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override {
     constexpr std::size_t kRun = 256;

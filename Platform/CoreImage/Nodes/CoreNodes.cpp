@@ -8,6 +8,7 @@
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/Render/PixelConvert.h"
 #include "CoreImage/Render/RenderCache.h"
+#include "CoreImage/Render/StoredPixels.h"
 #include "CoreImage/Render/StripCache.h"
 #include "ImageIO/ImageIO.h"
 
@@ -33,6 +34,13 @@ void ConstantColorNode::render(const PixelTile& out, std::span<const ConstPixelT
     float* p = out.at(r.x, y);
     for (std::int64_t x = 0; x < r.width; ++x, p += 4) std::memcpy(p, c.data(), sizeof(float) * 4);
   }
+}
+
+RegionAnswer ConstantColorNode::describeRegion(const PixelRect& rect, bool colorManaged) const {
+  if (!color_) return RegionAnswer::transparent();
+  const auto colour = RegionAnswer::constantColor(workingColor(*color_, colorManaged));
+  if (CGRectIsInfinite(extent())) return colour;
+  return RegionAnswer::within(rect, PixelRect::centresInside(extent()), colour);
 }
 
 // ---- Bitmaps ----
@@ -66,6 +74,23 @@ void Bitmap8Node::render(const PixelTile& out, std::span<const ConstPixelTile>, 
   }
 }
 
+RegionAnswer Bitmap8Node::describeRegion(const PixelRect& rect, bool) const {
+  RegionAnswer stored;
+  stored.kind = RegionAnswer::Kind::stored;
+  return RegionAnswer::within(rect, PixelRect{x_, y_, std::int64_t(width_), std::int64_t(height_)}, stored);
+}
+
+bool Bitmap8Node::writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
+                               const RenderInfo& info) const {
+  if (!PixelRect{x_, y_, std::int64_t(width_), std::int64_t(height_)}.contains(rect)) return false;
+  for (std::int64_t y = rect.maxY() - 1; y >= rect.y; --y, topRow += rowBytes) {
+    const std::size_t row = height_ - 1 - std::size_t(y - y_);
+    const std::uint8_t* src = pixels_.data() + (row * width_ + std::size_t(rect.x - x_)) * 4;
+    qvpixel::reencodeStraightRGBA8(src, topRow, std::size_t(rect.width), info.colorManaged, false);
+  }
+  return true;
+}
+
 // ---- OffsetNode ----
 
 OffsetNode::OffsetNode(CIImage input, std::int64_t dx, std::int64_t dy)
@@ -78,6 +103,10 @@ void OffsetNode::render(const PixelTile& out, std::span<const ConstPixelTile> in
   for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
     std::memcpy(out.at(out.rect.x, y), src.at(out.rect.x - dx_, y - dy_),
                 std::size_t(out.rect.width) * 4 * sizeof(float));
+}
+
+RegionAnswer OffsetNode::describeRegion(const PixelRect&, bool) const {
+  return RegionAnswer::pixelsOf(inputs()[0].node().get(), dx_, dy_);
 }
 
 // ---- TransformNode ----
@@ -109,6 +138,13 @@ TransformNode::TransformNode(CIImage input, const CGAffineTransform& t)
     const double u = snap(inv_.a * 0.5 + inv_.tx - 0.5), v = snap(inv_.d * 0.5 + inv_.ty - 0.5);
     onGrid_ = u == std::floor(u) && v == std::floor(v) && std::fabs(u) < 1e15 && std::fabs(v) < 1e15;
   }
+}
+
+RegionAnswer TransformNode::describeRegion(const PixelRect&, bool) const {
+  // On the grid at scale +1 on both axes: output pixel X is input texel X + inv.tx (see render).
+  if (!onGrid_ || inv_.a != 1.0 || inv_.d != 1.0) return RegionAnswer::renderIt();
+  const double u = snap(0.5 + inv_.tx - 0.5), v = snap(0.5 + inv_.ty - 0.5);
+  return RegionAnswer::pixelsOf(inputs()[0].node().get(), -std::int64_t(u), -std::int64_t(v));
 }
 
 PixelRect TransformNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
@@ -345,6 +381,10 @@ void CropNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, 
   copyRegion(out, in[0], kept_);
 }
 
+RegionAnswer CropNode::describeRegion(const PixelRect& rect, bool) const {
+  return RegionAnswer::within(rect, kept_, RegionAnswer::pixelsOf(inputs()[0].node().get(), 0, 0));
+}
+
 // ---- ClampNode ----
 
 ClampNode::ClampNode(CIImage input) : ImageNode(CGRectInfinite, {input}) {
@@ -371,6 +411,12 @@ void ClampNode::render(const PixelTile& out, std::span<const ConstPixelTile> in,
       std::memcpy(o, src.at(sx, sy), 4 * sizeof(float));
     }
   }
+}
+
+RegionAnswer ClampNode::describeRegion(const PixelRect& rect, bool) const {
+  // Inside the edge every pixel is the input's own.
+  if (edge_.empty() || !edge_.contains(rect)) return RegionAnswer::renderIt();
+  return RegionAnswer::pixelsOf(inputs()[0].node().get(), 0, 0);
 }
 
 // ---- ProviderNode ----
@@ -481,16 +527,15 @@ void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>,
 
 // ---- FileNode ----
 
-FileNode::FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent)
+FileNode::FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque)
     : ImageNode(CGRectMake(0, 0, double(width), double(height))),
       path_(std::move(path)),
       width_(width),
       height_(height),
-      bits_(bitsPerComponent) {}
+      bits_(bitsPerComponent),
+      opaque_(opaque) {}
 
-void FileNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
-  const PixelRect r = out.rect.intersection({0, 0, std::int64_t(width_), std::int64_t(height_)});
-  if (r.empty()) return;
+std::shared_ptr<const StripCache> FileNode::stripCache(const RenderInfo& info) const {
   auto make = [this] {
     const std::string path = path_;
     auto open = [path](std::string& error) -> std::unique_ptr<CGImageSourceRowReader> {
@@ -506,8 +551,36 @@ void FileNode::render(const PixelTile& out, std::span<const ConstPixelTile>, con
     return std::make_shared<const StripCache>(open, path_, width_, height_, bits_);
   };
   // One cache per render, shared by its tiles and threads; outside a render, one per call.
-  std::shared_ptr<const StripCache> cache =
-      info.cache ? info.cache->getOrCreate<StripCache>(this, 0, make) : make();
+  return info.cache ? info.cache->getOrCreate<StripCache>(this, 0, make) : make();
+}
+
+RegionAnswer FileNode::describeRegion(const PixelRect& rect, bool) const {
+  const PixelRect mine{0, 0, std::int64_t(width_), std::int64_t(height_)};
+  RegionAnswer stored;
+  if (bits_ == 8) {
+    stored.kind = RegionAnswer::Kind::stored;
+    stored.opaque = opaque_;
+  }
+  return RegionAnswer::within(rect, mine, stored);
+}
+
+bool FileNode::writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
+                            const RenderInfo& info) const {
+  if (bits_ != 8 || !PixelRect{0, 0, std::int64_t(width_), std::int64_t(height_)}.contains(rect) || rect.empty())
+    return false;
+  const std::size_t first = height_ - std::size_t(rect.maxY());
+  const std::size_t offset = std::size_t(rect.x) * 4;
+  stripCache(info)->forEachRow(first, std::size_t(rect.height), [&](std::size_t row, const std::uint8_t* p) {
+    qvpixel::reencodeStraightRGBA8(p + offset, topRow + std::ptrdiff_t(row - first) * rowBytes, std::size_t(rect.width),
+                                   info.colorManaged, opaque_);
+  });
+  return true;
+}
+
+void FileNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
+  const PixelRect r = out.rect.intersection({0, 0, std::int64_t(width_), std::int64_t(height_)});
+  if (r.empty()) return;
+  std::shared_ptr<const StripCache> cache = stripCache(info);
   // Plane row y is file row height - 1 - y: the tile's top row is its first file row.
   const std::size_t first = height_ - std::size_t(r.maxY());
   const std::size_t offset = std::size_t(r.x) * 4;

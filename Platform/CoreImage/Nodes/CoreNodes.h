@@ -19,6 +19,7 @@ class EmptyNode final : public ImageNode {
  public:
   EmptyNode() : ImageNode(CGRectZero) {}
   void render(const PixelTile&, std::span<const ConstPixelTile>, const RenderInfo&) const override {}
+  RegionAnswer describeRegion(const PixelRect&, bool) const override { return RegionAnswer::transparent(); }
   std::string name() const override { return "empty"; }
 };
 
@@ -29,6 +30,7 @@ class ConstantColorNode final : public ImageNode {
   ConstantColorNode(CIColorRef color, const CGRect& extent) : ImageNode(extent), color_(std::move(color)) {}
   const CIColorRef& color() const { return color_; }
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "constantColor"; }
   bool writesEveryPixel() const override { return color_ && centresCoverExtent(extent()); }
 
@@ -55,6 +57,9 @@ class Bitmap8Node final : public ImageNode {
  public:
   Bitmap8Node(std::vector<std::uint8_t> pixels, std::size_t width, std::size_t height, std::int64_t x, std::int64_t y);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
+  bool writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
+                    const RenderInfo& info) const override;
   std::string name() const override { return "bitmap8"; }
   bool writesEveryPixel() const override { return true; }
 
@@ -72,6 +77,7 @@ class OffsetNode final : public ImageNode {
   std::int64_t dy() const { return dy_; }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "offset"; }
   bool writesEveryPixel() const override { return true; }
 
@@ -89,6 +95,8 @@ class TransformNode final : public ImageNode {
   const CGAffineTransform& transform() const { return t_; }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  // A whole-pixel translation only (every other transform resamples or reorders).
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "transform"; }
   // Every pixel of a tile is sampled, or written transparent where no input pixel reaches it.
   bool writesEveryPixel() const override { return true; }
@@ -111,6 +119,7 @@ class CropNode final : public ImageNode {
   const CGRect& rect() const { return rect_; }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "crop"; }
 
  private:
@@ -125,6 +134,7 @@ class ClampNode final : public ImageNode {
   explicit ClampNode(CIImage input);
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "clamp"; }
 
  private:
@@ -160,22 +170,31 @@ class ProviderNode final : public ImageNode {
   std::size_t tileSize_ = 0;  // 0: whole image
 };
 
+class StripCache;
+
 // An image file, decoded on demand: the rows a tile reads are decoded into a strip cache that
 // all tiles and threads of one render share (see Render/StripCache.h), and only the pixels a
 // tile reads are converted to working floats. The stored pixels, not oriented.
 class FileNode final : public ImageNode {
  public:
-  // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8).
-  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent);
+  // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8); opaque: the file has no
+  // alpha (every decoded alpha is 255).
+  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque = false);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   // Its strips are decoded once per render for every reader (the strip cache is the node's).
   bool rendersAgainCheaply() const override { return true; }
+  // Its stored pixels inside its extent (8-bit files), transparent outside.
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
+  bool writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
+                    const RenderInfo& info) const override;
   std::string name() const override { return "file"; }
   bool writesEveryPixel() const override { return true; }
   const std::string& path() const { return path_; }
 
  private:
+  std::shared_ptr<const StripCache> stripCache(const RenderInfo& info) const;
   std::string path_;
   std::size_t width_, height_;
   int bits_;
+  bool opaque_;
 };
