@@ -18,6 +18,8 @@
 #include <tbb/task_arena.h>
 
 #include "CoreImage/ImageNode.h"
+#include "CoreImage/Nodes/CoreNodes.h"
+#include "CoreImage/Nodes/GeometryNodes.h"
 #include "CoreImage/Render/PixelConvert.h"
 #include "CoreImage/Render/RenderCache.h"
 #include "ImageIO/ImageIO.h"
@@ -48,9 +50,10 @@ struct Plan {
   std::vector<std::vector<int>> inputs;  // per node, the node index of each input (-1: nil input)
   std::vector<int> edges;                // per node, how many input slots refer to it
   std::vector<PixelRect> extent;         // per node, the pixels its extent touches
+  std::vector<std::shared_ptr<const ImageNode>> owned;  // nodes the plan put in place of the graph's
 };
 
-Plan makePlan(const ImageNode* root) {
+Plan makeGraphPlan(const ImageNode* root) {
   Plan plan;
   std::unordered_map<const ImageNode*, int> index;
   std::vector<const ImageNode*> post;
@@ -87,6 +90,34 @@ Plan makePlan(const ImageNode* root) {
       if (k >= 0) ++plan.edges[std::size_t(k)];
     }
   }
+  return plan;
+}
+
+// Shrink on load (CIContextOptions::fastShrink): a Lanczos downscale whose input is a JPEG file
+// read by nothing else reads instead a reduced decode of the file, resampled onto the same
+// output rectangle. Only the plan changes; the graph the caller holds stays as it was.
+void shrinkOnLoad(Plan& plan) {
+  for (std::size_t i = 0; i < plan.nodes.size(); ++i) {
+    const auto* scale = dynamic_cast<const LanczosScaleNode*>(plan.nodes[i]);
+    if (!scale || plan.inputs[i].size() != 1 || plan.inputs[i][0] < 0) continue;
+    const auto k = std::size_t(plan.inputs[i][0]);
+    const auto* file = dynamic_cast<const FileNode*>(plan.nodes[k]);
+    if (!file || !file->reducible() || plan.edges[k] != 1) continue;
+    const int denominator = LanczosScaleNode::shrinkOnLoadDenominator(scale->scaleX(), scale->scaleY());
+    if (denominator == 1) continue;
+    std::shared_ptr<const FileNode> reduced = file->reducedBy(denominator);
+    auto resample = std::make_shared<const LanczosScaleNode>(CIImage(reduced), *scale);
+    plan.nodes[i] = resample.get();
+    plan.nodes[k] = reduced.get();
+    plan.extent[k] = PixelRect::covering(reduced->extent());
+    plan.owned.push_back(std::move(resample));
+    plan.owned.push_back(std::move(reduced));
+  }
+}
+
+Plan makePlan(const ImageNode* root, const CIContextOptions& options) {
+  Plan plan = makeGraphPlan(root);
+  if (options.fastShrink) shrinkOnLoad(plan);
   return plan;
 }
 
@@ -703,7 +734,7 @@ double CIContext::maxPixelWork() const {
 std::int64_t CIContext::workingMemory(const CIImage& image, const CGRect& bounds, bool toFile) const {
   const PixelRect b = renderBounds(image, bounds);
   if (b.empty()) return 0;
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   const Tiling tiling = chooseTiling(plan, b, options_.tileSize, renderThreads(options_), maxMemory());
   checkBudget(plan, tiling, b, toFile, maxMemory(), maxPixelWork());
   return renderBytes(tiling, b, toFile);
@@ -720,7 +751,7 @@ void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowByt
   }
   if (!buffer) throw CIRenderError("cannot render into a null buffer");
   if (rowBytes < b.width * bytesPerPixel(format)) throw CIRenderError("the buffer's rows are too short for the bounds");
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
   progress.total = renderer.tilesIn(b.height);
   renderer.render(b, buffer, rowBytes, format);
@@ -736,7 +767,7 @@ void CIContext::renderStrips(const CIImage& image, const CGRect& bounds, CIRende
     progress.finish();
     return;
   }
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
   const std::int64_t th = std::max<std::int64_t>(1, renderer.tiling().height);
   const std::int64_t wanted = std::max<std::int64_t>(1, minStripRows);
@@ -767,7 +798,7 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   if (type.empty()) throw CIRenderError("cannot write " + path + ": unknown file type (use .png, .jpg, .jpeg or .webp)");
   // The plan and its budget are checked before the file is created: a refused render leaves
   // nothing behind.
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   Progress progress;
   progress.fn = options_.progress;
   ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), true, progress);

@@ -63,6 +63,14 @@ struct CIContextOptions {
   // part of its extent the render reaches); what bounds the time of a render whatever its
   // graph. 0: CIContext::kDefaultMaxPixelWork.
   double maxPixelWork = 0;
+  // Shrink on load: where a JPEG file's only consumer is a Lanczos downscale
+  // (CILanczosScaleTransform) by 1/4 or less, the file is decoded at the DCT scale of 1/2, 1/4
+  // or 1/8 that still leaves the Lanczos a downscale by at least 2, and the Lanczos resamples
+  // that decode onto the same output rectangle: up to 64 times fewer pixels decoded and
+  // converted. The pixels differ from the full decode's (the decoder averages its 8 × 8 blocks
+  // in the file's encoded values, not in linear light), by more than the golden-image tolerance
+  // at sharp edges of a grainy photo, hence off unless asked for.
+  bool fastShrink = false;
 };
 
 class CIContext {

@@ -101,7 +101,8 @@ CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
   const std::int64_t width = w->second.integerValue(), height = h->second.integerValue();
   if (width <= 0 || height <= 0) return {};
   const std::int64_t depth = props.count(kCGImagePropertyDepth) ? props.at(kCGImagePropertyDepth).integerValue() : 8;
-  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8));
+  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8,
+                                            CGImageSourceGetType(src) == kUTTypeJPEG));
 }
 
 CIImage CIImage::imageWithImageProvider(std::shared_ptr<CIImageProvider> provider, std::size_t width,

@@ -154,14 +154,22 @@ class ProviderNode final : public ImageNode {
 // tile reads are converted to working floats. The stored pixels, not oriented.
 class FileNode final : public ImageNode {
  public:
-  // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8).
-  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent);
+  // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8). `jpeg`: the file can be
+  // decoded at a reduced DCT scale (see reducedBy).
+  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool jpeg = false);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "file"; }
   const std::string& path() const { return path_; }
+  // Whether reducedBy may be asked for: a JPEG file decoded at full size.
+  bool reducible() const { return jpeg_ && scaleDenominator_ == 1 && bits_ == 8; }
+  // The same file decoded at a DCT scale of 1/denominator (2, 4 or 8): ceil(width / denominator)
+  // × ceil(height / denominator) pixels, each the average of its block of the full picture.
+  std::shared_ptr<const FileNode> reducedBy(int denominator) const;
 
  private:
   std::string path_;
   std::size_t width_, height_;
   int bits_;
+  bool jpeg_ = false;
+  int scaleDenominator_ = 1;
 };

@@ -116,6 +116,29 @@ LanczosScaleNode::LanczosScaleNode(CIImage input, double sx, double sy)
 LanczosScaleNode::LanczosScaleNode(CIImage input, const Setup& s)
     : ImageNode(s.extent, {input}), ax_(s.ax), ay_(s.ay), inputPixels_(PixelRect::covering(input.extent())) {}
 
+LanczosScaleNode::LanczosScaleNode(CIImage reduced, const LanczosScaleNode& original)
+    : ImageNode(original.extent(), {reduced}), ax_(original.ax_), ay_(original.ay_),
+      inputPixels_(PixelRect::covering(reduced.extent())) {
+  const CGRect in = reduced.extent();
+  auto axis = [](Axis& a, double min, double size, std::int64_t outSize) {
+    a.inOrigin = min;
+    a.step = size / double(outSize);
+    a.filterScale = std::max(1.0, a.step);
+    a.support = 3.0 * a.filterScale;
+  };
+  const PixelRect out = PixelRect::covering(original.extent());
+  axis(ax_, CGRectGetMinX(in), CGRectGetWidth(in), out.width);
+  axis(ay_, CGRectGetMinY(in), CGRectGetHeight(in), out.height);
+}
+
+int LanczosScaleNode::shrinkOnLoadDenominator(double scaleX, double scaleY) {
+  const double s = std::max(scaleX, scaleY);
+  if (!(s > 0)) return 1;
+  for (int d : {8, 4, 2})
+    if (s * d <= 0.5) return d;
+  return 1;
+}
+
 std::int64_t LanczosScaleNode::Axis::first(std::int64_t X) const {
   return std::int64_t(std::floor(centre(X) - support - 0.5));
 }

@@ -56,6 +56,15 @@ class LanczosScaleNode final : public ImageNode {
   double scaleX() const { return 1.0 / ax_.step; }
   double scaleY() const { return 1.0 / ay_.step; }
 
+  // Shrink on load: the same output rectangle resampled from `reduced`, a smaller decode of
+  // this node's input (a JPEG decoded at a DCT scale), whose extent is mapped exactly onto it.
+  LanczosScaleNode(CIImage reduced, const LanczosScaleNode& original);
+  // The DCT scale denominator (1, 2, 4 or 8) of a decode that may stand in for the input of a
+  // rescale by (scaleX, scaleY): the largest that still leaves a Lanczos downscale by at least
+  // 2 on both axes, so that the rescale still decides every output pixel from many decoded
+  // ones (the decoder's block averages only replace the first, finest part of the shrink).
+  static int shrinkOnLoadDenominator(double scaleX, double scaleY);
+
  private:
   struct Setup {
     CGRect extent;
