@@ -31,10 +31,10 @@ constexpr std::int64_t kMaxBufferPixels = std::int64_t{1} << 26;
 // The budget of all buffers of one tile when choosing the tile size (bytes): what keeps the
 // working set small enough to be fast. The memory budget of the context is the hard limit.
 constexpr std::int64_t kTileBudgetBytes = std::int64_t{64} << 20;
-// A tile whose nodes compute and read at least kHeavyTileCost pixels per pixel of it (a large
-// downscale) is worth its overhead from kMinTileWork such pixels on, even when it holds fewer
-// than kMinTilePixels of output: lower tiles hold fewer input rows at once.
-constexpr double kHeavyTileCost = 256.0;
+// A tile in which some node reads at least kHeavyReadRatio input pixels per pixel it computes
+// (a downscale) is worth its overhead from kMinTileWork pixels computed and read on, even when
+// it holds fewer than kMinTilePixels of output: lower tiles hold fewer input rows at once.
+constexpr double kHeavyReadRatio = 8.0;
 constexpr std::int64_t kMinTileWork = std::int64_t{1} << 18;
 // The pixels per output pixel from which a render counts as heavy (a large downscale): then a
 // narrow render is still split into one column per thread.
@@ -445,6 +445,7 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
     struct Probe {
       std::int64_t height;
       double cost;
+      bool heavy;
     };
     std::vector<Probe> probes;
     for (std::int64_t h : kHeights) {
@@ -455,10 +456,14 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
       const bool carried = std::find(r.carried.begin(), r.carried.end(), 1) != r.carried.end();
       const std::int64_t live = carried ? cols : std::min<std::int64_t>(cols, std::max(threads, 1));
       std::int64_t bytes = 0, pixels = 0;
+      bool heavy = false;
       for (std::size_t i = 0; i < r.needed.size(); ++i) {
         bytes += r.needed[i].area() * 16 * live;
         pixels += r.work[i].area();
-        for (const PixelRect& roi : r.roi[i]) pixels += roi.area();
+        for (const PixelRect& roi : r.roi[i]) {
+          pixels += roi.area();
+          heavy = heavy || double(roi.area()) >= kHeavyReadRatio * double(std::max<std::int64_t>(1, r.work[i].area()));
+        }
       }
       if (leastBytes < 0 || bytes < leastBytes) {
         leastBytes = bytes;
@@ -466,7 +471,7 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
         leastHeight = h;
       }
       if (bytes > tileBudget) break;
-      probes.push_back({h, double(pixels) / double(tile.area())});
+      probes.push_back({h, double(pixels) / double(tile.area()), heavy});
       if (h >= bounds.height) break;
     }
     Choice c{width, 0, 0.0, !probes.empty()};
@@ -477,7 +482,7 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
     c.cost = probes.back().cost;
     for (const Probe& p : probes)
       if (p.cost <= best * 1.1 && (p.height * width >= kMinTilePixels || p.height >= bounds.height ||
-                                   (p.cost >= kHeavyTileCost && p.cost * double(p.height * width) >= double(kMinTileWork)))) {
+                                   (p.heavy && p.cost * double(p.height * width) >= double(kMinTileWork)))) {
         c.height = p.height;
         c.cost = p.cost;
         break;
@@ -672,6 +677,12 @@ class ColumnRenderer {
     // input rows that neighbouring columns read lie close together (for a turned image they
     // move steadily down the file across the strip), so that the workers read a file's strips
     // close to each other and in order instead of from two far halves of the strip.
+    // A turned picture's strip reads a band of the file as high as the strip plus its width
+    // times the sine of the angle (807 rows of a 6000-pixel-wide picture turned by 5 degrees);
+    // what the strip cache's budget does not hold of it is decoded again by its restart from
+    // the top (skipping in the compressed domain), not kept in a window that would grow with
+    // the picture's width and the angle: 17 opens and 476 strip decodes for the 250 strips of
+    // that picture on two threads (bench/README.md, "One-filter pipelines").
     std::atomic<std::size_t> next{0};
     const std::size_t workers = std::min(columns_, std::size_t(threads_));
     arena_.execute([&] {
