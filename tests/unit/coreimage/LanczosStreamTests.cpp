@@ -188,6 +188,18 @@ TEST(LanczosStream, LargeDownscaleRendersInLittleMemoryOnEveryThread) {
   EXPECT_LT(two.workingMemory(smaller, smaller.extent()), 4 * two.workingMemory(small, small.extent()));
 }
 
+TEST(LanczosStream, QuarterDownscaleRendersInLowTiles) {
+  // 6000 × 4000 to 1500 × 1000: wide enough for a column per thread, and still each tile's
+  // input rows are four times its own; low tiles keep them few.
+  const CIImage big = CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.9, 1))
+                          .imageByCroppingToRect(CGRectMake(0, 0, 6000, 4000));
+  const CIImage quarter = scaled(big, 0.25, 0.25);
+  for (int threads : {1, 2}) {
+    const CIContext context(tiles(0, threads));
+    EXPECT_LT(context.workingMemory(quarter, quarter.extent()), std::int64_t{16} << 20) << threads << " threads";
+  }
+}
+
 TEST(LanczosStream, TurnedPictureRendersInNarrowColumns) {
   // A turned 6000 × 4000 picture: the region of interest of a tile is its bounding box in the
   // input, so narrow columns hold far less than one column per thread would.
