@@ -184,6 +184,7 @@ nlohmann::json BatchRecipe::run(const BatchEntry& entry, const BatchFileOptions&
     RecipeOptions recipeOptions;
     recipeOptions.threads = options.threads;
     recipeOptions.maxMemory = options.maxMemory;
+    recipeOptions.fastShrink = options.fastShrink;
     recipeOptions.quality = options.quality;
     recipeOptions.outputFileOverride = entry.output;
     try {

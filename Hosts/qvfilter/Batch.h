@@ -45,6 +45,7 @@ struct BatchFileOptions {
   std::optional<double> quality;   // 0...1, replaces the recipe's output quality
   bool skipExisting = false;       // leave an output that exists alone
   std::int64_t maxMemory = 0;      // working memory of one file's render (0: the renderer's default)
+  bool fastShrink = false;         // shrink on load (CIContextOptions::fastShrink)
 };
 
 // A recipe read once and run over many files. Its chain's first step takes each file as its

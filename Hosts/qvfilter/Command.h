@@ -32,4 +32,12 @@ inline CLI::Option* addMaxMemoryOption(CLI::App* cmd, std::string& text) {
       ->option_text("SIZE");
 }
 
+// The --fast-shrink flag of the commands that render files (CIContextOptions::fastShrink).
+inline CLI::Option* addFastShrinkFlag(CLI::App* cmd, bool& flag) {
+  return cmd->add_flag("--fast-shrink", flag,
+                       "Decode a JPEG input at a reduced DCT scale (1/2, 1/4 or 1/8) where a Lanczos downscale by "
+                       "1/4 or less is all that reads it, leaving the Lanczos at least a halving: faster and "
+                       "smaller, but the pixels differ slightly from those of the full decode");
+}
+
 }  // namespace qv

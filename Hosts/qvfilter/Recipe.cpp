@@ -506,6 +506,7 @@ nlohmann::json renderRecipe(const RecipeGraph& graph, const RecipeOptions& optio
   CIContextOptions contextOptions;
   contextOptions.colorManagement = spec.colorManagement;
   contextOptions.threads = options.threads;
+  contextOptions.fastShrink = options.fastShrink;
   contextOptions.maxMemory = options.maxMemory;
   if (!spec.file.empty()) {
     const CGRect integral = CGRectIntegral(bounds);

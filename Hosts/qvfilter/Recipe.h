@@ -64,6 +64,8 @@ struct RecipeOptions {
   bool allowFiles = true;
   // Render threads (0: one per core).
   int threads = 0;
+  // Shrink on load (CIContextOptions::fastShrink).
+  bool fastShrink = false;
   // The working memory one render may hold (bytes; 0: the renderer's default share).
   std::int64_t maxMemory = 0;
   // Largest output rectangle (in pixels) that may be rendered to a file.

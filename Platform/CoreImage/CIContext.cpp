@@ -20,6 +20,7 @@
 
 #include "CoreImage/ImageNode.h"
 #include "CoreImage/Nodes/CoreNodes.h"
+#include "CoreImage/Nodes/GeometryNodes.h"
 #include "CoreImage/Render/PixelConvert.h"
 #include "CoreImage/Render/RenderCache.h"
 #include "ImageIO/ImageIO.h"
@@ -31,6 +32,14 @@ constexpr std::int64_t kMaxBufferPixels = std::int64_t{1} << 26;
 // The budget of all buffers of one tile when choosing the tile size (bytes): what keeps the
 // working set small enough to be fast. The memory budget of the context is the hard limit.
 constexpr std::int64_t kTileBudgetBytes = std::int64_t{64} << 20;
+// A tile in which some node reads at least kHeavyReadRatio input pixels per pixel it computes
+// (a downscale) is worth its overhead from kMinTileWork pixels computed and read on, even when
+// it holds fewer than kMinTilePixels of output: lower tiles hold fewer input rows at once.
+constexpr double kHeavyReadRatio = 8.0;
+constexpr std::int64_t kMinTileWork = std::int64_t{1} << 18;
+// The pixels per output pixel from which a render counts as heavy (a large downscale): then a
+// narrow render is still split into one column per thread.
+constexpr double kHeavyWorkPerPixel = 16.0;
 // Bytes of one working pixel: four floats.
 constexpr std::int64_t kWorkingPixelBytes = 16;
 // The largest image the renderer accepts in one call (pixels).
@@ -44,9 +53,10 @@ struct Plan {
   std::vector<std::vector<int>> inputs;  // per node, the node index of each input (-1: nil input)
   std::vector<int> edges;                // per node, how many input slots refer to it
   std::vector<PixelRect> extent;         // per node, the pixels its extent touches
+  std::vector<std::shared_ptr<const ImageNode>> owned;  // nodes the plan put in place of the graph's
 };
 
-Plan makePlan(const ImageNode* root) {
+Plan makeGraphPlan(const ImageNode* root) {
   Plan plan;
   std::unordered_map<const ImageNode*, int> index;
   std::vector<const ImageNode*> post;
@@ -111,6 +121,34 @@ Plan makePlan(const ImageNode* root) {
       plan.extent.push_back(plan.extent[std::size_t(k)]);
       k = int(plan.nodes.size() - 1);
     }
+  return plan;
+}
+
+// Shrink on load (CIContextOptions::fastShrink): a Lanczos downscale whose input is a JPEG file
+// read by nothing else reads instead a reduced decode of the file, resampled onto the same
+// output rectangle. Only the plan changes; the graph the caller holds stays as it was.
+void shrinkOnLoad(Plan& plan) {
+  for (std::size_t i = 0; i < plan.nodes.size(); ++i) {
+    const auto* scale = dynamic_cast<const LanczosScaleNode*>(plan.nodes[i]);
+    if (!scale || plan.inputs[i].size() != 1 || plan.inputs[i][0] < 0) continue;
+    const auto k = std::size_t(plan.inputs[i][0]);
+    const auto* file = dynamic_cast<const FileNode*>(plan.nodes[k]);
+    if (!file || !file->reducible() || plan.edges[k] != 1) continue;
+    const int denominator = LanczosScaleNode::shrinkOnLoadDenominator(scale->scaleX(), scale->scaleY());
+    if (denominator == 1) continue;
+    std::shared_ptr<const FileNode> reduced = file->reducedBy(denominator);
+    auto resample = std::make_shared<const LanczosScaleNode>(CIImage(reduced), *scale);
+    plan.nodes[i] = resample.get();
+    plan.nodes[k] = reduced.get();
+    plan.extent[k] = PixelRect::covering(reduced->extent());
+    plan.owned.push_back(std::move(resample));
+    plan.owned.push_back(std::move(reduced));
+  }
+}
+
+Plan makePlan(const ImageNode* root, const CIContextOptions& options) {
+  Plan plan = makeGraphPlan(root);
+  if (options.fastShrink) shrinkOnLoad(plan);
   return plan;
 }
 
@@ -262,6 +300,12 @@ class TileEvaluator {
     return result;
   }
 
+  // Frees the buffers of the pool (between two runs down a strip of a column whose nodes carry
+  // nothing from tile to tile); the nodes' stream states stay.
+  void releaseBuffers() {
+    for (int b : free_) std::vector<float>().swap(buffers_[std::size_t(b)]);
+  }
+
  private:
   ConstPixelTile view(std::size_t node, const PixelRect& rect) const {
     const PixelRect& need = held_[node];
@@ -336,10 +380,17 @@ struct Tiling {
   // The node whose region is the largest part of columnBytes, and its bytes.
   std::size_t largestNode = 0;
   std::int64_t largestBytes = 0;
+  int threads = 1;
   std::int64_t columns(const PixelRect& bounds) const { return (bounds.width + width - 1) / width; }
-  // Working memory of the whole render: every column's evaluator keeps its buffers until the
-  // render ends.
-  std::int64_t bytes(const PixelRect& bounds) const { return columnBytes * columns(bounds); }
+  // Whether some node's buffer is carried from tile to tile: then every column's evaluator
+  // keeps its buffers until the render ends; otherwise a column gives them back after each run
+  // down a strip, and only the columns the threads run at once hold buffers.
+  bool carries() const { return std::find(keep.begin(), keep.end(), 1) != keep.end(); }
+  std::int64_t liveColumns(const PixelRect& bounds) const {
+    return carries() ? columns(bounds) : std::min<std::int64_t>(columns(bounds), threads);
+  }
+  // Working memory of the whole render.
+  std::int64_t bytes(const PixelRect& bounds) const { return columnBytes * liveColumns(bounds); }
 };
 
 // Bytes of all buffers of one tile's regions; raises `perNode` (sized like the plan) to each
@@ -367,11 +418,12 @@ const Regions& probeTiles(const Plan& plan, const PixelRect& bounds, std::int64_
   return steady;
 }
 
-Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, std::int64_t height) {
+Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, std::int64_t height, int threads) {
   Regions first, steady;
   const Regions& r = probeTiles(plan, bounds, width, height, first, steady);
   Tiling t{width, height, std::vector<char>(plan.nodes.size(), 0)};
   if (&r == &steady) t.keep = steady.carried;
+  t.threads = std::max(threads, 1);
   std::vector<std::int64_t> perNode(plan.nodes.size(), 0);
   t.columnBytes = regionBytes(first, perNode);
   if (&r == &steady) t.columnBytes = std::max(t.columnBytes, regionBytes(steady, perNode));
@@ -382,6 +434,18 @@ Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, s
     }
   }
   return t;
+}
+
+// The pixels all nodes compute when `bounds` is rendered as one tile: each node's extent within
+// what its consumers ask of it. Tiles compute the margins their neighbours share again, so a
+// tiled render computes at least this much.
+double pixelWork(const Plan& plan, const PixelRect& bounds) {
+  static const std::vector<PixelRect> none;
+  Regions whole;
+  computeRegions(plan, bounds, none, none, whole);
+  double pixels = 0;
+  for (const PixelRect& work : whole.work) pixels += double(work.area());
+  return pixels;
 }
 
 // The tiling of a render. A worker per column, so that each carries its own column's margins
@@ -395,55 +459,95 @@ Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, s
 Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, int threads, std::int64_t budget) {
   if (requested > 0) {
     const std::int64_t t = std::clamp(requested, 16, 8192);
-    return withKeep(plan, bounds, t, t);
+    return withKeep(plan, bounds, t, t, threads);
   }
   const std::int64_t tileBudget = std::min(kTileBudgetBytes, budget);
   std::int64_t leastBytes = -1, leastWidth = 0, leastHeight = 0;
   constexpr std::int64_t kMinTilePixels = 1 << 16;
-  static constexpr std::int64_t kHeights[] = {16, 32, 64, 128, 256, 512, 1024};
+  // Tiles lower than 16 rows are for nodes that read many input rows per output row (a large
+  // downscale): there a tile of a few rows already computes and reads enough pixels.
+  static constexpr std::int64_t kHeights[] = {1, 2, 4, 8, 16, 32, 64, 128, 256, 512, 1024};
   std::int64_t columns = std::clamp<std::int64_t>((bounds.width + 255) / 256, 1, std::max(threads, 1));
+  // A render narrower than a column per thread still gets one per thread (no narrower than 16
+  // pixels) when its nodes compute many pixels for each pixel of it: a downscale's work is in
+  // its input, which the columns then share.
+  if (columns < threads && bounds.width >= 32 && pixelWork(plan, bounds) >= kHeavyWorkPerPixel * double(bounds.area()))
+    columns = std::min<std::int64_t>(threads, bounds.width / 16);
   Regions first, steady;
-  for (;;) {
-    const std::int64_t width = (bounds.width + columns - 1) / columns;
+  // The best tile height for `cols` columns: the lowest tile whose cost is close to the best,
+  // of at least kMinTilePixels (or kMinTileWork for a heavy tile), within the tile budget.
+  struct Choice {
+    std::int64_t width = 0, height = 0;
+    double cost = 0;
+    bool fits = false;
+  };
+  auto choose = [&](std::int64_t cols) {
+    const std::int64_t width = (bounds.width + cols - 1) / cols;
     struct Probe {
       std::int64_t height;
       double cost;
+      bool heavy;
     };
     std::vector<Probe> probes;
-    bool fits = false;
     for (std::int64_t h : kHeights) {
       const Regions& r = probeTiles(plan, bounds, width, h, first, steady);
       const PixelRect& tile = r.needed[0];
+      // Columns whose nodes carry nothing from tile to tile give their buffers back after each
+      // run down a strip: only one per thread holds buffers at a time.
+      const bool carried = std::find(r.carried.begin(), r.carried.end(), 1) != r.carried.end();
+      const std::int64_t live = carried ? cols : std::min<std::int64_t>(cols, std::max(threads, 1));
       std::int64_t bytes = 0, pixels = 0;
+      bool heavy = false;
       for (std::size_t i = 0; i < r.needed.size(); ++i) {
-        bytes += r.needed[i].area() * 16 * columns;
+        bytes += r.needed[i].area() * 16 * live;
         pixels += r.work[i].area();
-        for (const PixelRect& roi : r.roi[i]) pixels += roi.area();
+        for (const PixelRect& roi : r.roi[i]) {
+          pixels += roi.area();
+          heavy = heavy || double(roi.area()) >= kHeavyReadRatio * double(std::max<std::int64_t>(1, r.work[i].area()));
+        }
       }
       if (leastBytes < 0 || bytes < leastBytes) {
         leastBytes = bytes;
         leastWidth = width;
         leastHeight = h;
       }
-      if (bytes > tileBudget) {
-        if (probes.empty()) probes.push_back({h, 0.0});
-        break;
-      }
-      fits = true;
-      probes.push_back({h, double(pixels) / double(tile.area())});
+      if (bytes > tileBudget) break;
+      probes.push_back({h, double(pixels) / double(tile.area()), heavy});
       if (h >= bounds.height) break;
     }
-    if (!fits && width > 16) {
+    Choice c{width, 0, 0.0, !probes.empty()};
+    if (!c.fits) return c;
+    double best = probes.front().cost;
+    for (const Probe& p : probes) best = std::min(best, p.cost);
+    c.height = probes.back().height;
+    c.cost = probes.back().cost;
+    for (const Probe& p : probes)
+      if (p.cost <= best * 1.1 && (p.height * width >= kMinTilePixels || p.height >= bounds.height ||
+                                   (p.heavy && p.cost * double(p.height * width) >= double(kMinTileWork)))) {
+        c.height = p.height;
+        c.cost = p.cost;
+        break;
+      }
+    return c;
+  };
+  for (;;) {
+    Choice c = choose(columns);
+    const std::int64_t width = (bounds.width + columns - 1) / columns;
+    if (!c.fits && width > 16) {
       columns *= 2;  // even the lowest tiles are over the budget: narrower columns
       continue;
     }
-    if (!fits) return withKeep(plan, bounds, leastWidth, leastHeight);
-    double best = probes.front().cost;
-    for (const Probe& p : probes) best = std::min(best, p.cost);
-    for (const Probe& p : probes)
-      if (p.cost <= best * 1.1 && (p.height * width >= kMinTilePixels || p.height >= bounds.height))
-        return withKeep(plan, bounds, width, p.height);
-    return withKeep(plan, bounds, width, probes.back().height);
+    if (!c.fits) return withKeep(plan, bounds, leastWidth, leastHeight, threads);
+    // Narrower columns (more than one per thread, no narrower than 256 pixels) where their
+    // tiles cost clearly less: the region of interest of a turned tile is its bounding box in
+    // the input, which grows with the tile's width times the sine of the angle.
+    while ((bounds.width + 2 * columns - 1) / (2 * columns) >= 256) {
+      const Choice n = choose(2 * columns);
+      if (!n.fits || n.cost > 0.97 * c.cost) break;
+      c = n;
+      columns *= 2;
+    }
+    return withKeep(plan, bounds, c.width, c.height, threads);
   }
 }
 
@@ -531,17 +635,6 @@ std::int64_t renderBytes(const Tiling& tiling, const PixelRect& bounds, bool toF
   return bytes;
 }
 
-// The pixels all nodes compute when `bounds` is rendered as one tile: each node's extent within
-// what its consumers ask of it. Tiles compute the margins their neighbours share again, so a
-// tiled render computes at least this much.
-double pixelWork(const Plan& plan, const PixelRect& bounds) {
-  static const std::vector<PixelRect> none;
-  Regions whole;
-  computeRegions(plan, bounds, none, none, whole);
-  double pixels = 0;
-  for (const PixelRect& work : whole.work) pixels += double(work.area());
-  return pixels;
-}
 
 // Refuses, before anything is rendered, a render whose nodes compute more than `maxWork` pixels,
 // or that needs more than `budget` bytes; names the node whose region is the largest part of
@@ -558,7 +651,7 @@ void checkBudget(const Plan& plan, const Tiling& tiling, const PixelRect& bounds
   }
   const std::int64_t bytes = renderBytes(tiling, bounds, toFile);
   if (bytes <= budget) return;
-  const std::int64_t largest = tiling.largestBytes * tiling.columns(bounds);
+  const std::int64_t largest = tiling.largestBytes * tiling.liveColumns(bounds);
   throw CIRenderBudgetError("rendering " + std::to_string(bounds.width) + "x" + std::to_string(bounds.height) +
                                 " pixels needs " + CIContext::formatBytes(bytes) +
                                 " of working memory, more than the budget of " + CIContext::formatBytes(budget) +
@@ -587,6 +680,7 @@ class ColumnRenderer {
         threads_(renderThreads(options)),
         tiling_(chooseTiling(plan, bounds, options.tileSize, threads_, budget)),
         columns_(std::size_t(tiling_.columns(bounds))),
+        release_(std::int64_t(columns_) > tiling_.liveColumns(bounds)),
         progress_(progress),
         arena_(threads_) {
     checkBudget(plan, tiling_, bounds, toFile, budget, maxWork);
@@ -618,16 +712,29 @@ class ColumnRenderer {
           store(evaluators_[c].evaluate(tile), rows, buffer, rowBytes, format, options_.colorManagement);
         progress_.tileDone();
       }
+      if (release_) evaluators_[c].releaseBuffers();
     };
     if (threads_ == 1 || columns_ == 1) {
       for (std::size_t c = 0; c < columns_; ++c) column(c);
       return;
     }
+    // The workers take the columns in order from the left, each the next one not taken: the
+    // input rows that neighbouring columns read lie close together (for a turned image they
+    // move steadily down the file across the strip), so that the workers read a file's strips
+    // close to each other and in order instead of from two far halves of the strip.
+    // A turned picture's strip reads a band of the file as high as the strip plus its width
+    // times the sine of the angle (807 rows of a 6000-pixel-wide picture turned by 5 degrees);
+    // what the strip cache's budget does not hold of it is decoded again by its restart from
+    // the top (skipping in the compressed domain), not kept in a window that would grow with
+    // the picture's width and the angle: 17 opens and 476 strip decodes for the 250 strips of
+    // that picture on two threads (bench/README.md, "One-filter pipelines").
+    std::atomic<std::size_t> next{0};
+    const std::size_t workers = std::min(columns_, std::size_t(threads_));
     arena_.execute([&] {
       tbb::parallel_for(
-          tbb::blocked_range<std::size_t>(0, columns_, 1),
-          [&](const tbb::blocked_range<std::size_t>& range) {
-            for (std::size_t c = range.begin(); c != range.end(); ++c) column(c);
+          tbb::blocked_range<std::size_t>(0, workers, 1),
+          [&](const tbb::blocked_range<std::size_t>&) {
+            for (std::size_t c = next++; c < columns_; c = next++) column(c);
           },
           tbb::simple_partitioner());
     });
@@ -676,6 +783,7 @@ class ColumnRenderer {
   int threads_;
   Tiling tiling_;
   std::size_t columns_;
+  bool release_;  // columns give their buffers back after each run down a strip
   Progress& progress_;
   RenderCache cache_;
   RenderInfo info_;
@@ -720,7 +828,7 @@ double CIContext::maxPixelWork() const {
 std::int64_t CIContext::workingMemory(const CIImage& image, const CGRect& bounds, bool toFile) const {
   const PixelRect b = renderBounds(image, bounds);
   if (b.empty()) return 0;
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   const Tiling tiling = chooseTiling(plan, b, options_.tileSize, renderThreads(options_), maxMemory());
   checkBudget(plan, tiling, b, toFile, maxMemory(), maxPixelWork());
   return renderBytes(tiling, b, toFile);
@@ -737,7 +845,7 @@ void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowByt
   }
   if (!buffer) throw CIRenderError("cannot render into a null buffer");
   if (rowBytes < b.width * bytesPerPixel(format)) throw CIRenderError("the buffer's rows are too short for the bounds");
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
   progress.total = renderer.tilesIn(b.height);
   renderer.render(b, buffer, rowBytes, format);
@@ -753,7 +861,7 @@ void CIContext::renderStrips(const CIImage& image, const CGRect& bounds, CIRende
     progress.finish();
     return;
   }
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
   const std::int64_t th = std::max<std::int64_t>(1, renderer.tiling().height);
   const std::int64_t wanted = std::max<std::int64_t>(1, minStripRows);
@@ -784,7 +892,7 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   if (type.empty()) throw CIRenderError("cannot write " + path + ": unknown file type (use .png, .jpg, .jpeg or .webp)");
   // The plan and its budget are checked before the file is created: a refused render leaves
   // nothing behind.
-  const Plan plan = makePlan(image.node().get());
+  const Plan plan = makePlan(image.node().get(), options_);
   Progress progress;
   progress.fn = options_.progress;
   ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), true, progress);

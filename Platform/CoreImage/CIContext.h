@@ -68,6 +68,14 @@ struct CIContextOptions {
   // bit for bit what rendering them gives, without rendering them. False renders every
   // pixel (as does QV_NO_PASS_THROUGH=1 in the environment, for comparisons).
   bool passThrough = true;
+  // Shrink on load: where a JPEG file's only consumer is a Lanczos downscale
+  // (CILanczosScaleTransform) by 1/4 or less, the file is decoded at the DCT scale of 1/2, 1/4
+  // or 1/8 that still leaves the Lanczos a downscale by at least 2, and the Lanczos resamples
+  // that decode onto the same output rectangle: up to 64 times fewer pixels decoded and
+  // converted. The pixels differ from the full decode's (the decoder averages its 8 × 8 blocks
+  // in the file's encoded values, not in linear light), by more than the golden-image tolerance
+  // at sharp edges of a grainy photo, hence off unless asked for.
+  bool fastShrink = false;
 };
 
 class CIContext {

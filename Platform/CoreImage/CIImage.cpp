@@ -109,8 +109,8 @@ CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
   const std::int64_t depth = props.count(kCGImagePropertyDepth) ? props.at(kCGImagePropertyDepth).integerValue() : 8;
   const auto alpha = props.find(kCGImagePropertyHasAlpha);
   const bool opaque = alpha != props.end() && !alpha->second.boolValue();
-  return CIImage(
-      std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8, opaque));
+  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8,
+                                            opaque, CGImageSourceGetType(src) == kUTTypeJPEG));
 }
 
 CIImage CIImage::imageWithImageProvider(std::shared_ptr<CIImageProvider> provider, std::size_t width,

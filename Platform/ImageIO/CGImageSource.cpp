@@ -237,11 +237,15 @@ class CGImageSource {
     return false;
   }
 
-  std::unique_ptr<RowReader> openRowReader(std::string& error) const {
+  std::unique_ptr<RowReader> openRowReader(std::string& error, int scaleDenominator) const {
     const std::uint8_t* d = bytes_.data();
     const std::size_t n = bytes_.size();
+    if (scaleDenominator != 1 && format_ != Format::JPEG) {
+      error = "only JPEG images can be decoded at a reduced scale";
+      return nullptr;
+    }
     switch (format_) {
-      case Format::JPEG: return openJPEGRowReader(d, n, error);
+      case Format::JPEG: return openJPEGRowReader(d, n, error, scaleDenominator);
       case Format::PNG: return openPNGRowReader(d, n, error);
       case Format::WebP:
         return openWholeImageRowReader(
@@ -619,10 +623,14 @@ bool CGImageSourceRowReader::skipRows(std::size_t count) { return reader_->skip(
 bool CGImageSourceRowReader::rewind() { return reader_->rewind(); }
 
 std::unique_ptr<CGImageSourceRowReader> CGImageSourceCreateRowReaderAtIndex(const CGImageSourceRef& source,
-                                                                            std::size_t index) {
+                                                                            std::size_t index, int scaleDenominator) {
   if (!checkIndex(source, index)) return nullptr;
+  if (scaleDenominator != 1 && scaleDenominator != 2 && scaleDenominator != 4 && scaleDenominator != 8) {
+    source->setError("the scale denominator of a decode is 1, 2, 4 or 8");
+    return nullptr;
+  }
   std::string error;
-  auto reader = source->openRowReader(error);
+  auto reader = source->openRowReader(error, scaleDenominator);
   if (!reader) {
     source->setError(error.empty() ? "cannot decode the image" : error);
     return nullptr;

@@ -151,6 +151,10 @@ class CGImageSourceRowReader {
   std::unique_ptr<imageio_detail::RowReader> reader_;
   std::string error_;
 };
-// Null on failure, with the reason in CGImageSourceGetLastError.
+// Null on failure, with the reason in CGImageSourceGetLastError. A JPEG can be read at a DCT
+// scale of 1/scaleDenominator (2, 4 or 8: ceil(width / denominator) × ceil(height /
+// denominator) pixels, each the average of its block as libjpeg's scaled inverse DCT makes it);
+// other formats only at 1.
 std::unique_ptr<CGImageSourceRowReader> CGImageSourceCreateRowReaderAtIndex(const CGImageSourceRef& source,
-                                                                            std::size_t index);
+                                                                            std::size_t index,
+                                                                            int scaleDenominator = 1);

@@ -88,8 +88,10 @@ class RowReader {
   std::string failure_;
 };
 
-// Each returns null with a one-line reason in `error`.
-std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error);
+// Each returns null with a one-line reason in `error`. The JPEG reader decodes at a DCT scale of
+// 1/scaleDenominator (2, 4 or 8; anything else: full size): ceil(width / denominator) columns.
+std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error,
+                                             int scaleDenominator = 1);
 std::unique_ptr<RowReader> openPNGRowReader(const std::uint8_t* data, std::size_t size, std::string& error);
 // Decodes the whole image at once through the sink-driven `decode` and hands out its rows.
 std::unique_ptr<RowReader> openWholeImageRowReader(const std::function<bool(RowSink&, std::string&)>& decode,

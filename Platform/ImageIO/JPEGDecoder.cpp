@@ -279,9 +279,9 @@ std::string statusText(const Decompressor& d, DecodeStatus status, std::size_t s
 // reads every scan into whole-image coefficient buffers.
 class JPEGRowReader final : public RowReader {
  public:
-  bool open(const std::uint8_t* data, std::size_t size, std::string& error) {
+  bool open(const std::uint8_t* data, std::size_t size, int denom, std::string& error) {
     DecodeStatus status = DecodeStatus::OK;
-    if (!runGuarded(d_.err.jump, [&] { status = startBody(d_, data, size, 1, cmyk_, inverted_); })) {
+    if (!runGuarded(d_.err.jump, [&] { status = startBody(d_, data, size, denom, cmyk_, inverted_); })) {
       error = std::string("corrupt JPEG: ") + d_.err.message;
       return false;
     }
@@ -352,9 +352,10 @@ bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest&
   return false;
 }
 
-std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error) {
+std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error,
+                                             int scaleDenominator) {
   auto reader = std::make_unique<JPEGRowReader>();
-  if (!reader->open(data, size, error)) return nullptr;
+  if (!reader->open(data, size, scaleDenominator, error)) return nullptr;
   return reader;
 }
 

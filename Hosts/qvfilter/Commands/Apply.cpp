@@ -31,6 +31,7 @@ struct ApplyOptions {
   bool extentOnly = false;
   bool progress = false;
   int threads = 0;
+  bool fastShrink = false;
   std::string maxMemory;
   std::string quality = "90";
   CLI::Option* filterOption = nullptr;
@@ -189,6 +190,7 @@ void runApply(const CLI::App& cmd, const ApplyOptions& options) {
   }
   CIContextOptions contextOptions;
   contextOptions.threads = options.threads;
+  contextOptions.fastShrink = options.fastShrink;
   contextOptions.maxMemory = maxMemory;
   if (options.progress || isatty(STDERR_FILENO)) {
     auto printer = std::make_shared<ProgressPrinter>();
@@ -234,6 +236,7 @@ const qv::CommandRegistration registration(30, [](CLI::App& app) {
                            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   cmd->add_flag("--extent", options->extentOnly, "Print the output extent (x y width height) without rendering");
   cmd->add_option("--threads", options->threads, "Render threads (0: one per core)")->check(CLI::Range(0, 256));
+  qv::addFastShrinkFlag(cmd, options->fastShrink);
   cmd->add_option("--quality", options->quality, "JPEG/WebP quality, 0 to 100");
   qv::addMaxMemoryOption(cmd, options->maxMemory);
   cmd->add_flag("--progress", options->progress, "Print progress on stderr even when it is not a terminal");

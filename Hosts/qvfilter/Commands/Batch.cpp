@@ -35,6 +35,7 @@ struct BatchOptions {
   const CLI::Option* qualityOption = nullptr;
   int jobs = 0;
   int threads = 1;
+  bool fastShrink = false;
   std::string maxMemory;
   bool skipExisting = false;
   std::string report;
@@ -140,6 +141,7 @@ int runBatch(const BatchOptions& options) {
   qvLoadPlugIns();
   qv::BatchFileOptions fileOptions;
   fileOptions.threads = options.threads;
+  fileOptions.fastShrink = options.fastShrink;
   fileOptions.skipExisting = options.skipExisting;
   const std::int64_t maxMemory =
       options.maxMemory.empty() ? CIContext::defaultMaxMemory() : qv::parseMemoryArgument(options.maxMemory);
@@ -250,6 +252,7 @@ const qv::CommandRegistration registration(45, [](CLI::App& app) {
       ->check(CLI::Range(1, 256));
   cmd->add_option("--threads", options->threads, "Render threads per file (default 1; 0: one per core)")
       ->check(CLI::Range(0, 256));
+  qv::addFastShrinkFlag(cmd, options->fastShrink);
   qv::addMaxMemoryOption(cmd, options->maxMemory);
   cmd->add_flag("--skip-existing", options->skipExisting, "Leave outputs that already exist alone (resume a batch)");
   cmd->add_option("--report", options->report, "Write a JSON report of every file's result here");

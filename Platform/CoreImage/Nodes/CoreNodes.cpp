@@ -527,24 +527,34 @@ void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>,
 
 // ---- FileNode ----
 
-FileNode::FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque)
+FileNode::FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque,
+                   bool jpeg)
     : ImageNode(CGRectMake(0, 0, double(width), double(height))),
       path_(std::move(path)),
       width_(width),
       height_(height),
       bits_(bitsPerComponent),
-      opaque_(opaque) {}
+      opaque_(opaque),
+      jpeg_(jpeg) {}
+
+std::shared_ptr<const FileNode> FileNode::reducedBy(int denominator) const {
+  const std::size_t d = std::size_t(denominator);
+  auto reduced = std::make_shared<FileNode>(path_, (width_ + d - 1) / d, (height_ + d - 1) / d, bits_, opaque_, jpeg_);
+  reduced->scaleDenominator_ = denominator;
+  return reduced;
+}
 
 std::shared_ptr<const StripCache> FileNode::stripCache(const RenderInfo& info) const {
   auto make = [this] {
     const std::string path = path_;
-    auto open = [path](std::string& error) -> std::unique_ptr<CGImageSourceRowReader> {
+    const int denominator = scaleDenominator_;
+    auto open = [path, denominator](std::string& error) -> std::unique_ptr<CGImageSourceRowReader> {
       auto src = CGImageSourceCreateWithURL(path);
       if (!src) {
         error = CGImageSourceGetCreateError();
         return nullptr;
       }
-      auto reader = CGImageSourceCreateRowReaderAtIndex(src, 0);
+      auto reader = CGImageSourceCreateRowReaderAtIndex(src, 0, denominator);
       if (!reader) error = CGImageSourceGetLastError(src);
       return reader;
     };

@@ -178,8 +178,10 @@ class StripCache;
 class FileNode final : public ImageNode {
  public:
   // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8); opaque: the file has no
-  // alpha (every decoded alpha is 255).
-  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque = false);
+  // alpha (every decoded alpha is 255); jpeg: the file can be decoded at a reduced DCT scale
+  // (see reducedBy).
+  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque = false,
+           bool jpeg = false);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   // Its strips are decoded once per render for every reader (the strip cache is the node's).
   bool rendersAgainCheaply() const override { return true; }
@@ -190,6 +192,11 @@ class FileNode final : public ImageNode {
   std::string name() const override { return "file"; }
   bool writesEveryPixel() const override { return true; }
   const std::string& path() const { return path_; }
+  // Whether reducedBy may be asked for: a JPEG file decoded at full size.
+  bool reducible() const { return jpeg_ && scaleDenominator_ == 1 && bits_ == 8; }
+  // The same file decoded at a DCT scale of 1/denominator (2, 4 or 8): ceil(width / denominator)
+  // × ceil(height / denominator) pixels, each the average of its block of the full picture.
+  std::shared_ptr<const FileNode> reducedBy(int denominator) const;
 
  private:
   std::shared_ptr<const StripCache> stripCache(const RenderInfo& info) const;
@@ -197,4 +204,6 @@ class FileNode final : public ImageNode {
   std::size_t width_, height_;
   int bits_;
   bool opaque_;
+  bool jpeg_;
+  int scaleDenominator_ = 1;
 };

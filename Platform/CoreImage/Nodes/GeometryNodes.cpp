@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <vector>
 
 namespace {
@@ -38,7 +39,7 @@ struct Taps {
 Taps tapsFor(const LanczosScaleNode::Axis& a, std::int64_t X) {
   Taps t;
   const double c = a.centre(X);
-  const std::int64_t i0 = std::int64_t(std::floor(c - a.support - 0.5)), i1 = std::int64_t(std::ceil(c + a.support - 0.5));
+  const std::int64_t i0 = a.first(X), i1 = a.end(X) - 1;
   t.first = i0;
   std::vector<double> w;
   double sum = 0;
@@ -112,47 +113,150 @@ LanczosScaleNode::Setup LanczosScaleNode::setup(const CGRect& in, double sx, dou
 LanczosScaleNode::LanczosScaleNode(CIImage input, double sx, double sy)
     : LanczosScaleNode(input, setup(input.extent(), sx, sy)) {}
 
-PixelRect LanczosScaleNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
-  if (rect.empty()) return {};
-  auto range = [](const Axis& a, std::int64_t lo, std::int64_t hi) {
-    const double c0 = a.centre(lo), c1 = a.centre(hi - 1);
-    return std::pair<std::int64_t, std::int64_t>{std::int64_t(std::floor(c0 - a.support - 0.5)),
-                                                 std::int64_t(std::ceil(c1 + a.support - 0.5)) + 1};
+LanczosScaleNode::LanczosScaleNode(CIImage input, const Setup& s)
+    : ImageNode(s.extent, {input}), ax_(s.ax), ay_(s.ay), inputPixels_(PixelRect::covering(input.extent())) {}
+
+LanczosScaleNode::LanczosScaleNode(CIImage reduced, const LanczosScaleNode& original)
+    : ImageNode(original.extent(), {reduced}), ax_(original.ax_), ay_(original.ay_),
+      inputPixels_(PixelRect::covering(reduced.extent())) {
+  const CGRect in = reduced.extent();
+  auto axis = [](Axis& a, double min, double size, std::int64_t outSize) {
+    a.inOrigin = min;
+    a.step = size / double(outSize);
+    a.filterScale = std::max(1.0, a.step);
+    a.support = 3.0 * a.filterScale;
   };
-  const auto [x0, x1] = range(ax_, rect.x, rect.maxX());
-  const auto [y0, y1] = range(ay_, rect.y, rect.maxY());
-  return {x0, y0, x1 - x0, y1 - y0};
+  const PixelRect out = PixelRect::covering(original.extent());
+  axis(ax_, CGRectGetMinX(in), CGRectGetWidth(in), out.width);
+  axis(ay_, CGRectGetMinY(in), CGRectGetHeight(in), out.height);
 }
 
-void LanczosScaleNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
+int LanczosScaleNode::shrinkOnLoadDenominator(double scaleX, double scaleY) {
+  const double s = std::max(scaleX, scaleY);
+  if (!(s > 0)) return 1;
+  for (int d : {8, 4, 2})
+    if (s * d <= 0.5) return d;
+  return 1;
+}
+
+std::int64_t LanczosScaleNode::Axis::first(std::int64_t X) const {
+  return std::int64_t(std::floor(centre(X) - support - 0.5));
+}
+
+std::int64_t LanczosScaleNode::Axis::end(std::int64_t X) const {
+  return std::int64_t(std::ceil(centre(X) + support - 0.5)) + 1;
+}
+
+PixelRect LanczosScaleNode::inputRows(const PixelRect& rect, std::int64_t first, std::int64_t end) const {
+  if (rect.empty() || end <= first) return {};
+  const std::int64_t x0 = ax_.first(rect.x), x1 = ax_.end(rect.maxX() - 1);
+  // Outside the input's pixels everything is transparent and adds nothing: not asked for.
+  return PixelRect{x0, first, x1 - x0, end - first}.intersection(inputPixels_);
+}
+
+PixelRect LanczosScaleNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
+  if (rect.empty()) return {};
+  return inputRows(rect, ay_.first(rect.y), ay_.end(rect.maxY() - 1));
+}
+
+// The tile above (the same columns, its bottom row at rect.maxY()) has read every input row
+// from ay_.first(rect.maxY()) up: only the rows below those are new.
+PixelRect LanczosScaleNode::regionOfInterestBelow(std::size_t, const PixelRect& rect) const {
+  if (rect.empty()) return {};
+  return inputRows(rect, ay_.first(rect.y), ay_.first(rect.maxY()));
+}
+
+// A column's stream: the horizontal taps of its output columns and the horizontally filtered
+// input rows [bottom, top) that output rows further down still read, row `top - 1` first.
+struct LanczosScaleNode::Stream {
+  PixelRect last;  // the output rows rendered last
+  std::vector<std::int64_t> first;  // per output column, its first tap's input column
+  std::vector<std::uint32_t> offset, count;  // per output column, its weights in `weight`
+  std::vector<float> weight;
+  std::int64_t top = 0, bottom = 0;
+  std::deque<std::vector<float>> rows;  // rows[k] is input row top - 1 - k
+
+  const float* row(std::int64_t j) const { return rows[std::size_t(top - 1 - j)].data(); }
+};
+
+void LanczosScaleNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const {
   const ConstPixelTile& src = in[0];
-  if (src.rect.empty()) return;
-  std::vector<Taps> cols(std::size_t(out.rect.width));
-  for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X) cols[std::size_t(X - out.rect.x)] = tapsFor(ax_, X);
-  std::vector<float> temp(std::size_t(src.rect.width) * 4);
-  for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
-    // Vertical pass into one row of input columns.
-    const Taps rows = tapsFor(ay_, Y);
-    std::fill(temp.begin(), temp.end(), 0.0f);
-    for (std::size_t k = 0; k < rows.w.size(); ++k) {
-      const std::int64_t j = rows.first + std::int64_t(k);
-      const float w = rows.w[k];
-      if (w == 0.0f || j < src.rect.y || j >= src.rect.maxY()) continue;
-      const float* p = src.row(j);
-      for (std::size_t i = 0; i < temp.size(); ++i) temp[i] += w * p[i];
+  std::shared_ptr<void> local;
+  std::shared_ptr<void>& slot = info.state ? *info.state : local;
+  auto* stream = static_cast<Stream*>(slot.get());
+  const bool continuing = stream && !stream->last.empty() && stream->last.x == out.rect.x &&
+                          stream->last.width == out.rect.width && stream->last.y == out.rect.maxY();
+  if (!continuing) {
+    auto fresh = std::make_shared<Stream>();
+    stream = fresh.get();
+    slot = std::move(fresh);
+    // Horizontal taps of the column, cut to the input columns that hold pixels (the others are
+    // transparent: leaving them out changes no sum).
+    const std::int64_t lo = src.rect.x, hi = src.rect.maxX();
+    for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X) {
+      const Taps t = tapsFor(ax_, X);
+      const std::int64_t a = std::max(lo, t.first), b = std::min(hi, t.first + std::int64_t(t.w.size()));
+      stream->first.push_back(a);
+      stream->offset.push_back(std::uint32_t(stream->weight.size()));
+      stream->count.push_back(std::uint32_t(std::max<std::int64_t>(0, b - a)));
+      for (std::int64_t i = a; i < b; ++i) stream->weight.push_back(t.w[std::size_t(i - t.first)]);
     }
-    // Horizontal pass.
-    float* o = out.at(out.rect.x, Y);
-    for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X, o += 4) {
-      const Taps& c = cols[std::size_t(X - out.rect.x)];
-      float acc[4] = {0, 0, 0, 0};
-      for (std::size_t k = 0; k < c.w.size(); ++k) {
-        const std::int64_t i = c.first + std::int64_t(k);
-        if (i < src.rect.x || i >= src.rect.maxX()) continue;
-        const float* p = &temp[std::size_t(i - src.rect.x) * 4];
-        for (int q = 0; q < 4; ++q) acc[q] += c.w[k] * p[q];
+    stream->top = stream->bottom = src.rect.empty() ? inputPixels_.maxY() : src.rect.maxY();
+  }
+  stream->last = out.rect;
+
+  // The new input rows, top down, each filtered to the column's output pixels.
+  const std::size_t columns = std::size_t(out.rect.width);
+  if (!src.rect.empty()) {
+    for (std::int64_t j = src.rect.maxY() - 1; j >= src.rect.y; --j) {
+      if (j >= stream->bottom) continue;  // cannot happen for a tile straight below; kept safe
+      std::vector<float> filtered(columns * 4);
+      const float* base = src.row(j) - src.rect.x * 4;
+      for (std::size_t X = 0; X < columns; ++X) {
+        const float* w = stream->weight.data() + stream->offset[X];
+        const float* p = base + stream->first[X] * 4;
+        float a0 = 0, a1 = 0, a2 = 0, a3 = 0;
+        for (std::uint32_t k = 0, n = stream->count[X]; k < n; ++k, p += 4) {
+          a0 += w[k] * p[0];
+          a1 += w[k] * p[1];
+          a2 += w[k] * p[2];
+          a3 += w[k] * p[3];
+        }
+        float* o = &filtered[X * 4];
+        o[0] = a0;
+        o[1] = a1;
+        o[2] = a2;
+        o[3] = a3;
       }
-      std::memcpy(o, acc, sizeof acc);
+      if (stream->rows.empty()) stream->top = j + 1;
+      stream->rows.push_back(std::move(filtered));
+      stream->bottom = j;
     }
   }
+
+  // The vertical pass: every output row sums the filtered rows of its taps in tap order.
+  std::vector<float> acc(columns * 4);
+  for (std::int64_t Y = out.rect.maxY() - 1; Y >= out.rect.y; --Y) {
+    const Taps t = tapsFor(ay_, Y);
+    std::fill(acc.begin(), acc.end(), 0.0f);
+    bool any = false;
+    for (std::size_t k = 0; k < t.w.size(); ++k) {
+      const std::int64_t j = t.first + std::int64_t(k);
+      const float w = t.w[k];
+      if (w == 0.0f || j < stream->bottom || j >= stream->top) continue;  // outside: transparent
+      any = true;
+      const float* p = stream->row(j);
+      float* a = acc.data();
+      for (std::size_t i = 0, n = acc.size(); i < n; ++i) a[i] += w * p[i];
+    }
+    if (any) std::memcpy(out.at(out.rect.x, Y), acc.data(), acc.size() * sizeof(float));
+  }
+
+  // Rows above what the next output row reads are not needed again in this column.
+  const std::int64_t keepBelow = ay_.end(out.rect.y - 1);
+  while (!stream->rows.empty() && stream->top > keepBelow) {
+    stream->rows.pop_front();
+    --stream->top;
+  }
+  if (stream->rows.empty()) stream->top = stream->bottom;
 }

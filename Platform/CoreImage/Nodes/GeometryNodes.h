@@ -26,10 +26,20 @@ class TileNode final : public ImageNode {
 // rectangle from round(x·sx) with round(width·sx) columns (at least one), likewise for y, and
 // the input extent is mapped exactly onto it; an infinite input is scaled about the origin.
 // When shrinking, the kernel is widened by the shrink factor so every input pixel contributes.
+//
+// The rescale streams down a column of tiles: every input row is filtered horizontally once,
+// to the column's output pixels, and kept in the column's render state for as long as an output
+// row below still needs it; the vertical pass combines those rows. A tile straight below the
+// one rendered last asks only for the input rows not read yet, so a downscale by s holds about
+// s input rows of the column's width per output row instead of the 6·s of its kernel, and the
+// pixels do not depend on the tiling (each output pixel sums the same filtered rows in the same
+// order).
 class LanczosScaleNode final : public ImageNode {
  public:
   LanczosScaleNode(CIImage input, double sx, double sy);
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
+  PixelRect regionOfInterestBelow(std::size_t index, const PixelRect& rect) const override;
+  bool continuesDown() const override { return true; }
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "lanczosScale"; }
 
@@ -38,14 +48,34 @@ class LanczosScaleNode final : public ImageNode {
     double inOrigin = 0, outOrigin = 0, step = 1;  // input position of output coordinate X: inOrigin + (X - outOrigin)·step
     double filterScale = 1, support = 3;           // kernel widening (≥ 1) and radius in input pixels
     double centre(std::int64_t X) const { return inOrigin + (double(X) + 0.5 - outOrigin) * step; }
+    // The first and one past the last input index that output index X reads.
+    std::int64_t first(std::int64_t X) const;
+    std::int64_t end(std::int64_t X) const;
   };
+  // The input's scale factors (output pixels per input pixel) along x and y.
+  double scaleX() const { return 1.0 / ax_.step; }
+  double scaleY() const { return 1.0 / ay_.step; }
+
+  // Shrink on load: the same output rectangle resampled from `reduced`, a smaller decode of
+  // this node's input (a JPEG decoded at a DCT scale), whose extent is mapped exactly onto it.
+  LanczosScaleNode(CIImage reduced, const LanczosScaleNode& original);
+  // The DCT scale denominator (1, 2, 4 or 8) of a decode that may stand in for the input of a
+  // rescale by (scaleX, scaleY): the largest that still leaves a Lanczos downscale by at least
+  // 2 on both axes, so that the rescale still decides every output pixel from many decoded
+  // ones (the decoder's block averages only replace the first, finest part of the shrink).
+  static int shrinkOnLoadDenominator(double scaleX, double scaleY);
 
  private:
   struct Setup {
     CGRect extent;
     Axis ax, ay;
   };
+  struct Stream;
   static Setup setup(const CGRect& in, double sx, double sy);
-  LanczosScaleNode(CIImage input, const Setup& s) : ImageNode(s.extent, {std::move(input)}), ax_(s.ax), ay_(s.ay) {}
+  LanczosScaleNode(CIImage input, const Setup& s);
+  // The input rows [first, end) clipped to the input's pixels, with the columns that `rect`
+  // reads; empty when none of them holds pixels.
+  PixelRect inputRows(const PixelRect& rect, std::int64_t first, std::int64_t end) const;
   Axis ax_, ay_;
+  PixelRect inputPixels_;  // the pixels the input's extent touches (clamped when infinite)
 };

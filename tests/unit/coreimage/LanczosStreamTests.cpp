@@ -1,0 +1,213 @@
+// The Lanczos rescale streams down columns of tiles: each input row is filtered horizontally
+// once and kept while output rows below still read it, a tile straight below asks only for the
+// input rows not read yet. The pixels must not depend on any of it, and a large downscale must
+// render in little memory, split between the threads.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "CoreImage/CIColor.h"
+#include "CoreImage/CIContext.h"
+#include "CoreImage/CIFilter.h"
+#include "CoreImage/ImageNode.h"
+#include "CoreImage/Nodes/GeometryNodes.h"
+#include "RenderSupport.h"
+
+namespace {
+
+CIContextOptions tiles(int tileSize, int threads) {
+  CIContextOptions o;
+  o.tileSize = tileSize;
+  o.threads = threads;
+  return o;
+}
+
+CIImage scaled(const CIImage& input, double sx, double sy) {
+  return CIImage(std::make_shared<LanczosScaleNode>(input, sx, sy));
+}
+
+// Renders the image's extent in one tile, in square tiles of 16 and 17 on one and two threads,
+// and with the tiling the context chooses, and expects the same bits everywhere.
+void expectSameAcrossTilings(const CIImage& image) {
+  const CGRect rect = image.extent();
+  const auto whole = renderRGBAf(image, rect, tiles(8192, 1));
+  for (int tile : {16, 17}) {
+    for (int threads : {1, 2}) {
+      SCOPED_TRACE(testing::Message() << "tile " << tile << ", threads " << threads);
+      const auto tiled = renderRGBAf(image, rect, tiles(tile, threads));
+      EXPECT_TRUE(bitwiseEqual(whole, tiled)) << "max difference " << maxAbsDifference(whole, tiled);
+    }
+  }
+  const auto chosen = renderRGBAf(image, rect, tiles(0, 2));
+  EXPECT_TRUE(bitwiseEqual(whole, chosen)) << "max difference " << maxAbsDifference(whole, chosen);
+}
+
+double lanczos3(double x) {
+  x = std::fabs(x);
+  if (x < 1e-12) return 1.0;
+  if (x >= 3.0) return 0.0;
+  return 3.0 * std::sin(M_PI * x) * std::sin(M_PI * x / 3.0) / (M_PI * M_PI * x * x);
+}
+
+// The plain two-dimensional formula in double precision: output pixel (X, Y) of a rescale of
+// `pixels` (w × h, row 0 on top, origin 0) by s to ow × oh, the kernel widened by 1/s when
+// shrinking.
+std::array<double, 4> oracle(const std::vector<float>& pixels, int w, int h, double s, int ow, int oh, int X, int Y) {
+  auto axis = [s](int size, int out, int i) {
+    const double step = double(size) / double(out), scale = std::max(1.0, 1.0 / s);
+    const double c = (double(i) + 0.5) * step;
+    std::vector<double> wt(static_cast<std::size_t>(size));
+    double sum = 0;
+    for (int k = 0; k < size; ++k) sum += wt[std::size_t(k)] = lanczos3((double(k) + 0.5 - c) / scale);
+    // Taps outside the picture are transparent: they count in the normalisation.
+    const std::int64_t lo = std::int64_t(std::floor(c - 3 * scale - 0.5)), hi = std::int64_t(std::ceil(c + 3 * scale - 0.5));
+    for (std::int64_t k = lo; k <= hi; ++k)
+      if (k < 0 || k >= size) sum += lanczos3((double(k) + 0.5 - c) / scale);
+    for (double& v : wt) v /= sum;
+    return wt;
+  };
+  const auto wx = axis(w, ow, X), wy = axis(h, oh, Y);
+  std::array<double, 4> acc{};
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int k = 0; k < 4; ++k)
+        acc[std::size_t(k)] += wx[std::size_t(x)] * wy[std::size_t(y)] *
+                               pixels[(std::size_t(h - 1 - y) * std::size_t(w) + std::size_t(x)) * 4 + std::size_t(k)];
+  return acc;
+}
+
+}  // namespace
+
+TEST(LanczosStream, DownscaleOfOddSizesIsTheSameInEveryTiling) {
+  const CIImage img = makeTestImageWithAlpha(97, 61, CGPointMake(3, -5), 11);
+  expectSameAcrossTilings(scaled(img, 1 / 3.7, 1 / 3.7));
+  expectSameAcrossTilings(scaled(img, 0.5, 0.2));
+}
+
+TEST(LanczosStream, UpscaleAndMixedScalesAreTheSameInEveryTiling) {
+  const CIImage img = makeTestImage(23, 19, CGPointMake(-2, 7), 12);
+  expectSameAcrossTilings(scaled(img, 2.3, 2.3));
+  expectSameAcrossTilings(scaled(img, 3.0, 0.45));
+  expectSameAcrossTilings(scaled(img, 0.45, 3.0));
+}
+
+TEST(LanczosStream, OnePixelImages) {
+  const CIImage dot = makeTestImageWithAlpha(1, 1, CGPointMake(4, 4), 13);
+  const CIImage up = scaled(dot, 7, 7);
+  EXPECT_EQ(up.extent(), CGRectMake(28, 28, 7, 7));
+  expectSameAcrossTilings(up);
+  // At the centre of the one pixel (output pixel 31 of 28..35 maps to input centre 4.5) the
+  // kernel's weight of every other tap is zero: the pixel's own value.
+  const auto centre = renderRGBAf(up, CGRectMake(31, 31, 1, 1));
+  const auto source = renderRGBAf(dot, CGRectMake(4, 4, 1, 1));
+  for (int k = 0; k < 4; ++k) EXPECT_NEAR(centre[std::size_t(k)], source[std::size_t(k)], 1e-6f);
+  expectSameAcrossTilings(scaled(makeTestImage(1, 50, {}, 14), 1.0, 0.1));
+  expectSameAcrossTilings(scaled(makeTestImage(50, 1, {}, 15), 0.1, 1.0));
+  // Shrunk to one pixel: at least one pixel remains.
+  const CIImage tiny = scaled(makeTestImage(9, 9, {}, 16), 0.01, 0.01);
+  EXPECT_EQ(tiny.extent(), CGRectMake(0, 0, 1, 1));
+  expectSameAcrossTilings(tiny);
+}
+
+TEST(LanczosStream, MatchesTheTwoDimensionalFormula) {
+  const int w = 41, h = 37;
+  const std::vector<float> pixels = makeTestPixels(w, h, 17, true);
+  const CIImage img = CIImage::imageWithRGBAf(pixels.data(), w, h);
+  for (double s : {0.3, 1.7}) {
+    SCOPED_TRACE(s);
+    const CIImage out = scaled(img, s, s);
+    const int ow = int(out.extent().size.width), oh = int(out.extent().size.height);
+    const auto got = renderRGBAf(out, out.extent(), tiles(16, 2));  // row 0 on top
+    for (int Y = 0; Y < oh; Y += 3)
+      for (int X = 0; X < ow; X += 2) {
+        const auto want = oracle(pixels, w, h, s, ow, oh, X, Y);
+        for (int k = 0; k < 4; ++k)
+          ASSERT_NEAR(got[(std::size_t(oh - 1 - Y) * std::size_t(ow) + std::size_t(X)) * 4 + std::size_t(k)],
+                      want[std::size_t(k)], 2e-5)
+              << "at " << X << "," << Y;
+      }
+  }
+}
+
+TEST(LanczosStream, ContinuedColumnEqualsAFreshStart) {
+  // Drives the node directly: the tile below continued from the state the tile above left, and
+  // the same tile rendered afresh, give the same rows; the continued tile reads only rows the
+  // tile above did not.
+  const CIImage img = makeTestImageWithAlpha(120, 90, {}, 18);
+  const LanczosScaleNode node(img, 0.23, 0.31);
+  const PixelRect above{3, 14, 21, 9}, below{3, 6, 21, 8};
+  auto inputFor = [&](const PixelRect& roi, std::vector<float>& store) {
+    // Rendered top row first; the node wants row 0 at the bottom.
+    const auto top = renderRGBAf(img, roi.cgRect());
+    store.resize(top.size());
+    const std::size_t row = std::size_t(roi.width) * 4;
+    for (std::int64_t r = 0; r < roi.height; ++r)
+      std::copy_n(top.data() + std::size_t(roi.height - 1 - r) * row, row, store.data() + std::size_t(r) * row);
+    return ConstPixelTile{store.data(), roi, roi.width * 4};
+  };
+  auto renderTile = [&](const PixelRect& rect, const PixelRect& roi, std::shared_ptr<void>& state) {
+    std::vector<float> in;
+    const ConstPixelTile tile = inputFor(roi, in);
+    std::vector<float> out(std::size_t(rect.area()) * 4, 0.0f);
+    RenderInfo info;
+    info.state = &state;
+    node.render(PixelTile{out.data(), rect, rect.width * 4}, std::span<const ConstPixelTile>(&tile, 1), info);
+    return out;
+  };
+  std::shared_ptr<void> column, fresh;
+  renderTile(above, node.regionOfInterest(0, above), column);
+  const PixelRect newRows = node.regionOfInterestBelow(0, below);
+  const PixelRect allRows = node.regionOfInterest(0, below);
+  EXPECT_LT(newRows.height, allRows.height);
+  EXPECT_EQ(newRows.maxY(), node.regionOfInterest(0, above).y);
+  const auto continued = renderTile(below, newRows, column);
+  const auto afresh = renderTile(below, allRows, fresh);
+  EXPECT_TRUE(bitwiseEqual(continued, afresh)) << "max difference " << maxAbsDifference(continued, afresh);
+}
+
+TEST(LanczosStream, LargeDownscaleRendersInLittleMemoryOnEveryThread) {
+  // A 6000 × 4000 picture to 200 × 133: the rescale holds a few input rows per output row,
+  // not the whole kernel's 180 rows of the full width.
+  const CIImage big = CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.9, 1))
+                          .imageByCroppingToRect(CGRectMake(0, 0, 6000, 4000));
+  const CIImage small = scaled(big, 1 / 30.0, 1 / 30.0);
+  ASSERT_EQ(small.extent(), CGRectMake(0, 0, 200, 133));
+  for (int threads : {1, 2}) {
+    const CIContext context(tiles(0, threads));
+    EXPECT_LT(context.workingMemory(small, small.extent()), std::int64_t{16} << 20) << threads << " threads";
+  }
+  // Twice the picture's size to the same output: the first tile of a column holds the rows of
+  // one output row's kernel (3 times the shrink below its centre) over the picture's width, so
+  // that part grows with the width times the shrink; it stays within four times.
+  const CIImage bigger = CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.9, 1))
+                             .imageByCroppingToRect(CGRectMake(0, 0, 12000, 8000));
+  const CIImage smaller = scaled(bigger, 1 / 60.0, 1 / 60.0);
+  const CIContext two(tiles(0, 2));
+  EXPECT_LT(two.workingMemory(smaller, smaller.extent()), 4 * two.workingMemory(small, small.extent()));
+}
+
+TEST(LanczosStream, QuarterDownscaleRendersInLowTiles) {
+  // 6000 × 4000 to 1500 × 1000: wide enough for a column per thread, and still each tile's
+  // input rows are four times its own; low tiles keep them few.
+  const CIImage big = CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.9, 1))
+                          .imageByCroppingToRect(CGRectMake(0, 0, 6000, 4000));
+  const CIImage quarter = scaled(big, 0.25, 0.25);
+  for (int threads : {1, 2}) {
+    const CIContext context(tiles(0, threads));
+    EXPECT_LT(context.workingMemory(quarter, quarter.extent()), std::int64_t{16} << 20) << threads << " threads";
+  }
+}
+
+TEST(LanczosStream, TurnedPictureRendersInNarrowColumns) {
+  // A turned 6000 × 4000 picture: the region of interest of a tile is its bounding box in the
+  // input, so narrow columns hold far less than one column per thread would.
+  const CIImage big = CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.9, 1))
+                          .imageByCroppingToRect(CGRectMake(0, 0, 6000, 4000));
+  const CIImage turned = big.imageByApplyingTransform(CGAffineTransformMakeRotation(0.0872664626));
+  for (int threads : {1, 2}) {
+    const CIContext context(tiles(0, threads));
+    EXPECT_LT(context.workingMemory(turned, turned.extent()), std::int64_t{16} << 20) << threads << " threads";
+  }
+}
