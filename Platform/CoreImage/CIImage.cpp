@@ -89,10 +89,12 @@ CIImage CIImage::emptyImage() {
   return empty;
 }
 
-CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
+CIImage CIImage::imageWithContentsOfFile(const std::string& path) { return imageWithContentsOfFile(path, {}); }
+
+CIImage CIImage::imageWithContentsOfFile(const std::string& path, const Dictionary& options) {
   // The header is read now (size, and whether the file is an image at all); pixels are decoded
-  // as tiles read them. The file's EXIF orientation is not applied: the image is the stored
-  // pixels, as the platform's image-from-file does without an orientation option.
+  // as tiles read them. The file's EXIF orientation is applied only when the options ask:
+  // otherwise the image is the stored pixels, as the platform's image-from-file does.
   auto src = CGImageSourceCreateWithURL(path);
   if (!src || CGImageSourceGetCount(src) < 1) return {};
   const Dictionary props = CGImageSourceCopyPropertiesAtIndex(src, 0);
@@ -101,7 +103,13 @@ CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
   const std::int64_t width = w->second.integerValue(), height = h->second.integerValue();
   if (width <= 0 || height <= 0) return {};
   const std::int64_t depth = props.count(kCGImagePropertyDepth) ? props.at(kCGImagePropertyDepth).integerValue() : 8;
-  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8));
+  const auto apply = options.find(kCIImageApplyOrientationProperty);
+  const auto stored = props.find(kCGImagePropertyOrientation);
+  const int orientation = apply != options.end() && apply->second.boolValue() && stored != props.end()
+                              ? int(stored->second.integerValue())
+                              : 1;
+  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8,
+                                            orientation));
 }
 
 CIImage CIImage::imageWithImageProvider(std::shared_ptr<CIImageProvider> provider, std::size_t width,

@@ -154,14 +154,17 @@ class ProviderNode final : public ImageNode {
 // tile reads are converted to working floats. The stored pixels, not oriented.
 class FileNode final : public ImageNode {
  public:
-  // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8).
-  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent);
+  // width, height: of the file's stored pixels; bitsPerComponent: of the decoded rows (16 for
+  // 16-bit PNGs, else 8); orientation: the EXIF orientation (1 to 8) the image shows the
+  // stored pixels in (1: as stored; 5 to 8 swap width and height).
+  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, int orientation = 1);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "file"; }
   const std::string& path() const { return path_; }
+  int orientation() const { return orientation_; }
 
  private:
   std::string path_;
   std::size_t width_, height_;
-  int bits_;
+  int bits_, orientation_;
 };
