@@ -29,17 +29,32 @@ namespace {
 
 // The largest buffer one node may need for one tile (pixels): 1 GiB of working floats.
 constexpr std::int64_t kMaxBufferPixels = std::int64_t{1} << 26;
-// The budget of all buffers of one tile when choosing the tile size (bytes): what keeps the
-// working set small enough to be fast. The memory budget of the context is the hard limit.
+// The budget of all buffers of one row of tiles (all columns together) when choosing the tile
+// size (bytes): what keeps the working set small enough to be fast. The memory budget of the
+// context is the hard limit.
 constexpr std::int64_t kTileBudgetBytes = std::int64_t{64} << 20;
 // A tile in which some node reads at least kHeavyReadRatio input pixels per pixel it computes
 // (a downscale) is worth its overhead from kMinTileWork pixels computed and read on, even when
-// it holds fewer than kMinTilePixels of output: lower tiles hold fewer input rows at once.
+// its row of tiles holds fewer than kMinTileRowPixels: lower tiles hold fewer input rows at once.
 constexpr double kHeavyReadRatio = 8.0;
 constexpr std::int64_t kMinTileWork = std::int64_t{1} << 18;
 // The pixels per output pixel from which a render counts as heavy (a large downscale): then a
 // narrow render is still split into one column per thread.
 constexpr double kHeavyWorkPerPixel = 16.0;
+// What the buffers of one row of tiles should hold where the graph allows (bytes): the tile
+// height is chosen within it, so that twice as wide a picture gets tiles of about half the
+// rows, not twice the memory.
+constexpr std::int64_t kTileTargetBytes = std::int64_t{16} << 20;
+// The least pixels of one row of tiles (all columns together) the tile-height probe settles
+// for: below that the work per tile (regions, strip look-ups, one call per node) outweighs the
+// pixels. Counted across the row, not per tile, so that the row's bytes stay the same when a
+// wider picture has more columns.
+constexpr std::int64_t kMinTileRowPixels = std::int64_t{1} << 17;
+// The widest column of tiles (pixels) the tiling chooses by itself.
+constexpr std::int64_t kMaxColumnPixels = 4096;
+// Bytes of one strip handed to the encoder (8-bit RGBA): two of them are held, one encoding
+// while the next renders. In bytes, not rows, so that a wider picture gets shorter strips.
+constexpr std::int64_t kEncoderStripBytes = std::int64_t{3} << 20;
 // Bytes of one working pixel: four floats.
 constexpr std::int64_t kWorkingPixelBytes = 16;
 // The largest image the renderer accepts in one call (pixels).
@@ -449,33 +464,43 @@ double pixelWork(const Plan& plan, const PixelRect& bounds) {
 }
 
 // The tiling of a render. A worker per column, so that each carries its own column's margins
-// from tile to tile; columns no narrower than 256 pixels (narrower when the budget demands).
+// from tile to tile; columns no narrower than 256 pixels (narrower when the budget demands)
+// and no wider than kMaxColumnPixels.
 // The tile height is probed: the cost of a tile in the steady state (with the rows carried
-// from the tile above) counts the pixels every node computes and reads; the lowest tile whose
-// cost is close to the best, of at least kMinTilePixels, within the tile budget (kTileBudgetBytes,
-// or the context's memory budget when that is smaller). When no tiling is within it, the one
-// that needs the least memory of those probed (the memory budget then decides whether it may
-// run at all).
+// from the tile above) counts the pixels every node computes and reads; of the rows of tiles of
+// at least kMinTileRowPixels within kTileTargetBytes (else within the tile budget,
+// kTileBudgetBytes; either no more than the context's memory budget), the lowest whose cost is
+// close to the best of them. The heights probed step by about 1.5x, so that the tile's bytes,
+// not its rows, stay about the same when the picture is wider. When no tiling is within the
+// budget, the one that needs the least memory of those probed (the memory budget then decides
+// whether it may run at all).
 Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, int threads, std::int64_t budget) {
   if (requested > 0) {
     const std::int64_t t = std::clamp(requested, 16, 8192);
     return withKeep(plan, bounds, t, t, threads);
   }
   const std::int64_t tileBudget = std::min(kTileBudgetBytes, budget);
+  const std::int64_t target = std::min(kTileTargetBytes, tileBudget);
   std::int64_t leastBytes = -1, leastWidth = 0, leastHeight = 0;
-  constexpr std::int64_t kMinTilePixels = 1 << 16;
-  // Tiles lower than 16 rows are for nodes that read many input rows per output row (a large
-  // downscale): there a tile of a few rows already computes and reads enough pixels.
-  static constexpr std::int64_t kHeights[] = {1, 2, 4, 8, 16, 32, 64, 128, 256, 512, 1024};
+  // From 8 rows on, heights step by about 1.5x, so that a tile's bytes, not its rows, stay about
+  // the same when the picture is wider. Tiles lower than 8 rows are for nodes that read many
+  // input rows per output row (a large downscale): there a tile of a few rows already computes
+  // and reads enough pixels.
+  static constexpr std::int64_t kHeights[] = {1, 2, 4, 8, 12, 16, 24, 32, 48, 64, 96, 128, 192, 256, 384, 512, 768, 1024};
   std::int64_t columns = std::clamp<std::int64_t>((bounds.width + 255) / 256, 1, std::max(threads, 1));
   // A render narrower than a column per thread still gets one per thread (no narrower than 16
   // pixels) when its nodes compute many pixels for each pixel of it: a downscale's work is in
   // its input, which the columns then share.
   if (columns < threads && bounds.width >= 32 && pixelWork(plan, bounds) >= kHeavyWorkPerPixel * double(bounds.area()))
     columns = std::min<std::int64_t>(threads, bounds.width / 16);
+  // No column wider than kMaxColumnPixels: the first tile of a column holds every node's
+  // margins across its width at once, so a wider picture gets more columns (a multiple of the
+  // workers, so that they stay balanced), not wider ones.
+  const std::int64_t byWidth = (bounds.width + kMaxColumnPixels - 1) / kMaxColumnPixels;
+  if (byWidth > columns) columns = (byWidth + columns - 1) / columns * columns;
   Regions first, steady;
-  // The best tile height for `cols` columns: the lowest tile whose cost is close to the best,
-  // of at least kMinTilePixels (or kMinTileWork for a heavy tile), within the tile budget.
+  // The best tile height for `cols` columns: of the tiles worth their overhead within the tile
+  // budget (within the target where some are), the lowest whose cost is close to the best.
   struct Choice {
     std::int64_t width = 0, height = 0;
     double cost = 0;
@@ -486,6 +511,7 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
     struct Probe {
       std::int64_t height;
       double cost;
+      std::int64_t bytes;
       bool heavy;
     };
     std::vector<Probe> probes;
@@ -512,18 +538,30 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
         leastHeight = h;
       }
       if (bytes > tileBudget) break;
-      probes.push_back({h, double(pixels) / double(tile.area()), heavy});
+      probes.push_back({h, double(pixels) / double(tile.area()), bytes, heavy});
       if (h >= bounds.height) break;
     }
     Choice c{width, 0, 0.0, !probes.empty()};
     if (!c.fits) return c;
-    double best = probes.front().cost;
-    for (const Probe& p : probes) best = std::min(best, p.cost);
+    // Worth its overhead: a row of tiles of at least kMinTileRowPixels (counted across the row,
+    // so that its bytes stay the same when a wider picture has more columns), the whole
+    // picture's height, or a heavy tile that computes and reads at least kMinTileWork. Tiles
+    // not worth it do not set the best cost either (a low tile can look cheap only because its
+    // margins fall outside the picture).
+    auto worth = [&](const Probe& p) {
+      return p.height * bounds.width >= kMinTileRowPixels || p.height >= bounds.height ||
+             (p.heavy && p.cost * double(p.height * width) >= double(kMinTileWork));
+    };
+    bool anyWithinTarget = false;
+    for (const Probe& p : probes) anyWithinTarget |= worth(p) && p.bytes <= target;
+    auto candidate = [&](const Probe& p) { return worth(p) && (!anyWithinTarget || p.bytes <= target); };
+    double best = -1;
+    for (const Probe& p : probes)
+      if (candidate(p) && (best < 0 || p.cost < best)) best = p.cost;
     c.height = probes.back().height;
     c.cost = probes.back().cost;
     for (const Probe& p : probes)
-      if (p.cost <= best * 1.1 && (p.height * width >= kMinTilePixels || p.height >= bounds.height ||
-                                   (p.heavy && p.cost * double(p.height * width) >= double(kMinTileWork)))) {
+      if (best >= 0 && candidate(p) && p.cost <= best * 1.1) {
         c.height = p.height;
         c.cost = p.cost;
         break;
@@ -622,9 +660,12 @@ std::string CIContext::formatBytes(std::int64_t bytes) {
 
 namespace {
 
-// The rows of one strip that writeToFile hands to the encoder: whole tile rows, at least 256.
+// The rows of one strip that writeToFile hands to the encoder: whole tile rows, at least
+// kEncoderStripBytes of 8-bit pixels (at least one tile row).
 std::int64_t stripRowsFor(const PixelRect& bounds, std::int64_t tileHeight) {
-  return std::min(bounds.height, tileHeight * std::max<std::int64_t>(1, (256 + tileHeight - 1) / tileHeight));
+  const std::int64_t rowBytes = std::max<std::int64_t>(1, bounds.width * 4);
+  const std::int64_t wanted = std::max<std::int64_t>(1, (kEncoderStripBytes + rowBytes - 1) / rowBytes);
+  return std::min(bounds.height, tileHeight * std::max<std::int64_t>(1, (wanted + tileHeight - 1) / tileHeight));
 }
 
 // The working memory of rendering `bounds` with `tiling`: the buffers of every column and, for
@@ -902,7 +943,7 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   Dictionary props{{kCGImageDestinationLossyCompressionQuality, Value(std::clamp(quality, 0.0, 1.0))}};
   if (!CGImageDestinationBeginImage(dest, std::size_t(b.width), std::size_t(b.height), 8, alpha, props))
     throw CIRenderError(writeErrorMessage(path, CGImageDestinationGetLastError(dest)));
-  // Strips of whole tile rows, at least 256 rows, top down: the encoder never sees the whole
+  // Strips of whole tile rows of a bounded size, top down: the encoder never sees the whole
   // image at once.
   const std::int64_t stripRows = stripRowsFor(b, renderer.tiling().height);
   const std::int64_t strips = (b.height + stripRows - 1) / stripRows;

@@ -95,10 +95,12 @@ CIImage CIImage::emptyImage() {
   return empty;
 }
 
-CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
+CIImage CIImage::imageWithContentsOfFile(const std::string& path) { return imageWithContentsOfFile(path, {}); }
+
+CIImage CIImage::imageWithContentsOfFile(const std::string& path, const Dictionary& options) {
   // The header is read now (size, and whether the file is an image at all); pixels are decoded
-  // as tiles read them. The file's EXIF orientation is not applied: the image is the stored
-  // pixels, as the platform's image-from-file does without an orientation option.
+  // as tiles read them. The file's EXIF orientation is applied only when the options ask:
+  // otherwise the image is the stored pixels, as the platform's image-from-file does.
   auto src = CGImageSourceCreateWithURL(path);
   if (!src || CGImageSourceGetCount(src) < 1) return {};
   const Dictionary props = CGImageSourceCopyPropertiesAtIndex(src, 0);
@@ -107,10 +109,16 @@ CIImage CIImage::imageWithContentsOfFile(const std::string& path) {
   const std::int64_t width = w->second.integerValue(), height = h->second.integerValue();
   if (width <= 0 || height <= 0) return {};
   const std::int64_t depth = props.count(kCGImagePropertyDepth) ? props.at(kCGImagePropertyDepth).integerValue() : 8;
+  FileNode::Stored stored;
+  stored.bitsPerComponent = depth == 16 ? 16 : 8;
   const auto alpha = props.find(kCGImagePropertyHasAlpha);
-  const bool opaque = alpha != props.end() && !alpha->second.boolValue();
-  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), depth == 16 ? 16 : 8,
-                                            opaque, CGImageSourceGetType(src) == kUTTypeJPEG));
+  stored.opaque = alpha != props.end() && !alpha->second.boolValue();
+  stored.jpeg = CGImageSourceGetType(src) == kUTTypeJPEG;
+  const auto apply = options.find(kCIImageApplyOrientationProperty);
+  const auto orientation = props.find(kCGImagePropertyOrientation);
+  if (apply != options.end() && apply->second.boolValue() && orientation != props.end())
+    stored.orientation = int(orientation->second.integerValue());
+  return CIImage(std::make_shared<FileNode>(path, std::size_t(width), std::size_t(height), stored));
 }
 
 CIImage CIImage::imageWithImageProvider(std::shared_ptr<CIImageProvider> provider, std::size_t width,

@@ -33,6 +33,9 @@ class CIImageProvider {
   virtual std::shared_ptr<const CGImage> sharedBitmap() { return nullptr; }
 };
 
+// imageWithContentsOfFile option (a boolean number): apply the file's EXIF orientation.
+inline constexpr char kCIImageApplyOrientationProperty[] = "kCIImageApplyOrientationProperty";
+
 class CIImage {
  public:
   CIImage() = default;
@@ -54,6 +57,10 @@ class CIImage {
   static CIImage emptyImage();
   // Decoded through ImageIO on first render; nil if the file cannot be opened.
   static CIImage imageWithContentsOfFile(const std::string& path);
+  // With kCIImageApplyOrientationProperty true in `options`, the picture upright as its EXIF
+  // orientation says (the extent's width and height swapped for a quarter turn); the tiles
+  // still read only the file's rows (or, for a quarter turn, bands of its columns) they need.
+  static CIImage imageWithContentsOfFile(const std::string& path, const Dictionary& options);
   // Pixels asked from `provider` on demand; with no "CIImageProviderTileSize" option the
   // provider is asked for the whole image once per render.
   static CIImage imageWithImageProvider(std::shared_ptr<CIImageProvider> provider, std::size_t width,

@@ -5,8 +5,11 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
+#include <vector>
 #include <unistd.h>
 
 #include "ImageIO/ImageIO.h"
@@ -34,14 +37,30 @@ inline std::shared_ptr<CGImage> grainyPicture(std::size_t width, std::size_t hei
   return image;
 }
 
-// Writes `image` to `path` (the extension picks the format); orientation 1 writes none.
+// Writes `image` to `path` (the extension picks the format); for a JPEG, an orientation other
+// than 1 is written as an EXIF segment (an APP1 with one IFD0 entry) right after the SOI.
 inline bool writePicture(const std::shared_ptr<CGImage>& image, const std::string& path, int orientation = 1,
                          double quality = 0.9) {
   auto dest = CGImageDestinationCreateWithURL(path, CGImageDestinationTypeForPath(path));
   if (!dest) return false;
   Dictionary props{{kCGImageDestinationLossyCompressionQuality, Value(quality)}};
-  if (orientation != 1) props[kCGImageDestinationOrientation] = Value::integer(orientation);
-  return CGImageDestinationAddImage(dest, image, props) && CGImageDestinationFinalize(dest);
+  if (!CGImageDestinationAddImage(dest, image, props) || !CGImageDestinationFinalize(dest)) return false;
+  if (orientation == 1 || !(path.ends_with(".jpg") || path.ends_with(".jpeg"))) return true;
+  std::ifstream in(path, std::ios::binary);
+  std::vector<char> jpeg((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  in.close();
+  if (jpeg.size() < 2) return false;
+  // "Exif\0\0", a big-endian TIFF header, IFD0 with Orientation (SHORT) and no next IFD.
+  const unsigned char o = static_cast<unsigned char>(orientation);
+  const unsigned char exif[] = {'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1, 0x01, 0x12,
+                                0,   3,   0,   0,   0, 1, 0, o,   0, 0,  0, 0, 0, 0};
+  const std::size_t length = sizeof exif + 2;
+  const char segment[] = {char(0xFF), char(0xE1), char(length >> 8), char(length & 0xFF)};
+  jpeg.insert(jpeg.begin() + 2, reinterpret_cast<const char*>(exif), reinterpret_cast<const char*>(exif) + sizeof exif);
+  jpeg.insert(jpeg.begin() + 2, segment, segment + 4);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(jpeg.data(), std::streamsize(jpeg.size()));
+  return bool(out);
 }
 
 // A scratch directory for one test program.

@@ -1,12 +1,14 @@
 // `qvfilter convert IN OUT [--max-size N] [--quality Q] [--no-orient]`: decodes an image (as a
 // bounded thumbnail with --max-size), applies its EXIF orientation unless told not to, and
-// encodes it by OUT's extension. A full-size copy of an upright image streams in strips, so
-// the whole picture is never held in memory (except for WebP output, whose encoder needs it).
+// encodes it by OUT's extension. A full-size copy streams in strips, turned as the strips are
+// rendered when the file has an orientation, so the whole picture is never held in memory
+// (except for WebP output, whose encoder needs it).
 #include <cstdio>
 #include <memory>
 #include <string>
 
 #include "Command.h"
+#include "CoreImage/CIContext.h"
 #include "ImageFiles.h"
 #include "ImageIO/ImageIO.h"
 #include "ImageInfo.h"
@@ -65,6 +67,36 @@ Written streamCopy(const CGImageSourceRef& source, const CGImageDestinationRef& 
   return w;
 }
 
+// Full size, turned upright: the file read as an image whose tiles map the upright rows to
+// the file's rows (or bands of its columns), rendered in strips on the stored values (no
+// colour conversion), which the encoder takes as they come.
+Written orientedCopy(const std::string& input, const CGImageDestinationRef& dest, const Dictionary& sourceProps,
+                     const Dictionary& props) {
+  const CIImage upright =
+      CIImage::imageWithContentsOfFile(input, {{kCIImageApplyOrientationProperty, Value::boolean(true)}});
+  if (!upright) throw qv::CommandError{"cannot decode " + input};
+  const bool hasAlpha = sourceProps.at(kCGImagePropertyHasAlpha).boolValue();
+  const int bits = sourceProps.count(kCGImagePropertyDepth) && sourceProps.at(kCGImagePropertyDepth).integerValue() == 16
+                       ? 16
+                       : 8;
+  const Written w{std::size_t(upright.extent().size.width), std::size_t(upright.extent().size.height)};
+  if (!CGImageDestinationBeginImage(dest, w.width, w.height, bits, hasAlpha, props))
+    throw qv::CommandError{CGImageDestinationGetLastError(dest)};
+  CIContextOptions options;
+  options.colorManagement = false;
+  try {
+    CIContext(options).renderStrips(upright, upright.extent(), bits == 16 ? CIRenderFormat::RGBA16 : CIRenderFormat::RGBA8,
+                                    64, [&](const void* pixels, std::ptrdiff_t rowBytes, std::int64_t, std::int64_t rows) {
+                                      if (!CGImageDestinationWriteRows(dest, pixels,
+                                                                       std::size_t(rowBytes), std::size_t(rows)))
+                                        throw qv::CommandError{CGImageDestinationGetLastError(dest)};
+                                    });
+  } catch (const CIRenderError& e) {
+    throw qv::CommandError{e.what()};
+  }
+  return w;
+}
+
 void runConvert(const ConvertOptions& o) {
   const std::string type = qv::outputTypeForPath(o.output);
   std::size_t maxSize = 0;
@@ -85,6 +117,8 @@ void runConvert(const ConvertOptions& o) {
   Written written;
   if (maxSize == 0 && (orientation == 1 || o.noOrient)) {
     written = streamCopy(source, dest, sourceProps, props, o.input);
+  } else if (maxSize == 0) {
+    written = orientedCopy(o.input, dest, sourceProps, props);
   } else {
     Dictionary options{{kCGImageSourceCreateThumbnailFromImageAlways, Value::boolean(true)},
                        {kCGImageSourceShouldCache, Value::boolean(false)},

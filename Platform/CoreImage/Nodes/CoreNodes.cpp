@@ -527,80 +527,141 @@ void ProviderNode::render(const PixelTile& out, std::span<const ConstPixelTile>,
 
 // ---- FileNode ----
 
-FileNode::FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque,
-                   bool jpeg)
-    : ImageNode(CGRectMake(0, 0, double(width), double(height))),
+namespace {
+
+bool swapsAxes(int orientation) { return orientation >= 5 && orientation <= 8; }
+
+CGRect orientedExtent(std::size_t width, std::size_t height, int orientation) {
+  return swapsAxes(orientation) ? CGRectMake(0, 0, double(height), double(width))
+                                : CGRectMake(0, 0, double(width), double(height));
+}
+
+int validOrientation(int orientation) { return orientation >= 1 && orientation <= 8 ? orientation : 1; }
+
+// `count` pixels of `bytes` each, in reverse order.
+void reversePixels(const std::uint8_t* src, std::uint8_t* dst, std::size_t count, std::size_t bytes) {
+  for (std::size_t i = 0; i < count; ++i) std::memcpy(dst + (count - 1 - i) * bytes, src + i * bytes, bytes);
+}
+
+}  // namespace
+
+FileNode::FileNode(std::string path, std::size_t width, std::size_t height, Stored stored)
+    : ImageNode(orientedExtent(width, height, validOrientation(stored.orientation))),
       path_(std::move(path)),
       width_(width),
       height_(height),
-      bits_(bitsPerComponent),
-      opaque_(opaque),
-      jpeg_(jpeg) {}
+      stored_(stored) {
+  stored_.orientation = validOrientation(stored.orientation);
+}
 
 std::shared_ptr<const FileNode> FileNode::reducedBy(int denominator) const {
   const std::size_t d = std::size_t(denominator);
-  auto reduced = std::make_shared<FileNode>(path_, (width_ + d - 1) / d, (height_ + d - 1) / d, bits_, opaque_, jpeg_);
+  auto reduced = std::make_shared<FileNode>(path_, (width_ + d - 1) / d, (height_ + d - 1) / d, stored_);
   reduced->scaleDenominator_ = denominator;
   return reduced;
 }
 
+StripCache::Opener FileNode::opener() const {
+  return [path = path_, denominator = scaleDenominator_](std::string& error) -> std::unique_ptr<CGImageSourceRowReader> {
+    auto src = CGImageSourceCreateWithURL(path);
+    if (!src) {
+      error = CGImageSourceGetCreateError();
+      return nullptr;
+    }
+    auto reader = CGImageSourceCreateRowReaderAtIndex(src, 0, denominator);
+    if (!reader) error = CGImageSourceGetLastError(src);
+    return reader;
+  };
+}
+
+// One cache per render, shared by its tiles and threads; outside a render, one per call.
 std::shared_ptr<const StripCache> FileNode::stripCache(const RenderInfo& info) const {
   auto make = [this] {
-    const std::string path = path_;
-    const int denominator = scaleDenominator_;
-    auto open = [path, denominator](std::string& error) -> std::unique_ptr<CGImageSourceRowReader> {
-      auto src = CGImageSourceCreateWithURL(path);
-      if (!src) {
-        error = CGImageSourceGetCreateError();
-        return nullptr;
-      }
-      auto reader = CGImageSourceCreateRowReaderAtIndex(src, 0, denominator);
-      if (!reader) error = CGImageSourceGetLastError(src);
-      return reader;
-    };
-    return std::make_shared<const StripCache>(open, path_, width_, height_, bits_);
+    return std::make_shared<const StripCache>(opener(), path_, width_, height_, stored_.bitsPerComponent);
   };
-  // One cache per render, shared by its tiles and threads; outside a render, one per call.
   return info.cache ? info.cache->getOrCreate<StripCache>(this, 0, make) : make();
 }
 
-RegionAnswer FileNode::describeRegion(const PixelRect& rect, bool) const {
+// Only the stored orientation writes rows as the file holds them; a turned or mirrored file
+// renders.
+RegionAnswer FileNode::describeRegion(const PixelRect& rect, bool colorManaged) const {
+  if (stored_.orientation != 1) return ImageNode::describeRegion(rect, colorManaged);
   const PixelRect mine{0, 0, std::int64_t(width_), std::int64_t(height_)};
   RegionAnswer stored;
-  if (bits_ == 8) {
+  if (stored_.bitsPerComponent == 8) {
     stored.kind = RegionAnswer::Kind::stored;
-    stored.opaque = opaque_;
+    stored.opaque = stored_.opaque;
   }
   return RegionAnswer::within(rect, mine, stored);
 }
 
 bool FileNode::writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
                             const RenderInfo& info) const {
-  if (bits_ != 8 || !PixelRect{0, 0, std::int64_t(width_), std::int64_t(height_)}.contains(rect) || rect.empty())
+  if (stored_.bitsPerComponent != 8 || stored_.orientation != 1 ||
+      !PixelRect{0, 0, std::int64_t(width_), std::int64_t(height_)}.contains(rect) || rect.empty())
     return false;
   const std::size_t first = height_ - std::size_t(rect.maxY());
   const std::size_t offset = std::size_t(rect.x) * 4;
   stripCache(info)->forEachRow(first, std::size_t(rect.height), [&](std::size_t row, const std::uint8_t* p) {
     qvpixel::reencodeStraightRGBA8(p + offset, topRow + std::ptrdiff_t(row - first) * rowBytes, std::size_t(rect.width),
-                                   info.colorManaged, opaque_);
+                                   info.colorManaged, stored_.opaque);
   });
   return true;
 }
 
+// The upright picture's pixel (x, y), counted from its top-left corner, shows the file's pixel
+// (sx, sy) (W x H stored): orientations 1 to 4 keep rows as rows (2 and 3 mirror them, 3 and 4
+// read them bottom up), so a tile reads a run of file rows through the strip cache; 5 to 8 make
+// rows of columns (sx from y, sy from x), which the tile reads from the column bands.
 void FileNode::render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const {
-  const PixelRect r = out.rect.intersection({0, 0, std::int64_t(width_), std::int64_t(height_)});
+  const int orientation = stored_.orientation;
+  const bool swap = swapsAxes(orientation);
+  const std::size_t OW = swap ? height_ : width_, OH = swap ? width_ : height_;
+  const PixelRect r = out.rect.intersection({0, 0, std::int64_t(OW), std::int64_t(OH)});
   if (r.empty()) return;
-  std::shared_ptr<const StripCache> cache = stripCache(info);
-  // Plane row y is file row height - 1 - y: the tile's top row is its first file row.
-  const std::size_t first = height_ - std::size_t(r.maxY());
-  const std::size_t offset = std::size_t(r.x) * 4;
-  const bool sixteen = bits_ == 16;
-  cache->forEachRow(first, std::size_t(r.height), [&](std::size_t row, const std::uint8_t* p) {
-    float* dst = out.at(r.x, std::int64_t(height_ - 1 - row));
+  const bool sixteen = stored_.bitsPerComponent == 16;
+  const std::size_t bpp = sixteen ? 8 : 4;
+  auto decode = [&](const std::uint8_t* p, float* dst, std::size_t n) {
     if (sixteen)
-      qvpixel::decodeStraightRGBA16(reinterpret_cast<const std::uint16_t*>(p) + offset, dst, std::size_t(r.width),
-                                    info.colorManaged);
+      qvpixel::decodeStraightRGBA16(reinterpret_cast<const std::uint16_t*>(p), dst, n, info.colorManaged);
     else
-      qvpixel::decodeStraightRGBA8(p + offset, dst, std::size_t(r.width), info.colorManaged);
-  });
+      qvpixel::decodeStraightRGBA8(p, dst, n, info.colorManaged);
+  };
+  thread_local std::vector<std::uint8_t> mirrored;
+  const std::size_t n = std::size_t(r.width);
+  // The tile's top row (upright, counted from the top) and its columns.
+  const std::size_t top = OH - std::size_t(r.maxY()), x0 = std::size_t(r.x);
+  if (!swap) {
+    std::shared_ptr<const StripCache> cache = stripCache(info);
+    const bool mirror = orientation == 2 || orientation == 3, upward = orientation == 3 || orientation == 4;
+    const std::size_t first = upward ? height_ - top - std::size_t(r.height) : top;
+    const std::size_t sx0 = mirror ? width_ - x0 - n : x0;
+    cache->forEachRow(first, std::size_t(r.height), [&](std::size_t row, const std::uint8_t* p) {
+      const std::size_t y = upward ? height_ - 1 - row : row;  // upright row
+      float* dst = out.at(r.x, std::int64_t(OH - 1 - y));
+      if (!mirror) return decode(p + sx0 * bpp, dst, n);
+      if (mirrored.size() < n * bpp) mirrored.resize(n * bpp);
+      reversePixels(p + sx0 * bpp, mirrored.data(), n, bpp);
+      decode(mirrored.data(), dst, n);
+    });
+    return;
+  }
+  auto make = [&] {
+    return std::make_shared<const ColumnBands>(opener(), path_, width_, height_, stored_.bitsPerComponent);
+  };
+  std::shared_ptr<const ColumnBands> bands = info.cache ? info.cache->getOrCreate<ColumnBands>(this, 1, make) : make();
+  // Upright row y is file column y (5, 6) or W - 1 - y (7, 8); upright column x is file row x
+  // (5, 8) or H - 1 - x (6, 7).
+  const bool columnsFromRight = orientation == 7 || orientation == 8;
+  const bool rowsFromBottom = orientation == 6 || orientation == 7;
+  for (std::size_t y = top; y < top + std::size_t(r.height); ++y) {
+    const std::size_t column = columnsFromRight ? width_ - 1 - y : y;
+    float* dst = out.at(r.x, std::int64_t(OH - 1 - y));
+    bands->withColumn(column, [&](const std::uint8_t* pixels) {
+      if (!rowsFromBottom) return decode(pixels + x0 * bpp, dst, n);
+      if (mirrored.size() < n * bpp) mirrored.resize(n * bpp);
+      reversePixels(pixels + (height_ - x0 - n) * bpp, mirrored.data(), n, bpp);
+      decode(mirrored.data(), dst, n);
+    });
+  }
 }

@@ -13,6 +13,7 @@
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIImage.h"
 #include "CoreImage/ImageNode.h"
+#include "CoreImage/Render/StripCache.h"
 
 // Nothing anywhere: extent CGRectZero.
 class EmptyNode final : public ImageNode {
@@ -170,40 +171,44 @@ class ProviderNode final : public ImageNode {
   std::size_t tileSize_ = 0;  // 0: whole image
 };
 
-class StripCache;
-
 // An image file, decoded on demand: the rows a tile reads are decoded into a strip cache that
 // all tiles and threads of one render share (see Render/StripCache.h), and only the pixels a
-// tile reads are converted to working floats. The stored pixels, not oriented.
+// tile reads are converted to working floats. Shown in its EXIF orientation when asked for.
 class FileNode final : public ImageNode {
  public:
-  // bitsPerComponent: of the decoded rows (16 for 16-bit PNGs, else 8); opaque: the file has no
-  // alpha (every decoded alpha is 255); jpeg: the file can be decoded at a reduced DCT scale
-  // (see reducedBy).
-  FileNode(std::string path, std::size_t width, std::size_t height, int bitsPerComponent, bool opaque = false,
-           bool jpeg = false);
+  // What the file holds beside its size.
+  struct Stored {
+    int bitsPerComponent = 8;  // of the decoded rows: 16 for 16-bit PNGs, else 8
+    bool opaque = false;       // no alpha: every decoded alpha is 255
+    bool jpeg = false;         // can be decoded at a reduced DCT scale (see reducedBy)
+    int orientation = 1;       // the EXIF orientation (1 to 8) the image shows the stored pixels in
+  };
+  // width, height: of the file's stored pixels (orientations 5 to 8 swap them in the extent).
+  FileNode(std::string path, std::size_t width, std::size_t height, Stored stored);
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   // Its strips are decoded once per render for every reader (the strip cache is the node's).
   bool rendersAgainCheaply() const override { return true; }
-  // Its stored pixels inside its extent (8-bit files), transparent outside.
+  // Its stored pixels inside its extent (8-bit files in their stored orientation), transparent
+  // outside.
   RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   bool writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::ptrdiff_t rowBytes,
                     const RenderInfo& info) const override;
   std::string name() const override { return "file"; }
   bool writesEveryPixel() const override { return true; }
   const std::string& path() const { return path_; }
+  int orientation() const { return stored_.orientation; }
   // Whether reducedBy may be asked for: a JPEG file decoded at full size.
-  bool reducible() const { return jpeg_ && scaleDenominator_ == 1 && bits_ == 8; }
+  bool reducible() const { return stored_.jpeg && scaleDenominator_ == 1 && stored_.bitsPerComponent == 8; }
   // The same file decoded at a DCT scale of 1/denominator (2, 4 or 8): ceil(width / denominator)
-  // × ceil(height / denominator) pixels, each the average of its block of the full picture.
+  // × ceil(height / denominator) stored pixels, each the average of its block of the full
+  // picture, in the same orientation.
   std::shared_ptr<const FileNode> reducedBy(int denominator) const;
 
  private:
+  StripCache::Opener opener() const;
   std::shared_ptr<const StripCache> stripCache(const RenderInfo& info) const;
   std::string path_;
   std::size_t width_, height_;
-  int bits_;
-  bool opaque_;
-  bool jpeg_;
+  Stored stored_;
   int scaleDenominator_ = 1;
 };

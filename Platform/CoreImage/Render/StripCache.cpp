@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "CoreImage/CIContext.h"
 #include "ImageIO/CGImageSource.h"
 
 namespace {
 std::atomic<std::size_t> gDefaultBudget{std::size_t{12} << 20};
+std::atomic<std::size_t> gDefaultBandBudget{std::size_t{32} << 20};
 }  // namespace
 
 std::size_t StripCache::defaultBudget() { return gDefaultBudget.load(); }
@@ -164,3 +166,80 @@ void StripCache::fail() const {
   failed_ = true;
   throw CIImageDecodeError(failure_);
 }
+
+// ---- ColumnBands ----
+
+std::size_t ColumnBands::defaultBudget() { return gDefaultBandBudget.load(); }
+void ColumnBands::setDefaultBudget(std::size_t bytes) { gDefaultBandBudget.store(bytes); }
+
+ColumnBands::ColumnBands(StripCache::Opener open, std::string what, std::size_t width, std::size_t height,
+                         int bitsPerComponent, std::size_t budgetBytes)
+    : open_(std::move(open)),
+      what_(std::move(what)),
+      width_(width),
+      height_(height),
+      bits_(bitsPerComponent),
+      bytesPerPixel_(4 * std::size_t(bitsPerComponent / 8)),
+      bandColumns_(std::clamp<std::size_t>(budgetBytes / kKept / std::max<std::size_t>(height * bytesPerPixel_, 1), 1,
+                                           std::max<std::size_t>(width, 1))) {}
+
+ColumnBands::~ColumnBands() {
+  if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
+  std::fprintf(stderr, "column bands of %s: %zu passes over the file, %zu columns a band\n", what_.c_str(), passes(),
+               bandColumns_);
+}
+
+std::size_t ColumnBands::passes() const {
+  std::lock_guard lock(mutex_);
+  return passes_;
+}
+
+void ColumnBands::withColumn(std::size_t column, const std::function<void(const std::uint8_t*)>& use) const {
+  if (column >= width_) throw CIRenderError("cannot decode " + what_ + ": columns out of range");
+  const std::shared_ptr<const Band> b = band(column / bandColumns_);
+  use(b->pixels.data() + (column - b->first) * height_ * bytesPerPixel_);
+}
+
+std::shared_ptr<const ColumnBands::Band> ColumnBands::band(std::size_t index) const {
+  std::lock_guard lock(mutex_);
+  for (auto it = bands_.begin(); it != bands_.end(); ++it) {
+    if (it->first != index) continue;
+    auto found = *it;
+    bands_.erase(it);
+    bands_.push_back(found);
+    return found.second;
+  }
+  if (!failure_.empty()) throw CIImageDecodeError(failure_);
+  auto fail = [&](const std::string& reason) {
+    failure_ = "cannot decode " + what_ + (reason.empty() ? std::string() : ": " + reason);
+    throw CIImageDecodeError(failure_);
+  };
+  // The least recently used band goes before the new one is gathered.
+  if (bands_.size() >= kKept) bands_.erase(bands_.begin());
+  auto band = std::make_shared<Band>();
+  band->first = index * bandColumns_;
+  band->columns = std::min(bandColumns_, width_ - band->first);
+  band->pixels.resize(band->columns * height_ * bytesPerPixel_);
+  std::string error;
+  std::unique_ptr<CGImageSourceRowReader> reader = open_(error);
+  ++passes_;
+  if (!reader) fail(error);
+  if (reader->width() != width_ || reader->height() != height_ || reader->bitsPerComponent() != bits_)
+    fail("the file changed since it was opened");
+  // Rows a strip at a time, each scattered into the band's columns.
+  const std::size_t rowBytes = reader->bytesPerRow();
+  std::vector<std::uint8_t> rows(StripCache::kStripRows * rowBytes);
+  for (std::size_t y = 0; y < height_; y += StripCache::kStripRows) {
+    const std::size_t n = std::min(StripCache::kStripRows, height_ - y);
+    if (!reader->readRows(rows.data(), n, rowBytes)) fail(reader->error());
+    for (std::size_t k = 0; k < n; ++k) {
+      const std::uint8_t* src = rows.data() + k * rowBytes + band->first * bytesPerPixel_;
+      std::uint8_t* dst = band->pixels.data() + (y + k) * bytesPerPixel_;
+      for (std::size_t c = 0; c < band->columns; ++c)
+        std::memcpy(dst + c * height_ * bytesPerPixel_, src + c * bytesPerPixel_, bytesPerPixel_);
+    }
+  }
+  bands_.emplace_back(index, band);
+  return band;
+}
+

@@ -100,3 +100,53 @@ class StripCache {
   mutable std::size_t bytes_ = 0;
   mutable Stats stats_;
 };
+
+// ColumnBands: the columns of an image file, for a picture turned a quarter (an EXIF
+// orientation of 5 to 8 makes the rows of the upright picture the columns of the file). The
+// decoders produce rows only, so a band of whole file columns is gathered by one pass of a row
+// reader over the whole file, each row scattered into the band's columns (each stored top to
+// bottom, 8-bit or 16-bit RGBA as the file decodes). Two bands are kept (the workers of a
+// render read about the same rows of the upright picture; one may be a band behind at the
+// boundary), each of half the byte budget: a file of W columns costs ceil(W / band columns)
+// decodes in all, e.g. six for a 6000x4000 JPEG within 32 MiB, rather than holding the whole
+// decoded picture (96 MB for 24 MP).
+class ColumnBands {
+ public:
+  static constexpr std::size_t kKept = 2;
+
+  ColumnBands(StripCache::Opener open, std::string what, std::size_t width, std::size_t height, int bitsPerComponent,
+              std::size_t budgetBytes = defaultBudget());
+  ~ColumnBands();
+
+  // Hands `use` the pixels of file column `column` (rows 0 to height - 1, top to bottom,
+  // bytesPerPixel() apart), valid while `use` runs. Throws CIImageDecodeError when the file
+  // cannot be decoded.
+  void withColumn(std::size_t column, const std::function<void(const std::uint8_t* pixels)>& use) const;
+
+  std::size_t bytesPerPixel() const { return bytesPerPixel_; }
+  // The file columns one band holds.
+  std::size_t bandColumns() const { return bandColumns_; }
+  std::size_t passes() const;  // the decodes of the whole file so far
+
+  // The byte budget of the bands made from now on (32 MiB unless set); tests shrink it.
+  static std::size_t defaultBudget();
+  static void setDefaultBudget(std::size_t bytes);
+
+ private:
+  struct Band {
+    std::size_t first = 0, columns = 0;
+    std::vector<std::uint8_t> pixels;  // column by column, height pixels each
+  };
+  std::shared_ptr<const Band> band(std::size_t index) const;
+
+  StripCache::Opener open_;
+  std::string what_;
+  std::size_t width_, height_;
+  int bits_;
+  std::size_t bytesPerPixel_, bandColumns_;
+  mutable std::mutex mutex_;  // guards what follows; a band is gathered with it held
+  mutable std::vector<std::pair<std::size_t, std::shared_ptr<const Band>>> bands_;  // most recent last
+  mutable std::size_t passes_ = 0;
+  mutable std::string failure_;
+};
+

@@ -174,6 +174,38 @@ TEST(MemoryBudget, AHundredChainedBlursAreRefusedOverTheirBudget) {
   EXPECT_FALSE(std::ifstream(path).good());
 }
 
+TEST(MemoryBudget, TheWorkingMemoryOfATwiceAsWidePictureStaysAboutTheSame) {
+  // Tiles and the encoder's strips are sized in bytes: a picture twice as wide gets about half
+  // the rows per tile and per strip, not twice the memory. A blur of radius 2, whose margins
+  // (rows that must be held across the whole width whatever the tiling) are a few rows, on one
+  // thread and on two, 6000 and 12000 wide.
+  for (int threads : {1, 2}) {
+    const CIContext context(budget(std::int64_t{1} << 32, threads));
+    const std::int64_t narrow = context.workingMemory(blurred(plain(6000, 4000), 2), CGRectMake(0, 0, 6000, 4000), true);
+    const std::int64_t wide = context.workingMemory(blurred(plain(12000, 8000), 2), CGRectMake(0, 0, 12000, 8000), true);
+    EXPECT_LE(double(wide), 1.3 * double(narrow)) << threads << " threads: " << narrow << " then " << wide;
+    // And within the budget that keeps a one-filter pipeline small.
+    EXPECT_LE(narrow, std::int64_t{48} << 20) << threads << " threads";
+  }
+}
+
+TEST(MemoryBudget, ARenderOfATwiceAsWidePictureAllocatesAboutAsMuch) {
+  // What the render really allocates (tile buffers, the blur's rows in flight, the encoder's
+  // strips) for a band of 300 rows of a picture 6000 and then 12000 wide. Only the rows the
+  // vertical pass must keep across the whole width (its support) grow with the width.
+  auto peakOf = [](double width) {
+    const CIImage image = blurred(plain(width, 300), 10);
+    const std::string path = ::testing::TempDir() + "/budget-wide.jpg";
+    const std::int64_t before = gLiveBytes.load();
+    gPeakBytes = before;
+    CIContext(budget(std::int64_t{1} << 32, 2)).writeToFile(image, path, CGRectMake(0, 0, width, 300));
+    std::remove(path.c_str());
+    return gPeakBytes.load() - before;
+  };
+  const std::int64_t narrow = peakOf(6000), wide = peakOf(12000);
+  EXPECT_LE(double(wide), 1.4 * double(narrow)) << narrow << " then " << wide;
+}
+
 TEST(MemoryBudget, AGraphThatWouldComputeTooManyPixelsIsRefused) {
   // 40 blurs of a 2000 x 2000 picture compute more than 10^8 pixels.
   CIImage image = plain(2000, 2000);

@@ -146,3 +146,107 @@ INSTANTIATE_TEST_SUITE_P(ReadingOutOfOrder, StreamedSourceConcurrently,
                          ::testing::Values("QVFilterBlur", "QVFilterRotate", "QVFilterReflection",
                                            "QVFilterTextureBorder"),
                          [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+// ---- The EXIF orientation applied as tiles read ----
+//
+// A JPEG tagged with each of the eight orientations, read
+// upright through imageWithContentsOfFile's orientation option, renders the same pixels bit
+// for bit as the whole picture decoded and turned first (the thumbnail with its transform):
+// alone and through filters that read rows far apart (the reflection), neighbourhoods (blur,
+// tilt) and borders. The strip cache and the column bands are far smaller than the picture, so
+// that rows are decoded again and a quarter turn gathers several bands.
+
+namespace {
+
+class OrientedSource : public ::testing::TestWithParam<int> {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(loadBundleOnce(&error)) << error;
+    strips_ = StripCache::defaultBudget();
+    bands_ = ColumnBands::defaultBudget();
+    StripCache::setDefaultBudget(64 * 1024);
+    ColumnBands::setDefaultBudget(2 * 60 * 190 * 4);  // bands of 60 of the 260 file columns
+  }
+  void TearDown() override {
+    StripCache::setDefaultBudget(strips_);
+    ColumnBands::setDefaultBudget(bands_);
+  }
+  std::size_t strips_ = 0, bands_ = 0;
+};
+
+CGImageRef eagerlyOriented(const std::string& path) {
+  return CGImageSourceCreateThumbnailAtIndex(CGImageSourceCreateWithURL(path), 0,
+                                             {{kCGImageSourceCreateThumbnailFromImageAlways, Value::boolean(true)},
+                                              {kCGImageSourceCreateThumbnailWithTransform, Value::boolean(true)}});
+}
+
+}  // namespace
+
+TEST_P(OrientedSource, RendersTheEagerlyTurnedPictureBitForBit) {
+  const int orientation = GetParam();
+  const auto dir = streamTestDir();
+  {
+    const std::string path = (dir / (std::to_string(orientation) + "oriented.jpg")).string();
+    ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, orientation)) << path;
+    const CGImageRef turned = eagerlyOriented(path);
+    ASSERT_TRUE(turned) << path;
+    const CIImage whole =
+        CIImage::imageWithRGBA8(turned->pixels.data(), turned->width, turned->height, turned->bytesPerRow);
+    const CIImage lazy = CIImage::imageWithContentsOfFile(path, {{kCIImageApplyOrientationProperty, Value::boolean(true)}});
+    ASSERT_TRUE(lazy) << path;
+    const bool quarter = orientation >= 5;
+    EXPECT_EQ(lazy.extent().size.width, quarter ? 190 : 260) << path;
+    ASSERT_TRUE(CGRectEqualToRect(lazy.extent(), whole.extent())) << path;
+    for (const std::string filter : {"", "QVFilterBlur", "QVFilterReflection", "QVFilterTilt", "QVFilterBorder"}) {
+      const CIImage a = filter.empty() ? lazy : apply(filter, lazy), b = filter.empty() ? whole : apply(filter, whole);
+      ASSERT_TRUE(a && b) << filter;
+      CGRect rect = CGRectIntegral(a.extent());
+      if (CGRectIsInfinite(a.extent()) || rect.size.width * rect.size.height > 4.0 * 260 * 190) rect = whole.extent();
+      const auto tiled = render(a, rect, options(2, 48));
+      const auto single = render(b, rect, options(1, 8192));
+      ASSERT_EQ(tiled.size(), single.size());
+      std::size_t differing = 0;
+      for (std::size_t i = 0; i < tiled.size(); ++i) differing += std::memcmp(&tiled[i], &single[i], sizeof(float)) != 0;
+      EXPECT_EQ(differing, 0u) << (filter.empty() ? "the picture alone" : filter) << " on " << path;
+    }
+  }
+}
+
+TEST(OrientedSourceBands, AQuarterTurnGathersEachBandOnceWhenReadTopDown) {
+  // 260 file columns in bands of 60: five passes over the file for a render top down on one
+  // thread, each band gathered once.
+  const std::string path = (streamTestDir() / "bands-6.jpg").string();
+  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
+  const CIImage lazy = CIImage::imageWithContentsOfFile(path, {{kCIImageApplyOrientationProperty, Value::boolean(true)}});
+  ASSERT_TRUE(lazy);
+  ColumnBands bands(
+      [&](std::string& error) {
+        auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(path), 0);
+        if (!reader) error = "cannot open";
+        return reader;
+      },
+      path, 260, 190, 8, 2 * 60 * 190 * 4);
+  EXPECT_EQ(bands.bandColumns(), 60u);
+  for (std::size_t column = 0; column < 260; ++column) bands.withColumn(column, [](const std::uint8_t*) {});
+  EXPECT_EQ(bands.passes(), 5u);
+  // Going back to a band still kept costs nothing; one evicted costs a pass.
+  bands.withColumn(200, [](const std::uint8_t*) {});
+  EXPECT_EQ(bands.passes(), 5u);
+  bands.withColumn(0, [](const std::uint8_t*) {});
+  EXPECT_EQ(bands.passes(), 6u);
+}
+
+TEST(OrientedSourceBands, WithoutTheOptionTheStoredPixelsAreRead) {
+  const std::string path = (streamTestDir() / "stored-6.jpg").string();
+  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
+  const CIImage stored = CIImage::imageWithContentsOfFile(path);
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored.extent().size.width, 260);
+  EXPECT_EQ(stored.extent().size.height, 190);
+  const CIImage off = CIImage::imageWithContentsOfFile(path, {{kCIImageApplyOrientationProperty, Value::boolean(false)}});
+  EXPECT_EQ(off.extent().size.width, 260);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryOrientation, OrientedSource, ::testing::Range(1, 9),
+                         [](const ::testing::TestParamInfo<int>& info) { return "orientation" + std::to_string(info.param); });

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# bench/orient.sh: a JPEG tagged with each of the eight EXIF orientations, copied upright by
+# `qvfilter convert` (the orientation applied as the strips are rendered: rows of the file for
+# 1 to 4, bands of its columns for the quarter turns 5 to 8): wall time (best of N) and peak
+# resident memory of each, and the time against orientation 1 in the same run.
+#
+#   bench/orient.sh [--runs N] [--size WxH]   (default 6000x4000, 3 runs)
+#   env: QVFILTER (default: build/release/bin/qvfilter), QV_STREAM_TMP (default /tmp/qv-stream)
+#
+# The input is made by `qvfilter sample` and `qvfilter convert --quality 90`; the orientation
+# tag is an EXIF segment written into a copy of it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+runs=3
+size=6000x4000
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --runs) runs=$2; shift 2 ;;
+    --size) size=$2; shift 2 ;;
+    -h|--help) sed -n '2,11p' "$0"; exit 0 ;;
+    *) echo "orient.sh: unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+QVFILTER=${QVFILTER:-build/release/bin/qvfilter}
+[ -x "$QVFILTER" ] || { echo "orient.sh: build qvfilter first (or set QVFILTER)" >&2; exit 1; }
+TIME=/usr/bin/time
+[ -x "$TIME" ] || { echo "orient.sh: GNU time (/usr/bin/time) is needed" >&2; exit 1; }
+W=${size%x*} H=${size#*x}
+WORK=${QV_STREAM_TMP:-/tmp/qv-stream}
+mkdir -p "$WORK"
+IN="$WORK/sample-${W}x${H}-q90.jpg"
+if [ ! -s "$IN" ]; then
+  "$QVFILTER" sample "$WORK/sample.png" --width "$W" --height "$H" >/dev/null
+  "$QVFILTER" convert "$WORK/sample.png" "$IN" --quality 90 >/dev/null
+  rm -f "$WORK/sample.png"
+fi
+for o in 1 2 3 4 5 6 7 8; do
+  /usr/bin/python3 - "$IN" "$WORK/oriented-$o.jpg" "$o" <<'PY'
+import struct, sys
+data = open(sys.argv[1], "rb").read()
+o = int(sys.argv[3])
+tiff = b"MM\x00\x2a" + struct.pack(">I", 8) + struct.pack(">H", 1) + struct.pack(">HHIHH", 0x0112, 3, 1, o, 0) + struct.pack(">I", 0)
+app1 = b"Exif\x00\x00" + tiff
+open(sys.argv[2], "wb").write(data[:2] + b"\xff\xe1" + struct.pack(">H", len(app1) + 2) + app1 + data[2:])
+PY
+done
+
+measure() {
+  local best_t="" best_m="" t m
+  for _ in $(seq "$runs"); do
+    "$TIME" -f "%e %M" -o "$WORK/time.txt" "$@" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+    read -r t m <"$WORK/time.txt"
+    if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
+  done
+  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
+}
+
+echo "load: $(uptime | sed 's/.*load average: //')"
+echo "| orientation | seconds | peak MB | vs orientation 1 |"
+echo "|---|---|---|---|"
+t1=""
+for o in 1 2 3 4 5 6 7 8; do
+  read -r t m <<<"$(measure "$QVFILTER" convert "$WORK/oriented-$o.jpg" "$WORK/upright.jpg" --quality 90)"
+  [ -z "$t1" ] && t1=$t
+  awk -v o="$o" -v t="$t" -v m="$m" -v t1="$t1" 'BEGIN{
+    if (t == "-") { printf "| %s | failed | | |\n", o; exit }
+    printf "| %s | %.2f s | %d | %.2fx |\n", o, t, m, t / t1 }'
+done
+echo "load: $(uptime | sed 's/.*load average: //')"
