@@ -149,6 +149,9 @@ void shrinkOnLoad(Plan& plan) {
     const auto k = std::size_t(plan.inputs[i][0]);
     const auto* file = dynamic_cast<const FileNode*>(plan.nodes[k]);
     if (!file || !file->reducible() || plan.edges[k] != 1) continue;
+    // A file that renders again cheaply has an entry for each slot that reads it: read by any
+    // other node, it is decoded at full size anyway.
+    if (std::count(plan.nodes.begin(), plan.nodes.end(), plan.nodes[k]) != 1) continue;
     const int denominator = LanczosScaleNode::shrinkOnLoadDenominator(scale->scaleX(), scale->scaleY());
     if (denominator == 1) continue;
     std::shared_ptr<const FileNode> reduced = file->reducedBy(denominator);
@@ -505,6 +508,7 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
     std::int64_t width = 0, height = 0;
     double cost = 0;
     bool fits = false;
+    bool withinTarget = false;  // of the tiles worth their overhead, some are within the target
   };
   auto choose = [&](std::int64_t cols) {
     const std::int64_t width = (bounds.width + cols - 1) / cols;
@@ -541,7 +545,7 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
       probes.push_back({h, double(pixels) / double(tile.area()), bytes, heavy});
       if (h >= bounds.height) break;
     }
-    Choice c{width, 0, 0.0, !probes.empty()};
+    Choice c{width, 0, 0.0, !probes.empty(), false};
     if (!c.fits) return c;
     // Worth its overhead: a row of tiles of at least kMinTileRowPixels (counted across the row,
     // so that its bytes stay the same when a wider picture has more columns), the whole
@@ -552,9 +556,8 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
       return p.height * bounds.width >= kMinTileRowPixels || p.height >= bounds.height ||
              (p.heavy && p.cost * double(p.height * width) >= double(kMinTileWork));
     };
-    bool anyWithinTarget = false;
-    for (const Probe& p : probes) anyWithinTarget |= worth(p) && p.bytes <= target;
-    auto candidate = [&](const Probe& p) { return worth(p) && (!anyWithinTarget || p.bytes <= target); };
+    for (const Probe& p : probes) c.withinTarget |= worth(p) && p.bytes <= target;
+    auto candidate = [&](const Probe& p) { return worth(p) && (!c.withinTarget || p.bytes <= target); };
     double best = -1;
     for (const Probe& p : probes)
       if (candidate(p) && (best < 0 || p.cost < best)) best = p.cost;
@@ -577,11 +580,13 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
     }
     if (!c.fits) return withKeep(plan, bounds, leastWidth, leastHeight, threads);
     // Narrower columns (more than one per thread, no narrower than 256 pixels) where their
-    // tiles cost clearly less: the region of interest of a turned tile is its bounding box in
-    // the input, which grows with the tile's width times the sine of the angle.
+    // tiles fit the target when the wider ones do not, or cost clearly less: the region of
+    // interest of a turned tile is its bounding box in the input, which grows with the tile's
+    // width times the sine of the angle.
     while ((bounds.width + 2 * columns - 1) / (2 * columns) >= 256) {
       const Choice n = choose(2 * columns);
-      if (!n.fits || n.cost > 0.97 * c.cost) break;
+      const bool better = n.withinTarget != c.withinTarget ? n.withinTarget : n.cost <= 0.97 * c.cost;
+      if (!n.fits || !better) break;
       c = n;
       columns *= 2;
     }

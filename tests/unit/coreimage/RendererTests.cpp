@@ -358,8 +358,8 @@ TEST(Providers, SharedBitmapOfTheImageSizeIsReadInPlaceOncePerRender) {
   auto copied = std::make_shared<CountingProvider>();
   const auto ref = CIImage::imageWithImageProvider(copied, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB", {});
   for (bool managed : {false, true}) {
-    EXPECT_TRUE(bitwiseEqual(renderRGBAf(img, img.extent(), opts(16, 2, managed)),
-                             renderRGBAf(ref, ref.extent(), opts(16, 2, managed))));
+    EXPECT_TRUE(bitwiseEqual(renderRGBAf(img, img.extent(), renderOptions(2, 16, managed)),
+                             renderRGBAf(ref, ref.extent(), renderOptions(2, 16, managed))));
   }
   EXPECT_EQ(shared->calls.load(), 0);   // no copy asked for
   EXPECT_EQ(shared->shares.load(), 2);  // once per render, however many tiles
@@ -368,6 +368,6 @@ TEST(Providers, SharedBitmapOfTheImageSizeIsReadInPlaceOncePerRender) {
 TEST(Providers, SharedBitmapOfAnotherSizeIsNotUsed) {
   auto p = std::make_shared<BitmapProvider>(50, 70);
   const auto img = CIImage::imageWithImageProvider(p, 100, 70, CIFormat::ARGB8, "kCGColorSpaceGenericRGB", {});
-  renderRGBAf(img, img.extent(), opts(16, 2, false));
+  renderRGBAf(img, img.extent(), renderOptions(2, 16, false));
   EXPECT_EQ(p->calls.load(), 1);  // asked for its data instead
 }

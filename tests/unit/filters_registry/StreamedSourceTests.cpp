@@ -203,8 +203,8 @@ TEST_P(OrientedSource, RendersTheEagerlyTurnedPictureBitForBit) {
       ASSERT_TRUE(a && b) << filter;
       CGRect rect = CGRectIntegral(a.extent());
       if (CGRectIsInfinite(a.extent()) || rect.size.width * rect.size.height > 4.0 * 260 * 190) rect = whole.extent();
-      const auto tiled = render(a, rect, options(2, 48));
-      const auto single = render(b, rect, options(1, 8192));
+      const auto tiled = render(a, rect, renderOptions(2, 48));
+      const auto single = render(b, rect, renderOptions(1, 8192));
       ASSERT_EQ(tiled.size(), single.size());
       std::size_t differing = 0;
       for (std::size_t i = 0; i < tiled.size(); ++i) differing += std::memcmp(&tiled[i], &single[i], sizeof(float)) != 0;
