@@ -156,12 +156,10 @@ const std::vector<float>& planPixels() {
   return px;
 }
 
-void BM_GaussianPlan_RGBAf(benchmark::State& state) {
+// Renders the 3000 x 2000 plan picture through `plan` on one thread, once per iteration.
+void renderPlan(benchmark::State& state, const qv::blur::SeparablePlan& plan) {
   constexpr std::size_t w = 3000, h = 2000;
-  const std::vector<float>& px = planPixels();
-  const double sigma = double(state.range(0)) / 2.0;
-  const auto plan = state.range(1) == 0 ? qv::blur::planGaussianDirect(sigma) : qv::blur::planGaussianBoxes(sigma);
-  const CIImage input = CIImage::imageWithRGBAf(px.data(), w, h);
+  const CIImage input = CIImage::imageWithRGBAf(planPixels().data(), w, h);
   const CIImage blurred = qv::blur::separableImage("CIGaussianBlur", input, plan);
   std::vector<float> dst(w * h * 4);
   CIContextOptions options;
@@ -170,8 +168,13 @@ void BM_GaussianPlan_RGBAf(benchmark::State& state) {
   const CIContext context(options);
   for (auto _ : state)
     context.render(blurred, dst.data(), std::ptrdiff_t(w * 16), input.extent(), CIRenderFormat::RGBAf);
-  state.counters["sigma"] = sigma;
   setRate(state, double(w * h));
+}
+
+void BM_GaussianPlan_RGBAf(benchmark::State& state) {
+  const double sigma = double(state.range(0)) / 2.0;
+  renderPlan(state, state.range(1) == 0 ? qv::blur::planGaussianDirect(sigma) : qv::blur::planGaussianBoxes(sigma));
+  state.counters["sigma"] = sigma;
 }
 BENCHMARK(BM_GaussianPlan_RGBAf)
     ->ArgNames({"sigma_x2", "boxes"})
@@ -203,20 +206,8 @@ qv::blur::SeparablePlan extendedBoxes(double sigma, int passes) {
 }
 
 void BM_GaussianShape_RGBAf(benchmark::State& state) {
-  constexpr std::size_t w = 3000, h = 2000;
   const double sigma = double(state.range(1));
-  const auto plan =
-      state.range(0) == 0 ? qv::blur::planGaussianBoxes(sigma) : extendedBoxes(sigma, int(state.range(0)));
-  const CIImage input = CIImage::imageWithRGBAf(planPixels().data(), w, h);
-  const CIImage blurred = qv::blur::separableImage("CIGaussianBlur", input, plan);
-  std::vector<float> dst(w * h * 4);
-  CIContextOptions options;
-  options.threads = 1;
-  options.colorManagement = false;
-  const CIContext context(options);
-  for (auto _ : state)
-    context.render(blurred, dst.data(), std::ptrdiff_t(w * 16), input.extent(), CIRenderFormat::RGBAf);
-  setRate(state, double(w * h));
+  renderPlan(state, state.range(0) == 0 ? qv::blur::planGaussianBoxes(sigma) : extendedBoxes(sigma, int(state.range(0))));
 }
 BENCHMARK(BM_GaussianShape_RGBAf)
     ->ArgNames({"shape", "sigma"})

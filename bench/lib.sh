@@ -26,3 +26,26 @@ bench_parse_args() {
     shift 2
   done
 }
+
+# bench_sample_jpeg SCRIPT
+# For the scripts that time `qvfilter` on the sample picture: checks QVFILTER (default
+# build/release/bin/qvfilter) and GNU time, and sets W and H from $size (WxH), WORK
+# (QV_STREAM_TMP, default /tmp/qv-stream) and IN, the `qvfilter sample` picture of that size as a
+# JPEG of quality 90 in WORK, made on the first run and kept for the next.
+bench_sample_jpeg() {
+  local me
+  me=$(basename "$1")
+  QVFILTER=${QVFILTER:-build/release/bin/qvfilter}
+  [ -x "$QVFILTER" ] || { echo "$me: build qvfilter first (or set QVFILTER)" >&2; exit 1; }
+  TIME=/usr/bin/time
+  [ -x "$TIME" ] || { echo "$me: GNU time (/usr/bin/time) is needed" >&2; exit 1; }
+  W=${size%x*} H=${size#*x}
+  WORK=${QV_STREAM_TMP:-/tmp/qv-stream}
+  mkdir -p "$WORK"
+  IN="$WORK/sample-${W}x${H}-q90.jpg"
+  if [ ! -s "$IN" ]; then
+    "$QVFILTER" sample "$WORK/sample.png" --width "$W" --height "$H" >/dev/null
+    "$QVFILTER" convert "$WORK/sample.png" "$IN" --quality 90 >/dev/null
+    rm -f "$WORK/sample.png"
+  fi
+}

@@ -11,30 +11,12 @@
 # tag is an EXIF segment written into a copy of it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. bench/lib.sh
 
 runs=3
 size=6000x4000
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --runs) runs=$2; shift 2 ;;
-    --size) size=$2; shift 2 ;;
-    -h|--help) sed -n '2,11p' "$0"; exit 0 ;;
-    *) echo "orient.sh: unknown argument $1" >&2; exit 2 ;;
-  esac
-done
-QVFILTER=${QVFILTER:-build/release/bin/qvfilter}
-[ -x "$QVFILTER" ] || { echo "orient.sh: build qvfilter first (or set QVFILTER)" >&2; exit 1; }
-TIME=/usr/bin/time
-[ -x "$TIME" ] || { echo "orient.sh: GNU time (/usr/bin/time) is needed" >&2; exit 1; }
-W=${size%x*} H=${size#*x}
-WORK=${QV_STREAM_TMP:-/tmp/qv-stream}
-mkdir -p "$WORK"
-IN="$WORK/sample-${W}x${H}-q90.jpg"
-if [ ! -s "$IN" ]; then
-  "$QVFILTER" sample "$WORK/sample.png" --width "$W" --height "$H" >/dev/null
-  "$QVFILTER" convert "$WORK/sample.png" "$IN" --quality 90 >/dev/null
-  rm -f "$WORK/sample.png"
-fi
+bench_parse_args "$0" runs size -- "$@"
+bench_sample_jpeg "$0"
 for o in 1 2 3 4 5 6 7 8; do
   /usr/bin/python3 - "$IN" "$WORK/oriented-$o.jpg" "$o" <<'PY'
 import struct, sys

@@ -16,19 +16,7 @@ runs=3
 only=.
 size=6000x4000
 bench_parse_args "$0" runs only size -- "$@"
-QVFILTER=${QVFILTER:-build/release/bin/qvfilter}
-[ -x "$QVFILTER" ] || { echo "stream.sh: build qvfilter first (or set QVFILTER)" >&2; exit 1; }
-TIME=/usr/bin/time
-[ -x "$TIME" ] || { echo "stream.sh: GNU time (/usr/bin/time) is needed" >&2; exit 1; }
-W=${size%x*} H=${size#*x}
-WORK=${QV_STREAM_TMP:-/tmp/qv-stream}
-mkdir -p "$WORK"
-IN="$WORK/sample-${W}x${H}-q90.jpg"
-if [ ! -s "$IN" ]; then
-  "$QVFILTER" sample "$WORK/sample.png" --width "$W" --height "$H" >/dev/null
-  "$QVFILTER" convert "$WORK/sample.png" "$IN" --quality 90 >/dev/null
-  rm -f "$WORK/sample.png"
-fi
+bench_sample_jpeg "$0"
 
 # measure COMMAND... -> "seconds megabytes" of the fastest of $runs runs ("- -" if it failed).
 measure() {

@@ -72,13 +72,19 @@ def choose_watermark(display, window, mark, shot, failures):
     time.sleep(1)
     run(["xdotool", "key", "Return"], env=env, timeout=10)
     time.sleep(4)  # the file is read and the preview drawn again
+    # The watermark covers a corner of the preview: thousands of pixels.
+    expect_preview_changed(display, window, shot, os.path.basename(mark), "a watermark file", failures)
+
+
+def expect_preview_changed(display, window, shot, chosen_name, what, failures):
+    """Takes the dialog's screenshot again after `chosen_name` was chosen and records a failure
+    unless the preview changed by at least 500 pixels against `shot`."""
     chosen = shot.replace(".png", "-chosen.png")
     run(["import", "-display", display, "-window", window, chosen])
     changed = differing_pixels(shot, chosen) if os.path.exists(chosen) else 0
-    print("after choosing %s: %s (%d pixels changed)" % (os.path.basename(mark), chosen, changed))
-    # The watermark covers a corner of the preview: thousands of pixels.
+    print("after choosing %s: %s (%d pixels changed)" % (chosen_name, chosen, changed))
     if changed < 500:
-        failures.append("choosing a watermark file did not change the preview (%d pixels)" % changed)
+        failures.append("choosing %s did not change the preview (%d pixels)" % (what, changed))
 
 
 def choose_layer(display, window, shot, failures):
@@ -92,12 +98,7 @@ def choose_layer(display, window, shot, failures):
     time.sleep(1)
     run(["xdotool", "key", "Down"], env=env, timeout=10)
     time.sleep(4)  # the layer is read and the preview drawn again
-    chosen = shot.replace(".png", "-chosen.png")
-    run(["import", "-display", display, "-window", window, chosen])
-    changed = differing_pixels(shot, chosen) if os.path.exists(chosen) else 0
-    print("after choosing the first layer: %s (%d pixels changed)" % (chosen, changed))
-    if changed < 500:
-        failures.append("choosing a layer did not change the preview (%d pixels)" % changed)
+    expect_preview_changed(display, window, shot, "the first layer", "a layer", failures)
     run(["xdotool", "key", "alt+o"], env=env, timeout=10)
 
 
