@@ -515,8 +515,21 @@ struct CompositeInput {
       info.colorManaged = colorManaged;
       return RegionAnswer::constantColor(constantPixel(info));
     }
-    if (matrix || mask || !image) return RegionAnswer::renderIt();
-    return resolveRegion(*image.node(), rect.offset(-dx, -dy), colorManaged).movedBy(dx, dy);
+    if (!image) return RegionAnswer::renderIt();
+    const RegionAnswer a = resolveRegion(*image.node(), rect.offset(-dx, -dy), colorManaged).movedBy(dx, dy);
+    // Through a matrix or a mask the pixels change, but where the image's answer changes (its
+    // cut) still tells the renderer where smaller parts need less of it.
+    if (matrix || mask) return a.kind == RegionAnswer::Kind::render ? a : RegionAnswer::renderIt();
+    return a;
+  }
+  // A render whose only news is where an input's answer changes: the first input's cut that
+  // lies in `rect`, else a plain render.
+  static RegionAnswer cutOfInputs(const std::vector<CompositeInput>& inputs, const PixelRect& rect, bool colorManaged) {
+    for (const CompositeInput& f : inputs) {
+      const RegionAnswer a = f.describe(rect, colorManaged);
+      if (a.kind == RegionAnswer::Kind::render && a.cut != RegionAnswer::Cut::none) return a;
+    }
+    return RegionAnswer::renderIt();
   }
 
   // Folds each of `given` and numbers the images they read: the node's inputs.
@@ -571,8 +584,10 @@ class CompositeNode final : public ImageNode {
   // Source over only: s + b·(1 − α_s) is s exactly where s is opaque (b·0 adds 0) or b is
   // transparent, and b exactly where s is transparent (0 + b·1).
   RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override {
-    if (std::string_view(op_.name) != "CISourceOverCompositing") return RegionAnswer::renderIt();
     const PixelRect active = PixelRect::centresInside(extent());
+    // Any other operation mixes its inputs: nothing simpler, but their cuts still split the
+    // render where one of them needs less on each side (a tiled texture at its seams).
+    if (std::string_view(op_.name) != "CISourceOverCompositing") return CompositeInput::cutOfInputs(folded_, rect, colorManaged);
     if (!active.contains(rect)) return RegionAnswer::within(rect, active, RegionAnswer::renderIt());
     const RegionAnswer s = folded_[0].describe(rect, colorManaged);
     if (s.kind == RegionAnswer::Kind::render || s.isOpaque()) return s;

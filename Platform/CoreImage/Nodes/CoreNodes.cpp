@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "CoreImage/Builtins/Float4.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/Render/PixelConvert.h"
@@ -273,20 +274,26 @@ struct AxisTaps {
   std::vector<float> w;
 };
 
-AxisTaps axisTaps(double u, double radius) {
-  AxisTaps t;
-  const std::int64_t i0 = std::int64_t(std::ceil(u - radius)), i1 = std::int64_t(std::floor(u + radius));
+// The input indices [first, end) the taps of output position u reach (end <= first: none).
+std::pair<std::int64_t, std::int64_t> tapRange(double u, double radius) {
+  return {std::int64_t(std::ceil(u - radius)), std::int64_t(std::floor(u + radius)) + 1};
+}
+
+// Fills `t` with the taps of output position u, reusing its storage and `sums` (the weights in
+// double before they are normalised): a tile asks for one per column and one per row, which
+// would otherwise be two allocations each.
+void axisTaps(double u, double radius, AxisTaps& t, std::vector<double>& sums) {
+  const auto [i0, end] = tapRange(u, radius);
   t.first = i0;
   double sum = 0;
-  std::vector<double> w;
-  for (std::int64_t i = i0; i <= i1; ++i) {
+  sums.clear();
+  for (std::int64_t i = i0; i < end; ++i) {
     const double v = std::max(0.0, 1.0 - std::fabs(double(i) - u) / radius);
-    w.push_back(v);
+    sums.push_back(v);
     sum += v;
   }
-  t.w.resize(w.size());
-  for (std::size_t k = 0; k < w.size(); ++k) t.w[k] = sum > 0 ? float(w[k] / sum) : 0.0f;
-  return t;
+  t.w.resize(sums.size());
+  for (std::size_t k = 0; k < sums.size(); ++k) t.w[k] = sum > 0 ? float(sums[k] / sum) : 0.0f;
 }
 
 // The taps of a run of output indices on one axis, flattened: for output k, count[k] weights
@@ -316,25 +323,31 @@ struct TapTable {
 // row of input columns followed by a horizontal pass.
 void TransformNode::renderSeparable(const PixelTile& out, const ConstPixelTile& src) const {
   const PixelRect sr = src.rect;
-  std::vector<AxisTaps> cols(std::size_t(out.rect.width));
+  const auto columnAt = [&](std::int64_t X) { return snap(inv_.a * (double(X) + 0.5) + inv_.tx - 0.5); };
+  // The input columns the taps reach, first (from their ranges alone), then the taps.
   std::int64_t lo = sr.maxX(), hi = sr.x;
   for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X) {
-    const double u = snap(inv_.a * (double(X) + 0.5) + inv_.tx - 0.5);
-    AxisTaps& t = cols[std::size_t(X - out.rect.x)];
-    t = axisTaps(u, rx_);
-    lo = std::min(lo, std::max(sr.x, t.first));
-    hi = std::max(hi, std::min(sr.maxX(), t.first + std::int64_t(t.w.size())));
+    const auto [first, end] = tapRange(columnAt(X), rx_);
+    lo = std::min(lo, std::max(sr.x, first));
+    hi = std::max(hi, std::min(sr.maxX(), std::max(first, end)));
   }
   if (hi <= lo) return clearTile(out);
+  const std::size_t width = std::size_t(out.rect.width);
   TapTable table;
-  table.first.reserve(cols.size());
-  table.offset.reserve(cols.size());
-  table.count.reserve(cols.size());
-  for (const AxisTaps& t : cols) table.add(t, lo, hi);
+  table.first.reserve(width);
+  table.offset.reserve(width);
+  table.count.reserve(width);
+  AxisTaps taps;
+  std::vector<double> sums;
+  for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X) {
+    axisTaps(columnAt(X), rx_, taps, sums);
+    table.add(taps, lo, hi);
+  }
   std::vector<float> temp(std::size_t(hi - lo) * 4);
+  AxisTaps rows;
   for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
     const double v = snap(inv_.d * (double(Y) + 0.5) + inv_.ty - 0.5);
-    const AxisTaps rows = axisTaps(v, ry_);
+    axisTaps(v, ry_, rows, sums);
     std::fill(temp.begin(), temp.end(), 0.0f);
     bool any = false;
     for (std::size_t k = 0; k < rows.w.size(); ++k) {
@@ -352,20 +365,17 @@ void TransformNode::renderSeparable(const PixelTile& out, const ConstPixelTile& 
     }
     float* o = out.at(out.rect.x, Y);
     const float* base = temp.data() - lo * 4;
-    for (std::size_t X = 0; X < cols.size(); ++X, o += 4) {
+    for (std::size_t X = 0; X < width; ++X, o += 4) {
       const float* w = table.weight.data() + table.offset[X];
       const float* p = base + table.first[X] * 4;
-      float a0 = 0, a1 = 0, a2 = 0, a3 = 0;
+      // The four components in one vector: each lane runs the one-component sum, in order.
+      qv::builtins::Float4 a = qv::builtins::splat<qv::builtins::Float4>(0.0f);
       for (std::uint32_t k = 0, n = table.count[X]; k < n; ++k, p += 4) {
-        a0 += w[k] * p[0];
-        a1 += w[k] * p[1];
-        a2 += w[k] * p[2];
-        a3 += w[k] * p[3];
+        qv::builtins::Float4 pixel;
+        std::memcpy(&pixel, p, sizeof pixel);
+        a += qv::builtins::splat<qv::builtins::Float4>(w[k]) * pixel;
       }
-      o[0] = a0;
-      o[1] = a1;
-      o[2] = a2;
-      o[3] = a3;
+      std::memcpy(o, &a, sizeof a);
     }
   }
 }

@@ -122,6 +122,10 @@ class CropNode final : public ImageNode {
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "crop"; }
+  // Its input's tile covers the kept pixels of any tile (transparent where the input has none)
+  // and every one of them is copied: every pixel is written when the kept pixels include all
+  // that the extent touches (a crop on whole pixels; not one whose edge cuts a pixel).
+  bool writesEveryPixel() const override { return kept_.contains(PixelRect::covering(extent())); }
 
  private:
   CGRect rect_;

@@ -82,6 +82,16 @@ void TileNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, 
   }
 }
 
+RegionAnswer TileNode::describeRegion(const PixelRect& rect, bool) const {
+  // Only rows: a cut across the columns would split every tile of a column narrower than the
+  // cell, and the nodes below could no longer carry rows from tile to tile; a few cuts down a
+  // column (one per cell height) cost nothing of the kind.
+  if (rect.empty() || cell_.empty() || rect.height >= cell_.height) return RegionAnswer::renderIt();
+  const std::int64_t offset = floorMod(rect.y - cell_.y, cell_.height);
+  if (offset == 0) return RegionAnswer::renderIt();  // starts at a seam and ends before the next
+  return RegionAnswer::cutAt(rect, RegionAnswer::Cut::y, rect.y + (cell_.height - offset));
+}
+
 // ---- LanczosScaleNode ----
 
 LanczosScaleNode::Setup LanczosScaleNode::setup(const CGRect& in, double sx, double sy) {

@@ -16,6 +16,11 @@ class TileNode final : public ImageNode {
   const PixelRect& cell() const { return cell_; }
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
+  // A rectangle lower than the cell that spans a seam between two copies needs the whole
+  // cell's height of the input, as one region (a 1024-pixel cell: 16 MB of working floats for
+  // a tile a few rows high): the answer cuts it at the seam, so that an 8-bit render reads only
+  // the cell's rows each side needs.
+  RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "tile"; }
 
  private:

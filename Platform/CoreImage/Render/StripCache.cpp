@@ -107,8 +107,9 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
   // worker that fell behind the others on the way down): from the request's own first strip.
   const std::size_t half = capacityStrips() / 2;
   const bool upwards = reader_ && index < restartedAt_;
-  const std::size_t windowFirst = upwards ? std::min(index, lastIndex + 1 > half ? lastIndex + 1 - half : 0) : index;
+  std::size_t windowFirst = upwards ? std::min(index, lastIndex + 1 > half ? lastIndex + 1 - half : 0) : index;
   const std::size_t at = reader_ ? reader_->nextRow() / kStripRows : 0;
+  const bool restarted = !reader_ || at > index;
   if (!reader_ || at > index) restartedAt_ = windowFirst;
   if (reader_ && at > index && reader_->rewind()) {
     // A reader holding the whole image starts again for free.
@@ -130,6 +131,11 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
     }
   }
   const std::size_t from = reader_->nextRow() / kStripRows;
+  // A reader that goes on down to a request not far below it decodes the rows in between
+  // instead of skipping them, when they fit in the cache with the request: two consumers that
+  // read the file some rows apart (a picture under its scaled copy) find the upper one's rows
+  // kept, rather than restarting the reader from the top for each of its requests.
+  if (!restarted && from < windowFirst && lastIndex + 1 - from + 4 <= capacityStrips()) windowFirst = from;
   if (from < windowFirst && !reader_->skipRows((windowFirst - from) * kStripRows)) {
     failure_ = "cannot decode " + what_ + ": " + reader_->error();
     fail();

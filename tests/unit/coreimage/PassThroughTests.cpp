@@ -11,6 +11,7 @@
 #include "CoreImage/CIColor.h"
 #include "CoreImage/CIContext.h"
 #include "CoreImage/CIFilter.h"
+#include "CoreImage/CIVector.h"
 #include "CoreImage/ImageNode.h"
 #include "CoreImage/Nodes/CoreNodes.h"
 #include "CoreImage/Render/PixelConvert.h"
@@ -64,6 +65,23 @@ CIImage sourceOver(const CIImage& image, const CIImage& background) {
   over->setValue(image, kCIInputImageKey);
   over->setValue(background, kCIInputBackgroundImageKey);
   return CIImage::fromValue(over->valueForKey(kCIOutputImageKey));
+}
+
+// A picture under a texture repeated over it, faded to `alpha` and mixed by soft light: the
+// texture tile's graph.
+CIImage tiledOver(const CIImage& picture, const CIImage& texture, double alpha) {
+  const CIFilterRef tile = CIFilter::filterWithName("CIAffineTile");
+  tile->setDefaults();
+  tile->setValue(texture, kCIInputImageKey);
+  const CIFilterRef fade = CIFilter::filterWithName("CIColorMatrix");
+  fade->setDefaults();
+  fade->setValue(CIImage::fromValue(tile->valueForKey(kCIOutputImageKey)).imageByCroppingToRect(picture.extent()),
+                 kCIInputImageKey);
+  fade->setValue(CIVector::vectorWithX(0, 0, 0, alpha), "inputAVector");
+  const CIFilterRef soft = CIFilter::filterWithName("CISoftLightBlendMode");
+  soft->setValue(CIImage::fromValue(fade->valueForKey(kCIOutputImageKey)), kCIInputImageKey);
+  soft->setValue(picture, kCIInputBackgroundImageKey);
+  return CIImage::fromValue(soft->valueForKey(kCIOutputImageKey));
 }
 
 // The inside border's graph: the picture through a white mask over its inner rectangle, over
@@ -284,6 +302,35 @@ TEST(PassThroughAnswers, ConstantColoursAnswerTheirColourInsideTheirPixels) {
   EXPECT_EQ(a.at, 10);
 }
 
+TEST(PassThroughAnswers, ARepeatedTextureIsCutAtTheSeamsBetweenItsCopies) {
+  // A 40 x 30 cell at the origin: seams at every multiple of 30 rows.
+  const auto picture = grainyPicture(40, 30, false);
+  const CIImage cell = CIImage::imageWithRGBA8(picture->pixels.data(), 40, 30, picture->bytesPerRow);
+  const CIFilterRef tile = CIFilter::filterWithName("CIAffineTile");
+  tile->setDefaults();
+  tile->setValue(cell, kCIInputImageKey);
+  const CIImage tiled = CIImage::fromValue(tile->valueForKey(kCIOutputImageKey));
+  RegionAnswer a = answer(tiled, {0, 50, 100, 20});  // rows 50 to 69 straddle the seam at 60
+  EXPECT_EQ(a.kind, Kind::render);
+  EXPECT_EQ(a.cut, Cut::y);
+  EXPECT_EQ(a.at, 60);
+  a = answer(tiled, {0, -10, 100, 20});  // below the origin: the seam at 0
+  EXPECT_EQ(a.cut, Cut::y);
+  EXPECT_EQ(a.at, 0);
+  // Starting at a seam and ending before the next, or taller than the cell (which needs all of
+  // it anyway): no cut.
+  EXPECT_EQ(answer(tiled, {0, 60, 100, 30}).cut, Cut::none);
+  EXPECT_EQ(answer(tiled, {0, 50, 100, 30}).cut, Cut::none);
+  // Narrower than the cell across a column seam: rows only, never columns.
+  EXPECT_EQ(answer(tiled, {30, 0, 20, 20}).cut, Cut::none);
+  // Through a fade and a blend with the picture, the seam still cuts the render.
+  const CIImage jpeg = CIImage::imageWithContentsOfFile(jpegPath());
+  a = answer(tiledOver(jpeg, cell, 0.6), {0, 50, 100, 20});
+  EXPECT_EQ(a.kind, Kind::render);
+  EXPECT_EQ(a.cut, Cut::y);
+  EXPECT_EQ(a.at, 60);
+}
+
 // ---- renders with and without the shortcut ----
 
 TEST(PassThroughRender, EqualsTheFullRenderBitForBit) {
@@ -297,7 +344,8 @@ TEST(PassThroughRender, EqualsTheFullRenderBitForBit) {
   const CIImage graphs[] = {insideBorder(jpeg, 12), insideBorder(png, 12), outsideBorder(jpeg, 9),
                             outsideBorder(png, 9), jpeg.imageByCroppingToRect(CGRectMake(13, 17, 101.5, 90)),
                             png.imageByApplyingTransform(CGAffineTransformMakeTranslation(-3, 5)),
-                            insideBorder(bitmap, 6), bitmap.imageByCroppingToRect(CGRectMake(5, 5, 60, 50))};
+                            insideBorder(bitmap, 6), bitmap.imageByCroppingToRect(CGRectMake(5, 5, 60, 50)),
+                            tiledOver(jpeg, bitmap, 0.6), tiledOver(png, bitmap.imageByCroppingToRect(CGRectMake(0, 0, 90, 23)), 1)};
   for (const CIImage& g : graphs) {
     for (bool managed : {true, false}) {
       for (int tile : {0, 16, 48}) {

@@ -94,6 +94,32 @@ TEST(StripCache, ReadingUpwardsRestartsOncePerHalfCache) {
   EXPECT_EQ(down.stats().stripsDecoded, 64u);
 }
 
+TEST(StripCache, TwoReadersSomeRowsApartFindTheUpperOnesRowsKept) {
+  // A picture under a copy of itself read 96 rows further down (6 strips, in a cache of 16):
+  // the lower reader asks first, then the upper one, tile by tile down the file. The reader
+  // decodes the rows between them as it goes on down instead of skipping them, so the upper
+  // reader finds them in the cache: two opens (the first request skips to the lower reader's
+  // rows; skipping on every request made three here, and fourteen against seven for readers
+  // 128 rows apart, where neither keeps every strip), each strip decoded about once.
+  const std::string path = writeJPEG("two-readers.jpg", 64, 1024);
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  const std::size_t stripBytes = StripCache::kStripRows * 64 * 4;
+  const StripCache cache(openerFor(path), path, 64, 1024, 8, 16 * stripBytes);
+  for (std::size_t first = 0; first + 96 + 24 <= 1024; first += 24) {
+    EXPECT_TRUE(rowsMatch(cache, *whole, first + 96, 24)) << first;
+    EXPECT_TRUE(rowsMatch(cache, *whole, first, 24)) << first;
+  }
+  EXPECT_LE(cache.stats().opens, 2u);
+  EXPECT_LE(cache.stats().stripsDecoded, 64u + 6u);
+  // A request far below (more than the cache holds) still skips the rows in between.
+  const StripCache far(openerFor(path), path, 64, 1024, 8, 16 * stripBytes);
+  EXPECT_TRUE(rowsMatch(far, *whole, 0, 16));
+  EXPECT_TRUE(rowsMatch(far, *whole, 800, 16));
+  EXPECT_EQ(far.stats().opens, 1u);
+  EXPECT_LE(far.stats().stripsDecoded, 4u);  // each request's strip and one decoded ahead
+}
+
 TEST(StripCache, ATruncatedFileFailsNamingTheRowsAndKeepsFailing) {
   const std::string path = writeJPEG("cut.jpg", 128, 512);
   std::filesystem::resize_file(path, std::filesystem::file_size(path) / 3);
