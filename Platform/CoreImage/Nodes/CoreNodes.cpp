@@ -481,13 +481,21 @@ PixelRect ClampNode::regionOfInterest(std::size_t, const PixelRect& rect) const 
 void ClampNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
   const ConstPixelTile& src = in[0];
   if (src.rect.empty()) return;
+  // Per row: the edge texel repeated left of the source, its row copied where it lies under
+  // the tile, the other edge texel repeated right of it.
+  const std::int64_t inA = std::clamp(src.rect.x, out.rect.x, out.rect.maxX());
+  const std::int64_t inB = std::clamp(src.rect.maxX(), inA, out.rect.maxX());
   for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
     const std::int64_t sy = std::clamp(y, src.rect.y, src.rect.maxY() - 1);
     float* o = out.at(out.rect.x, y);
-    for (std::int64_t x = out.rect.x; x < out.rect.maxX(); ++x, o += 4) {
-      const std::int64_t sx = std::clamp(x, src.rect.x, src.rect.maxX() - 1);
-      std::memcpy(o, src.at(sx, sy), 4 * sizeof(float));
+    const float* left = src.at(src.rect.x, sy);
+    const float* right = src.at(src.rect.maxX() - 1, sy);
+    for (std::int64_t x = out.rect.x; x < inA; ++x, o += 4) std::memcpy(o, left, 4 * sizeof(float));
+    if (inB > inA) {
+      std::memcpy(o, src.at(inA, sy), std::size_t(inB - inA) * 4 * sizeof(float));
+      o += (inB - inA) * 4;
     }
+    for (std::int64_t x = inB; x < out.rect.maxX(); ++x, o += 4) std::memcpy(o, right, 4 * sizeof(float));
   }
 }
 

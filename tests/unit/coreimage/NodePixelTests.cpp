@@ -1,6 +1,7 @@
 // What the core nodes compute, pixel by pixel, against plain formulas.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -162,5 +163,28 @@ TEST(TransformPixels, TurnedImageEqualsTheBilinearFormulaBitForBit) {
       EXPECT_EQ(differing, 0u) << "transform " << t.a << " " << t.b << " " << t.c << " " << t.d << " " << t.tx << " "
                                << t.ty << ", tile " << tile;
     }
+  }
+}
+
+// A clamped image repeats its nearest edge texel everywhere outside it: tiles left of, right
+// of, across and inside the image, above and below it, all equal that formula exactly.
+TEST(ClampPixels, EveryPixelIsTheNearestTexel) {
+  constexpr int w = 23, h = 17;
+  const auto src = makeTestPixels(w, h, 3, true);
+  const auto img = CIImage::imageWithRGBAf(src.data(), w, h, CGPoint{5, -4});
+  const CIImage clamped = img.imageByClampingToExtent();
+  const PixelRect r{-40, -45, 90, 70};
+  for (int tile : {0, 16, 24}) {
+    const std::vector<float> got = renderRGBAf(clamped, r.cgRect(), renderOptions(1, tile, false));
+    ASSERT_EQ(got.size(), std::size_t(r.width * r.height * 4));
+    std::size_t differing = 0;
+    for (std::int64_t Y = r.y; Y < r.maxY(); ++Y)
+      for (std::int64_t X = r.x; X < r.maxX(); ++X) {
+        const std::int64_t i = std::clamp<std::int64_t>(X - 5, 0, w - 1), j = std::clamp<std::int64_t>(Y + 4, 0, h - 1);
+        const float* want = &src[std::size_t(((h - 1 - j) * w + i) * 4)];
+        const float* have = &got[std::size_t(((r.maxY() - 1 - Y) * r.width + (X - r.x)) * 4)];
+        differing += std::memcmp(want, have, 4 * sizeof(float)) != 0;
+      }
+    EXPECT_EQ(differing, 0u) << "tile " << tile;
   }
 }
