@@ -634,6 +634,28 @@ TEST(LineSampler, AddsExactlyTheBilinearSample) {
   points.emplace_back(2e15, 6.0);
   points.emplace_back(1.0, -3e16);
   points.emplace_back(std::nan(""), 6.0);
+  // Along a segment that segmentInside accepts, the unchecked sampler adds the same.
+  std::size_t inside = 0;
+  for (int k = 0; k < 2000; ++k) {
+    double v[4];
+    for (double& c : v) {
+      state = state * 1664525u + 1013904223u;
+      c = double(state >> 8) / double(1u << 24);
+    }
+    const double x0 = -4.0 + 14.0 * v[0], y0 = 4.0 + 11.0 * v[1], x1 = -4.0 + 14.0 * v[2], y1 = 4.0 + 11.0 * v[3];
+    if (!qv::blur::segmentInside(tile, x0, y0, x1, y1)) continue;
+    ++inside;
+    for (int j = 0; j <= 20; ++j) {
+      const double t = 1.0 * j / 20;
+      const double x = x0 + t * (x1 - x0), y = y0 + t * (y1 - y0);
+      float expected[4];
+      qv::blur::sampleBilinear(tile, x, y, expected);
+      qv::blur::Float4 got = {0, 0, 0, 0};
+      qv::blur::addBilinearInside(tile, x, y, got);
+      for (int c = 0; c < 4; ++c) EXPECT_EQ(std::memcmp(&got[c], &expected[c], sizeof(float)), 0) << x << ", " << y;
+    }
+  }
+  EXPECT_GT(inside, 100u);
   for (const auto& [x, y] : points) {
     float expected[4];
     qv::blur::sampleBilinear(tile, x, y, expected);
