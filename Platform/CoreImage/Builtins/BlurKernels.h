@@ -6,7 +6,10 @@
 // to 2^53 quanta are exact, so a sum slid along a row equals the sum taken directly.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "CoreImage/ImageNode.h"
@@ -105,6 +108,61 @@ void median3x3(const ConstPixelTile& in, const PixelTile& out);
 // Bilinear sample at a point of the image plane (pixel (i, j) has its centre at (i + ½, j + ½));
 // transparent outside the tile.
 void sampleBilinear(const ConstPixelTile& in, double x, double y, float* rgba);
+
+// One pixel's premultiplied RGBA in one register: element-wise IEEE arithmetic, the same
+// results as four scalar operations.
+typedef float Float4 __attribute__((vector_size(16)));
+
+// acc += sampleBilinear(in, x, y) for a point whose four texels lie inside `in` (x - 0.5 and
+// y - 0.5 at least one texel inside its left and bottom edges and two inside its right and top
+// ones), bit for bit, without bounds checks or library calls.
+inline void addBilinearInside(const ConstPixelTile& in, double x, double y, Float4& acc) {
+  const double fx = x - 0.5, fy = y - 0.5;
+  // floor, inline; for -0.0 it gives +0.0, so the fraction is -0.0 instead of +0.0: the same
+  // index, and the weights it makes zero are zero either way (and skipped).
+  double x0f = double(std::int64_t(fx)), y0f = double(std::int64_t(fy));
+  if (x0f > fx) x0f -= 1.0;
+  if (y0f > fy) y0f -= 1.0;
+  const float wx = float(fx - x0f), wy = float(fy - y0f);
+  const float w[4] = {(1 - wx) * (1 - wy), wx * (1 - wy), (1 - wx) * wy, wx * wy};
+  const float* p = in.at(std::int64_t(x0f), std::int64_t(y0f));
+  const float* q[4] = {p, p + 4, p + in.stride, p + in.stride + 4};
+  Float4 sum = {0, 0, 0, 0};
+  for (int k = 0; k < 4; ++k) {
+    if (w[k] == 0) continue;
+    Float4 texel;
+    std::memcpy(&texel, q[k], sizeof texel);
+    sum += w[k] * texel;
+  }
+  acc += sum;
+}
+
+// acc += sampleBilinear(in, x, y), bit for bit, inline: where the sample's four texels lie
+// inside `in` (all but the tile's border), through addBilinearInside. Lines of samples (the
+// motion and zoom blurs) spend nearly all their time here.
+inline void addBilinear(const ConstPixelTile& in, double x, double y, Float4& acc) {
+  const double fx = x - 0.5, fy = y - 0.5;
+  if (std::fabs(fx) < 1e15 && std::fabs(fy) < 1e15) {
+    double x0f = double(std::int64_t(fx)), y0f = double(std::int64_t(fy));  // floor, inline
+    if (x0f > fx) x0f -= 1.0;
+    if (y0f > fy) y0f -= 1.0;
+    if (x0f >= double(in.rect.x) && x0f + 1 < double(in.rect.maxX()) && y0f >= double(in.rect.y) &&
+        y0f + 1 < double(in.rect.maxY()))
+      return addBilinearInside(in, x, y, acc);
+  }
+  Float4 sum;
+  sampleBilinear(in, x, y, reinterpret_cast<float*>(&sum));
+  acc += sum;
+}
+
+// Whether every point of the segment from (x0, y0) to (x1, y1), give or take a rounding, may be
+// sampled by addBilinearInside: its ends lie at least one texel inside `in` on every side.
+inline bool segmentInside(const ConstPixelTile& in, double x0, double y0, double x1, double y1) {
+  const double lx = std::min(x0, x1) - 0.5, hx = std::max(x0, x1) - 0.5;
+  const double ly = std::min(y0, y1) - 0.5, hy = std::max(y0, y1) - 0.5;
+  return lx >= double(in.rect.x) + 1 && hx < double(in.rect.maxX()) - 2 && ly >= double(in.rect.y) + 1 &&
+         hy < double(in.rect.maxY()) - 2;
+}
 
 // `in` itself when it covers `need`; otherwise a copy of it over `need` in `storage`,
 // transparent where `in` has no pixels.

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "CoreImage/Builtins/BlurKernels.h"
 #include "CoreImage/Builtins/BlurNode.h"
@@ -153,9 +154,17 @@ class PixellateFilter final : public CIBuiltinFilter {
       std::vector<double> cellX(std::size_t(out.rect.width));
       for (std::int64_t x = 0; x < out.rect.width; ++x)
         cellX[std::size_t(x)] = Grid::cell(double(out.rect.x + x) + 0.5, grid.cx, grid.s);
+      double previousY = std::nan("");
       for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
         float* o = out.row(y);
         const double sy = grid.centreY(Grid::cell(double(y) + 0.5, grid.cy, grid.s));
+        // The rows of one band of squares sample the same points: the first one computed is
+        // copied to the others.
+        if (sy == previousY) {
+          std::memcpy(o, out.row(y - 1), std::size_t(out.rect.width) * 4 * sizeof(float));
+          continue;
+        }
+        previousY = sy;
         float colour[4] = {0, 0, 0, 0};
         double current = std::nan("");
         for (std::int64_t x = 0; x < out.rect.width; ++x) {

@@ -117,6 +117,30 @@ double snap(double v) {
   const double r = std::round(v);
   return std::fabs(v - r) < 1e-9 ? r : v;
 }
+
+// Below this magnitude a double's nearest integer and floor are computed inline (without a
+// library call): adding and subtracting 1.5 * 2^52 rounds to the nearest integer.
+constexpr double kInlineRoundLimit = 1e15;
+constexpr double kRoundMagic = 6755399441055744.0;
+
+// snap(v), bit for bit: a value within 1e-9 of an integer is never a tie, so rounding half to
+// even (the inline rounding) picks the same integer as rounding half away from zero, and the
+// integer takes v's sign as std::round's does (-0.0 for a tiny negative v).
+inline double snapInline(double v) {
+  if (!(std::fabs(v) < kInlineRoundLimit)) return snap(v);
+  const double r = (v + kRoundMagic) - kRoundMagic;
+  return std::fabs(v - r) < 1e-9 ? std::copysign(r, v) : v;
+}
+
+// One pixel's premultiplied RGBA, element-wise IEEE arithmetic.
+using qv::builtins::Float4;
+
+// std::floor(v) for |v| < kInlineRoundLimit, except that -0.0 gives +0.0 (callers only take
+// v - floor(v) and its integer value, which are the same either way).
+inline double floorInline(double v) {
+  const double t = double(std::int64_t(v));
+  return t > v ? t - 1.0 : t;
+}
 }  // namespace
 
 TransformNode::TransformNode(CIImage input, const CGAffineTransform& t)
@@ -208,6 +232,10 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
     return;
   }
   const bool bilinear = rx_ == 1.0 && ry_ == 1.0;
+  if (bilinear) {
+    renderBilinear(out, src);
+    return;
+  }
   std::vector<float> wx, wy;
   for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
     float* o = out.at(out.rect.x, Y);
@@ -263,6 +291,60 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
         for (int k = 0; k < 4; ++k) acc[k] += wj * racc[k];
       }
       for (int k = 0; k < 4; ++k) o[k] = acc[k] * norm;
+    }
+  }
+}
+
+// Rotations and shears at scale one: two by two texels per output pixel. Where all four lie
+// inside `src` (all but a border of the tile), the taps are read without bounds checks and the
+// sample position is rounded inline; the arithmetic and the order of the sums are those of the
+// general path below, so the results are the same bit for bit.
+void TransformNode::renderBilinear(const PixelTile& out, const ConstPixelTile& src) const {
+  const PixelRect sr = src.rect;
+  const std::ptrdiff_t stride = src.stride;
+  for (std::int64_t Y = out.rect.y; Y < out.rect.maxY(); ++Y) {
+    float* o = out.at(out.rect.x, Y);
+    const double cy = double(Y) + 0.5;
+    for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X, o += 4) {
+      const double cx = double(X) + 0.5;
+      // Sample position in input pixel indices (pixel i has its centre at i + 0.5).
+      const double u = snapInline(inv_.a * cx + inv_.c * cy + inv_.tx - 0.5);
+      const double v = snapInline(inv_.b * cx + inv_.d * cy + inv_.ty - 0.5);
+      float acc[4] = {0, 0, 0, 0};
+      const bool inline_ = std::fabs(u) < kInlineRoundLimit && std::fabs(v) < kInlineRoundLimit;
+      const double fu = inline_ ? floorInline(u) : std::floor(u), fv = inline_ ? floorInline(v) : std::floor(v);
+      const std::int64_t i0 = std::int64_t(fu), j0 = std::int64_t(fv);
+      const float ax = float(u - fu), ay = float(v - fv);
+      const float wxs[2] = {1.0f - ax, ax}, wys[2] = {1.0f - ay, ay};
+      if (i0 >= sr.x && i0 + 1 < sr.maxX() && j0 >= sr.y && j0 + 1 < sr.maxY()) {
+        // One pixel's four channels in one register (the baseline's vectors; the build's static
+        // Highway target is scalar): a product and a sum per tap, never fused.
+        Float4 sum = {0, 0, 0, 0};
+        const float* p = src.at(i0, j0);
+        for (int j = 0; j < 2; ++j, p += stride) {
+          if (wys[j] == 0.0f) continue;
+          for (int i = 0; i < 2; ++i) {
+            if (wxs[i] == 0.0f) continue;
+            Float4 texel;
+            std::memcpy(&texel, p + i * 4, sizeof texel);
+            sum += (wxs[i] * wys[j]) * texel;
+          }
+        }
+        std::memcpy(o, &sum, sizeof sum);
+        continue;
+      }
+      for (int j = 0; j < 2; ++j) {
+        const std::int64_t yy = j0 + j;
+        if (wys[j] == 0.0f || yy < sr.y || yy >= sr.maxY()) continue;
+        for (int i = 0; i < 2; ++i) {
+          const std::int64_t xx = i0 + i;
+          if (wxs[i] == 0.0f || xx < sr.x || xx >= sr.maxX()) continue;
+          const float w = wxs[i] * wys[j];
+          const float* p = src.at(xx, yy);
+          for (int k = 0; k < 4; ++k) acc[k] += w * p[k];
+        }
+      }
+      std::memcpy(o, acc, sizeof acc);
     }
   }
 }
@@ -368,14 +450,13 @@ void TransformNode::renderSeparable(const PixelTile& out, const ConstPixelTile& 
     for (std::size_t X = 0; X < width; ++X, o += 4) {
       const float* w = table.weight.data() + table.offset[X];
       const float* p = base + table.first[X] * 4;
-      // The four components in one vector: each lane runs the one-component sum, in order.
-      qv::builtins::Float4 a = qv::builtins::splat<qv::builtins::Float4>(0.0f);
+      Float4 sum = {0, 0, 0, 0};
       for (std::uint32_t k = 0, n = table.count[X]; k < n; ++k, p += 4) {
-        qv::builtins::Float4 pixel;
-        std::memcpy(&pixel, p, sizeof pixel);
-        a += qv::builtins::splat<qv::builtins::Float4>(w[k]) * pixel;
+        Float4 texel;
+        std::memcpy(&texel, p, sizeof texel);
+        sum += w[k] * texel;
       }
-      std::memcpy(o, &a, sizeof a);
+      std::memcpy(o, &sum, sizeof sum);
     }
   }
 }
@@ -413,13 +494,21 @@ PixelRect ClampNode::regionOfInterest(std::size_t, const PixelRect& rect) const 
 void ClampNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
   const ConstPixelTile& src = in[0];
   if (src.rect.empty()) return;
+  // Per row: the edge texel repeated left of the source, its row copied where it lies under
+  // the tile, the other edge texel repeated right of it.
+  const std::int64_t inA = std::clamp(src.rect.x, out.rect.x, out.rect.maxX());
+  const std::int64_t inB = std::clamp(src.rect.maxX(), inA, out.rect.maxX());
   for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
     const std::int64_t sy = std::clamp(y, src.rect.y, src.rect.maxY() - 1);
     float* o = out.at(out.rect.x, y);
-    for (std::int64_t x = out.rect.x; x < out.rect.maxX(); ++x, o += 4) {
-      const std::int64_t sx = std::clamp(x, src.rect.x, src.rect.maxX() - 1);
-      std::memcpy(o, src.at(sx, sy), 4 * sizeof(float));
+    const float* left = src.at(src.rect.x, sy);
+    const float* right = src.at(src.rect.maxX() - 1, sy);
+    for (std::int64_t x = out.rect.x; x < inA; ++x, o += 4) std::memcpy(o, left, 4 * sizeof(float));
+    if (inB > inA) {
+      std::memcpy(o, src.at(inA, sy), std::size_t(inB - inA) * 4 * sizeof(float));
+      o += (inB - inA) * 4;
     }
+    for (std::int64_t x = inB; x < out.rect.maxX(); ++x, o += 4) std::memcpy(o, right, 4 * sizeof(float));
   }
 }
 

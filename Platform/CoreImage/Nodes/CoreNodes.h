@@ -104,6 +104,7 @@ class TransformNode final : public ImageNode {
 
  private:
   void renderSeparable(const PixelTile& out, const ConstPixelTile& src) const;
+  void renderBilinear(const PixelTile& out, const ConstPixelTile& src) const;
   CGAffineTransform t_, inv_;
   double rx_ = 1, ry_ = 1;  // filter radii in input pixels
   // The transform maps pixel centres onto pixel centres at unit scale (a flip, possibly with a

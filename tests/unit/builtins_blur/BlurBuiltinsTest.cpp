@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <numbers>
 
 #include "BlurTestSupport.h"
@@ -600,4 +601,71 @@ TEST(BlurFilters, MorphologyRectangleOfHugeSidesReachesAcrossTheImageInBands) {
   std::size_t wrong = 0;
   for (std::size_t i = 0; i < maximum.size(); ++i) wrong += maximum[i] != largest[i % 4] || minimum[i] != 0.0f;
   EXPECT_EQ(wrong, 0u);
+}
+
+// The inline sampler of the line blurs adds exactly what sampleBilinear returns, bit for bit:
+// inside the tile, on its border and outside it, at whole and half texels, at positions just
+// below zero (where std::floor gives -0.0) and far away.
+TEST(LineSampler, AddsExactlyTheBilinearSample) {
+  constexpr std::int64_t w = 13, h = 9;
+  std::vector<float> px(std::size_t(w * h * 4));
+  std::uint32_t state = 99;
+  for (float& v : px) {
+    state = state * 1664525u + 1013904223u;
+    v = float(state >> 8) / float(1u << 24) * 1.5f - 0.25f;  // some negative values too
+  }
+  const ConstPixelTile tile{px.data(), PixelRect{-3, 5, w, h}, w * 4};
+  std::vector<std::pair<double, double>> points;
+  for (double x = -5.0; x <= 12.0; x += 0.25)
+    for (double y = 3.0; y <= 16.0; y += 0.375) points.emplace_back(x, y);
+  state = 7;
+  for (int k = 0; k < 4000; ++k) {
+    state = state * 1664525u + 1013904223u;
+    const double x = -6.0 + 20.0 * double(state >> 8) / double(1u << 24);
+    state = state * 1664525u + 1013904223u;
+    const double y = 2.0 + 16.0 * double(state >> 8) / double(1u << 24);
+    points.emplace_back(x, y);
+  }
+  for (double tiny : {1e-300, 1e-17, 1e-12}) {
+    points.emplace_back(0.5 - tiny, 6.5);
+    points.emplace_back(-2.5 - tiny, 6.5 - tiny);
+    points.emplace_back(0.5 - tiny, 0.5 - tiny);
+  }
+  points.emplace_back(2e15, 6.0);
+  points.emplace_back(1.0, -3e16);
+  points.emplace_back(std::nan(""), 6.0);
+  // Along a segment that segmentInside accepts, the unchecked sampler adds the same.
+  std::size_t inside = 0;
+  for (int k = 0; k < 2000; ++k) {
+    double v[4];
+    for (double& c : v) {
+      state = state * 1664525u + 1013904223u;
+      c = double(state >> 8) / double(1u << 24);
+    }
+    const double x0 = -4.0 + 14.0 * v[0], y0 = 4.0 + 11.0 * v[1], x1 = -4.0 + 14.0 * v[2], y1 = 4.0 + 11.0 * v[3];
+    if (!qv::blur::segmentInside(tile, x0, y0, x1, y1)) continue;
+    ++inside;
+    for (int j = 0; j <= 20; ++j) {
+      const double t = 1.0 * j / 20;
+      const double x = x0 + t * (x1 - x0), y = y0 + t * (y1 - y0);
+      float expected[4];
+      qv::blur::sampleBilinear(tile, x, y, expected);
+      qv::blur::Float4 got = {0, 0, 0, 0};
+      qv::blur::addBilinearInside(tile, x, y, got);
+      for (int c = 0; c < 4; ++c) EXPECT_EQ(std::memcmp(&got[c], &expected[c], sizeof(float)), 0) << x << ", " << y;
+    }
+  }
+  EXPECT_GT(inside, 100u);
+  for (const auto& [x, y] : points) {
+    float expected[4];
+    qv::blur::sampleBilinear(tile, x, y, expected);
+    const qv::blur::Float4 start = {0.125f, -0.5f, 3.0f, 1e-3f};
+    qv::blur::Float4 got = start;
+    qv::blur::addBilinear(tile, x, y, got);
+    for (int c = 0; c < 4; ++c) {
+      const float want = start[c] + expected[c];
+      EXPECT_EQ(std::memcmp(&got[c], &want, sizeof(float)), 0) << x << ", " << y << " channel " << c << ": " << got[c]
+                                                               << " against " << want;
+    }
+  }
 }
