@@ -10,7 +10,10 @@
 #include <fstream>
 #include <mutex>
 #include <new>
+#include <cerrno>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "ImageIO/ImageIOCodecs.h"
 
@@ -23,17 +26,17 @@ thread_local std::string tCreateError;
 
 enum class Format { JPEG, PNG, WebP };
 
-bool detectFormat(const std::vector<std::uint8_t>& b, Format& format) {
+bool detectFormat(const std::uint8_t* b, std::size_t size, Format& format) {
   static const std::uint8_t kPNG[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
-  if (b.size() >= 3 && b[0] == 0xff && b[1] == 0xd8 && b[2] == 0xff) {
+  if (size >= 3 && b[0] == 0xff && b[1] == 0xd8 && b[2] == 0xff) {
     format = Format::JPEG;
     return true;
   }
-  if (b.size() >= 8 && std::memcmp(b.data(), kPNG, 8) == 0) {
+  if (size >= 8 && std::memcmp(b, kPNG, 8) == 0) {
     format = Format::PNG;
     return true;
   }
-  if (b.size() >= 12 && std::memcmp(b.data(), "RIFF", 4) == 0 && std::memcmp(b.data() + 8, "WEBP", 4) == 0) {
+  if (size >= 12 && std::memcmp(b, "RIFF", 4) == 0 && std::memcmp(b + 8, "WEBP", 4) == 0) {
     format = Format::WebP;
     return true;
   }
@@ -198,6 +201,72 @@ class StripSink final : public RowSink {
 
 namespace imageio_detail {
 
+EncodedBytes::EncodedBytes(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)), size_(bytes_.size()) {}
+
+EncodedBytes::EncodedBytes(int fd, std::size_t size) : fd_(fd), size_(size) {}
+
+EncodedBytes::~EncodedBytes() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::size_t EncodedBytes::read(std::size_t offset, std::uint8_t* out, std::size_t count) const {
+  if (offset >= size_) return 0;
+  count = std::min(count, size_ - offset);
+  if (fd_ < 0) {
+    std::memcpy(out, bytes_.data() + offset, count);
+    return count;
+  }
+  std::size_t done = 0;
+  while (done < count) {
+    const ssize_t got = ::pread(fd_, out + done, count - done, static_cast<off_t>(offset + done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  return done;
+}
+
+const std::uint8_t* EncodedBytes::whole(std::vector<std::uint8_t>& scratch) const {
+  if (fd_ < 0) return bytes_.data();
+  try {
+    scratch.resize(size_);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  return read(0, scratch.data(), size_) == size_ ? scratch.data() : nullptr;
+}
+
+EncodedByteStream::EncodedByteStream(const EncodedBytes& bytes) : bytes_(&bytes) {
+  // Allocated here, never while a decoder (C code that cannot pass an exception) reads.
+  if (!bytes.memory()) buffer_.resize(std::min(kBufferBytes, bytes.size()));
+}
+
+const std::uint8_t* EncodedByteStream::next(std::size_t wanted, std::size_t& got) {
+  const std::size_t left = bytes_->size() - offset_;
+  got = std::min(wanted, left);
+  if (got == 0) return nullptr;
+  if (const std::uint8_t* memory = bytes_->memory()) {
+    offset_ += got;
+    return memory + offset_ - got;
+  }
+  got = std::min(got, buffer_.size());
+  got = bytes_->read(offset_, buffer_.data(), got);
+  offset_ += got;
+  return buffer_.data();
+}
+
+bool EncodedByteStream::readExactly(std::uint8_t* out, std::size_t count) {
+  while (count > 0) {
+    std::size_t got = 0;
+    const std::uint8_t* p = next(count, got);
+    if (got == 0) return false;
+    std::memcpy(out, p, got);
+    out += got;
+    count -= got;
+  }
+  return true;
+}
+
 std::uint64_t maximumPixelCount() { return gMaximumPixelCount.load(std::memory_order_relaxed); }
 
 bool exceedsPixelLimit(std::size_t width, std::size_t height) {
@@ -216,7 +285,7 @@ std::string checkPixelLimit(std::size_t width, std::size_t height) {
 
 class CGImageSource {
  public:
-  CGImageSource(std::vector<std::uint8_t> bytes, Format format) : bytes_(std::move(bytes)), format_(format) {
+  CGImageSource(std::unique_ptr<EncodedBytes> bytes, Format format) : bytes_(std::move(bytes)), format_(format) {
     headerOK_ = readHeader(info_, headerError_);
     lastError_ = headerError_;
   }
@@ -227,29 +296,29 @@ class CGImageSource {
   const std::string& headerError() const { return headerError_; }
 
   bool decode(const DecodeRequest& request, RowSink& sink, std::string& error) const {
-    const std::uint8_t* d = bytes_.data();
-    const std::size_t n = bytes_.size();
     switch (format_) {
-      case Format::JPEG: return decodeJPEG(d, n, request, sink, error);
-      case Format::PNG: return decodePNG(d, n, sink, error);
-      case Format::WebP: return decodeWebP(d, n, request, sink, error);
+      case Format::JPEG: return decodeJPEG(*bytes_, request, sink, error);
+      case Format::PNG: return decodePNG(*bytes_, sink, error);
+      case Format::WebP: {
+        std::vector<std::uint8_t> scratch;
+        const std::uint8_t* d = wholeBytes(scratch, error);
+        return d && decodeWebP(d, bytes_->size(), request, sink, error);
+      }
     }
     return false;
   }
 
   std::unique_ptr<RowReader> openRowReader(std::string& error, int scaleDenominator) const {
-    const std::uint8_t* d = bytes_.data();
-    const std::size_t n = bytes_.size();
     if (scaleDenominator != 1 && format_ != Format::JPEG) {
       error = "only JPEG images can be decoded at a reduced scale";
       return nullptr;
     }
     switch (format_) {
-      case Format::JPEG: return openJPEGRowReader(d, n, error, scaleDenominator);
-      case Format::PNG: return openPNGRowReader(d, n, error);
+      case Format::JPEG: return openJPEGRowReader(*bytes_, error, scaleDenominator);
+      case Format::PNG: return openPNGRowReader(*bytes_, error);
       case Format::WebP:
         return openWholeImageRowReader(
-            [&](RowSink& sink, std::string& e) { return decodeWebP(d, n, DecodeRequest{}, sink, e); }, error);
+            [&](RowSink& sink, std::string& e) { return decode(DecodeRequest{}, sink, e); }, error);
     }
     return nullptr;
   }
@@ -267,17 +336,25 @@ class CGImageSource {
 
  private:
   bool readHeader(HeaderInfo& info, std::string& error) const {
-    const std::uint8_t* d = bytes_.data();
-    const std::size_t n = bytes_.size();
     switch (format_) {
-      case Format::JPEG: return readJPEGHeader(d, n, info, error);
-      case Format::PNG: return readPNGHeader(d, n, info, error);
-      case Format::WebP: return readWebPHeader(d, n, info, error);
+      case Format::JPEG: return readJPEGHeader(*bytes_, info, error);
+      case Format::PNG: return readPNGHeader(*bytes_, info, error);
+      case Format::WebP: {
+        std::vector<std::uint8_t> scratch;
+        const std::uint8_t* d = wholeBytes(scratch, error);
+        return d && readWebPHeader(d, bytes_->size(), info, error);
+      }
     }
     return false;
   }
 
-  std::vector<std::uint8_t> bytes_;
+  const std::uint8_t* wholeBytes(std::vector<std::uint8_t>& scratch, std::string& error) const {
+    const std::uint8_t* d = bytes_->whole(scratch);
+    if (!d) error = "cannot read the file";
+    return d;
+  }
+
+  std::unique_ptr<EncodedBytes> bytes_;
   Format format_;
   HeaderInfo info_;
   bool headerOK_ = false;
@@ -298,14 +375,14 @@ CGImageSourceRef CGImageSourceCreateWithData(std::vector<std::uint8_t> bytes, co
     return nullptr;
   }
   Format format;
-  if (!detectFormat(bytes, format)) {
+  if (!detectFormat(bytes.data(), bytes.size(), format)) {
     tCreateError = bytes.empty() ? "file is empty" : "not a JPEG, PNG or WebP image";
     return nullptr;
   }
-  return std::make_shared<CGImageSource>(std::move(bytes), format);
+  return std::make_shared<CGImageSource>(std::make_unique<EncodedBytes>(std::move(bytes)), format);
 }
 
-CGImageSourceRef CGImageSourceCreateWithURL(const std::string& pathOrFileURL, const Dictionary& options) {
+CGImageSourceRef CGImageSourceCreateWithURL(const std::string& pathOrFileURL, const Dictionary&) {
   tCreateError.clear();
   std::string path = pathOrFileURL;
   if (path.rfind("file://", 0) == 0) {
@@ -332,34 +409,38 @@ CGImageSourceRef CGImageSourceCreateWithURL(const std::string& pathOrFileURL, co
     tCreateError = "not a regular file: " + path;
     return nullptr;
   }
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // The size of the file opened (the name may have been given to another file since the stat).
+  if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fd >= 0) ::close(fd);
+    tCreateError = "cannot read file: " + path;
+    return nullptr;
+  }
   if (static_cast<std::uint64_t>(st.st_size) > kCGImageSourceMaximumFileSize) {
+    ::close(fd);
     tCreateError = "file of " + humanSize(static_cast<std::uint64_t>(st.st_size)) + " is over the 1 GiB limit: " + path;
     return nullptr;
   }
-  std::vector<std::uint8_t> bytes;
-  {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) {
-      tCreateError = "cannot read file: " + path;
-      return nullptr;
-    }
-    try {
-      bytes.resize(static_cast<std::size_t>(st.st_size));
-    } catch (const std::bad_alloc&) {
-      std::fclose(f);
-      tCreateError = "out of memory reading " + path;
-      return nullptr;
-    }
-    const std::size_t got = bytes.empty() ? 0 : std::fread(bytes.data(), 1, bytes.size(), f);
-    std::fclose(f);
-    if (got != bytes.size()) {
-      tCreateError = "cannot read file: " + path;
-      return nullptr;
-    }
+  auto bytes = std::make_unique<EncodedBytes>(fd, static_cast<std::size_t>(st.st_size));  // closes fd
+  std::uint8_t signature[12] = {};
+  const std::size_t signatureSize = bytes->read(0, signature, sizeof signature);
+  Format format;
+  if (!detectFormat(signature, signatureSize, format)) {
+    tCreateError = (bytes->size() == 0 ? "file is empty: " : "not a JPEG, PNG or WebP image: ") + path;
+    return nullptr;
   }
-  auto source = CGImageSourceCreateWithData(std::move(bytes), options);
-  if (!source) tCreateError = tCreateError + ": " + path;
-  return source;
+  // JPEG and PNG files are read in pieces as they decode (the source holds the descriptor).
+  // WebP files are read whole: their decoder takes the whole file, and holds the whole picture
+  // anyway.
+  if (format == Format::WebP) {
+    std::vector<std::uint8_t> whole;
+    if (!bytes->whole(whole)) {
+      tCreateError = (whole.size() < bytes->size() ? "out of memory reading " : "cannot read file: ") + path;
+      return nullptr;
+    }
+    bytes = std::make_unique<EncodedBytes>(std::move(whole));
+  }
+  return std::make_shared<CGImageSource>(std::move(bytes), format);
 }
 
 std::size_t CGImageSourceGetCount(const CGImageSourceRef& source) {

@@ -66,7 +66,9 @@ inline constexpr char kUTTypePNG[] = "public.png";
 inline constexpr char kUTTypeWebP[] = "org.webmproject.webp";
 
 // nil if the file cannot be read (missing, a directory, larger than 1 GiB) or is not a JPEG,
-// PNG or WebP. Accepts a path or a "file://" URL. The file is read once, into memory.
+// PNG or WebP. Accepts a path or a "file://" URL. A JPEG or PNG file is left in the file and read
+// in pieces as it decodes (the source keeps it open: its bytes stay those of the file opened,
+// even if the name is given to another file); a WebP file is read once, into memory.
 CGImageSourceRef CGImageSourceCreateWithURL(const std::string& pathOrFileURL, const Dictionary& options = {});
 // nil when the bytes are not a JPEG, PNG or WebP (by their signature) or exceed 1 GiB.
 CGImageSourceRef CGImageSourceCreateWithData(std::vector<std::uint8_t> bytes, const Dictionary& options = {});

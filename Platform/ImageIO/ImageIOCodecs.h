@@ -12,6 +12,57 @@
 
 namespace imageio_detail {
 
+// The encoded bytes of an image: held in memory, or left in their file and read in pieces as
+// a decoder asks for them, so that decoding a large file holds a read buffer rather than the
+// whole file. A file is read through a descriptor opened once (pread, so that the readers of
+// several threads share it): the bytes stay those of the file that was opened, even if its
+// name is given to another file meanwhile.
+class EncodedBytes {
+ public:
+  explicit EncodedBytes(std::vector<std::uint8_t> bytes);
+  // Takes ownership of the open descriptor `fd` of a file of `size` bytes.
+  EncodedBytes(int fd, std::size_t size);
+  ~EncodedBytes();
+  EncodedBytes(const EncodedBytes&) = delete;
+  EncodedBytes& operator=(const EncodedBytes&) = delete;
+
+  std::size_t size() const { return size_; }
+  // The bytes when they are held in memory; null when they are read from the file.
+  const std::uint8_t* memory() const { return fd_ < 0 ? bytes_.data() : nullptr; }
+  // Copies up to `count` bytes from `offset` into `out`: how many were copied, fewer than asked
+  // only at the end of the bytes (or when the file can no longer be read, as if it ended there).
+  std::size_t read(std::size_t offset, std::uint8_t* out, std::size_t count) const;
+  // All the bytes at once: the memory itself, or the file read into `scratch`. Null when the
+  // file cannot be read whole (or is shorter than it was when opened).
+  const std::uint8_t* whole(std::vector<std::uint8_t>& scratch) const;
+
+ private:
+  std::vector<std::uint8_t> bytes_;
+  int fd_ = -1;
+  std::size_t size_ = 0;
+};
+
+// Reads EncodedBytes front to back, through a buffer of its own when they are in a file (the
+// decoders' input stream).
+class EncodedByteStream {
+ public:
+  static constexpr std::size_t kBufferBytes = std::size_t(64) << 10;
+  explicit EncodedByteStream(const EncodedBytes& bytes);
+  // The next bytes: at most `wanted` of them (and at most a buffer's), at least 1 unless the
+  // end is reached (0 at the end), valid until the next call. Moves past them. Never allocates.
+  const std::uint8_t* next(std::size_t wanted, std::size_t& got);
+  // Copies the next `count` bytes into `out`; false (copying what there is) when fewer are left.
+  bool readExactly(std::uint8_t* out, std::size_t count);
+  // Moves `count` bytes further without reading them.
+  void skip(std::size_t count) { offset_ = count > bytes_->size() - offset_ ? bytes_->size() : offset_ + count; }
+  std::size_t offset() const { return offset_; }
+
+ private:
+  const EncodedBytes* bytes_;
+  std::size_t offset_ = 0;
+  std::vector<std::uint8_t> buffer_;
+};
+
 struct HeaderInfo {
   std::size_t width = 0, height = 0;
   int depth = 8;                   // bits per component in the file
@@ -45,11 +96,10 @@ struct DecodeRequest {
 };
 
 // Each returns false with a one-line reason in `error`.
-bool readJPEGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error);
-bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
-                std::string& error);
-bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error);
-bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error);
+bool readJPEGHeader(const EncodedBytes& bytes, HeaderInfo& info, std::string& error);
+bool decodeJPEG(const EncodedBytes& bytes, const DecodeRequest& request, RowSink& sink, std::string& error);
+bool readPNGHeader(const EncodedBytes& bytes, HeaderInfo& info, std::string& error);
+bool decodePNG(const EncodedBytes& bytes, RowSink& sink, std::string& error);
 bool readWebPHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error);
 bool decodeWebP(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
                 std::string& error);
@@ -88,11 +138,11 @@ class RowReader {
   std::string failure_;
 };
 
-// Each returns null with a one-line reason in `error`. The JPEG reader decodes at a DCT scale of
-// 1/scaleDenominator (2, 4 or 8; anything else: full size): ceil(width / denominator) columns.
-std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error,
-                                             int scaleDenominator = 1);
-std::unique_ptr<RowReader> openPNGRowReader(const std::uint8_t* data, std::size_t size, std::string& error);
+// Each returns null with a one-line reason in `error`; `bytes` must outlive the reader. The JPEG
+// reader decodes at a DCT scale of 1/scaleDenominator (2, 4 or 8; anything else: full size):
+// ceil(width / denominator) columns.
+std::unique_ptr<RowReader> openJPEGRowReader(const EncodedBytes& bytes, std::string& error, int scaleDenominator = 1);
+std::unique_ptr<RowReader> openPNGRowReader(const EncodedBytes& bytes, std::string& error);
 // Decodes the whole image at once through the sink-driven `decode` and hands out its rows.
 std::unique_ptr<RowReader> openWholeImageRowReader(const std::function<bool(RowSink&, std::string&)>& decode,
                                                    std::string& error);

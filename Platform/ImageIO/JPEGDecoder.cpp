@@ -6,6 +6,7 @@
 // end, bad Huffman codes, unexpected markers) are treated as errors, so a truncated file is
 // refused instead of being decoded with a grey bottom.
 #include <csetjmp>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -67,14 +68,60 @@ void progressMonitor(j_common_ptr cinfo) {
   }
 }
 
+// libjpeg's source manager over EncodedBytes: bytes in memory are handed over whole, a file a
+// buffer at a time. At the end of the data it does what libjpeg's own memory source does:
+// warns of the premature end (an error here, see emitMessage) and inserts an end marker.
+struct ByteSource {
+  jpeg_source_mgr pub;
+  EncodedByteStream* stream;
+};
+
+const JOCTET kEndOfImage[2] = {0xFF, JPEG_EOI};
+
+void initSource(j_decompress_ptr) {}
+
+boolean fillInputBuffer(j_decompress_ptr cinfo) {
+  auto* source = reinterpret_cast<ByteSource*>(cinfo->src);
+  std::size_t got = 0;
+  const std::uint8_t* bytes = source->stream->next(SIZE_MAX, got);
+  if (got == 0) {
+    WARNMS(cinfo, JWRN_JPEG_EOF);
+    source->pub.next_input_byte = kEndOfImage;
+    source->pub.bytes_in_buffer = 2;
+    return TRUE;
+  }
+  source->pub.next_input_byte = bytes;
+  source->pub.bytes_in_buffer = got;
+  return TRUE;
+}
+
+void skipInputData(j_decompress_ptr cinfo, long count) {
+  if (count <= 0) return;
+  auto* source = reinterpret_cast<ByteSource*>(cinfo->src);
+  const std::size_t n = static_cast<std::size_t>(count);
+  if (n <= source->pub.bytes_in_buffer) {
+    source->pub.next_input_byte += n;
+    source->pub.bytes_in_buffer -= n;
+    return;
+  }
+  source->stream->skip(n - source->pub.bytes_in_buffer);
+  source->pub.bytes_in_buffer = 0;
+}
+
+void termSource(j_decompress_ptr) {}
+
 // Owns the decompressor so that every path, including a jump back from libjpeg, destroys it.
 struct Decompressor {
   jpeg_decompress_struct cinfo;
   ErrorManager err;
   bool created = false;
-  Decompressor() {
+  EncodedByteStream stream;
+  ByteSource source;
+  std::size_t size;
+  explicit Decompressor(const EncodedBytes& bytes) : stream(bytes), size(bytes.size()) {
     std::memset(&cinfo, 0, sizeof cinfo);
     std::memset(&err, 0, sizeof err);
+    std::memset(&source, 0, sizeof source);
   }
   ~Decompressor() {
     if (created) jpeg_destroy_decompress(&cinfo);
@@ -83,9 +130,9 @@ struct Decompressor {
   Decompressor& operator=(const Decompressor&) = delete;
 };
 
-// Sets up the error manager, the memory source and the markers to keep. Must be called inside
+// Sets up the error manager, the byte source and the markers to keep. Must be called inside
 // runGuarded(d.err.jump, ...).
-void openDecompressor(Decompressor& d, const std::uint8_t* data, std::size_t size) {
+void openDecompressor(Decompressor& d) {
   d.cinfo.err = jpeg_std_error(&d.err.pub);
   d.err.pub.error_exit = errorExit;
   d.err.pub.emit_message = emitMessage;
@@ -98,7 +145,13 @@ void openDecompressor(Decompressor& d, const std::uint8_t* data, std::size_t siz
   // with no backing store, going over this budget is an error rather than a swap storm.
   const std::uint64_t budget = maximumPixelCount() * 8 + (std::uint64_t{64} << 20);
   d.cinfo.mem->max_memory_to_use = static_cast<long>(budget > 0x7fffffffffffULL ? 0x7fffffffffffULL : budget);
-  jpeg_mem_src(&d.cinfo, data, static_cast<unsigned long>(size));
+  d.source.stream = &d.stream;
+  d.source.pub.init_source = initSource;
+  d.source.pub.fill_input_buffer = fillInputBuffer;
+  d.source.pub.skip_input_data = skipInputData;
+  d.source.pub.resync_to_restart = jpeg_resync_to_restart;
+  d.source.pub.term_source = termSource;
+  d.cinfo.src = &d.source.pub;
   jpeg_save_markers(&d.cinfo, JPEG_APP0 + 1, 0xffff);
   jpeg_save_markers(&d.cinfo, JPEG_APP0 + 2, 0xffff);
 }
@@ -112,8 +165,8 @@ struct RawHeader {
   unsigned int iccLength = 0;
 };
 
-void readRawHeader(Decompressor& d, const std::uint8_t* data, std::size_t size, RawHeader& raw) {
-  openDecompressor(d, data, size);
+void readRawHeader(Decompressor& d, RawHeader& raw) {
+  openDecompressor(d);
   jpeg_read_header(&d.cinfo, TRUE);
   for (jpeg_saved_marker_ptr m = d.cinfo.marker_list; m; m = m->next) {
     if (m->marker == JPEG_APP0 + 1 && m->data_length >= 6 && std::memcmp(m->data, "Exif\0\0", 6) == 0) {
@@ -167,10 +220,10 @@ void cmykRowsToRGBA(std::uint8_t* row, std::size_t width, bool inverted) {
 
 }  // namespace
 
-bool readJPEGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
-  Decompressor d;
+bool readJPEGHeader(const EncodedBytes& bytes, HeaderInfo& info, std::string& error) {
+  Decompressor d(bytes);
   RawHeader raw;
-  const bool ok = runGuarded(d.err.jump, [&] { readRawHeader(d, data, size, raw); });
+  const bool ok = runGuarded(d.err.jump, [&] { readRawHeader(d, raw); });
   if (!ok) {
     if (raw.icc) std::free(raw.icc);
     error = std::string("corrupt JPEG: ") + d.err.message;
@@ -198,14 +251,13 @@ constexpr std::uint64_t kMaximumPixelsPerByte = 1024;
 
 // Reads the header and starts the decompressor at a DCT scale of 1/denom, with RGBA (or CMYK,
 // converted per row) output. Guarded: trivially destructible locals only.
-DecodeStatus startBody(Decompressor& d, const std::uint8_t* data, std::size_t size, int denom, bool& cmyk,
-                       bool& inverted) {
-  openDecompressor(d, data, size);
+DecodeStatus startBody(Decompressor& d, int denom, bool& cmyk, bool& inverted) {
+  openDecompressor(d);
   jpeg_read_header(&d.cinfo, TRUE);
   jpeg_decompress_struct& c = d.cinfo;
   if (c.image_width == 0 || c.image_height == 0) return DecodeStatus::ZeroSize;
   if (exceedsPixelLimit(c.image_width, c.image_height)) return DecodeStatus::OverLimit;
-  if (!c.arith_code && std::uint64_t{c.image_width} * c.image_height > kMaximumPixelsPerByte * size)
+  if (!c.arith_code && std::uint64_t{c.image_width} * c.image_height > kMaximumPixelsPerByte * d.size)
     return DecodeStatus::TooLittleData;
   cmyk = c.jpeg_color_space == JCS_CMYK || c.jpeg_color_space == JCS_YCCK;
   inverted = cmyk && c.saw_Adobe_marker;
@@ -218,9 +270,9 @@ DecodeStatus startBody(Decompressor& d, const std::uint8_t* data, std::size_t si
 }
 
 // The guarded part of a decode: trivially destructible locals only.
-DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t size, int denom, RowSink& sink) {
+DecodeStatus decodeBody(Decompressor& d, int denom, RowSink& sink) {
   bool cmyk = false, inverted = false;
-  if (const DecodeStatus s = startBody(d, data, size, denom, cmyk, inverted); s != DecodeStatus::OK) return s;
+  if (const DecodeStatus s = startBody(d, denom, cmyk, inverted); s != DecodeStatus::OK) return s;
   jpeg_decompress_struct& c = d.cinfo;
   const std::size_t width = c.output_width, height = c.output_height;
   if (!sink.begin(width, height, 8)) return DecodeStatus::Stopped;
@@ -259,14 +311,14 @@ DecodeStatus decodeBody(Decompressor& d, const std::uint8_t* data, std::size_t s
 
 namespace {
 
-std::string statusText(const Decompressor& d, DecodeStatus status, std::size_t size) {
+std::string statusText(const Decompressor& d, DecodeStatus status) {
   switch (status) {
     case DecodeStatus::OK: return "";
     case DecodeStatus::ZeroSize: return "corrupt JPEG: zero image size";
     case DecodeStatus::OverLimit: return checkPixelLimit(d.cinfo.image_width, d.cinfo.image_height);
     case DecodeStatus::TooLittleData:
       return "corrupt JPEG: " + std::to_string(d.cinfo.image_width) + " x " + std::to_string(d.cinfo.image_height) +
-             " pixels cannot be coded in " + std::to_string(size) + " bytes";
+             " pixels cannot be coded in " + std::to_string(d.size) + " bytes";
     case DecodeStatus::Unsupported: return "unsupported JPEG colour space";
     case DecodeStatus::Stopped: return "stopped";
     case DecodeStatus::NoRows: return "corrupt JPEG: no rows decoded";
@@ -279,14 +331,16 @@ std::string statusText(const Decompressor& d, DecodeStatus status, std::size_t s
 // reads every scan into whole-image coefficient buffers.
 class JPEGRowReader final : public RowReader {
  public:
-  bool open(const std::uint8_t* data, std::size_t size, int denom, std::string& error) {
+  explicit JPEGRowReader(const EncodedBytes& bytes) : d_(bytes) {}
+
+  bool open(int denom, std::string& error) {
     DecodeStatus status = DecodeStatus::OK;
-    if (!runGuarded(d_.err.jump, [&] { status = startBody(d_, data, size, denom, cmyk_, inverted_); })) {
+    if (!runGuarded(d_.err.jump, [&] { status = startBody(d_, denom, cmyk_, inverted_); })) {
       error = std::string("corrupt JPEG: ") + d_.err.message;
       return false;
     }
     if (status != DecodeStatus::OK) {
-      error = statusText(d_, status, size);
+      error = statusText(d_, status);
       return false;
     }
     width = d_.cinfo.output_width;
@@ -339,23 +393,21 @@ class JPEGRowReader final : public RowReader {
 
 }  // namespace
 
-bool decodeJPEG(const std::uint8_t* data, std::size_t size, const DecodeRequest& request, RowSink& sink,
-                std::string& error) {
-  Decompressor d;
+bool decodeJPEG(const EncodedBytes& bytes, const DecodeRequest& request, RowSink& sink, std::string& error) {
+  Decompressor d(bytes);
   DecodeStatus status = DecodeStatus::OK;
-  if (!runGuarded(d.err.jump, [&] { status = decodeBody(d, data, size, request.scaleDenominator, sink); })) {
+  if (!runGuarded(d.err.jump, [&] { status = decodeBody(d, request.scaleDenominator, sink); })) {
     error = std::string("corrupt JPEG: ") + d.err.message;
     return false;
   }
   if (status == DecodeStatus::OK) return true;
-  error = statusText(d, status, size);
+  error = statusText(d, status);
   return false;
 }
 
-std::unique_ptr<RowReader> openJPEGRowReader(const std::uint8_t* data, std::size_t size, std::string& error,
-                                             int scaleDenominator) {
-  auto reader = std::make_unique<JPEGRowReader>();
-  if (!reader->open(data, size, scaleDenominator, error)) return nullptr;
+std::unique_ptr<RowReader> openJPEGRowReader(const EncodedBytes& bytes, std::string& error, int scaleDenominator) {
+  auto reader = std::make_unique<JPEGRowReader>(bytes);
+  if (!reader->open(scaleDenominator, error)) return nullptr;
   return reader;
 }
 

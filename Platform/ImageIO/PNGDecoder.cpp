@@ -23,16 +23,14 @@ namespace {
 constexpr png_alloc_size_t kMaximumChunkBytes = 32u << 20;
 
 struct Reader {
-  const std::uint8_t* data = nullptr;
-  std::size_t size = 0, offset = 0;
+  explicit Reader(const EncodedBytes& bytes) : stream(bytes) {}
+  EncodedByteStream stream;
   char message[256] = {0};
 };
 
 void readData(png_structp png, png_bytep out, png_size_t length) {
   auto* r = static_cast<Reader*>(png_get_io_ptr(png));
-  if (length > r->size - r->offset) png_error(png, "file is truncated");
-  std::memcpy(out, r->data + r->offset, length);
-  r->offset += length;
+  if (!r->stream.readExactly(out, length)) png_error(png, "file is truncated");
 }
 
 void errorFn(png_structp png, png_const_charp message) {
@@ -44,6 +42,7 @@ void errorFn(png_structp png, png_const_charp message) {
 void warningFn(png_structp, png_const_charp) {}
 
 struct ReadStruct {
+  explicit ReadStruct(const EncodedBytes& bytes) : reader(bytes) {}
   png_structp png = nullptr;
   png_infop info = nullptr;
   Reader reader;
@@ -57,12 +56,15 @@ struct ReadStruct {
 // few bytes could make it allocate gigabytes before finding the data missing. Empty when every
 // chunk fits; otherwise the reason. (IDAT data is read in pieces, and chunks after it are never
 // read.)
-std::string chunkLengthProblem(const std::uint8_t* data, std::size_t size) {
+std::string chunkLengthProblem(const EncodedBytes& bytes) {
+  const std::size_t size = bytes.size();
   std::size_t offset = 8;  // after the signature
+  std::uint8_t head[8];
   while (offset + 8 <= size) {
-    const std::uint32_t length = (std::uint32_t{data[offset]} << 24) | (std::uint32_t{data[offset + 1]} << 16) |
-                                 (std::uint32_t{data[offset + 2]} << 8) | std::uint32_t{data[offset + 3]};
-    const std::string type(reinterpret_cast<const char*>(data + offset + 4), 4);
+    if (bytes.read(offset, head, 8) != 8) return "the file cannot be read";
+    const std::uint32_t length = (std::uint32_t{head[0]} << 24) | (std::uint32_t{head[1]} << 16) |
+                                 (std::uint32_t{head[2]} << 8) | std::uint32_t{head[3]};
+    const std::string type(reinterpret_cast<const char*>(head + 4), 4);
     if (type == "IDAT") return {};
     const std::size_t left = size - offset - 8;
     if (std::uint64_t{length} + 4 > left) {
@@ -77,9 +79,7 @@ std::string chunkLengthProblem(const std::uint8_t* data, std::size_t size) {
 }
 
 // Creates the read structures; false when out of memory.
-bool open(ReadStruct& s, const std::uint8_t* data, std::size_t size) {
-  s.reader.data = data;
-  s.reader.size = size;
+bool open(ReadStruct& s) {
   s.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &s.reader, errorFn, warningFn);
   if (!s.png) return false;
   s.info = png_create_info_struct(s.png);
@@ -197,13 +197,13 @@ DecodeStatus decodeBody(ReadStruct& s, RowSink& sink, RawHeader& raw) {
 
 }  // namespace
 
-bool readPNGHeader(const std::uint8_t* data, std::size_t size, HeaderInfo& info, std::string& error) {
-  if (const std::string problem = chunkLengthProblem(data, size); !problem.empty()) {
+bool readPNGHeader(const EncodedBytes& bytes, HeaderInfo& info, std::string& error) {
+  if (const std::string problem = chunkLengthProblem(bytes); !problem.empty()) {
     error = "corrupt PNG: " + problem;
     return false;
   }
-  ReadStruct s;
-  if (!open(s, data, size)) {
+  ReadStruct s(bytes);
+  if (!open(s)) {
     error = "out of memory";
     return false;
   }
@@ -225,12 +225,14 @@ namespace {
 class PNGRowReader final : public RowReader {
  public:
   // False with `error` set on failure; false with `error` empty when the file is interlaced.
-  bool open(const std::uint8_t* data, std::size_t size, std::string& error) {
-    if (const std::string problem = chunkLengthProblem(data, size); !problem.empty()) {
+  explicit PNGRowReader(const EncodedBytes& bytes) : s_(bytes) {}
+
+  bool open(const EncodedBytes& bytes, std::string& error) {
+    if (const std::string problem = chunkLengthProblem(bytes); !problem.empty()) {
       error = "corrupt PNG: " + problem;
       return false;
     }
-    if (!imageio_detail::open(s_, data, size)) {
+    if (!imageio_detail::open(s_)) {
       error = "out of memory";
       return false;
     }
@@ -280,22 +282,22 @@ class PNGRowReader final : public RowReader {
 
 }  // namespace
 
-std::unique_ptr<RowReader> openPNGRowReader(const std::uint8_t* data, std::size_t size, std::string& error) {
-  auto reader = std::make_unique<PNGRowReader>();
+std::unique_ptr<RowReader> openPNGRowReader(const EncodedBytes& bytes, std::string& error) {
+  auto reader = std::make_unique<PNGRowReader>(bytes);
   error.clear();
-  if (reader->open(data, size, error)) return reader;
+  if (reader->open(bytes, error)) return reader;
   if (!error.empty()) return nullptr;
   // Interlaced: decoded whole.
-  return openWholeImageRowReader([&](RowSink& sink, std::string& e) { return decodePNG(data, size, sink, e); }, error);
+  return openWholeImageRowReader([&](RowSink& sink, std::string& e) { return decodePNG(bytes, sink, e); }, error);
 }
 
-bool decodePNG(const std::uint8_t* data, std::size_t size, RowSink& sink, std::string& error) {
-  if (const std::string problem = chunkLengthProblem(data, size); !problem.empty()) {
+bool decodePNG(const EncodedBytes& bytes, RowSink& sink, std::string& error) {
+  if (const std::string problem = chunkLengthProblem(bytes); !problem.empty()) {
     error = "corrupt PNG: " + problem;
     return false;
   }
-  ReadStruct s;
-  if (!open(s, data, size)) {
+  ReadStruct s(bytes);
+  if (!open(s)) {
     error = "out of memory";
     return false;
   }

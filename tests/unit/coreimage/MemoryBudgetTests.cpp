@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <new>
 #include <vector>
@@ -17,6 +19,8 @@
 #include "CoreImage/CIFilter.h"
 #include "CoreImage/CIVector.h"
 #include "CoreImage/ImageNode.h"
+#include "ImageIO/CGImageSource.h"
+#include "StreamTestImages.h"
 
 // Live and peak bytes of every operator new of this test program: the renderer's buffers are
 // std::vectors, so they are all counted.
@@ -204,6 +208,55 @@ TEST(MemoryBudget, ARenderOfATwiceAsWidePictureAllocatesAboutAsMuch) {
   };
   const std::int64_t narrow = peakOf(6000), wide = peakOf(12000);
   EXPECT_LE(double(wide), 1.4 * double(narrow)) << narrow << " then " << wide;
+}
+
+TEST(MemoryBudget, AFileIsDecodedWithoutHoldingItsBytes) {
+  // A JPEG of a grainy picture (about 1.7 MB) read row by row from its file: what the source and
+  // its reader allocate (a read buffer, libjpeg's state aside) is a small part of the file,
+  // which the source leaves in the file rather than holding.
+  const std::string path = (qvtest::streamTestDir() / "in-pieces.jpg").string();
+  ASSERT_TRUE(qvtest::writePicture(qvtest::grainyPicture(3000, 2000, false), path, 1, 0.95));
+  const std::int64_t fileBytes = std::int64_t(std::filesystem::file_size(path));
+  ASSERT_GT(fileBytes, std::int64_t{1} << 20);
+  std::vector<std::uint8_t> rows(16 * 3000 * 4);
+  const std::int64_t before = gLiveBytes.load();
+  gPeakBytes = before;
+  {
+    auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(path), 0);
+    ASSERT_TRUE(reader);
+    while (reader->nextRow() < reader->height())
+      ASSERT_TRUE(reader->readRows(rows.data(), std::min<std::size_t>(16, reader->height() - reader->nextRow()),
+                                   reader->bytesPerRow()))
+          << reader->error();
+  }
+  const std::int64_t peak = gPeakBytes.load() - before;
+  EXPECT_LT(peak, fileBytes / 8) << peak << " bytes for a file of " << fileBytes;
+  std::remove(path.c_str());
+}
+
+TEST(MemoryBudget, ARenderOfATwiceAsWideFileAllocatesAboutAsMuch) {
+  // A grainy JPEG 6000 and then 12000 wide (768 rows) blurred into a JPEG file on two threads:
+  // what the render allocates at its peak (strips of the file, tiles, the encoder's strips).
+  // The file's own bytes, twice as many at twice the width, are read in pieces, not held.
+  auto peakOf = [](std::size_t width) {
+    const std::string in = (qvtest::streamTestDir() / "wide-in.jpg").string();
+    const std::string out = (qvtest::streamTestDir() / "wide-out.jpg").string();
+    EXPECT_TRUE(qvtest::writePicture(qvtest::grainyPicture(width, 768, false), in));
+    const CIImage file = CIImage::imageWithContentsOfFile(in);
+    EXPECT_TRUE(file);
+    const std::int64_t before = gLiveBytes.load();
+    gPeakBytes = before;
+    CIContext(budget(std::int64_t{1} << 32, 2)).writeToFile(blurred(file, 2).imageByCroppingToRect(file.extent()), out,
+                                                           file.extent(), 0.9);
+    const std::int64_t peak = gPeakBytes.load() - before;
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+    return peak;
+  };
+  const std::int64_t narrow = peakOf(6000), wide = peakOf(12000);
+  EXPECT_LE(double(wide), 1.3 * double(narrow)) << narrow << " then " << wide;
+  RecordProperty("peak_bytes_6000_wide", std::to_string(narrow));
+  RecordProperty("peak_bytes_12000_wide", std::to_string(wide));
 }
 
 TEST(MemoryBudget, AGraphThatWouldComputeTooManyPixelsIsRefused) {

@@ -193,3 +193,79 @@ TEST_F(RowReaderTest, ReadersOfOneSourceOnParallelWorkersSeeTheWholeDecode) {
   });
   EXPECT_EQ(failed.load(), 8);
 }
+
+// A JPEG or PNG file is read in pieces as it decodes, a buffer at a time: a file of many
+// buffers decodes to the same rows as the same bytes held in memory, and a file cut short
+// fails in a later buffer, naming the rows where its data ends.
+TEST_F(RowReaderTest, AFileOfManyReadBuffersDecodesAsItsBytesInMemory) {
+  for (const std::string name : {"buffers.jpg", "buffers.png"}) {
+    const std::string file = path(name);
+    ASSERT_TRUE(writePicture(grainyPicture(900, 700, false), file, 1, 0.98));
+    const std::size_t size = std::filesystem::file_size(file);
+    ASSERT_GT(size, 4 * std::size_t(64 << 10)) << name;
+    std::ifstream in(file, std::ios::binary);
+    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_EQ(bytes.size(), size);
+    const CGImageRef fromMemory = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithData(bytes), 0);
+    ASSERT_TRUE(fromMemory) << name;
+    const CGImageRef fromFile = wholeDecode(file);
+    ASSERT_TRUE(fromFile) << name;
+    EXPECT_EQ(fromFile->pixels, fromMemory->pixels) << name;
+    auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(file), 0);
+    ASSERT_TRUE(reader) << name;
+    std::vector<std::uint8_t> rows(700 * reader->bytesPerRow());
+    ASSERT_TRUE(reader->skipRows(100)) << reader->error();
+    ASSERT_TRUE(reader->readRows(rows.data(), 600, reader->bytesPerRow())) << reader->error();
+    EXPECT_EQ(std::memcmp(rows.data(), fromMemory->row(100), 600 * fromMemory->bytesPerRow), 0) << name;
+  }
+
+  const std::string cut = path("buffers-cut.jpg");
+  ASSERT_TRUE(writePicture(grainyPicture(900, 700, false), cut, 1, 0.98));
+  std::filesystem::resize_file(cut, std::filesystem::file_size(cut) * 3 / 4);
+  auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(cut), 0);
+  ASSERT_TRUE(reader);
+  std::vector<std::uint8_t> rows(16 * reader->bytesPerRow());
+  std::size_t good = 0;
+  while (reader->nextRow() < reader->height() && reader->readRows(rows.data(), 16, reader->bytesPerRow())) good += 16;
+  EXPECT_GT(good, 350u);  // three quarters of the data: more than half the rows decode
+  EXPECT_LT(good, 700u);
+  EXPECT_NE(reader->error().find("corrupt JPEG"), std::string::npos) << reader->error();
+  EXPECT_NE(reader->error().find("in rows " + std::to_string(good) + "-" + std::to_string(good + 15) + " of 700"),
+            std::string::npos)
+      << reader->error();
+}
+
+// A source keeps the file it opened: its name given to another file meanwhile changes nothing;
+// the file cut short under it makes the decode fail with the reason and the rows, not crash.
+TEST_F(RowReaderTest, ASourceReadsTheFileItOpenedEvenWhenTheNameMovesOrTheFileShrinks) {
+  const std::string file = path("moved.jpg"), other = path("other.jpg");
+  ASSERT_TRUE(writePicture(grainyPicture(300, 200, false), file));
+  const CGImageRef original = wholeDecode(file);
+  ASSERT_TRUE(original);
+  const CGImageSourceRef source = CGImageSourceCreateWithURL(file);
+  ASSERT_TRUE(source);
+  ASSERT_TRUE(writePicture(grainyPicture(120, 80, true), other));
+  std::filesystem::rename(other, file);
+  const CGImageRef again = CGImageSourceCreateImageAtIndex(source, 0);
+  ASSERT_TRUE(again) << CGImageSourceGetLastError(source);
+  EXPECT_EQ(again->width, 300u);
+  EXPECT_EQ(again->pixels, original->pixels);
+
+  for (const std::string name : {"shrunk.jpg", "shrunk.png"}) {
+    const std::string shrunk = path(name);
+    ASSERT_TRUE(writePicture(grainyPicture(900, 700, false), shrunk, 1, 0.98));
+    ASSERT_GT(std::filesystem::file_size(shrunk), 4 * std::size_t(64 << 10)) << name;
+    const CGImageSourceRef opened = CGImageSourceCreateWithURL(shrunk);
+    ASSERT_TRUE(opened);
+    auto reader = CGImageSourceCreateRowReaderAtIndex(opened, 0);
+    ASSERT_TRUE(reader);
+    std::filesystem::resize_file(shrunk, std::filesystem::file_size(shrunk) / 3);
+    std::vector<std::uint8_t> rows(700 * reader->bytesPerRow());
+    EXPECT_FALSE(reader->readRows(rows.data(), 700, reader->bytesPerRow())) << name;
+    EXPECT_NE(reader->error().find(name.ends_with(".jpg") ? "corrupt JPEG" : "corrupt PNG"), std::string::npos)
+        << reader->error();
+    EXPECT_NE(reader->error().find("in rows 0-699 of 700"), std::string::npos) << reader->error();
+    EXPECT_FALSE(CGImageSourceCreateImageAtIndex(opened, 0)) << name;
+    EXPECT_NE(CGImageSourceGetLastError(opened).find("corrupt"), std::string::npos) << CGImageSourceGetLastError(opened);
+  }
+}
