@@ -59,8 +59,10 @@ void timingMark(const char* step) {
   static const double start = processStart();
   static double last = start, lastCPU = 0;
   const double now = bootSeconds(), cpu = cpuSeconds();
-  std::fprintf(stderr, "qvfilter-gimp: %-28s %7.3f s, CPU %6.3f s (at %.3f s)\n", step, now - last, cpu - lastCPU,
-               now - start);
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  std::fprintf(stderr, "qvfilter-gimp: %-28s %7.3f s, CPU %6.3f s (at %.3f s), peak RSS %ld MB\n", step, now - last,
+               cpu - lastCPU, now - start, usage.ru_maxrss / 1024);
   last = now;
   lastCPU = cpu;
 }

@@ -197,11 +197,11 @@ GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const
     // The dialog previews a small copy; the whole drawable is read once the user chose OK.
     if (runMode == GIMP_RUN_INTERACTIVE && !qvgimp::runDialog(procedure, filter, drawable)) return GIMP_PDB_CANCEL;
     qvgimp::timingMark("filter and its settings");
-    const CIImage input = qvgimp::drawableImage(drawable);
-    qvgimp::timingMark("drawable read");
-    filter->setValue(Value(input), kCIInputImageKey);
+    const qvgimp::DrawableInput input = qvgimp::drawableInput(drawable);
+    qvgimp::timingMark("drawable opened");
+    filter->setValue(Value(input.image), kCIInputImageKey);
     filter->setCalculatedValues();
-    qvgimp::applyOutput(image, drawable, filter->outputImage());
+    qvgimp::applyOutput(image, drawable, filter->outputImage(), input.rows.get());
     rememberSettings(procedure.procedure, qvgimp::settingsJSON(*filter, procedure));
     qvgimp::timingMark("settings remembered");
     if (runMode != GIMP_RUN_NONINTERACTIVE) gimp_displays_flush();
@@ -225,10 +225,11 @@ GimpPDBStatusType runRecipe(int nparams, const GimpParam* params, std::string& e
   try {
     qvgimp::bundleProcedures();  // loads the bundle
     qv::RecipeOptions options;
-    options.chainInput = qvgimp::drawableImage(drawable);
+    const qvgimp::DrawableInput input = qvgimp::drawableInput(drawable);
+    options.chainInput = input.image;
     const qv::RecipeGraph graph =
         qv::buildRecipe(qv::parseRecipeJSON(qv::readRecipeText(path)), qv::recipeBaseDirectory(path), options);
-    qvgimp::applyOutput(image, drawable, graph.output);
+    qvgimp::applyOutput(image, drawable, graph.output, input.rows.get());
     if (static_cast<GimpRunMode>(params[0].data.d_int32) != GIMP_RUN_NONINTERACTIVE) gimp_displays_flush();
   } catch (const qv::RecipeError& e) {
     error = std::string(qvgimp::kRecipeProcedure) + ": " + path + ": " + e.what();
