@@ -1,9 +1,10 @@
 // Pixels between a GIMP drawable and the image engine, through GEGL buffers: the drawable as an
-// input image (8-bit sRGB drawables as the engine's own 8-bit images, read and written as they
-// are stored and converted by the engine on its render threads; every other precision as
-// premultiplied linear RGBA float in the image's own colour space), and a filter's output
-// written back in strips of one renderer through the shadow buffer, each strip sent to GIMP
-// while the next renders, so that GIMP merges it through the selection in one undo step.
+// input image whose rows are read as the render needs them (8-bit sRGB drawables as the
+// engine's own 8-bit rows, read and written as they are stored and converted by the engine on
+// its render threads; every other precision as premultiplied linear RGBA float in the image's
+// own colour space), and a filter's output written back in strips of one renderer through the
+// shadow buffer, each strip sent to GIMP while the next renders, so that GIMP merges it
+// through the selection in one undo step.
 #pragma once
 
 #include <cstdint>

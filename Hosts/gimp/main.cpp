@@ -263,6 +263,11 @@ void run(const gchar* name, gint nparams, const GimpParam* params, gint* nreturn
       qvgimp::crossesUnconverted(params[1].data.d_image, params[2].data.d_drawable))
     g_setenv("BABL_INHIBIT_CACHE", "1", TRUE);
   gegl_init(nullptr, nullptr);
+  // GEGL keeps the tiles a buffer read or wrote in its cache until the buffer goes, up to the
+  // cache's size: the layer's tiles behind the rows the engine already holds in bands, and the
+  // output's behind the strips already sent. What passes through it needs only a band's and a
+  // strip's tiles.
+  g_object_set(gegl_config(), "tile-cache-size", static_cast<guint64>(32u << 20), nullptr);
   qvgimp::timingMark("gegl_init");
   if (nparams < 3) {
     error = std::string(name) + ": run-mode, image and drawable are needed";
