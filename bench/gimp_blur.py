@@ -23,9 +23,9 @@ def best(times):
 def time_in_gimp(folder, plugin_dir, picture, tiny_picture, args, rows, prefix=""):
     """The GIMP rows: each call on a fresh copy of the picture's layer, inside one gimp-console
     with the plug-in of `plugin_dir`. QV_GIMP_TIMING=1 makes the plug-in print where each of its
-    calls' time goes into folder/gimp.log."""
+    calls' time goes into folder/gimp.log, QV_ROW_BANDS_STATS=1 how it read the layer's rows."""
     os.makedirs(folder, exist_ok=True)
-    timing = {"QV_GIMP_TIMING": os.environ["QV_GIMP_TIMING"]} if "QV_GIMP_TIMING" in os.environ else {}
+    timing = {k: os.environ[k] for k in ("QV_GIMP_TIMING", "QV_ROW_BANDS_STATS") if k in os.environ}
     with GimpSession(folder, plugin_dir, server=True, env=timing, call_timeout=1200) as session:
         sf = session.sf
         image = sf("(car (gimp-file-load RUN-NONINTERACTIVE %s \"in.png\"))" % scheme_string(picture)).strip()

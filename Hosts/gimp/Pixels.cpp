@@ -216,6 +216,56 @@ void renderInto(GeglBuffer* buffer, gint32 drawable, const CIImage& output, int 
 
 }  // namespace
 
+// The drawable's rows as GIMP holds them, for the engine's row-provider images: 8-bit sRGB
+// drawables in their own format (RGB widened to opaque RGBA in place), every other precision as
+// premultiplied linear floats in the image's own colour space, converted by babl. libgimp
+// serialises the tile requests of every thread on its wire to GIMP, so bands may be asked from
+// the render's threads and its reader thread at once, beside the strip writer.
+class DrawableRows final : public CIImageRowProvider {
+ public:
+  DrawableRows(GeglBuffer* buffer, const Babl* format, bool widen)
+      : buffer_(buffer),
+        format_(format),
+        widen_(widen),
+        width_(gegl_buffer_get_width(buffer)),
+        height_(gegl_buffer_get_height(buffer)) {}
+  ~DrawableRows() override { g_object_unref(buffer_); }
+  DrawableRows(const DrawableRows&) = delete;
+  DrawableRows& operator=(const DrawableRows&) = delete;
+
+  int width() const { return width_; }
+  int height() const { return height_; }
+
+  void provideRows(void* rows, std::size_t rowBytes, std::size_t first, std::size_t count) override {
+    auto* out = static_cast<std::uint8_t*>(rows);
+    if (!held_.empty()) {
+      for (std::size_t r = 0; r < count; ++r)
+        std::memcpy(out + r * rowBytes, held_.data() + (first + r) * rowBytes, rowBytes);
+      return;
+    }
+    const GeglRectangle rect{0, static_cast<int>(first), width_, static_cast<int>(count)};
+    gegl_buffer_get(buffer_, &rect, 1.0, format_, out, static_cast<int>(rowBytes), GEGL_ABYSS_NONE);
+    if (widen_)
+      for (std::size_t r = 0; r < count; ++r) widenRGBToRGBA(out + r * rowBytes, static_cast<std::size_t>(width_));
+  }
+
+  // Reads every row now and serves them from memory from then on: the layer may change after
+  // this (a resize), the image computed from it may not. Called between renders.
+  void holdAll(std::size_t rowBytes) {
+    if (!held_.empty()) return;
+    std::vector<std::uint8_t> all(rowBytes * static_cast<std::size_t>(height_));
+    provideRows(all.data(), rowBytes, 0, static_cast<std::size_t>(height_));
+    held_ = std::move(all);
+  }
+
+ private:
+  GeglBuffer* buffer_;
+  const Babl* format_;
+  bool widen_;
+  int width_, height_;
+  std::vector<std::uint8_t> held_;
+};
+
 bool crossesUnconverted(std::int32_t image, std::int32_t drawable) {
   if (gimp_image_get_precision(image) != GIMP_PRECISION_U8_GAMMA || !gimp_drawable_is_rgb(drawable)) return false;
   GimpColorProfile* profile = gimp_image_get_color_profile(image);
@@ -224,25 +274,49 @@ bool crossesUnconverted(std::int32_t image, std::int32_t drawable) {
   return false;
 }
 
-CIImage drawableImage(std::int32_t drawable) {
+namespace {
+
+// The drawable's rows with the engine image of them: `bandRows` rows a request, within
+// `budgetBytes` (0: the engine's default).
+DrawableInput rowsImage(std::int32_t drawable, std::size_t budgetBytes) {
   GeglBuffer* buffer = gimp_drawable_get_buffer(drawable);
   if (!buffer) throw PixelError("cannot read the drawable's pixels");
-  const int width = gegl_buffer_get_width(buffer), height = gegl_buffer_get_height(buffer);
-  const GeglRectangle rect{0, 0, width, height};
+  CIRowProviderOptions options;
+  options.bandRows = static_cast<std::size_t>(std::max(static_cast<int>(gimp_tile_height()), 1));
+  options.budgetBytes = budgetBytes;
+  std::shared_ptr<DrawableRows> rows;
   if (const Babl* format = srgb8Format(drawable)) {
-    const std::size_t count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    std::vector<std::uint8_t> pixels(count * 4u);
-    // Read as stored (no conversion), then widened where the layer has no alpha.
-    gegl_buffer_get(buffer, &rect, 1.0, format, pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_NONE);
-    g_object_unref(buffer);
-    if (babl_format_get_bytes_per_pixel(format) == 3) widenRGBToRGBA(pixels.data(), count);
-    return CIImage::imageWithRGBA8(pixels.data(), static_cast<std::size_t>(width), static_cast<std::size_t>(height),
-                                   static_cast<std::size_t>(width) * 4u);
+    options.format = CIRowFormat::RGBA8;
+    options.opaque = babl_format_get_bytes_per_pixel(format) == 3;
+    rows = std::make_shared<DrawableRows>(buffer, format, options.opaque);
+  } else {
+    options.format = CIRowFormat::RGBAf;
+    rows = std::make_shared<DrawableRows>(buffer, workingFormat(drawable), false);
   }
-  std::vector<float> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4u);
-  gegl_buffer_get(buffer, &rect, 1.0, workingFormat(drawable), pixels.data(), GEGL_AUTO_ROWSTRIDE, GEGL_ABYSS_NONE);
-  g_object_unref(buffer);
-  return CIImage::imageWithRGBAf(pixels.data(), static_cast<std::size_t>(width), static_cast<std::size_t>(height));
+  const auto width = static_cast<std::size_t>(rows->width()), height = static_cast<std::size_t>(rows->height());
+  return DrawableInput{CIImage::imageWithRowProvider(rows, width, height, options), rows};
+}
+
+std::size_t rowBytes(const DrawableRows& rows, std::int32_t drawable) {
+  return static_cast<std::size_t>(rows.width()) * (srgb8Format(drawable) ? 4u : 16u);
+}
+
+}  // namespace
+
+DrawableInput drawableInput(std::int32_t drawable) {
+  // Room for four of the output's strips (the read-ahead gets half): the two workers read rows
+  // of the strip they render and of the next, with a blur's margins.
+  const int width = gimp_drawable_width(drawable);
+  const std::size_t bytesPerPixel = srgb8Format(drawable) ? 4u : 16u;
+  const std::size_t budget =
+      4u * static_cast<std::size_t>(stripRows(width)) * static_cast<std::size_t>(std::max(width, 1)) * bytesPerPixel;
+  return rowsImage(drawable, budget);
+}
+
+CIImage drawableImage(std::int32_t drawable) {
+  DrawableInput input = rowsImage(drawable, 0);
+  input.rows->holdAll(rowBytes(*input.rows, drawable));
+  return input.image;
 }
 
 CIImage drawablePreviewImage(std::int32_t drawable, int maxSide, double& scale) {
@@ -260,7 +334,7 @@ CIImage drawablePreviewImage(std::int32_t drawable, int maxSide, double& scale) 
   return CIImage::imageWithRGBAf(pixels.data(), static_cast<std::size_t>(w), static_cast<std::size_t>(h));
 }
 
-ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage& output) {
+ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage& output, DrawableRows* input) {
   if (!output) throw PixelError("the filter produced no image");
   const int width = gimp_drawable_width(drawable), height = gimp_drawable_height(drawable);
   CGRect extent = output.extent();
@@ -299,6 +373,8 @@ ApplyResult applyOutput(std::int32_t image, std::int32_t drawable, const CIImage
   // The old layer's top-left corner within the new one (engine y grows upward).
   const int offX = static_cast<int>(-extent.origin.x);
   const int offY = static_cast<int>(extent.origin.y + extent.size.height) - height;
+  // The layer's rows change below; the output is computed from the ones it has now.
+  if (input) input->holdAll(rowBytes(*input, drawable));
   gimp_image_undo_group_start(image);
   // The whole output replaces the layer, so the selection does not take part: it is put aside
   // and restored inside the same undo group.

@@ -44,6 +44,15 @@ double cpuSeconds() {
          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
 }
 
+// The most memory the process has held resident, in KB: VmHWM of /proc/self/status, which
+// starts afresh at exec (getrusage's ru_maxrss keeps GIMP's own, from before the exec).
+long peakResidentKB() {
+  std::ifstream in("/proc/self/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind("VmHWM:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+  return 0;
+}
+
 }  // namespace
 
 bool timingEnabled() {
@@ -59,8 +68,8 @@ void timingMark(const char* step) {
   static const double start = processStart();
   static double last = start, lastCPU = 0;
   const double now = bootSeconds(), cpu = cpuSeconds();
-  std::fprintf(stderr, "qvfilter-gimp: %-28s %7.3f s, CPU %6.3f s (at %.3f s)\n", step, now - last, cpu - lastCPU,
-               now - start);
+  std::fprintf(stderr, "qvfilter-gimp: %-28s %7.3f s, CPU %6.3f s (at %.3f s), peak RSS %ld MB\n", step, now - last,
+               cpu - lastCPU, now - start, peakResidentKB() / 1024);
   last = now;
   lastCPU = cpu;
 }

@@ -10,8 +10,8 @@ namespace qvgimp {
 bool timingEnabled();
 
 // Prints "qvfilter-gimp: <step> <seconds since the previous mark>, CPU <seconds> (at <seconds
-// since start>)"
-// when timing is enabled; does nothing otherwise.
+// since start>), peak RSS <MB>" (the most memory the process has held so far) when timing is
+// enabled; does nothing otherwise.
 void timingMark(const char* step);
 
 }  // namespace qvgimp

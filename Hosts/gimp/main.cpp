@@ -197,11 +197,11 @@ GimpPDBStatusType runFilter(const FilterProcedure& procedure, int nparams, const
     // The dialog previews a small copy; the whole drawable is read once the user chose OK.
     if (runMode == GIMP_RUN_INTERACTIVE && !qvgimp::runDialog(procedure, filter, drawable)) return GIMP_PDB_CANCEL;
     qvgimp::timingMark("filter and its settings");
-    const CIImage input = qvgimp::drawableImage(drawable);
-    qvgimp::timingMark("drawable read");
-    filter->setValue(Value(input), kCIInputImageKey);
+    const qvgimp::DrawableInput input = qvgimp::drawableInput(drawable);
+    qvgimp::timingMark("drawable opened");
+    filter->setValue(Value(input.image), kCIInputImageKey);
     filter->setCalculatedValues();
-    qvgimp::applyOutput(image, drawable, filter->outputImage());
+    qvgimp::applyOutput(image, drawable, filter->outputImage(), input.rows.get());
     rememberSettings(procedure.procedure, qvgimp::settingsJSON(*filter, procedure));
     qvgimp::timingMark("settings remembered");
     if (runMode != GIMP_RUN_NONINTERACTIVE) gimp_displays_flush();
@@ -225,10 +225,11 @@ GimpPDBStatusType runRecipe(int nparams, const GimpParam* params, std::string& e
   try {
     qvgimp::bundleProcedures();  // loads the bundle
     qv::RecipeOptions options;
-    options.chainInput = qvgimp::drawableImage(drawable);
+    const qvgimp::DrawableInput input = qvgimp::drawableInput(drawable);
+    options.chainInput = input.image;
     const qv::RecipeGraph graph =
         qv::buildRecipe(qv::parseRecipeJSON(qv::readRecipeText(path)), qv::recipeBaseDirectory(path), options);
-    qvgimp::applyOutput(image, drawable, graph.output);
+    qvgimp::applyOutput(image, drawable, graph.output, input.rows.get());
     if (static_cast<GimpRunMode>(params[0].data.d_int32) != GIMP_RUN_NONINTERACTIVE) gimp_displays_flush();
   } catch (const qv::RecipeError& e) {
     error = std::string(qvgimp::kRecipeProcedure) + ": " + path + ": " + e.what();
@@ -262,6 +263,11 @@ void run(const gchar* name, gint nparams, const GimpParam* params, gint* nreturn
       qvgimp::crossesUnconverted(params[1].data.d_image, params[2].data.d_drawable))
     g_setenv("BABL_INHIBIT_CACHE", "1", TRUE);
   gegl_init(nullptr, nullptr);
+  // GEGL keeps the tiles a buffer read or wrote in its cache until the buffer goes, up to the
+  // cache's size: the layer's tiles behind the rows the engine already holds in bands, and the
+  // output's behind the strips already sent. What passes through it needs only a band's and a
+  // strip's tiles.
+  g_object_set(gegl_config(), "tile-cache-size", static_cast<guint64>(32u << 20), nullptr);
   qvgimp::timingMark("gegl_init");
   if (nparams < 3) {
     error = std::string(name) + ": run-mode, image and drawable are needed";

@@ -7,6 +7,7 @@
 #include "CoreImage/CIColor.h"
 #include "CoreImage/ImageNode.h"
 #include "CoreImage/Nodes/CoreNodes.h"
+#include "CoreImage/Nodes/RowProviderNode.h"
 #include "ImageIO/ImageIO.h"
 
 namespace {
@@ -128,6 +129,14 @@ CIImage CIImage::imageWithImageProvider(std::shared_ptr<CIImageProvider> provide
   if (width == 0 || height == 0) return emptyImage();
   if (width > std::size_t(PixelRect::kPixelLimit) || height > std::size_t(PixelRect::kPixelLimit)) return {};
   return CIImage(std::make_shared<ProviderNode>(std::move(provider), width, height, format, colorSpace, options));
+}
+
+CIImage CIImage::imageWithRowProvider(std::shared_ptr<CIImageRowProvider> provider, std::size_t width,
+                                      std::size_t height, const CIRowProviderOptions& options) {
+  if (!provider) return {};
+  if (width == 0 || height == 0) return emptyImage();
+  if (width > std::size_t(PixelRect::kPixelLimit) || height > std::size_t(PixelRect::kPixelLimit)) return {};
+  return CIImage(std::make_shared<RowProviderNode>(std::move(provider), width, height, options));
 }
 
 namespace {

@@ -33,6 +33,33 @@ class CIImageProvider {
   virtual std::shared_ptr<const CGImage> sharedBitmap() { return nullptr; }
 };
 
+// How a row provider lays out its rows: straight, encoded RGBA of 8 or 16 bits per component
+// (as image files hold them), or premultiplied working-space floats (as imageWithRGBAf takes
+// them).
+enum class CIRowFormat { RGBA8, RGBA16, RGBAf };
+
+// An object that hands out an image's rows on demand, for pixels kept elsewhere that cost a wait
+// to fetch (another process's memory, a remote store) and can be fetched in any order. The
+// renderer asks for bands of whole rows, each once per render while its byte budget holds it,
+// from the threads of the render and from a reader thread of its own that fetches the bands
+// below the latest request before the tiles reach them; two bands may be asked at once from
+// different threads (a provider whose source serves one request at a time serialises them).
+class CIImageRowProvider {
+ public:
+  virtual ~CIImageRowProvider() = default;
+  // Writes rows [first, first + count) (row 0 = the top row) into `rows`, `rowBytes` apart,
+  // each the image's width of pixels. An exception fails the render that asked.
+  virtual void provideRows(void* rows, std::size_t rowBytes, std::size_t first, std::size_t count) = 0;
+};
+
+struct CIRowProviderOptions {
+  CIRowFormat format = CIRowFormat::RGBA8;
+  std::size_t bandRows = 64;    // rows per request (a multiple of the source's own blocks serves best)
+  std::size_t budgetBytes = 0;  // rows held per render (0: 32 MiB), at least twice the largest request
+  bool opaque = false;          // RGBA8: every alpha is 255
+  bool readAhead = true;        // a reader thread fetches the bands below the latest request
+};
+
 // imageWithContentsOfFile option (a boolean number): apply the file's EXIF orientation.
 inline constexpr char kCIImageApplyOrientationProperty[] = "kCIImageApplyOrientationProperty";
 
@@ -66,6 +93,12 @@ class CIImage {
   static CIImage imageWithImageProvider(std::shared_ptr<CIImageProvider> provider, std::size_t width,
                                         std::size_t height, CIFormat format, const std::string& colorSpace,
                                         const Dictionary& options);
+
+  // Rows asked from `provider` as the tiles read them (see CIImageRowProvider), held in bands
+  // within a byte budget per render: the whole image is never copied. Nil for a null provider
+  // or a size beyond the pixel limit.
+  static CIImage imageWithRowProvider(std::shared_ptr<CIImageRowProvider> provider, std::size_t width,
+                                      std::size_t height, const CIRowProviderOptions& options = {});
 
   // Images from pixels in memory (copied). RGBAf: premultiplied working-space floats;
   // RGBA8: straight, encoded 8-bit values as files hold them. Row 0 is the top row; the
