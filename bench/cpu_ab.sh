@@ -24,17 +24,11 @@ bench_parse_args "$0" a b runs only threads size -- "$@"
 for d in "$a" "$b"; do
   [ -x "$d/bin/qvfilter" ] || { echo "cpu_ab.sh: no $d/bin/qvfilter" >&2; exit 1; }
 done
-TIME=/usr/bin/time
-[ -x "$TIME" ] || { echo "cpu_ab.sh: GNU time (/usr/bin/time) is needed" >&2; exit 1; }
-W=${size%x*} H=${size#*x}
-WORK=${QV_STREAM_TMP:-/tmp/qv-stream}
-mkdir -p "$WORK"
-IN="$WORK/sample-${W}x${H}-q90.jpg"
-if [ ! -s "$IN" ]; then
-  LD_LIBRARY_PATH="$a/lib" "$a/bin/qvfilter" sample "$WORK/sample.png" --width "$W" --height "$H" >/dev/null
-  LD_LIBRARY_PATH="$a/lib" "$a/bin/qvfilter" convert "$WORK/sample.png" "$IN" --quality 90 >/dev/null
-  rm -f "$WORK/sample.png"
-fi
+# The input is made by build A.
+QVFILTER="$a/bin/qvfilter"
+export LD_LIBRARY_PATH="$a/lib"
+bench_sample_jpeg "$0"
+unset LD_LIBRARY_PATH
 
 # one DIR FILTER -> "cpu_seconds wall_seconds" of one run ("- -" if it failed).
 one() {

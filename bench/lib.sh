@@ -49,3 +49,16 @@ bench_sample_jpeg() {
     rm -f "$WORK/sample.png"
   fi
 }
+
+# bench_measure COMMAND...
+# Runs COMMAND $runs times under GNU time ($TIME, set by bench_sample_jpeg) and prints "seconds
+# megabytes" of the fastest run (wall time, peak resident memory), or "- -" if it failed.
+bench_measure() {
+  local best_t="" best_m="" t m
+  for _ in $(seq "$runs"); do
+    "$TIME" -f "%e %M" -o "$WORK/time.txt" "$@" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+    read -r t m <"$WORK/time.txt"
+    if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
+  done
+  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
+}

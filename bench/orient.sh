@@ -28,22 +28,12 @@ open(sys.argv[2], "wb").write(data[:2] + b"\xff\xe1" + struct.pack(">H", len(app
 PY
 done
 
-measure() {
-  local best_t="" best_m="" t m
-  for _ in $(seq "$runs"); do
-    "$TIME" -f "%e %M" -o "$WORK/time.txt" "$@" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
-    read -r t m <"$WORK/time.txt"
-    if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
-  done
-  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
-}
-
 echo "load: $(uptime | sed 's/.*load average: //')"
 echo "| orientation | seconds | peak MB | vs orientation 1 |"
 echo "|---|---|---|---|"
 t1=""
 for o in 1 2 3 4 5 6 7 8; do
-  read -r t m <<<"$(measure "$QVFILTER" convert "$WORK/oriented-$o.jpg" "$WORK/upright.jpg" --quality 90)"
+  read -r t m <<<"$(bench_measure "$QVFILTER" convert "$WORK/oriented-$o.jpg" "$WORK/upright.jpg" --quality 90)"
   [ -z "$t1" ] && t1=$t
   awk -v o="$o" -v t="$t" -v m="$m" -v t1="$t1" 'BEGIN{
     if (t == "-") { printf "| %s | failed | | |\n", o; exit }

@@ -18,26 +18,15 @@ size=6000x4000
 bench_parse_args "$0" runs only size -- "$@"
 bench_sample_jpeg "$0"
 
-# measure COMMAND... -> "seconds megabytes" of the fastest of $runs runs ("- -" if it failed).
-measure() {
-  local best_t="" best_m="" t m
-  for _ in $(seq "$runs"); do
-    "$TIME" -f "%e %M" -o "$WORK/time.txt" "$@" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
-    read -r t m <"$WORK/time.txt"
-    if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
-  done
-  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
-}
-
 echo "load: $(uptime | sed 's/.*load average: //')"
-read -r ct cm <<<"$(measure "$QVFILTER" convert "$IN" "$WORK/copy.jpg" --quality 90)"
+read -r ct cm <<<"$(bench_measure "$QVFILTER" convert "$IN" "$WORK/copy.jpg" --quality 90)"
 echo "convert: $ct s, $cm MB"
 echo "| filter | 1 thread | 2 threads | 2 vs 1 | peak MB | vs convert |"
 echo "|---|---|---|---|---|---|"
 for f in $("$QVFILTER" list | grep '^QVFilter'); do
   grep -q -- "$only" <<<"$f" || continue
-  read -r t1 m1 <<<"$(measure "$QVFILTER" apply "$IN" "$WORK/out.jpg" -f "$f" --threads 1 --quality 90)"
-  read -r t2 m2 <<<"$(measure "$QVFILTER" apply "$IN" "$WORK/out.jpg" -f "$f" --threads 2 --quality 90)"
+  read -r t1 m1 <<<"$(bench_measure "$QVFILTER" apply "$IN" "$WORK/out.jpg" -f "$f" --threads 1 --quality 90)"
+  read -r t2 m2 <<<"$(bench_measure "$QVFILTER" apply "$IN" "$WORK/out.jpg" -f "$f" --threads 2 --quality 90)"
   awk -v f="$f" -v t1="$t1" -v t2="$t2" -v m1="$m1" -v m2="$m2" -v ct="$ct" 'BEGIN{
     if (t1 == "-" || t2 == "-") { printf "| %s | failed | | | | |\n", f; exit }
     m = m1 > m2 ? m1 : m2

@@ -231,8 +231,7 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
     renderSeparable(out, src);
     return;
   }
-  const bool bilinear = rx_ == 1.0 && ry_ == 1.0;
-  if (bilinear) {
+  if (rx_ == 1.0 && ry_ == 1.0) {
     renderBilinear(out, src);
     return;
   }
@@ -246,25 +245,6 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
       const double u = snap(inv_.a * cx + inv_.c * cy + inv_.tx - 0.5);
       const double v = snap(inv_.b * cx + inv_.d * cy + inv_.ty - 0.5);
       float acc[4] = {0, 0, 0, 0};
-      if (bilinear) {
-        const double fu = std::floor(u), fv = std::floor(v);
-        const std::int64_t i0 = std::int64_t(fu), j0 = std::int64_t(fv);
-        const float ax = float(u - fu), ay = float(v - fv);
-        const float wxs[2] = {1.0f - ax, ax}, wys[2] = {1.0f - ay, ay};
-        for (int j = 0; j < 2; ++j) {
-          const std::int64_t yy = j0 + j;
-          if (wys[j] == 0.0f || yy < sr.y || yy >= sr.maxY()) continue;
-          for (int i = 0; i < 2; ++i) {
-            const std::int64_t xx = i0 + i;
-            if (wxs[i] == 0.0f || xx < sr.x || xx >= sr.maxX()) continue;
-            const float w = wxs[i] * wys[j];
-            const float* p = src.at(xx, yy);
-            for (int k = 0; k < 4; ++k) acc[k] += w * p[k];
-          }
-        }
-        std::memcpy(o, acc, sizeof acc);
-        continue;
-      }
       // Tent filter of radius rx_ × ry_, normalised.
       const std::int64_t i0 = std::int64_t(std::ceil(u - rx_)), i1 = std::int64_t(std::floor(u + rx_));
       const std::int64_t j0 = std::int64_t(std::ceil(v - ry_)), j1 = std::int64_t(std::floor(v + ry_));
@@ -298,7 +278,7 @@ void TransformNode::render(const PixelTile& out, std::span<const ConstPixelTile>
 // Rotations and shears at scale one: two by two texels per output pixel. Where all four lie
 // inside `src` (all but a border of the tile), the taps are read without bounds checks and the
 // sample position is rounded inline; the arithmetic and the order of the sums are those of the
-// general path below, so the results are the same bit for bit.
+// checked path below, so the results are the same bit for bit.
 void TransformNode::renderBilinear(const PixelTile& out, const ConstPixelTile& src) const {
   const PixelRect sr = src.rect;
   const std::ptrdiff_t stride = src.stride;
