@@ -8,7 +8,12 @@
 #include <cstring>
 #include <vector>
 
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+// The lane loops are compiled for AVX2 and for the baseline, the loader picking one per
+// process. Sanitizer builds keep one version: the loader runs the version resolvers before a
+// sanitizer's runtime is ready for instrumented code (a thread-sanitized program crashed while
+// being loaded).
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__) && \
+    !defined(__SANITIZE_THREAD__)
 #define QV_KERNEL_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define QV_KERNEL_CLONES
