@@ -297,11 +297,17 @@ async function stepCall(method, path, body) {
 async function selectStep(id) {
   studio.selected = id;
   drawChain();
+  // Until the step's view arrives the panel still shows the previous one; mark it so that
+  // nothing (a test, a script) takes its controls for the new step's.
+  $('params').dataset.loading = '1';
   try {
     const res = await api('GET', sessionPath(`/steps/${id}`));
     studio.view = res.view;
     drawParams();
-  } catch (e) { toast(e.message); }
+  } catch (e) {
+    delete $('params').dataset.loading;
+    toast(e.message);
+  }
 }
 
 // ---- the view tree ----
@@ -313,6 +319,7 @@ function drawParams() {
   controls.clear();
   closePicker();
   params.replaceChildren();
+  delete params.dataset.loading;
   const step = studio.state && studio.state.steps.find((s) => s.id === studio.selected);
   $('params-title').textContent = step ? `${step.displayName}${step.provided ? '' : ' · generic controls'}` : 'Parameters';
   if (!studio.view || !step) {

@@ -294,9 +294,11 @@ test('steps are reordered, switched off and removed, and a slider drag previews 
 
   // A real drag of the blur's radius slider: previews arrive while the button is down.
   await page.locator('#chain li').nth(0).click();
-  await page.waitForSelector('#params[data-filter="QVFilterBlur"]');
+  await page.waitForSelector('#params[data-filter="QVFilterBlur"]:not([data-loading])');
   const slider = page.locator('#params [data-kind="slider"] input').first();
+  await slider.waitFor({ state: 'visible' });
   const box = await slider.boundingBox();
+  assert.ok(box, 'the radius slider is laid out');
   const start = await previews();
   const shown = () => page.evaluate(() => {
     const img = document.getElementById('after-image');
