@@ -45,6 +45,7 @@
 #include "CoreImage/Builtins/BlurNode.h"
 #include "CoreImage/Builtins/BuiltinFilter.h"
 #include "CoreImage/Builtins/InputTables.h"
+#include "CoreImage/Builtins/ZoomBlurKernel.h"
 
 namespace {
 
@@ -58,9 +59,7 @@ using qv::blur::TileBuffer;
 constexpr double kMaxRadius = 1000.0;
 // Discs cost O(radius) per pixel: their radius is capped lower.
 constexpr double kMaxDiscRadius = 200.0;
-// Samples along one pixel's line in the motion and zoom blurs: one per pixel of the line up to
-// this many, then spread evenly, so a pixel's cost stays bounded whatever the radius.
-constexpr int kMaxLineSamples = 257;
+using qv::blur::kMaxLineSamples;
 
 using qv::builtins::numberInput;
 using qv::builtins::positionInput;
@@ -182,36 +181,7 @@ class ZoomBlurFilter final : public CIBuiltinFilter {
     const int s = int(std::ceil(std::fabs(amount))) + 1;
     return BlurNode::make("CIZoomBlur", growExtent(image.extent(), s, s), {image}, s, s,
                           [=](const PixelTile& out, std::span<const ConstPixelTile> in) {
-                            for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
-                              float* o = out.row(y);
-                              for (std::int64_t x = 0; x < out.rect.width; ++x) {
-                                const double px = double(out.rect.x + x) + 0.5, py = double(y) + 0.5;
-                                const double vx = px - cx, vy = py - cy, d = std::hypot(vx, vy);
-                                double length = 0, dx = 0, dy = 0;
-                                if (d > 0) {
-                                  length = amount > 0 ? std::min(amount, d) : -amount;
-                                  const double dir = amount > 0 ? -1.0 : 1.0;
-                                  dx = dir * vx / d;
-                                  dy = dir * vy / d;
-                                }
-                                const int n = std::min(int(std::ceil(length)) + 1, kMaxLineSamples);
-                                Float4 acc = {0, 0, 0, 0};
-                                // Most rays lie inside the tile from end to end: their samples
-                                // need no bounds checks.
-                                if (qv::blur::segmentInside(in[0], px, py, px + length * dx, py + length * dy))
-                                  for (int k = 0; k < n; ++k) {
-                                    const double t = n > 1 ? length * k / (n - 1) : 0.0;
-                                    qv::blur::addBilinearInside(in[0], px + t * dx, py + t * dy, acc);
-                                  }
-                                else
-                                  for (int k = 0; k < n; ++k) {
-                                    const double t = n > 1 ? length * k / (n - 1) : 0.0;
-                                    qv::blur::addBilinear(in[0], px + t * dx, py + t * dy, acc);
-                                  }
-                                acc /= float(n);
-                                std::memcpy(o + x * 4, &acc, sizeof acc);
-                              }
-                            }
+                            qv::blur::zoomBlur(in[0], out, cx, cy, amount);
                           });
   }
 };

@@ -1,0 +1,163 @@
+#include "CoreImage/Builtins/ZoomBlurKernel.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "CoreImage/Builtins/BlurKernels.h"
+
+// Compiled twice on x86-64, for AVX2 and for the baseline, the loader picking one per process
+// (so every tile of a render runs the same code), without floating-point trap semantics; one
+// version in sanitizer builds, whose runtime is not ready when the loader runs the resolvers.
+// The same rule as the blur kernels' loops (BlurKernels.cpp).
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
+    !defined(__SANITIZE_THREAD__)
+#define QV_ZOOM_CLONES __attribute__((target_clones("avx2", "default"), optimize("no-trapping-math")))
+#elif defined(__GNUC__) && !defined(__clang__)
+#define QV_ZOOM_CLONES __attribute__((optimize("no-trapping-math")))
+#else
+#define QV_ZOOM_CLONES
+#endif
+
+namespace qv::blur {
+namespace {
+
+// Eight floats: two RGBA texels side by side, or one value of eight samples.
+using Float8 = float __attribute__((vector_size(32), aligned(4)));
+using Int8 = std::int32_t __attribute__((vector_size(32)));
+
+constexpr int kLanes = 8;
+// Sample arrays padded to whole groups of eight.
+constexpr int kMaxPadded = (kMaxLineSamples + kLanes - 1) / kLanes * kLanes;
+
+// One pixel's line.
+struct Line {
+  double length = 0, dx = 0, dy = 0;  // from the pixel's centre, dx² + dy² = 1 (or both 0)
+  int n = 1;                          // samples
+};
+
+// Inlined into the cloned row loop (a plain inline function is not: its options differ).
+#if defined(__GNUC__)
+#define QV_ZOOM_INLINE inline __attribute__((always_inline))
+#else
+#define QV_ZOOM_INLINE inline
+#endif
+
+// The distance to the centre as a square root rather than std::hypot: the coordinates are
+// bounded (|amount| and the tile's reach are capped), far from overflow, and the library call
+// cost as much as the line's sampling.
+QV_ZOOM_INLINE Line lineAt(double px, double py, double cx, double cy, double amount) {
+  Line l;
+  const double vx = px - cx, vy = py - cy, d = std::sqrt(vx * vx + vy * vy);
+  if (d > 0) {
+    l.length = amount > 0 ? (d < amount ? d : amount) : -amount;
+    const double dir = amount > 0 ? -1.0 : 1.0;
+    l.dx = dir * vx / d;
+    l.dy = dir * vy / d;
+  }
+  const int n = int(std::ceil(l.length)) + 1;
+  l.n = n < kMaxLineSamples ? n : kMaxLineSamples;
+  return l;
+}
+
+// The two texels of one row of a sample, left then right, as one 8-float value; texels outside
+// `in` read as transparent, as they would from a tile covering them.
+QV_ZOOM_INLINE void pairClipped(const ConstPixelTile& in, std::int64_t tx, std::int64_t ty, Float8& v) {
+  float t[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+  if (ty >= in.rect.y && ty < in.rect.maxY()) {
+    if (tx >= in.rect.x && tx < in.rect.maxX()) std::memcpy(t, in.at(tx, ty), 4 * sizeof(float));
+    if (tx + 1 >= in.rect.x && tx + 1 < in.rect.maxX()) std::memcpy(t + 4, in.at(tx + 1, ty), 4 * sizeof(float));
+  }
+  std::memcpy(&v, t, sizeof v);
+}
+
+// One row of `out` (pixels x0 .. x0 + width - 1 of row y) into o.
+//
+// Sample k of a pixel lies k·(sx, sy) texels from the pixel's own texel (whose centre is the
+// pixel's centre), in single precision relative to that texel: the placements are computed
+// eight at a time (whole texel offsets and the two weights), then each sample adds its top pair
+// and bottom pair of texels, weighted along y and then along x; the two halves of the sum are
+// the left and right texels' shares. Where the line lies inside `in` (all but the lines that
+// leave the input's pixels) each pair is one 8-float load; elsewhere the pairs are assembled
+// texel by texel with transparent outside `in`, through the same arithmetic, so that a pixel's
+// result does not depend on which way it went (nor therefore on the tiling).
+QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, std::int64_t x0, std::int64_t width,
+                            double cx, double cy, double amount) {
+  alignas(32) std::int32_t ixs[kMaxPadded], iys[kMaxPadded];
+  alignas(32) float wxs[kMaxPadded], wys[kMaxPadded];
+  const Float8 lane = {0, 1, 2, 3, 4, 5, 6, 7};
+  const std::ptrdiff_t stride = in.stride;
+  const double py = double(y) + 0.5;
+  const double loX = double(in.rect.x) + 1, hiX = double(in.rect.maxX()) - 2;
+  const double loY = double(in.rect.y) + 1, hiY = double(in.rect.maxY()) - 2;
+  for (std::int64_t x = 0; x < width; ++x) {
+    const std::int64_t bx = x0 + x;
+    const double px = double(bx) + 0.5;
+    const Line l = lineAt(px, py, cx, cy, amount);
+    const double step = l.n > 1 ? l.length / (l.n - 1) : 0.0;
+    const float sx = float(step * l.dx), sy = float(step * l.dy);
+    for (int k = 0; k < l.n; k += kLanes) {
+      const Float8 kk = lane + float(k);
+      const Float8 fx = kk * sx, fy = kk * sy;
+      // floor: truncate, then step down where that rounded up (negative non-integers).
+      Int8 ix = __builtin_convertvector(fx, Int8), iy = __builtin_convertvector(fy, Int8);
+      ix += (__builtin_convertvector(ix, Float8) > fx);  // a true comparison is -1
+      iy += (__builtin_convertvector(iy, Float8) > fy);
+      const Float8 wx = fx - __builtin_convertvector(ix, Float8), wy = fy - __builtin_convertvector(iy, Float8);
+      std::memcpy(ixs + k, &ix, sizeof ix);
+      std::memcpy(iys + k, &iy, sizeof iy);
+      std::memcpy(wxs + k, &wx, sizeof wx);
+      std::memcpy(wys + k, &wy, sizeof wy);
+    }
+    // Even and odd samples go to two sums, which halves the chain of dependent additions that
+    // otherwise bounds the loop.
+    Float8 even = {0, 0, 0, 0, 0, 0, 0, 0}, odd = even;
+    const auto add = [&](int k, const Float8& top, const Float8& bottom, Float8& acc) {
+      const float a = wxs[k], b = wys[k];
+      const Float8 column = top * (1 - b) + bottom * b;
+      const Float8 w = {1 - a, 1 - a, 1 - a, 1 - a, a, a, a, a};
+      acc += column * w;
+    };
+    // The line's ends at least one texel inside `in` on every side (segmentInside).
+    // (Comparisons rather than std::min and std::max, which are not inlined here either.)
+    const double ex = px + l.length * l.dx, ey = py + l.length * l.dy;
+    const double minX = ex < px ? ex : px, maxX = ex < px ? px : ex;
+    const double minY = ey < py ? ey : py, maxY = ey < py ? py : ey;
+    if (minX - 0.5 >= loX && maxX - 0.5 < hiX && minY - 0.5 >= loY && maxY - 0.5 < hiY) {
+      const float* base = in.at(bx, y);
+      const auto inside = [&](int k, Float8& acc) {
+        const float* q = base + iys[k] * stride + ixs[k] * 4;
+        Float8 top, bottom;
+        std::memcpy(&top, q, sizeof top);
+        std::memcpy(&bottom, q + stride, sizeof bottom);
+        add(k, top, bottom, acc);
+      };
+      int k = 0;
+      for (; k + 1 < l.n; k += 2) {
+        inside(k, even);
+        inside(k + 1, odd);
+      }
+      if (k < l.n) inside(k, even);
+    } else {
+      for (int k = 0; k < l.n; ++k) {
+        Float8 top, bottom;
+        pairClipped(in, bx + ixs[k], y + iys[k], top);
+        pairClipped(in, bx + ixs[k], y + iys[k] + 1, bottom);
+        add(k, top, bottom, (k & 1) ? odd : even);
+      }
+    }
+    const float inv = 1.0f / float(l.n);
+    const Float8 sum = even + odd;
+    for (int c = 0; c < 4; ++c) o[x * 4 + c] = (sum[c] + sum[c + 4]) * inv;
+  }
+}
+
+}  // namespace
+
+void zoomBlur(const ConstPixelTile& in, const PixelTile& out, double cx, double cy, double amount) {
+  for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
+    zoomRow(in, out.row(y), y, out.rect.x, out.rect.width, cx, cy, amount);
+}
+
+}  // namespace qv::blur
