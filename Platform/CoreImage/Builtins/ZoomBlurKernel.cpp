@@ -84,10 +84,16 @@ QV_ZOOM_INLINE void pairClipped(const ConstPixelTile& in, std::int64_t tx, std::
 // result does not depend on which way it went (nor therefore on the tiling).
 QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, std::int64_t x0, std::int64_t width,
                             double cx, double cy, double amount) {
-  alignas(32) std::int32_t ixs[kMaxPadded], iys[kMaxPadded];
-  alignas(32) float wxs[kMaxPadded], wys[kMaxPadded];
+  // Per sample: texel offsets (whole texels along x and y, and into the tile), and the weights
+  // of the left and right texels and of the top and bottom rows.
+  alignas(32) std::int32_t ixs[kMaxPadded], iys[kMaxPadded], offs[kMaxPadded];
+  alignas(32) float wls[kMaxPadded], wrs[kMaxPadded], wts[kMaxPadded], wbs[kMaxPadded];
   const Float8 lane = {0, 1, 2, 3, 4, 5, 6, 7};
   const std::ptrdiff_t stride = in.stride;
+  // Offsets into the tile fit 32 bits for any tile narrower than about 500000 pixels (a line
+  // reaches at most 1001 rows away); wider ones take the clipped path.
+  const bool offsetsFit = stride > 0 && stride < std::ptrdiff_t(2000000);
+  const std::int32_t st = std::int32_t(offsetsFit ? stride : 0);
   const double py = double(y) + 0.5;
   const double loX = double(in.rect.x) + 1, hiX = double(in.rect.maxX()) - 2;
   const double loY = double(in.rect.y) + 1, hiY = double(in.rect.maxY()) - 2;
@@ -105,18 +111,23 @@ QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, 
       ix += (__builtin_convertvector(ix, Float8) > fx);  // a true comparison is -1
       iy += (__builtin_convertvector(iy, Float8) > fy);
       const Float8 wx = fx - __builtin_convertvector(ix, Float8), wy = fy - __builtin_convertvector(iy, Float8);
+      const Float8 wl = 1 - wx, wt = 1 - wy;
+      const Int8 off = iy * st + ix * 4;
       std::memcpy(ixs + k, &ix, sizeof ix);
       std::memcpy(iys + k, &iy, sizeof iy);
-      std::memcpy(wxs + k, &wx, sizeof wx);
-      std::memcpy(wys + k, &wy, sizeof wy);
+      std::memcpy(offs + k, &off, sizeof off);
+      std::memcpy(wls + k, &wl, sizeof wl);
+      std::memcpy(wrs + k, &wx, sizeof wx);
+      std::memcpy(wts + k, &wt, sizeof wt);
+      std::memcpy(wbs + k, &wy, sizeof wy);
     }
     // Even and odd samples go to two sums, which halves the chain of dependent additions that
     // otherwise bounds the loop.
     Float8 even = {0, 0, 0, 0, 0, 0, 0, 0}, odd = even;
     const auto add = [&](int k, const Float8& top, const Float8& bottom, Float8& acc) {
-      const float a = wxs[k], b = wys[k];
-      const Float8 column = top * (1 - b) + bottom * b;
-      const Float8 w = {1 - a, 1 - a, 1 - a, 1 - a, a, a, a, a};
+      const float l = wls[k], r = wrs[k];
+      const Float8 column = top * wts[k] + bottom * wbs[k];
+      const Float8 w = {l, l, l, l, r, r, r, r};
       acc += column * w;
     };
     // The line's ends at least one texel inside `in` on every side (segmentInside).
@@ -124,10 +135,10 @@ QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, 
     const double ex = px + l.length * l.dx, ey = py + l.length * l.dy;
     const double minX = ex < px ? ex : px, maxX = ex < px ? px : ex;
     const double minY = ey < py ? ey : py, maxY = ey < py ? py : ey;
-    if (minX - 0.5 >= loX && maxX - 0.5 < hiX && minY - 0.5 >= loY && maxY - 0.5 < hiY) {
+    if (offsetsFit && minX - 0.5 >= loX && maxX - 0.5 < hiX && minY - 0.5 >= loY && maxY - 0.5 < hiY) {
       const float* base = in.at(bx, y);
       const auto inside = [&](int k, Float8& acc) {
-        const float* q = base + iys[k] * stride + ixs[k] * 4;
+        const float* q = base + offs[k];
         Float8 top, bottom;
         std::memcpy(&top, q, sizeof top);
         std::memcpy(&bottom, q + stride, sizeof bottom);
