@@ -8,14 +8,16 @@
 #include "CoreImage/Builtins/BlurKernels.h"
 
 // Compiled twice on x86-64, for AVX2 and for the baseline, the loader picking one per process
-// (so every tile of a render runs the same code), without floating-point trap semantics; one
+// (so every tile of a render runs the same code), without floating-point trap semantics or
+// errno for the square root (so that the lines' set-up loop vectorises; no result changes); one
 // version in sanitizer builds, whose runtime is not ready when the loader runs the resolvers.
 // The same rule as the blur kernels' loops (BlurKernels.cpp).
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
     !defined(__SANITIZE_THREAD__)
-#define QV_ZOOM_CLONES __attribute__((target_clones("avx2", "default"), optimize("no-trapping-math")))
+#define QV_ZOOM_CLONES \
+  __attribute__((target_clones("avx2", "default"), optimize("no-trapping-math", "no-math-errno")))
 #elif defined(__GNUC__) && !defined(__clang__)
-#define QV_ZOOM_CLONES __attribute__((optimize("no-trapping-math")))
+#define QV_ZOOM_CLONES __attribute__((optimize("no-trapping-math", "no-math-errno")))
 #else
 #define QV_ZOOM_CLONES
 #endif
@@ -31,12 +33,6 @@ constexpr int kLanes = 8;
 // Sample arrays padded to whole groups of eight.
 constexpr int kMaxPadded = (kMaxLineSamples + kLanes - 1) / kLanes * kLanes;
 
-// One pixel's line.
-struct Line {
-  double length = 0, dx = 0, dy = 0;  // from the pixel's centre, dx² + dy² = 1 (or both 0)
-  int n = 1;                          // samples
-};
-
 // Inlined into the cloned row loop (a plain inline function is not: its options differ).
 #if defined(__GNUC__)
 #define QV_ZOOM_INLINE inline __attribute__((always_inline))
@@ -44,21 +40,44 @@ struct Line {
 #define QV_ZOOM_INLINE inline
 #endif
 
-// The distance to the centre as a square root rather than std::hypot: the coordinates are
-// bounded (|amount| and the tile's reach are capped), far from overflow, and the library call
-// cost as much as the line's sampling.
-QV_ZOOM_INLINE Line lineAt(double px, double py, double cx, double cy, double amount) {
-  Line l;
-  const double vx = px - cx, vy = py - cy, d = std::sqrt(vx * vx + vy * vy);
-  if (d > 0) {
-    l.length = amount > 0 ? (d < amount ? d : amount) : -amount;
-    const double dir = amount > 0 ? -1.0 : 1.0;
-    l.dx = dir * vx / d;
-    l.dy = dir * vy / d;
+// Pixels whose lines are set up together.
+constexpr int kChunk = 64;
+
+// The lines of pixels x0 + j (j < m) of the row whose centres lie at py: per pixel the step
+// between samples (sx, sy), the number of samples n, and whether the whole line lies at least
+// one texel inside `in` on every side (as segmentInside), so that its samples need no bounds
+// checks. One loop of selects and arithmetic that the compiler vectorises: the distance to the
+// centre is a square root rather than std::hypot (the coordinates are bounded, far from
+// overflow), the direction a product with 1 / distance.
+struct Lines {
+  float sx[kChunk], sy[kChunk];
+  std::int32_t n[kChunk], inside[kChunk];
+};
+
+QV_ZOOM_INLINE void setUpLines(Lines& l, int m, double x0, double py, double cx, double cy, double amount,
+                               const double bounds[4]) {
+  const bool towards = amount > 0;
+  const double dir = towards ? -1.0 : 1.0, reach = towards ? amount : -amount;
+  const double vy = py - cy;
+  for (int j = 0; j < m; ++j) {
+    const double px = x0 + double(j) + 0.5;  // x0 whole: exact
+    const double vx = px - cx, d = std::sqrt(vx * vx + vy * vy);
+    const bool away = d > 0;  // the centre's own pixel has no direction: one sample
+    const double length = away ? (towards ? (d < amount ? d : amount) : reach) : 0.0;
+    const double unit = dir / (away ? d : 1.0);
+    const double dx = away ? vx * unit : 0.0, dy = away ? vy * unit : 0.0;
+    double n = std::ceil(length) + 1;
+    n = n < double(kMaxLineSamples) ? n : double(kMaxLineSamples);
+    const double step = n > 1 ? length / (n > 1 ? n - 1 : 1.0) : 0.0;
+    l.sx[j] = float(step * dx);
+    l.sy[j] = float(step * dy);
+    l.n[j] = std::int32_t(n);
+    const double ex = px + length * dx, ey = py + length * dy;
+    const double minX = ex < px ? ex : px, maxX = ex < px ? px : ex;
+    const double minY = ey < py ? ey : py, maxY = ey < py ? py : ey;
+    l.inside[j] = (minX - 0.5 >= bounds[0]) & (maxX - 0.5 < bounds[1]) & (minY - 0.5 >= bounds[2]) &
+                  (maxY - 0.5 < bounds[3]);
   }
-  const int n = int(std::ceil(l.length)) + 1;
-  l.n = n < kMaxLineSamples ? n : kMaxLineSamples;
-  return l;
 }
 
 // The two texels of one row of a sample, left then right, as one 8-float value; texels outside
@@ -95,15 +114,19 @@ QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, 
   const bool offsetsFit = stride > 0 && stride < std::ptrdiff_t(2000000);
   const std::int32_t st = std::int32_t(offsetsFit ? stride : 0);
   const double py = double(y) + 0.5;
-  const double loX = double(in.rect.x) + 1, hiX = double(in.rect.maxX()) - 2;
-  const double loY = double(in.rect.y) + 1, hiY = double(in.rect.maxY()) - 2;
+  const double bounds[4] = {double(in.rect.x) + 1, double(in.rect.maxX()) - 2, double(in.rect.y) + 1,
+                            double(in.rect.maxY()) - 2};
+  Lines lines;
   for (std::int64_t x = 0; x < width; ++x) {
+    const int j = int(x % kChunk);
+    if (j == 0) {
+      const std::int64_t left = width - x;
+      setUpLines(lines, int(left < kChunk ? left : kChunk), double(x0 + x), py, cx, cy, amount, bounds);
+    }
     const std::int64_t bx = x0 + x;
-    const double px = double(bx) + 0.5;
-    const Line l = lineAt(px, py, cx, cy, amount);
-    const double step = l.n > 1 ? l.length / (l.n - 1) : 0.0;
-    const float sx = float(step * l.dx), sy = float(step * l.dy);
-    for (int k = 0; k < l.n; k += kLanes) {
+    const int n = lines.n[j];
+    const float sx = lines.sx[j], sy = lines.sy[j];
+    for (int k = 0; k < n; k += kLanes) {
       const Float8 kk = lane + float(k);
       const Float8 fx = kk * sx, fy = kk * sy;
       // floor: truncate, then step down where that rounded up (negative non-integers).
@@ -130,12 +153,7 @@ QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, 
       const Float8 w = {l, l, l, l, r, r, r, r};
       acc += column * w;
     };
-    // The line's ends at least one texel inside `in` on every side (segmentInside).
-    // (Comparisons rather than std::min and std::max, which are not inlined here either.)
-    const double ex = px + l.length * l.dx, ey = py + l.length * l.dy;
-    const double minX = ex < px ? ex : px, maxX = ex < px ? px : ex;
-    const double minY = ey < py ? ey : py, maxY = ey < py ? py : ey;
-    if (offsetsFit && minX - 0.5 >= loX && maxX - 0.5 < hiX && minY - 0.5 >= loY && maxY - 0.5 < hiY) {
+    if (offsetsFit && lines.inside[j]) {
       const float* base = in.at(bx, y);
       const auto inside = [&](int k, Float8& acc) {
         const float* q = base + offs[k];
@@ -145,20 +163,20 @@ QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, 
         add(k, top, bottom, acc);
       };
       int k = 0;
-      for (; k + 1 < l.n; k += 2) {
+      for (; k + 1 < n; k += 2) {
         inside(k, even);
         inside(k + 1, odd);
       }
-      if (k < l.n) inside(k, even);
+      if (k < n) inside(k, even);
     } else {
-      for (int k = 0; k < l.n; ++k) {
+      for (int k = 0; k < n; ++k) {
         Float8 top, bottom;
         pairClipped(in, bx + ixs[k], y + iys[k], top);
         pairClipped(in, bx + ixs[k], y + iys[k] + 1, bottom);
         add(k, top, bottom, (k & 1) ? odd : even);
       }
     }
-    const float inv = 1.0f / float(l.n);
+    const float inv = 1.0f / float(n);
     const Float8 sum = even + odd;
     for (int c = 0; c < 4; ++c) o[x * 4 + c] = (sum[c] + sum[c + 4]) * inv;
   }
