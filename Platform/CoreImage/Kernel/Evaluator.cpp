@@ -21,6 +21,11 @@
 
 namespace cikl {
 
+namespace {
+// Four floats as one value (SSE on x86-64): one texel.
+using Float4 = float __attribute__((vector_size(16), aligned(4)));
+}  // namespace
+
 PixelRect texelRange(const CGRect& extent) {
   if (CGRectIsNull(extent) || CGRectIsEmpty(extent)) return {};
   const double lim = double(PixelRect::kPixelLimit);
@@ -99,27 +104,108 @@ inline float clampf(float f, float lo, float hi) {
 }
 inline float safeFloor(float f, float lo, float hi) { return std::floor(clampf(f, lo, hi)); }
 
+// One lane's bilinear read of the texels t00 (at the floor of the position), t10 (right of it),
+// t01 (above it) and t11, any of them null for transparent, with fractions tx and ty: along x in
+// each row, then between the rows; a pair that reads one texel (a clamped edge) gives that texel
+// exactly, as does a position on a texel centre.
+inline void bilinearLane(const float* t00, const float* t10, const float* t01, const float* t11, float tx, float ty,
+                         float* out) {
+  static const float zero[4] = {0, 0, 0, 0};
+  if (tx == 0 && ty == 0) {
+    std::memcpy(out, t00 ? t00 : zero, 4 * sizeof(float));
+    return;
+  }
+  if (!t00) t00 = zero;
+  if (!t10) t10 = zero;
+  if (!t01) t01 = zero;
+  if (!t11) t11 = zero;
+  float r0[4], r1[4];
+  for (int c = 0; c < 4; ++c) {
+    r0[c] = t00 == t10 ? t00[c] : t00[c] * (1 - tx) + t10[c] * tx;
+    r1[c] = t01 == t11 ? t01[c] : t01[c] * (1 - tx) + t11[c] * tx;
+  }
+  const bool sameRow = t00 == t01 && t10 == t11;
+  for (int c = 0; c < 4; ++c) out[c] = sameRow ? r0[c] : r0[c] * (1 - ty) + r1[c] * ty;
+}
+
 // Positions are turned into texel indices and fractions in absolute coordinates, so a read
 // gives the same bits whichever tile it happens in.
-void sample(const View& v, const float* xs, const float* ys, float* d0, float* d1, float* d2, float* d3, int n) {
+//
+// Bilinear reads go in two passes over the lanes. The first, a loop of plain arithmetic that
+// the compiler vectorises, places every lane: the clamped position, its floor (by truncation,
+// stepping down where that rounded up: the same value as std::floor in the range it is used
+// in), the fractions, the texel indices relative to the tile, and whether all four texels lie
+// in the readable range. The second reads: a lane inside that range takes its four texels as
+// four 4-float loads and the same operations, channel by channel, as bilinearLane (no pointer
+// can coincide there, so none of its shortcuts but the texel centre applies); any other lane
+// goes through fetch and bilinearLane. Same bits either way. Tiles whose coordinates exceed
+// 32 bits take the second way for every lane.
+QV_KERNEL_CLONES void sample(const View& v, const float* xs, const float* ys, float* d0, float* d1, float* d2,
+                             float* d3, int n) {
   if (v.empty) {
     for (int k = 0; k < n; ++k) d0[k] = d1[k] = d2[k] = d3[k] = 0;
     return;
   }
   const float lox = float(v.ox + v.x0) - 2, hix = float(v.ox + v.x1) + 1;
   const float loy = float(v.oy + v.y0) - 2, hiy = float(v.oy + v.y1) + 1;
-  static const float zero[4] = {0, 0, 0, 0};
   auto put = [&](int k, const float* t) {
     d0[k] = t[0];
     d1[k] = t[1];
     d2[k] = t[2];
     d3[k] = t[3];
   };
-  for (int k = 0; k < n; ++k) {
-    if (v.nearest) {
+  static const float zero[4] = {0, 0, 0, 0};
+  if (v.nearest) {
+    for (int k = 0; k < n; ++k) {
       float fx = safeFloor(xs[k], lox, hix), fy = safeFloor(ys[k], loy, hiy);
       const float* t = fetch(v, std::int64_t(fx) - v.ox, std::int64_t(fy) - v.oy);
       put(k, t ? t : zero);
+    }
+    return;
+  }
+  constexpr std::int64_t kSmall = std::int64_t{1} << 30;
+  const bool small = std::max({std::abs(v.ox + v.x0), std::abs(v.ox + v.x1), std::abs(v.oy + v.y0),
+                               std::abs(v.oy + v.y1)}) < kSmall;
+  alignas(32) float txs[kLanes], tys[kLanes];
+  alignas(32) std::int32_t ixs[kLanes], iys[kLanes], inside[kLanes];
+  if (small) {
+    const auto ox = std::int32_t(v.ox), oy = std::int32_t(v.oy);
+    const auto x0 = std::int32_t(v.x0), x1 = std::int32_t(v.x1), y0 = std::int32_t(v.y0), y1 = std::int32_t(v.y1);
+    for (int k = 0; k < n; ++k) {
+      const float px = clampf(xs[k] - 0.5f, lox, hix), py = clampf(ys[k] - 0.5f, loy, hiy);
+      std::int32_t ix = std::int32_t(px), iy = std::int32_t(py);
+      ix -= float(ix) > px ? 1 : 0;
+      iy -= float(iy) > py ? 1 : 0;
+      txs[k] = px - float(ix);
+      tys[k] = py - float(iy);
+      ix -= ox;
+      iy -= oy;
+      ixs[k] = ix;
+      iys[k] = iy;
+      inside[k] = (ix >= x0) & (ix + 1 < x1) & (iy >= y0) & (iy + 1 < y1);
+    }
+  } else {
+    for (int k = 0; k < n; ++k) inside[k] = 0;
+  }
+  for (int k = 0; k < n; ++k) {
+    if (inside[k]) {
+      const float tx = txs[k], ty = tys[k];
+      const float* t00 = v.texel(ixs[k], iys[k]);
+      if (tx == 0 && ty == 0) {
+        put(k, t00);
+        continue;
+      }
+      Float4 a, b, c, d;
+      std::memcpy(&a, t00, sizeof a);
+      std::memcpy(&b, t00 + 4, sizeof b);
+      std::memcpy(&c, t00 + v.stride, sizeof c);
+      std::memcpy(&d, t00 + v.stride + 4, sizeof d);
+      const Float4 r0 = a * (1 - tx) + b * tx, r1 = c * (1 - tx) + d * tx;
+      const Float4 o = r0 * (1 - ty) + r1 * ty;
+      d0[k] = o[0];
+      d1[k] = o[1];
+      d2[k] = o[2];
+      d3[k] = o[3];
       continue;
     }
     float px = clampf(xs[k] - 0.5f, lox, hix);
@@ -127,27 +213,8 @@ void sample(const View& v, const float* xs, const float* ys, float* d0, float* d
     float fx = std::floor(px), fy = std::floor(py);
     float tx = px - fx, ty = py - fy;
     auto ix = std::int64_t(fx) - v.ox, iy = std::int64_t(fy) - v.oy;
-    const float* t00 = fetch(v, ix, iy);
-    if (tx == 0 && ty == 0) {
-      put(k, t00 ? t00 : zero);
-      continue;
-    }
-    const float* t10 = fetch(v, ix + 1, iy);
-    const float* t01 = fetch(v, ix, iy + 1);
-    const float* t11 = fetch(v, ix + 1, iy + 1);
-    if (!t00) t00 = zero;
-    if (!t10) t10 = zero;
-    if (!t01) t01 = zero;
-    if (!t11) t11 = zero;
-    // Interpolate along x in each row, then between the rows; a pair that reads one texel
-    // (a clamped edge) gives that texel exactly.
-    float r0[4], r1[4], out[4];
-    for (int c = 0; c < 4; ++c) {
-      r0[c] = t00 == t10 ? t00[c] : t00[c] * (1 - tx) + t10[c] * tx;
-      r1[c] = t01 == t11 ? t01[c] : t01[c] * (1 - tx) + t11[c] * tx;
-    }
-    const bool sameRow = t00 == t01 && t10 == t11;
-    for (int c = 0; c < 4; ++c) out[c] = sameRow ? r0[c] : r0[c] * (1 - ty) + r1[c] * ty;
+    float out[4];
+    bilinearLane(fetch(v, ix, iy), fetch(v, ix + 1, iy), fetch(v, ix, iy + 1), fetch(v, ix + 1, iy + 1), tx, ty, out);
     put(k, out);
   }
 }
