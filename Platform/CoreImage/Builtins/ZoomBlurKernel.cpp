@@ -46,9 +46,10 @@ constexpr int kChunk = 64;
 // The lines of pixels x0 + j (j < m) of the row whose centres lie at py: per pixel the step
 // between samples (sx, sy), the number of samples n, and whether the whole line lies at least
 // one texel inside `in` on every side (as segmentInside), so that its samples need no bounds
-// checks. One loop of selects and arithmetic that the compiler vectorises: the distance to the
-// centre is a square root rather than std::hypot (the coordinates are bounded, far from
-// overflow), the direction a product with 1 / distance.
+// checks. One loop of selects and arithmetic, kept apart from the sampling: the distance to the
+// centre is a square root rather than std::hypot (zoomBlur keeps the centre within 1e100 and
+// pixels lie within 2^40 of the origin, far from overflow), the direction a product with
+// 1 / distance.
 struct Lines {
   float sx[kChunk], sy[kChunk];
   std::int32_t n[kChunk], inside[kChunk];
@@ -185,6 +186,14 @@ QV_ZOOM_CLONES void zoomRow(const ConstPixelTile& in, float* o, std::int64_t y, 
 }  // namespace
 
 void zoomBlur(const ConstPixelTile& in, const PixelTile& out, double cx, double cy, double amount) {
+  // A centre so far away that the squared distance would overflow is brought to 1e100 along the
+  // same direction from the origin: every pixel (within 2^40 of the origin) then sees the same
+  // direction and a distance far beyond any amount, as it did, and the square root stays finite.
+  const double far = std::max(std::fabs(cx), std::fabs(cy));
+  if (far > 1e100) {
+    cx = cx / far * 1e100;
+    cy = cy / far * 1e100;
+  }
   for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
     zoomRow(in, out.row(y), y, out.rect.x, out.rect.width, cx, cy, amount);
 }

@@ -77,5 +77,7 @@ INSTANTIATE_TEST_SUITE_P(ZoomBlur, ZoomBlurDefinition,
                          ::testing::Values(ZoomCase{20.5, 30.5, 4}, ZoomCase{13.3, 41.7, 7.5},
                                            ZoomCase{13.3, 41.7, -6}, ZoomCase{-40, -25, 20},
                                            ZoomCase{100, 10, 33.2},
+                                           // A centre whose squared distance overflows a double.
+                                           ZoomCase{1e300, -3e299, 12}, ZoomCase{-2e200, 5e200, -9},
                                            // More samples than the cap: spread evenly.
                                            ZoomCase{30, 20, 400}, ZoomCase{30, 20, -300}));
