@@ -126,6 +126,7 @@ std::vector<float> boxRowOracle(const std::vector<float>& in, std::int64_t nOut,
       for (int k = l - inner; k <= l + inner; ++k) t += double(in[std::size_t(k * 4 + c)]);
     for (std::int64_t j = 0; j < nOut; ++j) {
       out[std::size_t(j * 4 + c)] = inner >= 0 ? gridValue(s * weight + t * innerWeight) : gridValue(s * weight);
+      if (j + 1 == nOut) break;  // the window ends at the row's last pixel
       auto at = [&](std::int64_t p) { return double(in[std::size_t(p * 4 + c)]); };
       s += at(j + 2 * l + 1) - at(j);
       if (inner >= 0) t += at(j + l + inner + 1) - at(j + l - inner);
