@@ -78,9 +78,9 @@ struct SeparablePlan {
 // The switch is at kDirectSigma, where the direct passes stopped being faster (measured:
 // bench/blur_bench.cpp, BM_GaussianPlan_RGBAf, see bench/README.md). The vector box passes now
 // cost as much as the direct ones near sigma 10, but the switch stays: at sigma 8, 10 and 12.5
-// the boxes (integer half-widths) fall outside the golden tolerance of the direct kernel on
-// the nearly transparent colour edges of the photo with alpha (they agree from 16 up). Sigma is capped at kMaxSigma to bound the
-// region a tile reads.
+// the boxes fall outside the golden tolerance of the direct kernel on the nearly transparent
+// colour edges of the photo with alpha (they agree from 16 up). Sigma is capped at kMaxSigma to
+// bound the region a tile reads.
 inline constexpr double kIdentitySigma = 0.16;
 inline constexpr double kDirectSigma = 20.0;
 inline constexpr double kMaxSigma = 500.0;
