@@ -5,6 +5,11 @@
 # wall time of that run and the machine's load.
 #
 #   bench/cpu_ab.sh --a DIR_A --b DIR_B [--runs N] [--only PATTERN] [--threads T] [--size WxH]
+#                   [--set "KEY=VALUE ..."]
+#
+# --set gives the filters these inputs instead of their defaults (space-separated; pick the
+# filters that have them with --only), e.g. the blur of radius 20 that the GIMP plug-in
+# benchmark runs: --only 'QVFilterBlur$' --set inputRadius=20.
 #
 # DIR_A and DIR_B are build directories (or copies of their bin/ and lib/): DIR/bin/qvfilter is
 # run with DIR/lib first on the library path. The input is the stream.sh picture (JPEG Q90 of
@@ -19,7 +24,10 @@ runs=3
 only=.
 threads=1
 size=6000x4000
-bench_parse_args "$0" a b runs only threads size -- "$@"
+set=
+bench_parse_args "$0" a b runs only threads size set -- "$@"
+settings=()
+for kv in $set; do settings+=(-s "$kv"); done
 [ -n "$a" ] && [ -n "$b" ] || { echo "cpu_ab.sh: --a DIR and --b DIR are required" >&2; exit 1; }
 for d in "$a" "$b"; do
   [ -x "$d/bin/qvfilter" ] || { echo "cpu_ab.sh: no $d/bin/qvfilter" >&2; exit 1; }
@@ -34,7 +42,7 @@ unset LD_LIBRARY_PATH
 one() {
   local dir=$1 f=$2
   LD_LIBRARY_PATH="$dir/lib" "$TIME" -f "%U %S %e" -o "$WORK/ab-time.txt" \
-    "$dir/bin/qvfilter" apply "$IN" "$WORK/ab.jpg" -f "$f" --threads "$threads" --quality 90 >/dev/null 2>&1 ||
+    "$dir/bin/qvfilter" apply "$IN" "$WORK/ab.jpg" -f "$f" "${settings[@]}" --threads "$threads" --quality 90 >/dev/null 2>&1 ||
     { echo "- -"; return; }
   awk '{printf "%.2f %.2f\n", $1 + $2, $3}' "$WORK/ab-time.txt"
 }
@@ -43,7 +51,7 @@ echo "load: $(uptime | sed 's/.*load average: //')"
 LD_LIBRARY_PATH="$b/lib" "$TIME" -f "%U %S %e" -o "$WORK/ab-time.txt" \
   "$b/bin/qvfilter" convert "$IN" "$WORK/ab.jpg" --quality 90 >/dev/null 2>&1
 echo "convert (B): $(awk '{printf "%.2f s cpu, %.2f s wall", $1 + $2, $3}' "$WORK/ab-time.txt")"
-echo "threads: $threads; A = $a, B = $b; best of $runs by CPU time"
+echo "threads: $threads; A = $a, B = $b; best of $runs by CPU time${set:+; inputs: $set}"
 echo "| filter | A cpu s | B cpu s | A / B (cpu) | A wall s | B wall s |"
 echo "|---|---|---|---|---|---|"
 for f in $(LD_LIBRARY_PATH="$b/lib" "$b/bin/qvfilter" list | grep '^QVFilter'); do

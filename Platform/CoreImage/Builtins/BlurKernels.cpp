@@ -30,21 +30,6 @@ namespace {
 
 constexpr float kInvQuantum = 4194304.0f;  // 1 / kGridQuantum
 
-// Rounds a value to the nearest point of the summation grid (halves to even): scale, clamp
-// (NaN reads as 0), round with the 1.5·2^52 trick (exact for the clamped range, and
-// vectorisable where std::nearbyint is not), scale back. Every result is a float on the grid:
-// below 2 the grid multiple is exact in float, from 2 up every float is a grid multiple.
-QV_BLUR_NO_TRAPS inline float gridValue(double v) {
-  constexpr double kScale = 1.0 / double(kGridQuantum), kLimit = double(kGridLimit) / double(kGridQuantum);
-  constexpr double kRound = 6755399441055744.0;  // 1.5 · 2^52
-  double s = v * kScale;
-  s = s == s ? s : 0.0;
-  s = s < -kLimit ? -kLimit : s;
-  s = s > kLimit ? kLimit : s;
-  s = (s + kRound) - kRound;
-  return float(s * double(kGridQuantum));
-}
-
 QV_BLUR_NO_TRAPS inline float onGrid(float v) { return gridValue(double(v)); }
 
 struct Scratch {
@@ -59,74 +44,8 @@ T* sized(std::vector<T>& v, std::size_t n) {
   return v.data();
 }
 
-QV_BLUR_CLONES void copyOnGrid(const float* in, float* out, std::int64_t n) {
-  for (std::int64_t i = 0; i < n; ++i) out[i] = onGrid(in[i]);
-}
-
-// Four channels at a time, in double: one pixel's running sums in one vector register.
-typedef double D4 __attribute__((vector_size(32)));
-typedef float F4 __attribute__((vector_size(16)));
-
-__attribute__((always_inline)) inline void load4(D4& d, const float* p) {
-  F4 t;
-  std::memcpy(&t, p, sizeof t);
-  d = __builtin_convertvector(t, D4);
-}
-
-// gridValue for four values.
-QV_BLUR_NO_TRAPS __attribute__((always_inline)) inline void storeGrid4(float* out, const D4& v) {
-  constexpr double kScale = 1.0 / double(kGridQuantum), kLimit = double(kGridLimit) / double(kGridQuantum);
-  const D4 zero = {0, 0, 0, 0};
-  const D4 limit = zero + kLimit, round = zero + 6755399441055744.0;
-  D4 s = v * kScale;
-  s = s == s ? s : zero;
-  s = s < -limit ? -limit : s;
-  s = s > limit ? limit : s;
-  s = (s + round) - round;
-  const F4 f = __builtin_convertvector(s * double(kGridQuantum), F4);
-  std::memcpy(out, &f, sizeof f);
-}
-
-// One box pass along a row of nOut + 2l pixels: output pixel j is weight · (sum of in pixels
-// j .. j + 2l) + innerWeight · (sum of in pixels j + l - inner .. j + l + inner), both sums slid
-// along the row (exact on the grid).
-QV_BLUR_CLONES void boxRow(const float* in, float* out, std::int64_t nOut, int l, double weight, int inner,
-                           double innerWeight) {
-  D4 s = {0, 0, 0, 0}, t = {0, 0, 0, 0}, a, b;
-  for (int k = 0; k <= 2 * l; ++k) {
-    load4(a, in + k * 4);
-    s += a;
-  }
-  if (inner < 0) {
-    for (std::int64_t j = 0; j < nOut; ++j) {
-      storeGrid4(out + j * 4, s * weight);
-      if (j + 1 < nOut) {
-        load4(a, in + (j + 2 * l + 1) * 4);
-        load4(b, in + j * 4);
-        s += a - b;
-      }
-    }
-    return;
-  }
-  const int lo = l - inner, hi = l + inner + 1;
-  for (int k = lo; k < hi; ++k) {
-    load4(a, in + k * 4);
-    t += a;
-  }
-  for (std::int64_t j = 0; j < nOut; ++j) {
-    storeGrid4(out + j * 4, s * weight + t * innerWeight);
-    if (j + 1 < nOut) {
-      load4(a, in + (j + 2 * l + 1) * 4);
-      load4(b, in + j * 4);
-      s += a - b;
-      load4(a, in + (j + hi) * 4);
-      load4(b, in + (j + lo) * 4);
-      t += a - b;
-    }
-  }
-}
-
-// The same pass down a strip of nf floats, nOut output rows; `sums` holds 2·nf doubles.
+// One box pass down a strip of nf floats (the vertical half of applySeparable), nOut output
+// rows; `sums` holds 2·nf doubles.
 QV_BLUR_CLONES void boxColumns(const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
                                std::int64_t nOut, std::int64_t nf, int l, double weight, int inner, double innerWeight,
                                double* sums) {
@@ -291,7 +210,7 @@ void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const Separ
     const float* src = in.at(out.rect.x - sx, y);
     float* dstRow = out.row(y);
     if (plan.horizontal.empty()) {
-      copyOnGrid(src, dstRow, W * 4);
+      gridCopy(src, dstRow, W * 4);
       continue;
     }
     // Box passes sum exactly on the grid; direct passes only need the input rule (NaN as 0,
@@ -299,7 +218,7 @@ void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const Separ
     if (plan.horizontal.front().fir)
       copyClamped(src, rowA, nIn * 4);
     else
-      copyOnGrid(src, rowA, nIn * 4);
+      gridCopy(src, rowA, nIn * 4);
     const float* cur = rowA;
     std::int64_t n = nIn;
     for (std::size_t i = 0; i < plan.horizontal.size(); ++i) {
@@ -670,19 +589,6 @@ QV_BLUR_CLONES void emitRowInner(float* out, const double* sums, double weight, 
   for (std::int64_t i = 0; i < nf; ++i) out[i] = gridValue(sums[i] * weight + innerSums[i] * innerWeight);
 }
 
-// Both window sums slid by one row and the row emitted, in one sweep over the floats.
-QV_BLUR_CLONES void slideEmitRowInner(float* out, double* sums, const float* add, const float* sub, double weight,
-                                      double* innerSums, const float* addInner, const float* subInner,
-                                      double innerWeight, std::int64_t nf) {
-  for (std::int64_t i = 0; i < nf; ++i) {
-    const double s = sums[i] + (double(add[i]) - double(sub[i]));
-    const double t = innerSums[i] + (double(addInner[i]) - double(subInner[i]));
-    sums[i] = s;
-    innerSums[i] = t;
-    out[i] = gridValue(s * weight + t * innerWeight);
-  }
-}
-
 // A vertical pass that streams down a column of tiles: it reads `support` rows beyond a tile
 // above and below, and keeps what it read in the column's render state, so that the tile right
 // below the one it rendered last goes on where that one stopped.
@@ -753,7 +659,9 @@ class BoxColumnsNode final : public ColumnStreamNode {
   };
 
   // Input row n of pass p has just been stored in its ring: slide the window and emit row
-  // n + support into the next pass's ring or, from the last pass, into `out`.
+  // n + support into the next pass's ring or, from the last pass, into `out`. (Running every
+  // pass over narrow strips of the columns instead, so that the rings' rows in use stay in the
+  // core's cache, was slower: whole rows stream better.)
   void push(Stream& stream, std::size_t p, std::int64_t n, const PixelTile& out) const {
     BoxStreamPass& ps = stream.passes[p];
     const std::int64_t nf = ps.nf;
@@ -784,13 +692,16 @@ class BoxColumnsNode final : public ColumnStreamNode {
       if (spare.size() < std::size_t(nf)) spare.resize(std::size_t(nf));
       dst = spare.data();
     }
+    // Sliding both sums and emitting the row in one sweep over the floats.
     if (ps.inner >= 0 && !priming) {
-      slideEmitRowInner(dst, ps.sums.data(), ps.slot(n), ps.slot(n + 2 * ps.l + 1), ps.weight, ps.innerSums.data(),
+      boxSlideEmitInner(dst, ps.sums.data(), ps.slot(n), ps.slot(n + 2 * ps.l + 1), ps.weight, ps.innerSums.data(),
                         ps.slot(n + ps.l - ps.inner), ps.slot(n + ps.l + ps.inner + 1), ps.innerWeight, nf);
     } else if (ps.inner >= 0) {
       slide(ps.sums, ps.l);
       slide(ps.innerSums, ps.inner);
       emitRowInner(dst, ps.sums.data(), ps.weight, ps.innerSums.data(), ps.innerWeight, nf);
+    } else if (!priming) {
+      boxSlideEmit(dst, ps.sums.data(), ps.slot(n), ps.slot(n + 2 * ps.l + 1), ps.weight, nf);
     } else {
       slide(ps.sums, ps.l);
       emitRow(dst, ps.sums.data(), ps.weight, nf);

@@ -21,6 +21,26 @@ namespace qv::blur {
 inline constexpr float kGridQuantum = 1.0f / 4194304.0f;  // 2^-22
 inline constexpr float kGridLimit = 256.0f;
 
+// Rounds a value to the nearest point of the summation grid (halves to even): scale, clamp
+// (NaN reads as 0), round with the 1.5·2^52 trick (exact for the clamped range, and
+// vectorisable where std::nearbyint is not), scale back. Every result is a float on the grid:
+// below 2 the grid multiple is exact in float, from 2 up every float is a grid multiple.
+// Compiled without floating-point trap semantics (no result changes), as the loops that inline
+// it are, so that they may turn its clamps and selects into vector blends.
+#if defined(__GNUC__) && !defined(__clang__)
+__attribute__((optimize("no-trapping-math")))
+#endif
+inline float gridValue(double v) {
+  constexpr double kScale = 1.0 / double(kGridQuantum), kLimit = double(kGridLimit) / double(kGridQuantum);
+  constexpr double kRound = 6755399441055744.0;  // 1.5 · 2^52
+  double s = v * kScale;
+  s = s == s ? s : 0.0;
+  s = s < -kLimit ? -kLimit : s;
+  s = s > kLimit ? kLimit : s;
+  s = (s + kRound) - kRound;
+  return float(s * double(kGridQuantum));
+}
+
 // One 1-D pass of a separable filter: either boxes, the sum of a box of 2l+1 taps of weight
 // `weight` and, when `inner` >= 0, a narrower box of 2·inner+1 taps of weight `innerWeight`
 // centred on it (a plain box: no inner box, weight 1/(2l+1)), each kept as a running sum; or
@@ -55,9 +75,12 @@ struct SeparablePlan {
 //     (bench/README.md) it is the one that agrees with the direct kernel within the golden
 //     tolerance: its kernel differs from the truncated sampled Gaussian by about 1 % of the
 //     peak, where three extended boxes (one width each) differ by 6 %.
-// The direct passes win below kDirectSigma (measured: bench/blur_bench.cpp,
-// BM_GaussianPlan_RGBAf, see bench/README.md). Sigma is capped at kMaxSigma to bound the region
-// a tile reads.
+// The switch is at kDirectSigma, where the direct passes stopped being faster (measured:
+// bench/blur_bench.cpp, BM_GaussianPlan_RGBAf, see bench/README.md). The vector box passes now
+// cost as much as the direct ones near sigma 10, but the switch stays: at sigma 8, 10 and 12.5
+// the boxes fall outside the golden tolerance of the direct kernel on the nearly transparent
+// colour edges of the photo with alpha (they agree from 16 up). Sigma is capped at kMaxSigma to
+// bound the region a tile reads.
 inline constexpr double kIdentitySigma = 0.16;
 inline constexpr double kDirectSigma = 20.0;
 inline constexpr double kMaxSigma = 500.0;
@@ -90,6 +113,23 @@ void firRow(const float* in, float* out, std::int64_t nOut, const float* taps, i
 void firColumns(const float* const* rows, float* out, std::ptrdiff_t outStride, std::int64_t nOut, std::int64_t nf,
                 const float* taps, int nTaps);
 void copyClamped(const float* in, float* out, std::int64_t n);
+
+// Running-sum kernels of the box passes (BlurBoxes.cpp), the same bits on every instruction set
+// and at every position:
+//   gridCopy: out = gridValue(in), n floats.
+//   boxSlideEmit: per float i < nf, sums[i] += add[i] - sub[i], then out[i] =
+//     gridValue(sums[i] · weight); `add`, `sub` on the grid.
+//   boxSlideEmitInner: the same with a second window sum, out[i] = gridValue(sums[i] · weight +
+//     innerSums[i] · innerWeight).
+//   boxRow: one box pass (Pass1D's l, weight, inner, innerWeight) along a row of nOut + 2l
+//     RGBA pixels on the grid: out pixel j = gridValue(weight · (sum of in pixels j .. j + 2l) +
+//     innerWeight · (sum of in pixels j + l - inner .. j + l + inner)), both sums slid along
+//     the row (exact on the grid); with inner < 0 the first term alone.
+void gridCopy(const float* in, float* out, std::int64_t n);
+void boxSlideEmit(float* out, double* sums, const float* add, const float* sub, double weight, std::int64_t nf);
+void boxSlideEmitInner(float* out, double* sums, const float* add, const float* sub, double weight, double* innerSums,
+                       const float* addInner, const float* subInner, double innerWeight, std::int64_t nf);
+void boxRow(const float* in, float* out, std::int64_t nOut, int l, double weight, int inner, double innerWeight);
 
 // Mean over the disc of radius r: pixel offsets with dx² + dy² <= r². When ringAmount is not
 // 0, the annulus r·(1 − ringSize) < |d| <= r weighs 1 + ringAmount instead of 1 (a bokeh
