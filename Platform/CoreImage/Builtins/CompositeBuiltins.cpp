@@ -30,6 +30,11 @@
 
 using namespace qv::builtins;
 
+// Float8 values only pass between inline functions of this file (see Float4.h).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
+
 namespace {
 
 // ---------------------------------------------------------------------------------------------
@@ -196,35 +201,40 @@ struct Saturation { static RGB blend(const RGB& cb, const RGB& cs) { return setL
 struct Color { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cs, lum(cb)); } };
 struct Luminosity { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cb, lum(cs)); } };
 
-// The general formula around a separable B, four pixels at a time: the pixels are turned into
-// one vector per component (red of all four, green, ...), so every operation works on four
-// pixels, and back. A last group of fewer than four is padded with transparent pixels.
+// The general formula around a separable B on one group of pixels (V = Float4: four, Float8:
+// eight): the pixels are turned into one vector per component (red of all of them, green, ...),
+// so every operation works on the whole group, and back.
+template <class B, class V>
+[[gnu::always_inline]] inline void separableBlendGroup(const float* sp, const float* bp, float* op) {
+  V S[4], Bk[4];
+  loadPixels(sp, S);
+  loadPixels(bp, Bk);
+  const V zero = splat<V>(0), one = splat<V>(1);
+  const V as = S[3], ab = Bk[3];
+  const V is = as > zero ? one / as : zero, ib = ab > zero ? one / ab : zero;
+  const V both = as * ab;
+  V O[4];
+  for (int c = 0; c < 3; ++c) {
+    const V m = clamp01(B::blend(clamp01(Bk[c] * ib), clamp01(S[c] * is)));
+    O[c] = S[c] * (one - ab) + Bk[c] * (one - as) + both * m;
+  }
+  O[3] = as + ab - both;
+  storePixels(O, op);
+}
+
+// Eight pixels at a time, then four; a last group of fewer than four is padded with transparent
+// pixels. Every lane runs the same operations in the same order, so the group size changes no
+// bits.
 template <class B>
-void separableBlendRow(const float* s, const float* b, float* o, std::size_t n) {
-  auto four = [](const float* sp, const float* bp, float* op) {
-    Float4 S[4], Bk[4];
-    transpose4(sp, S);
-    transpose4(bp, Bk);
-    const Float4 zero = splat<Float4>(0), one = splat<Float4>(1);
-    const Float4 as = S[3], ab = Bk[3];
-    const Float4 is = as > zero ? one / as : zero, ib = ab > zero ? one / ab : zero;
-    const Float4 both = as * ab;
-    Float4 O[4];
-    for (int c = 0; c < 3; ++c) {
-      const Float4 m = clamp01(B::blend(clamp01(Bk[c] * ib), clamp01(S[c] * is)));
-      O[c] = S[c] * (one - ab) + Bk[c] * (one - as) + both * m;
-    }
-    O[3] = as + ab - both;
-    transpose4(reinterpret_cast<const float*>(O), O);
-    std::memcpy(op, O, sizeof O);
-  };
+QV_LANE_CLONES void separableBlendRow(const float* s, const float* b, float* o, std::size_t n) {
   std::size_t i = 0;
-  for (; i + 4 <= n; i += 4) four(s + 4 * i, b + 4 * i, o + 4 * i);
+  for (; i + 8 <= n; i += 8) separableBlendGroup<B, Float8>(s + 4 * i, b + 4 * i, o + 4 * i);
+  for (; i + 4 <= n; i += 4) separableBlendGroup<B, Float4>(s + 4 * i, b + 4 * i, o + 4 * i);
   if (i < n) {
     float ps[16] = {}, pb[16] = {}, po[16];
     std::copy(s + 4 * i, s + 4 * n, ps);
     std::copy(b + 4 * i, b + 4 * n, pb);
-    four(ps, pb, po);
+    separableBlendGroup<B, Float4>(ps, pb, po);
     std::copy(po, po + 4 * (n - i), o + 4 * i);
   }
 }

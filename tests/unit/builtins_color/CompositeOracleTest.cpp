@@ -356,7 +356,9 @@ TEST(CompositeBehaviour, SeparableBlendRowsEqualThePerPixelFormulaBitForBit) {
   for (const auto& [name, blend] : single::blends()) {
     const CompositeOperation* op = compositeOperationNamed(name);
     ASSERT_TRUE(op) << name;
-    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(5), std::size_t(7), count}) {
+    // Lengths that reach groups of eight, of four and a padded last group.
+    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(5), std::size_t(7), std::size_t(8),
+                          std::size_t(12), std::size_t(13), std::size_t(19), count}) {
       std::vector<float> out(4 * n, -9.0f);
       op->row(s.data(), b.data(), out.data(), n);
       for (std::size_t i = 0; i < n; ++i) {
