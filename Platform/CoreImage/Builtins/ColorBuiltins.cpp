@@ -104,25 +104,24 @@ CIImage ColorMatrixNode::imageByApplyingMatrix(const CIImage& input, const Color
 
 namespace {
 
-// The matrix on one group of pixels (V = Float4: four, Float8: eight), turned into one vector
-// per component and back, with the operations of the one-pixel formula in the same order, so
-// the bits are those of one pixel at a time. `c` holds the 20 coefficients.
+// The matrix on one group of pixels (V = Float4: four, Float8: eight) as component vectors, with
+// the operations of the one-pixel formula in the same order, so the bits are those of one pixel
+// at a time. `c` holds the 20 coefficients. `O` may be `P`.
 template <class V>
-[[gnu::always_inline]] inline void applyMatrixGroup(const float* c, bool premultipliedLinear, const float* in,
-                                                     float* out) {
+[[gnu::always_inline]] inline void applyMatrixToComponents(const float* c, bool premultipliedLinear, const V P[4],
+                                                            V O[4]) {
   const V zero = splat<V>(0), one = splat<V>(1);
-  V P[4], O[4];
-  loadPixels(in, P);
   if (premultipliedLinear) {
     // c' = k·M3·c, a' = k·a: no division needed.
     const float k = c[18];
     const V m00 = splat<V>(c[0] * k), m01 = splat<V>(c[1] * k), m02 = splat<V>(c[2] * k);
     const V m10 = splat<V>(c[5] * k), m11 = splat<V>(c[6] * k), m12 = splat<V>(c[7] * k);
     const V m20 = splat<V>(c[10] * k), m21 = splat<V>(c[11] * k), m22 = splat<V>(c[12] * k);
-    O[0] = m00 * P[0] + m01 * P[1] + m02 * P[2];
-    O[1] = m10 * P[0] + m11 * P[1] + m12 * P[2];
-    O[2] = m20 * P[0] + m21 * P[1] + m22 * P[2];
-    O[3] = clamp01(splat<V>(k) * P[3]);
+    const V r = P[0], g = P[1], b = P[2], a = P[3];
+    O[0] = m00 * r + m01 * g + m02 * b;
+    O[1] = m10 * r + m11 * g + m12 * b;
+    O[2] = m20 * r + m21 * g + m22 * b;
+    O[3] = clamp01(splat<V>(k) * a);
   } else {
     const V a = P[3];
     const V inv = a > zero ? one / a : zero;
@@ -139,20 +138,31 @@ template <class V>
     O[2] = rows[2] * ao;
     O[3] = ao;
   }
-  storePixels(O, out);
+}
+
+// One or two matrices (`second` may be null: then `c` alone) on one group of pixels: loaded
+// once, the first matrix then the second in registers, stored once.
+template <class V>
+[[gnu::always_inline]] inline void applyMatricesToGroup(const float* c, bool linear, const float* second,
+                                                         bool secondLinear, const float* in, float* out) {
+  V P[4];
+  loadPixels(in, P);
+  applyMatrixToComponents(c, linear, P, P);
+  if (second) applyMatrixToComponents(second, secondLinear, P, P);
+  storePixels(P, out);
 }
 
 // Eight pixels at a time, then four; a last group of fewer than four is padded with transparent
-// pixels.
-QV_LANE_CLONES void applyMatrixRow(const float* c, bool premultipliedLinear, const float* s, float* o,
-                                   std::size_t n) {
+// pixels. `out` may be `in`.
+QV_LANE_CLONES void applyMatricesRow(const float* c, bool linear, const float* second, bool secondLinear,
+                                     const float* s, float* o, std::size_t n) {
   std::size_t i = 0;
-  for (; i + 8 <= n; i += 8) applyMatrixGroup<Float8>(c, premultipliedLinear, s + 4 * i, o + 4 * i);
-  for (; i + 4 <= n; i += 4) applyMatrixGroup<Float4>(c, premultipliedLinear, s + 4 * i, o + 4 * i);
+  for (; i + 8 <= n; i += 8) applyMatricesToGroup<Float8>(c, linear, second, secondLinear, s + 4 * i, o + 4 * i);
+  for (; i + 4 <= n; i += 4) applyMatricesToGroup<Float4>(c, linear, second, secondLinear, s + 4 * i, o + 4 * i);
   if (i < n) {
     float padded[16] = {}, result[16];
     std::copy(s + 4 * i, s + 4 * n, padded);
-    applyMatrixGroup<Float4>(c, premultipliedLinear, padded, result);
+    applyMatricesToGroup<Float4>(c, linear, second, secondLinear, padded, result);
     std::copy(result, result + 4 * (n - i), o + 4 * i);
   }
 }
@@ -160,7 +170,12 @@ QV_LANE_CLONES void applyMatrixRow(const float* c, bool premultipliedLinear, con
 }  // namespace
 
 void ColorMatrixNode::applyRow(const float* s, float* o, std::size_t n) const {
-  applyMatrixRow(coefficients_.data(), premultipliedLinear_, s, o, n);
+  applyMatricesRow(coefficients_.data(), premultipliedLinear_, nullptr, false, s, o, n);
+}
+
+void ColorMatrixNode::applyRowThen(const ColorMatrixNode& outer, const float* s, float* o, std::size_t n) const {
+  applyMatricesRow(coefficients_.data(), premultipliedLinear_, outer.coefficients_.data(), outer.premultipliedLinear_,
+                   s, o, n);
 }
 
 void ColorMatrixNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {

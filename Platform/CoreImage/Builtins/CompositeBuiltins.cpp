@@ -320,14 +320,16 @@ const CompositeOperation kOperations[] = {
 // ---------------------------------------------------------------------------------------------
 // Nodes
 
-// How a composite reads one of its two images. Whole-pixel offsets, crops and one colour matrix
-// between the composite and the image that holds the pixels are folded into the composite's own
-// pass: it reads that image moved by (dx, dy), keeps the pixels inside the crops and runs the
-// matrix over each run of a row as it goes, so the moved, cut and coloured copies are never
-// written out in full. The pixels are those of the unfolded graph: an offset and a crop are
-// exact copies, and the matrix is the matrix node's own row function over the same pixels
-// (those inside its extent and every crop, moved by the offsets above them), transparent
-// elsewhere.
+// How a composite reads one of its two images. Whole-pixel offsets, crops and up to two colour
+// matrices (a matrix node over another that does not fold into one matrix, such as an opacity
+// over a biased colour control) between the composite and the image that holds the pixels are
+// folded into the composite's own pass: it reads that image moved by (dx, dy), keeps the pixels
+// inside the crops and runs the matrices over each run of a row as it goes, the lower one first,
+// so the moved, cut and coloured copies are never written out in full. The pixels are those of
+// the unfolded graph: an offset and a crop are exact copies, and the matrices are the matrix
+// nodes' own row functions over the same pixels (those inside their extents and every crop,
+// moved by the offsets above them), transparent elsewhere (a matrix node's extent is its
+// input's, so the lower matrix has no pixel the upper one lacks).
 //
 // A constant colour (and nothing, the empty image) is not read at all: its runs are filled with
 // the colour inside its extent's pixels, so it needs neither a buffer nor a region of interest.
@@ -359,6 +361,10 @@ struct CompositeInput {
   CGRect extent;  // the extent of the image as given to the composite
   std::int64_t dx = 0, dy = 0;
   std::shared_ptr<const ColorMatrixNode> matrix;  // may be null
+  // A second matrix node below `matrix` that does not fold into it (a colour bias the outer
+  // matrix would carry into transparent pixels): run before `matrix` in the same pass. Null
+  // without `matrix`.
+  std::shared_ptr<const ColorMatrixNode> innerMatrix;
   bool windowed = false;  // pixels outside `window` (composite coordinates) are transparent
   PixelRect window{-PixelRect::kPixelLimit, -PixelRect::kPixelLimit, 2 * PixelRect::kPixelLimit,
                    2 * PixelRect::kPixelLimit};
@@ -405,8 +411,8 @@ struct CompositeInput {
         }
       }
       auto matrix = std::dynamic_pointer_cast<const ColorMatrixNode>(image.node());
-      if (matrix && !f.matrix && !f.mask) {
-        f.matrix = matrix;
+      if (matrix && !f.innerMatrix && !f.mask) {
+        (f.matrix ? f.innerMatrix : f.matrix) = matrix;
         f.cut(PixelRect::centresInside(matrix->extent()));
         image = matrix->inputs()[0];
         continue;
@@ -432,10 +438,11 @@ struct CompositeInput {
     std::array<float, 4> c{0, 0, 0, 0};
     if (!constant) return c;
     c = workingColor(*constant, info.colorManaged);
-    if (matrix) {
-      std::array<float, 4> m{};
-      matrix->applyRow(c.data(), m.data(), 1);
-      c = m;
+    for (const ColorMatrixNode* m : {innerMatrix.get(), matrix.get()}) {
+      if (!m) continue;
+      std::array<float, 4> mapped{};
+      m->applyRow(c.data(), mapped.data(), 1);
+      c = mapped;
     }
     return c;
   }
@@ -506,6 +513,8 @@ struct CompositeInput {
     if (b <= a) return kept.data();
     if (isConstant) {
       for (std::int64_t i = a; i < b; ++i) std::copy(colour.begin(), colour.end(), kept.begin() + i * 4);
+    } else if (innerMatrix) {
+      innerMatrix->applyRowThen(*matrix, p + a * 4, kept.data() + a * 4, std::size_t(b - a));
     } else if (matrix) {
       matrix->applyRow(p + a * 4, kept.data() + a * 4, std::size_t(b - a));
     } else {
