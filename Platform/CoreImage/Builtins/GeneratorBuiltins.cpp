@@ -111,22 +111,38 @@ inline std::uint64_t splitmix64(std::uint64_t z) {
 // tiling of a render gives the same pixels. The values are stored as they are, as premultiplied
 // working-space components (so colour may exceed alpha); callers take a channel as grey and set
 // alpha themselves, through a colour matrix.
+// The row loop is compiled for the baseline, AVX2 and the x86-64-v4 level (AVX-512, whose 64-bit
+// multiplies let the compiler hash eight pixels at once), and the loader picks one per process.
+// Integer hashing and exact conversions of 24-bit integers: every version gives the same bits.
+// Sanitizer builds keep one version (the loader runs the resolvers before their runtime is
+// ready).
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
+    !defined(__SANITIZE_THREAD__)
+#define QV_RANDOM_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#else
+#define QV_RANDOM_CLONES
+#endif
+
+// n pixels of the row whose key is `rowKey`, from column x0.
+QV_RANDOM_CLONES void randomRow(std::uint64_t rowKey, std::int64_t x0, float* o, std::size_t n) {
+  constexpr float kScale = 1.0f / 16777215.0f;  // 24-bit values onto [0, 1]
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::uint64_t x = static_cast<std::uint64_t>(x0 + static_cast<std::int64_t>(i));
+    const std::uint64_t h1 = splitmix64(rowKey ^ x);
+    const std::uint64_t h2 = splitmix64(h1 ^ 0x5851F42D4C957F2Dull);
+    o[4 * i] = static_cast<float>((h1 >> 8) & 0xFFFFFF) * kScale;
+    o[4 * i + 1] = static_cast<float>(h1 >> 40) * kScale;
+    o[4 * i + 2] = static_cast<float>((h2 >> 8) & 0xFFFFFF) * kScale;
+    o[4 * i + 3] = static_cast<float>(h2 >> 40) * kScale;
+  }
+}
+
 class RandomNode final : public ImageNode {
  public:
   RandomNode() : ImageNode(CGRectInfinite) {}
   void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo&) const override {
-    constexpr float kScale = 1.0f / 16777215.0f;  // 24-bit values onto [0, 1]
     forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
-      const std::uint64_t rowKey = splitmix64(static_cast<std::uint64_t>(y) * 0xD1B54A32D192ED03ull);
-      for (std::size_t i = 0; i < n; ++i) {
-        const std::uint64_t x = static_cast<std::uint64_t>(x0 + static_cast<std::int64_t>(i));
-        const std::uint64_t h1 = splitmix64(rowKey ^ x);
-        const std::uint64_t h2 = splitmix64(h1 ^ 0x5851F42D4C957F2Dull);
-        o[4 * i] = static_cast<float>((h1 >> 8) & 0xFFFFFF) * kScale;
-        o[4 * i + 1] = static_cast<float>(h1 >> 40) * kScale;
-        o[4 * i + 2] = static_cast<float>((h2 >> 8) & 0xFFFFFF) * kScale;
-        o[4 * i + 3] = static_cast<float>(h2 >> 40) * kScale;
-      }
+      randomRow(splitmix64(static_cast<std::uint64_t>(y) * 0xD1B54A32D192ED03ull), x0, o, n);
     });
   }
   std::string name() const override { return "CIRandomGenerator"; }
