@@ -320,6 +320,53 @@ const CompositeOperation kOperations[] = {
 // ---------------------------------------------------------------------------------------------
 // Nodes
 
+// Mixing by a mask: out = s·k + b·(1 − k) on all four premultiplied components, k the clamped
+// Rec. 709 luminance of the mask's premultiplied colour, in the three forms the blend with mask
+// takes: with a background, without one (s·k), and with nothing for the image (0·k + b·(1 − k),
+// a layer cut by the mask). Eight pixels at a time as vectors (only k needs the mask's pixels
+// turned into components; the colours are scaled component by component as they lie), the rest
+// one by one, with the same operations: the same bits.
+enum class MaskMix { imageAndBackground, imageOnly, nothingOverBackground };
+
+template <MaskMix kMix, class T>
+[[gnu::always_inline]] inline T maskMixComponent(T s, T b, T k) {
+  if constexpr (kMix == MaskMix::imageAndBackground) return s * k + b * (splat<T>(1) - k);
+  if constexpr (kMix == MaskMix::imageOnly) return s * k;
+  return splat<T>(0) * k + b * (splat<T>(1) - k);
+}
+
+// `s` is unused for nothingOverBackground, `b` for imageOnly; `o` may be `s` or `b`.
+template <MaskMix kMix>
+QV_LANE_CLONES void maskMixRow(const float* s, const float* b, const float* m, float* o, std::size_t n) {
+  std::size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    Float8 M[4];
+    loadPixels(m + 4 * i, M);
+    const Float8 k = clamp01(splat<Float8>(kLumaR) * M[0] + splat<Float8>(kLumaG) * M[1] + splat<Float8>(kLumaB) * M[2]);
+    // k per pixel, repeated over its four components, in the pixels' own order: pixels 0-1,
+    // 2-3, 4-5, 6-7 (loadPixels holds pixels 0, 2, 4, 6 in the lower half, 1, 3, 5, 7 in the upper).
+    const Float8 kk[4] = {__builtin_shufflevector(k, k, 0, 0, 0, 0, 4, 4, 4, 4),
+                          __builtin_shufflevector(k, k, 1, 1, 1, 1, 5, 5, 5, 5),
+                          __builtin_shufflevector(k, k, 2, 2, 2, 2, 6, 6, 6, 6),
+                          __builtin_shufflevector(k, k, 3, 3, 3, 3, 7, 7, 7, 7)};
+    for (int j = 0; j < 4; ++j) {
+      const std::size_t at = 4 * i + 8 * std::size_t(j);
+      const Float8 sv = kMix == MaskMix::nothingOverBackground ? Float8{} : *reinterpret_cast<const UnalignedFloat8*>(s + at);
+      const Float8 bv = kMix == MaskMix::imageOnly ? Float8{} : *reinterpret_cast<const UnalignedFloat8*>(b + at);
+      *reinterpret_cast<UnalignedFloat8*>(o + at) = maskMixComponent<kMix>(sv, bv, kk[j]);
+    }
+  }
+  for (; i < n; ++i) {
+    const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
+    for (int c = 0; c < 4; ++c) {
+      const std::size_t at = 4 * i + std::size_t(c);
+      o[at] = maskMixComponent<kMix>(kMix == MaskMix::nothingOverBackground ? 0.0f : s[at],
+                                     kMix == MaskMix::imageOnly ? 0.0f : b[at], k);
+    }
+  }
+}
+
+
 // How a composite reads one of its two images. Whole-pixel offsets, crops and up to two colour
 // matrices (a matrix node over another that does not fold into one matrix, such as an opacity
 // over a biased colour control) between the composite and the image that holds the pixels are
@@ -487,10 +534,7 @@ struct CompositeInput {
       const float* m = mask->row(tiles, {}, x0 - maskDx, y - maskDy, n, maskBuffers);
       if (p != scratch.data()) scratch.resize(n * 4);
       float* masked = scratch.data();
-      for (std::size_t i = 0; i < n; ++i) {
-        const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-        for (int c = 0; c < 4; ++c) masked[4 * i + c] = 0.0f * k + p[4 * i + c] * (1 - k);
-      }
+      maskMixRow<MaskMix::nothingOverBackground>(nullptr, p, m, masked, n);
       p = masked;
     }
     if (!windowed && !isConstant) return p;
@@ -697,15 +741,9 @@ class BlendWithMaskNode final : public ImageNode {
         const float* m = folded_[1].row(in, colour[1], x, y, n, buffers[1]);
         if (hasBackground) {
           const float* b = folded_[2].row(in, colour[2], x, y, n, buffers[2]);
-          for (std::size_t i = 0; i < n; ++i) {
-            const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-            for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k + b[4 * i + c] * (1 - k);
-          }
+          maskMixRow<MaskMix::imageAndBackground>(s, b, m, o, n);
         } else {
-          for (std::size_t i = 0; i < n; ++i) {
-            const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-            for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k;
-          }
+          maskMixRow<MaskMix::imageOnly>(s, nullptr, m, o, n);
         }
       }
     });

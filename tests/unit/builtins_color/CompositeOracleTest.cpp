@@ -423,6 +423,33 @@ TEST(BlendWithMask, MixesImageAndBackgroundByTheMaskLuminance) {
   }
 }
 
+// Rows are mixed eight pixels at a time and the rest one by one: for every row length, with and
+// without a background and for a layer cut by a mask (nothing over the layer), every pixel is
+// the one-pixel formula bit for bit.
+TEST(BlendWithMask, EveryRowLengthGivesThePerPixelFormulaBitForBit) {
+  for (std::size_t w : {1u, 3u, 7u, 8u, 9u, 16u, 19u}) {
+    const TestImage s = makeImage(w, 2, {0, 0}, 61, "mixed");
+    const TestImage b = makeImage(w, 2, {0, 0}, 62, "translucent");
+    const TestImage m = makeImage(w, 2, {0, 0}, 63, "mixed");
+    const CGRect e = CGRectMake(0, 0, double(w), 2);
+    const Rendered both = render(blendWithMask(s.image, b.image, m.image), e);
+    const Rendered imageOnly = render(blendWithMask(s.image, {}, m.image), e);
+    const Rendered cut = render(blendWithMask(CIImage::emptyImage().imageByCroppingToRect(e), b.image, m.image), e);
+    for (std::int64_t y = 0; y < 2; ++y) {
+      for (std::int64_t x = 0; x < std::int64_t(w); ++x) {
+        const Pixel mp = m.at(x, y);
+        const float k = std::clamp(0.2126f * mp[0] + 0.7152f * mp[1] + 0.0722f * mp[2], 0.0f, 1.0f);
+        for (int c = 0; c < 4; ++c) {
+          const float sc = s.at(x, y)[c], bc = b.at(x, y)[c];
+          EXPECT_EQ(both.at(x, y)[c], sc * k + bc * (1 - k)) << w << " " << x << "," << y;
+          EXPECT_EQ(imageOnly.at(x, y)[c], sc * k) << w << " " << x << "," << y;
+          EXPECT_EQ(cut.at(x, y)[c], 0.0f * k + bc * (1 - k)) << w << " " << x << "," << y;
+        }
+      }
+    }
+  }
+}
+
 TEST(BlendWithMask, WhiteShowsTheImageBlackTheBackgroundAndTransparentReadsAsZero) {
   const TestImage s = makeUniformImage(3, 1, {0, 0}, {0.9f, 0.1f, 0.1f, 1});
   const TestImage b = makeUniformImage(3, 1, {0, 0}, {0.1f, 0.1f, 0.9f, 1});
