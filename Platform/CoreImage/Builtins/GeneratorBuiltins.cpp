@@ -65,8 +65,12 @@ QV_GRADIENT_CLONES void radialGradientRow(double x0, double cx, double kx, doubl
       const Double4 x = Double4{x0, x0, x0, x0} + Double4{xi, xi + 1, xi + 2, xi + 3};
       const Double4 dx = (x + 0.5 - cx) * kx;
       const Double4 d2 = dx * dx + dy2;
+#if defined(__SSE2__)
       const __m128d lo = _mm_sqrt_pd(__m128d{d2[0], d2[1]}), hi = _mm_sqrt_pd(__m128d{d2[2], d2[3]});
       const Double4 d{lo[0], lo[1], hi[0], hi[1]};
+#else
+      const Double4 d{std::sqrt(d2[0]), std::sqrt(d2[1]), std::sqrt(d2[2]), std::sqrt(d2[3])};
+#endif
       const Double4 u = (d - r0) / span;
       const Double4 t = u < zero ? zero : (one < u ? one : u);
       const Float4 tf = __builtin_convertvector(t, Float4);
