@@ -139,6 +139,15 @@ class RadialGradientNode final : public ImageNode {
   void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const override {
     const RGBA c0 = working(c0_, info), c1 = working(c1_, info);
     const double span = r1_ - r0_;
+    if (c0 == c1) {
+      // One colour: c0 + (c1 − c0)·t is c0 + 0 for every t in [0, 1], the same bits, with no
+      // distance to compute.
+      const RGBA c{c0[0] + 0.0f, c0[1] + 0.0f, c0[2] + 0.0f, c0[3] + 0.0f};
+      forEachRowInExtent(out, extent(), [&](float* o, std::int64_t, std::int64_t, std::size_t n) {
+        for (std::size_t i = 0; i < n; ++i) std::copy(c.begin(), c.end(), o + 4 * i);
+      });
+      return;
+    }
     forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
       const double dy = (static_cast<double>(y) + 0.5 - centre_.y) * ky_;
       radialGradientRow(static_cast<double>(x0), centre_.x, kx_, dy, r0_, span, c0.data(), c1.data(), o, n);

@@ -180,6 +180,25 @@ TEST(RadialGradient, EveryRowLengthGivesThePerPixelFormulaBitForBit) {
   }
 }
 
+// Two equal colours are that colour everywhere (filled without computing distances): the bits
+// of the formula c0 + (c1 − c0)·t at every t.
+TEST(RadialGradient, EqualColoursGiveThatColourEverywhere) {
+  const Pixel c = working(0.2, 0.5, 0.7, 0.8);
+  const CIImage g = generate("CIRadialGradient", {{kCIInputCenterKey, CIVector::vectorWithX(4, 3)},
+                                                  {"inputRadius0", 1.0},
+                                                  {"inputRadius1", 6.0},
+                                                  {"inputColor0", CIColor::colorWithRed(0.2, 0.5, 0.7, 0.8)},
+                                                  {"inputColor1", CIColor::colorWithRed(0.2, 0.5, 0.7, 0.8)}});
+  const Rendered r = render(g, CGRectMake(-5, -4, 19, 13));
+  for (std::int64_t y = -4; y < 9; ++y) {
+    for (std::int64_t x = -5; x < 14; ++x) {
+      for (int k = 0; k < 4; ++k) {
+        for (float t : {0.0f, 0.37f, 1.0f}) EXPECT_EQ(r.at(x, y)[k], c[k] + (c[k] - c[k]) * t) << x << "," << y;
+      }
+    }
+  }
+}
+
 TEST(RadialGradient, NilCentreYieldsNoImage) {
   EXPECT_FALSE(generate("CIRadialGradient", {{kCIInputCenterKey, Value()}}));
 }
