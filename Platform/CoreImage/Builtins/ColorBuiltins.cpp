@@ -19,6 +19,11 @@
 
 using namespace qv::builtins;
 
+// Float8 values only pass between inline functions of this file (see Float4.h).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
+
 // ---------------------------------------------------------------------------------------------
 // ColorMatrix
 
@@ -97,50 +102,80 @@ CIImage ColorMatrixNode::imageByApplyingMatrix(const CIImage& input, const Color
   return CIImage(std::make_shared<ColorMatrixNode>(input, matrix));
 }
 
-// Four pixels at a time (turned into one vector per component and back), with the operations
-// of the one-pixel formula in the same order, so the bits are those of one pixel at a time. A
-// last group of fewer than four is padded with transparent pixels.
-void ColorMatrixNode::applyRow(const float* s, float* o, std::size_t n) const {
-  const float* c = coefficients_.data();
-  const Float4 zero = splat<Float4>(0), one = splat<Float4>(1);
-  auto four = [&](const float* in, float* out) {
-    Float4 P[4], O[4];
-    transpose4(in, P);
-    if (premultipliedLinear_) {
-      // c' = k·M3·c, a' = k·a: no division needed.
-      const float k = c[18];
-      const Float4 m00 = splat<Float4>(c[0] * k), m01 = splat<Float4>(c[1] * k), m02 = splat<Float4>(c[2] * k);
-      const Float4 m10 = splat<Float4>(c[5] * k), m11 = splat<Float4>(c[6] * k), m12 = splat<Float4>(c[7] * k);
-      const Float4 m20 = splat<Float4>(c[10] * k), m21 = splat<Float4>(c[11] * k), m22 = splat<Float4>(c[12] * k);
-      O[0] = m00 * P[0] + m01 * P[1] + m02 * P[2];
-      O[1] = m10 * P[0] + m11 * P[1] + m12 * P[2];
-      O[2] = m20 * P[0] + m21 * P[1] + m22 * P[2];
-      O[3] = clamp01(splat<Float4>(k) * P[3]);
-    } else {
-      const Float4 a = P[3];
-      const Float4 inv = a > zero ? one / a : zero;
-      const Float4 r = P[0] * inv, g = P[1] * inv, b = P[2] * inv, ua = a > zero ? a : zero;
-      auto row = [&](int i) {
-        return splat<Float4>(c[i]) * r + splat<Float4>(c[i + 1]) * g + splat<Float4>(c[i + 2]) * b +
-               splat<Float4>(c[i + 3]) * ua + splat<Float4>(c[i + 4]);
-      };
-      const Float4 ao = clamp01(row(15));
-      O[0] = row(0) * ao;
-      O[1] = row(5) * ao;
-      O[2] = row(10) * ao;
-      O[3] = ao;
+namespace {
+
+// The matrix on one group of pixels (V = Float4: four, Float8: eight) as component vectors, with
+// the operations of the one-pixel formula in the same order, so the bits are those of one pixel
+// at a time. `c` holds the 20 coefficients. `O` may be `P`.
+template <class V>
+[[gnu::always_inline]] inline void applyMatrixToComponents(const float* c, bool premultipliedLinear, const V P[4],
+                                                            V O[4]) {
+  const V zero = splat<V>(0), one = splat<V>(1);
+  if (premultipliedLinear) {
+    // c' = k·M3·c, a' = k·a: no division needed.
+    const float k = c[18];
+    const V m00 = splat<V>(c[0] * k), m01 = splat<V>(c[1] * k), m02 = splat<V>(c[2] * k);
+    const V m10 = splat<V>(c[5] * k), m11 = splat<V>(c[6] * k), m12 = splat<V>(c[7] * k);
+    const V m20 = splat<V>(c[10] * k), m21 = splat<V>(c[11] * k), m22 = splat<V>(c[12] * k);
+    const V r = P[0], g = P[1], b = P[2], a = P[3];
+    O[0] = m00 * r + m01 * g + m02 * b;
+    O[1] = m10 * r + m11 * g + m12 * b;
+    O[2] = m20 * r + m21 * g + m22 * b;
+    O[3] = clamp01(splat<V>(k) * a);
+  } else {
+    const V a = P[3];
+    const V inv = a > zero ? one / a : zero;
+    const V r = P[0] * inv, g = P[1] * inv, b = P[2] * inv, ua = a > zero ? a : zero;
+    V rows[4];
+    for (int k = 0; k < 4; ++k) {
+      const int i = 5 * k;
+      rows[k] = splat<V>(c[i]) * r + splat<V>(c[i + 1]) * g + splat<V>(c[i + 2]) * b + splat<V>(c[i + 3]) * ua +
+                splat<V>(c[i + 4]);
     }
-    transpose4(reinterpret_cast<const float*>(O), O);
-    std::memcpy(out, O, sizeof O);
-  };
+    const V ao = clamp01(rows[3]);
+    O[0] = rows[0] * ao;
+    O[1] = rows[1] * ao;
+    O[2] = rows[2] * ao;
+    O[3] = ao;
+  }
+}
+
+// One or two matrices (`second` may be null: then `c` alone) on one group of pixels: loaded
+// once, the first matrix then the second in registers, stored once.
+template <class V>
+[[gnu::always_inline]] inline void applyMatricesToGroup(const float* c, bool linear, const float* second,
+                                                         bool secondLinear, const float* in, float* out) {
+  V P[4];
+  loadPixels(in, P);
+  applyMatrixToComponents(c, linear, P, P);
+  if (second) applyMatrixToComponents(second, secondLinear, P, P);
+  storePixels(P, out);
+}
+
+// Eight pixels at a time, then four; a last group of fewer than four is padded with transparent
+// pixels. `out` may be `in`.
+QV_LANE_CLONES void applyMatricesRow(const float* c, bool linear, const float* second, bool secondLinear,
+                                     const float* s, float* o, std::size_t n) {
   std::size_t i = 0;
-  for (; i + 4 <= n; i += 4) four(s + 4 * i, o + 4 * i);
+  for (; i + 8 <= n; i += 8) applyMatricesToGroup<Float8>(c, linear, second, secondLinear, s + 4 * i, o + 4 * i);
+  for (; i + 4 <= n; i += 4) applyMatricesToGroup<Float4>(c, linear, second, secondLinear, s + 4 * i, o + 4 * i);
   if (i < n) {
     float padded[16] = {}, result[16];
     std::copy(s + 4 * i, s + 4 * n, padded);
-    four(padded, result);
+    applyMatricesToGroup<Float4>(c, linear, second, secondLinear, padded, result);
     std::copy(result, result + 4 * (n - i), o + 4 * i);
   }
+}
+
+}  // namespace
+
+void ColorMatrixNode::applyRow(const float* s, float* o, std::size_t n) const {
+  applyMatricesRow(coefficients_.data(), premultipliedLinear_, nullptr, false, s, o, n);
+}
+
+void ColorMatrixNode::applyRowThen(const ColorMatrixNode& outer, const float* s, float* o, std::size_t n) const {
+  applyMatricesRow(coefficients_.data(), premultipliedLinear_, outer.coefficients_.data(), outer.premultipliedLinear_,
+                   s, o, n);
 }
 
 void ColorMatrixNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {

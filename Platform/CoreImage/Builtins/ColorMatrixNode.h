@@ -41,6 +41,10 @@ class ColorMatrixNode final : public ImageNode {
   // The matrix applied to n premultiplied pixels: what render does to each row inside the
   // extent. Consumers that fold the matrix into their own pass call this, for the same bits.
   void applyRow(const float* in, float* out, std::size_t n) const;
+  // This matrix, then `outer`'s, in one pass over n premultiplied pixels (the pixels stay in
+  // registers between the two): the bits of applyRow followed by outer.applyRow, for a consumer
+  // that reads a matrix node over a matrix node that cannot fold into one matrix.
+  void applyRowThen(const ColorMatrixNode& outer, const float* in, float* out, std::size_t n) const;
 
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "colorMatrix"; }

@@ -30,6 +30,11 @@
 
 using namespace qv::builtins;
 
+// Float8 values only pass between inline functions of this file (see Float4.h).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
+
 namespace {
 
 // ---------------------------------------------------------------------------------------------
@@ -196,35 +201,40 @@ struct Saturation { static RGB blend(const RGB& cb, const RGB& cs) { return setL
 struct Color { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cs, lum(cb)); } };
 struct Luminosity { static RGB blend(const RGB& cb, const RGB& cs) { return setLum(cb, lum(cs)); } };
 
-// The general formula around a separable B, four pixels at a time: the pixels are turned into
-// one vector per component (red of all four, green, ...), so every operation works on four
-// pixels, and back. A last group of fewer than four is padded with transparent pixels.
+// The general formula around a separable B on one group of pixels (V = Float4: four, Float8:
+// eight): the pixels are turned into one vector per component (red of all of them, green, ...),
+// so every operation works on the whole group, and back.
+template <class B, class V>
+[[gnu::always_inline]] inline void separableBlendGroup(const float* sp, const float* bp, float* op) {
+  V S[4], Bk[4];
+  loadPixels(sp, S);
+  loadPixels(bp, Bk);
+  const V zero = splat<V>(0), one = splat<V>(1);
+  const V as = S[3], ab = Bk[3];
+  const V is = as > zero ? one / as : zero, ib = ab > zero ? one / ab : zero;
+  const V both = as * ab;
+  V O[4];
+  for (int c = 0; c < 3; ++c) {
+    const V m = clamp01(B::blend(clamp01(Bk[c] * ib), clamp01(S[c] * is)));
+    O[c] = S[c] * (one - ab) + Bk[c] * (one - as) + both * m;
+  }
+  O[3] = as + ab - both;
+  storePixels(O, op);
+}
+
+// Eight pixels at a time, then four; a last group of fewer than four is padded with transparent
+// pixels. Every lane runs the same operations in the same order, so the group size changes no
+// bits.
 template <class B>
-void separableBlendRow(const float* s, const float* b, float* o, std::size_t n) {
-  auto four = [](const float* sp, const float* bp, float* op) {
-    Float4 S[4], Bk[4];
-    transpose4(sp, S);
-    transpose4(bp, Bk);
-    const Float4 zero = splat<Float4>(0), one = splat<Float4>(1);
-    const Float4 as = S[3], ab = Bk[3];
-    const Float4 is = as > zero ? one / as : zero, ib = ab > zero ? one / ab : zero;
-    const Float4 both = as * ab;
-    Float4 O[4];
-    for (int c = 0; c < 3; ++c) {
-      const Float4 m = clamp01(B::blend(clamp01(Bk[c] * ib), clamp01(S[c] * is)));
-      O[c] = S[c] * (one - ab) + Bk[c] * (one - as) + both * m;
-    }
-    O[3] = as + ab - both;
-    transpose4(reinterpret_cast<const float*>(O), O);
-    std::memcpy(op, O, sizeof O);
-  };
+QV_LANE_CLONES void separableBlendRow(const float* s, const float* b, float* o, std::size_t n) {
   std::size_t i = 0;
-  for (; i + 4 <= n; i += 4) four(s + 4 * i, b + 4 * i, o + 4 * i);
+  for (; i + 8 <= n; i += 8) separableBlendGroup<B, Float8>(s + 4 * i, b + 4 * i, o + 4 * i);
+  for (; i + 4 <= n; i += 4) separableBlendGroup<B, Float4>(s + 4 * i, b + 4 * i, o + 4 * i);
   if (i < n) {
     float ps[16] = {}, pb[16] = {}, po[16];
     std::copy(s + 4 * i, s + 4 * n, ps);
     std::copy(b + 4 * i, b + 4 * n, pb);
-    four(ps, pb, po);
+    separableBlendGroup<B, Float4>(ps, pb, po);
     std::copy(po, po + 4 * (n - i), o + 4 * i);
   }
 }
@@ -310,14 +320,63 @@ const CompositeOperation kOperations[] = {
 // ---------------------------------------------------------------------------------------------
 // Nodes
 
-// How a composite reads one of its two images. Whole-pixel offsets, crops and one colour matrix
-// between the composite and the image that holds the pixels are folded into the composite's own
-// pass: it reads that image moved by (dx, dy), keeps the pixels inside the crops and runs the
-// matrix over each run of a row as it goes, so the moved, cut and coloured copies are never
-// written out in full. The pixels are those of the unfolded graph: an offset and a crop are
-// exact copies, and the matrix is the matrix node's own row function over the same pixels
-// (those inside its extent and every crop, moved by the offsets above them), transparent
-// elsewhere.
+// Mixing by a mask: out = s·k + b·(1 − k) on all four premultiplied components, k the clamped
+// Rec. 709 luminance of the mask's premultiplied colour, in the three forms the blend with mask
+// takes: with a background, without one (s·k), and with nothing for the image (0·k + b·(1 − k),
+// a layer cut by the mask). Eight pixels at a time as vectors (only k needs the mask's pixels
+// turned into components; the colours are scaled component by component as they lie), the rest
+// one by one, with the same operations: the same bits.
+enum class MaskMix { imageAndBackground, imageOnly, nothingOverBackground };
+
+template <MaskMix kMix, class T>
+[[gnu::always_inline]] inline T maskMixComponent(T s, T b, T k) {
+  if constexpr (kMix == MaskMix::imageAndBackground) return s * k + b * (splat<T>(1) - k);
+  if constexpr (kMix == MaskMix::imageOnly) return s * k;
+  return splat<T>(0) * k + b * (splat<T>(1) - k);
+}
+
+// `s` is unused for nothingOverBackground, `b` for imageOnly; `o` may be `s` or `b`.
+template <MaskMix kMix>
+QV_LANE_CLONES void maskMixRow(const float* s, const float* b, const float* m, float* o, std::size_t n) {
+  std::size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    Float8 M[4];
+    loadPixels(m + 4 * i, M);
+    const Float8 k = clamp01(splat<Float8>(kLumaR) * M[0] + splat<Float8>(kLumaG) * M[1] + splat<Float8>(kLumaB) * M[2]);
+    // k per pixel, repeated over its four components, in the pixels' own order: pixels 0-1,
+    // 2-3, 4-5, 6-7 (loadPixels holds pixels 0, 2, 4, 6 in the lower half, 1, 3, 5, 7 in the upper).
+    const Float8 kk[4] = {__builtin_shufflevector(k, k, 0, 0, 0, 0, 4, 4, 4, 4),
+                          __builtin_shufflevector(k, k, 1, 1, 1, 1, 5, 5, 5, 5),
+                          __builtin_shufflevector(k, k, 2, 2, 2, 2, 6, 6, 6, 6),
+                          __builtin_shufflevector(k, k, 3, 3, 3, 3, 7, 7, 7, 7)};
+    for (int j = 0; j < 4; ++j) {
+      const std::size_t at = 4 * i + 8 * std::size_t(j);
+      const Float8 sv = kMix == MaskMix::nothingOverBackground ? Float8{} : *reinterpret_cast<const UnalignedFloat8*>(s + at);
+      const Float8 bv = kMix == MaskMix::imageOnly ? Float8{} : *reinterpret_cast<const UnalignedFloat8*>(b + at);
+      *reinterpret_cast<UnalignedFloat8*>(o + at) = maskMixComponent<kMix>(sv, bv, kk[j]);
+    }
+  }
+  for (; i < n; ++i) {
+    const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
+    for (int c = 0; c < 4; ++c) {
+      const std::size_t at = 4 * i + std::size_t(c);
+      o[at] = maskMixComponent<kMix>(kMix == MaskMix::nothingOverBackground ? 0.0f : s[at],
+                                     kMix == MaskMix::imageOnly ? 0.0f : b[at], k);
+    }
+  }
+}
+
+
+// How a composite reads one of its two images. Whole-pixel offsets, crops and up to two colour
+// matrices (a matrix node over another that does not fold into one matrix, such as an opacity
+// over a biased colour control) between the composite and the image that holds the pixels are
+// folded into the composite's own pass: it reads that image moved by (dx, dy), keeps the pixels
+// inside the crops and runs the matrices over each run of a row as it goes, the lower one first,
+// so the moved, cut and coloured copies are never written out in full. The pixels are those of
+// the unfolded graph: an offset and a crop are exact copies, and the matrices are the matrix
+// nodes' own row functions over the same pixels (those inside their extents and every crop,
+// moved by the offsets above them), transparent elsewhere (a matrix node's extent is its
+// input's, so the lower matrix has no pixel the upper one lacks).
 //
 // A constant colour (and nothing, the empty image) is not read at all: its runs are filled with
 // the colour inside its extent's pixels, so it needs neither a buffer nor a region of interest.
@@ -349,6 +408,10 @@ struct CompositeInput {
   CGRect extent;  // the extent of the image as given to the composite
   std::int64_t dx = 0, dy = 0;
   std::shared_ptr<const ColorMatrixNode> matrix;  // may be null
+  // A second matrix node below `matrix` that does not fold into it (a colour bias the outer
+  // matrix would carry into transparent pixels): run before `matrix` in the same pass. Null
+  // without `matrix`.
+  std::shared_ptr<const ColorMatrixNode> innerMatrix;
   bool windowed = false;  // pixels outside `window` (composite coordinates) are transparent
   PixelRect window{-PixelRect::kPixelLimit, -PixelRect::kPixelLimit, 2 * PixelRect::kPixelLimit,
                    2 * PixelRect::kPixelLimit};
@@ -395,8 +458,8 @@ struct CompositeInput {
         }
       }
       auto matrix = std::dynamic_pointer_cast<const ColorMatrixNode>(image.node());
-      if (matrix && !f.matrix && !f.mask) {
-        f.matrix = matrix;
+      if (matrix && !f.innerMatrix && !f.mask) {
+        (f.matrix ? f.innerMatrix : f.matrix) = matrix;
         f.cut(PixelRect::centresInside(matrix->extent()));
         image = matrix->inputs()[0];
         continue;
@@ -422,10 +485,11 @@ struct CompositeInput {
     std::array<float, 4> c{0, 0, 0, 0};
     if (!constant) return c;
     c = workingColor(*constant, info.colorManaged);
-    if (matrix) {
-      std::array<float, 4> m{};
-      matrix->applyRow(c.data(), m.data(), 1);
-      c = m;
+    for (const ColorMatrixNode* m : {innerMatrix.get(), matrix.get()}) {
+      if (!m) continue;
+      std::array<float, 4> mapped{};
+      m->applyRow(c.data(), mapped.data(), 1);
+      c = mapped;
     }
     return c;
   }
@@ -470,10 +534,7 @@ struct CompositeInput {
       const float* m = mask->row(tiles, {}, x0 - maskDx, y - maskDy, n, maskBuffers);
       if (p != scratch.data()) scratch.resize(n * 4);
       float* masked = scratch.data();
-      for (std::size_t i = 0; i < n; ++i) {
-        const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-        for (int c = 0; c < 4; ++c) masked[4 * i + c] = 0.0f * k + p[4 * i + c] * (1 - k);
-      }
+      maskMixRow<MaskMix::nothingOverBackground>(nullptr, p, m, masked, n);
       p = masked;
     }
     if (!windowed && !isConstant) return p;
@@ -496,6 +557,8 @@ struct CompositeInput {
     if (b <= a) return kept.data();
     if (isConstant) {
       for (std::int64_t i = a; i < b; ++i) std::copy(colour.begin(), colour.end(), kept.begin() + i * 4);
+    } else if (innerMatrix) {
+      innerMatrix->applyRowThen(*matrix, p + a * 4, kept.data() + a * 4, std::size_t(b - a));
     } else if (matrix) {
       matrix->applyRow(p + a * 4, kept.data() + a * 4, std::size_t(b - a));
     } else {
@@ -678,15 +741,9 @@ class BlendWithMaskNode final : public ImageNode {
         const float* m = folded_[1].row(in, colour[1], x, y, n, buffers[1]);
         if (hasBackground) {
           const float* b = folded_[2].row(in, colour[2], x, y, n, buffers[2]);
-          for (std::size_t i = 0; i < n; ++i) {
-            const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-            for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k + b[4 * i + c] * (1 - k);
-          }
+          maskMixRow<MaskMix::imageAndBackground>(s, b, m, o, n);
         } else {
-          for (std::size_t i = 0; i < n; ++i) {
-            const float k = clamp01(kLumaR * m[4 * i] + kLumaG * m[4 * i + 1] + kLumaB * m[4 * i + 2]);
-            for (int c = 0; c < 4; ++c) o[4 * i + c] = s[4 * i + c] * k;
-          }
+          maskMixRow<MaskMix::imageOnly>(s, nullptr, m, o, n);
         }
       }
     });

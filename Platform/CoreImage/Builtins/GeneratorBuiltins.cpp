@@ -8,9 +8,15 @@
 
 #include "CoreImage/Builtins/BuiltinFilter.h"
 #include "CoreImage/Builtins/ColorNodeSupport.h"
+#include "CoreImage/Builtins/Float4.h"
 #include "CoreImage/ColorSpace.h"
 
 using namespace qv::builtins;
+
+// Vectors of doubles only pass between inline code of this file (see Float4.h).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
 
 namespace {
 
@@ -44,6 +50,65 @@ void gradientPositions(float* t, std::size_t n, double x0, double p0x, double dx
     const double px = (x0 + static_cast<double>(static_cast<std::int32_t>(i)) + 0.5 - p0x) * dx;
     const double v = (px + py) * invLen2;
     t[i] = static_cast<float>(v < 0.0 ? 0.0 : (1.0 < v ? 1.0 : v));
+  }
+}
+
+// The generators' row loops are compiled for the baseline and for AVX2 (the random generator's
+// also for the x86-64-v4 level, AVX-512, whose 64-bit multiplies let the compiler hash eight
+// pixels at once), and the loader picks one per process. Neither AVX2 clone has fused
+// multiply-adds, the random generator is integer hashing and exact conversions of 24-bit
+// integers, and the square roots never see a negative number (so errno, which the loops do not
+// set, changes nothing): every version gives the same bits. Sanitizer builds keep one version
+// (the loader runs the resolvers before their runtime is ready).
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
+    !defined(__SANITIZE_THREAD__)
+#define QV_RANDOM_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
+#define QV_GRADIENT_CLONES __attribute__((target_clones("avx2", "default"), optimize("no-math-errno")))
+#elif defined(__GNUC__) && !defined(__clang__)
+#define QV_RANDOM_CLONES
+#define QV_GRADIENT_CLONES __attribute__((optimize("no-math-errno")))
+#else
+#define QV_RANDOM_CLONES
+#define QV_GRADIENT_CLONES
+#endif
+
+// n pixels of a radial gradient's row: t from the distance d of the pixel centre (x0 + i + 0.5,
+// scaled by kx, beside the row's scaled offset dy) to the centre cx. Four pixels at a time as
+// vectors of doubles (the same operations lane by lane: the same bits), the rest one by one.
+QV_GRADIENT_CLONES void radialGradientRow(double x0, double cx, double kx, double dy, double r0, double span,
+                                          const float* c0, const float* c1, float* o, std::size_t n) {
+  std::size_t i = 0;
+  if (span != 0) {
+    using Double4 = double __attribute__((vector_size(32)));
+    const Double4 zero{0, 0, 0, 0}, one{1, 1, 1, 1};
+    const double dy2 = dy * dy;
+    for (; i + 4 <= n; i += 4) {
+      const double xi = static_cast<double>(i);
+      const Double4 x = Double4{x0, x0, x0, x0} + Double4{xi, xi + 1, xi + 2, xi + 3};
+      const Double4 dx = (x + 0.5 - cx) * kx;
+      const Double4 d2 = dx * dx + dy2;
+#if defined(__SSE2__)
+      const __m128d lo = _mm_sqrt_pd(__m128d{d2[0], d2[1]}), hi = _mm_sqrt_pd(__m128d{d2[2], d2[3]});
+      const Double4 d{lo[0], lo[1], hi[0], hi[1]};
+#else
+      const Double4 d{std::sqrt(d2[0]), std::sqrt(d2[1]), std::sqrt(d2[2]), std::sqrt(d2[3])};
+#endif
+      const Double4 u = (d - r0) / span;
+      const Double4 t = u < zero ? zero : (one < u ? one : u);
+      const Float4 tf = __builtin_convertvector(t, Float4);
+      Float4 O[4];
+      for (int c = 0; c < 4; ++c) O[c] = splat<Float4>(c0[c]) + splat<Float4>(c1[c] - c0[c]) * tf;
+      storePixels(O, o + 4 * i);
+    }
+  }
+  for (; i < n; ++i) {
+    const double dx = (x0 + static_cast<double>(i) + 0.5 - cx) * kx;
+    const double d = std::sqrt(dx * dx + dy * dy);
+    // std::clamp(u, 0, 1) written out, as in the vector loop.
+    const double u = (d - r0) / span;
+    const double t = span != 0 ? (u < 0.0 ? 0.0 : (1.0 < u ? 1.0 : u)) : (d < r0 ? 0.0 : 1.0);
+    const float tf = static_cast<float>(t);
+    for (int c = 0; c < 4; ++c) o[4 * i + c] = c0[c] + (c1[c] - c0[c]) * tf;
   }
 }
 
@@ -97,14 +162,18 @@ class RadialGradientNode final : public ImageNode {
   void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo& info) const override {
     const RGBA c0 = working(c0_, info), c1 = working(c1_, info);
     const double span = r1_ - r0_;
+    if (c0 == c1) {
+      // One colour: c0 + (c1 − c0)·t is c0 + 0 for every t in [0, 1], the same bits, with no
+      // distance to compute.
+      const RGBA c{c0[0] + 0.0f, c0[1] + 0.0f, c0[2] + 0.0f, c0[3] + 0.0f};
+      forEachRowInExtent(out, extent(), [&](float* o, std::int64_t, std::int64_t, std::size_t n) {
+        for (std::size_t i = 0; i < n; ++i) std::copy(c.begin(), c.end(), o + 4 * i);
+      });
+      return;
+    }
     forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
       const double dy = (static_cast<double>(y) + 0.5 - centre_.y) * ky_;
-      for (std::size_t i = 0; i < n; ++i) {
-        const double dx = (static_cast<double>(x0) + static_cast<double>(i) + 0.5 - centre_.x) * kx_;
-        const double d = std::sqrt(dx * dx + dy * dy);
-        const double t = span != 0 ? std::clamp((d - r0_) / span, 0.0, 1.0) : (d < r0_ ? 0.0 : 1.0);
-        mixInto(o + 4 * i, c0, c1, static_cast<float>(t));
-      }
+      radialGradientRow(static_cast<double>(x0), centre_.x, kx_, dy, r0_, span, c0.data(), c1.data(), o, n);
     });
   }
   std::shared_ptr<const ImageNode> transformedBy(const CGAffineTransform& t) const override {
@@ -130,6 +199,20 @@ inline std::uint64_t splitmix64(std::uint64_t z) {
   return z ^ (z >> 31);
 }
 
+// n pixels of the row whose key is `rowKey`, from column x0.
+QV_RANDOM_CLONES void randomRow(std::uint64_t rowKey, std::int64_t x0, float* o, std::size_t n) {
+  constexpr float kScale = 1.0f / 16777215.0f;  // 24-bit values onto [0, 1]
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::uint64_t x = static_cast<std::uint64_t>(x0 + static_cast<std::int64_t>(i));
+    const std::uint64_t h1 = splitmix64(rowKey ^ x);
+    const std::uint64_t h2 = splitmix64(h1 ^ 0x5851F42D4C957F2Dull);
+    o[4 * i] = static_cast<float>((h1 >> 8) & 0xFFFFFF) * kScale;
+    o[4 * i + 1] = static_cast<float>(h1 >> 40) * kScale;
+    o[4 * i + 2] = static_cast<float>((h2 >> 8) & 0xFFFFFF) * kScale;
+    o[4 * i + 3] = static_cast<float>(h2 >> 40) * kScale;
+  }
+}
+
 // Four independent values, uniform in [0, 1], that depend only on the pixel's position: any
 // tiling of a render gives the same pixels. The values are stored as they are, as premultiplied
 // working-space components (so colour may exceed alpha); callers take a channel as grey and set
@@ -138,18 +221,8 @@ class RandomNode final : public ImageNode {
  public:
   RandomNode() : ImageNode(CGRectInfinite) {}
   void render(const PixelTile& out, std::span<const ConstPixelTile>, const RenderInfo&) const override {
-    constexpr float kScale = 1.0f / 16777215.0f;  // 24-bit values onto [0, 1]
     forEachRowInExtent(out, extent(), [&](float* o, std::int64_t x0, std::int64_t y, std::size_t n) {
-      const std::uint64_t rowKey = splitmix64(static_cast<std::uint64_t>(y) * 0xD1B54A32D192ED03ull);
-      for (std::size_t i = 0; i < n; ++i) {
-        const std::uint64_t x = static_cast<std::uint64_t>(x0 + static_cast<std::int64_t>(i));
-        const std::uint64_t h1 = splitmix64(rowKey ^ x);
-        const std::uint64_t h2 = splitmix64(h1 ^ 0x5851F42D4C957F2Dull);
-        o[4 * i] = static_cast<float>((h1 >> 8) & 0xFFFFFF) * kScale;
-        o[4 * i + 1] = static_cast<float>(h1 >> 40) * kScale;
-        o[4 * i + 2] = static_cast<float>((h2 >> 8) & 0xFFFFFF) * kScale;
-        o[4 * i + 3] = static_cast<float>(h2 >> 40) * kScale;
-      }
+      randomRow(splitmix64(static_cast<std::uint64_t>(y) * 0xD1B54A32D192ED03ull), x0, o, n);
     });
   }
   std::string name() const override { return "CIRandomGenerator"; }

@@ -398,10 +398,11 @@ TEST(ColourRegistry, CategoriesAndRanges) {
 
 }  // namespace
 
-// The matrix runs four pixels at a time; each row must give, bit for bit, the one-pixel formula
-// in single precision with the same operations, for every row length (the last group of fewer
-// than four included), in both of its forms (general, and linear in premultiplied values).
-TEST(ColorMatrixRows, FourAtATimeEqualsThePerPixelFormulaBitForBit) {
+// The matrix runs eight pixels at a time, then four; each row must give, bit for bit, the
+// one-pixel formula in single precision with the same operations, for every row length (groups
+// of eight and of four, and a last group of fewer than four), in both of its forms (general, and
+// linear in premultiplied values).
+TEST(ColorMatrixRows, GroupsOfPixelsEqualThePerPixelFormulaBitForBit) {
   std::vector<float> pixels{0, 0, 0, 0, 0.3f, 0.2f, 0.1f, 0, 1, 1, 1, 1, 1.5f, -0.25f, 0.5f, 1, 0.2f, 0.1f, 0.05f, 0.4f};
   std::uint32_t state = 99;
   for (int i = 0; i < 60; ++i) {
@@ -418,7 +419,8 @@ TEST(ColorMatrixRows, FourAtATimeEqualsThePerPixelFormulaBitForBit) {
     for (int r = 0; r < 4; ++r)
       for (int k = 0; k < 5; ++k) c[r * 5 + k] = float(m.m[std::size_t(r)][std::size_t(k)]);
     const bool linear = m == fade;
-    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(6), count}) {
+    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(6), std::size_t(8),
+                          std::size_t(12), std::size_t(15), count}) {
       std::vector<float> out(4 * n);
       node.applyRow(pixels.data(), out.data(), n);
       for (std::size_t i = 0; i < n; ++i) {

@@ -356,7 +356,9 @@ TEST(CompositeBehaviour, SeparableBlendRowsEqualThePerPixelFormulaBitForBit) {
   for (const auto& [name, blend] : single::blends()) {
     const CompositeOperation* op = compositeOperationNamed(name);
     ASSERT_TRUE(op) << name;
-    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(5), std::size_t(7), count}) {
+    // Lengths that reach groups of eight, of four and a padded last group.
+    for (std::size_t n : {std::size_t(1), std::size_t(2), std::size_t(3), std::size_t(5), std::size_t(7), std::size_t(8),
+                          std::size_t(12), std::size_t(13), std::size_t(19), count}) {
       std::vector<float> out(4 * n, -9.0f);
       op->row(s.data(), b.data(), out.data(), n);
       for (std::size_t i = 0; i < n; ++i) {
@@ -417,6 +419,33 @@ TEST(BlendWithMask, MixesImageAndBackgroundByTheMaskLuminance) {
       // Outside the extent nothing is produced.
       if (x < 1 || y < 1) want = {0, 0, 0, 0};
       EXPECT_TRUE(near(r.at(x, y), want)) << x << "," << y;
+    }
+  }
+}
+
+// Rows are mixed eight pixels at a time and the rest one by one: for every row length, with and
+// without a background and for a layer cut by a mask (nothing over the layer), every pixel is
+// the one-pixel formula bit for bit.
+TEST(BlendWithMask, EveryRowLengthGivesThePerPixelFormulaBitForBit) {
+  for (std::size_t w : {1u, 3u, 7u, 8u, 9u, 16u, 19u}) {
+    const TestImage s = makeImage(w, 2, {0, 0}, 61, "mixed");
+    const TestImage b = makeImage(w, 2, {0, 0}, 62, "translucent");
+    const TestImage m = makeImage(w, 2, {0, 0}, 63, "mixed");
+    const CGRect e = CGRectMake(0, 0, double(w), 2);
+    const Rendered both = render(blendWithMask(s.image, b.image, m.image), e);
+    const Rendered imageOnly = render(blendWithMask(s.image, {}, m.image), e);
+    const Rendered cut = render(blendWithMask(CIImage::emptyImage().imageByCroppingToRect(e), b.image, m.image), e);
+    for (std::int64_t y = 0; y < 2; ++y) {
+      for (std::int64_t x = 0; x < std::int64_t(w); ++x) {
+        const Pixel mp = m.at(x, y);
+        const float k = std::clamp(0.2126f * mp[0] + 0.7152f * mp[1] + 0.0722f * mp[2], 0.0f, 1.0f);
+        for (int c = 0; c < 4; ++c) {
+          const float sc = s.at(x, y)[c], bc = b.at(x, y)[c];
+          EXPECT_EQ(both.at(x, y)[c], sc * k + bc * (1 - k)) << w << " " << x << "," << y;
+          EXPECT_EQ(imageOnly.at(x, y)[c], sc * k) << w << " " << x << "," << y;
+          EXPECT_EQ(cut.at(x, y)[c], 0.0f * k + bc * (1 - k)) << w << " " << x << "," << y;
+        }
+      }
     }
   }
 }

@@ -153,6 +153,52 @@ TEST(RadialGradient, EqualRadiiGiveAHardStepWithoutNaN) {
   EXPECT_TRUE(near(rz.at(150, 150), working(0, 0, 0, 1)));
 }
 
+// Rows run four pixels at a time as vectors and the rest one by one: every pixel of rows of
+// any length and start must be the one-pixel formula, bit for bit.
+TEST(RadialGradient, EveryRowLengthGivesThePerPixelFormulaBitForBit) {
+  const Pixel c0 = working(0.9, 0.3, 0.1, 1), c1 = working(0.1, 0.2, 0.8, 0.5);
+  const CIImage g = generate("CIRadialGradient", {{kCIInputCenterKey, CIVector::vectorWithX(3.3, 2.6)},
+                                                  {"inputRadius0", 1.5},
+                                                  {"inputRadius1", 9.0},
+                                                  {"inputColor0", CIColor::colorWithRed(0.9, 0.3, 0.1, 1)},
+                                                  {"inputColor1", CIColor::colorWithRed(0.1, 0.2, 0.8, 0.5)}});
+  for (int width : {1, 3, 4, 5, 8, 13}) {
+    for (int x0 : {-7, 0, 3}) {
+      const Rendered r = render(g, CGRectMake(x0, -2, width, 3));
+      for (int y = -2; y < 1; ++y) {
+        const double dy = static_cast<double>(y) + 0.5 - 2.6;
+        for (int x = x0; x < x0 + width; ++x) {
+          const double dx = static_cast<double>(x0) + static_cast<double>(x - x0) + 0.5 - 3.3;
+          const double d = std::sqrt(dx * dx + dy * dy);
+          const float t = static_cast<float>(std::clamp((d - 1.5) / 7.5, 0.0, 1.0));
+          const Pixel p = r.at(x, y);
+          for (int c = 0; c < 4; ++c)
+            EXPECT_EQ(p[c], c0[c] + (c1[c] - c0[c]) * t) << width << " " << x << "," << y << " channel " << c;
+        }
+      }
+    }
+  }
+}
+
+// Two equal colours are that colour everywhere (filled without computing distances): the bits
+// of the formula c0 + (c1 − c0)·t at every t.
+TEST(RadialGradient, EqualColoursGiveThatColourEverywhere) {
+  const Pixel c = working(0.2, 0.5, 0.7, 0.8);
+  const CIImage g = generate("CIRadialGradient", {{kCIInputCenterKey, CIVector::vectorWithX(4, 3)},
+                                                  {"inputRadius0", 1.0},
+                                                  {"inputRadius1", 6.0},
+                                                  {"inputColor0", CIColor::colorWithRed(0.2, 0.5, 0.7, 0.8)},
+                                                  {"inputColor1", CIColor::colorWithRed(0.2, 0.5, 0.7, 0.8)}});
+  const Rendered r = render(g, CGRectMake(-5, -4, 19, 13));
+  for (std::int64_t y = -4; y < 9; ++y) {
+    for (std::int64_t x = -5; x < 14; ++x) {
+      for (int k = 0; k < 4; ++k) {
+        for (float t : {0.0f, 0.37f, 1.0f}) EXPECT_EQ(r.at(x, y)[k], c[k] + (c[k] - c[k]) * t) << x << "," << y;
+      }
+    }
+  }
+}
+
 TEST(RadialGradient, NilCentreYieldsNoImage) {
   EXPECT_FALSE(generate("CIRadialGradient", {{kCIInputCenterKey, Value()}}));
 }

@@ -213,6 +213,55 @@ TEST(Folds, CompositeReadsThroughOffsetsCropsAndMatrices) {
   }
 }
 
+TEST(Folds, CompositeReadsThroughTwoMatricesThatDoNotFoldIntoOne) {
+  const auto img = makeTestImageWithAlpha(37, 23, CGPointMake(1, 2));
+  const auto picture = makeTestImageWithAlpha(40, 30, CGPointMake(0, 0), 3);
+  // An opacity over a biased matrix: the bias would leak into transparent pixels through one
+  // folded matrix, so the two stay two matrix nodes.
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.6;
+  ColorMatrix third = ColorMatrix::identity();
+  third.m[0][4] = 0.05;
+  third.m[3][3] = 0.9;
+  const CGRect r = CGRectMake(-4, -4, 50, 40);
+  auto none = [](const CIImage& i) { return i; };
+  auto barrier = [](const CIImage& i) { return opaque(i); };
+  // A crop below the matrices, an offset and a crop above them.
+  auto layer = [&](auto b, int matrices) {
+    CIImage c = b(ColorMatrixNode::imageByApplyingMatrix(b(img.imageByCroppingToRect(CGRectMake(2.5, 3, 30, 18))),
+                                                         biasedMatrix()));
+    if (matrices > 2) c = b(ColorMatrixNode::imageByApplyingMatrix(c, third));
+    c = b(ColorMatrixNode::imageByApplyingMatrix(c, fade));
+    return c.imageByApplyingTransform(CGAffineTransformMakeTranslation(3, -1)).imageByCroppingToRect(CGRectMake(0, 0, 33.6, 21));
+  };
+  for (const char* op : {"CISourceOverCompositing", "CIOverlayBlendMode", "CISoftLightBlendMode"}) {
+    const CIImage faded = ColorMatrixNode::imageByApplyingMatrix(
+        ColorMatrixNode::imageByApplyingMatrix(img, biasedMatrix()), fade);
+    ASSERT_TRUE(nodeAs<ColorMatrixNode>(faded));
+    EXPECT_EQ(nodeAs<ColorMatrixNode>(faded)->matrix(), fade) << "the two matrices were expected to stay two nodes";
+    const CIImage folded = composite(op, layer(none, 2), picture);
+    const CIImage unfolded = composite(op, opaque(layer(barrier, 2)), picture);
+    // Both matrices run in the composite's pass: it reads the image below them.
+    EXPECT_EQ(folded.node()->inputs()[0], img) << op;
+    expectSamePixels(folded, unfolded, r);
+    CIContextOptions tiles;
+    tiles.tileSize = 16;
+    EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, tiles), renderRGBAf(unfolded, r))) << op;
+    // A third matrix that does not fold stays a node of its own, read by the composite.
+    const CIImage three = composite(op, layer(none, 3), picture);
+    EXPECT_TRUE(nodeAs<ColorMatrixNode>(three.node()->inputs()[0])) << op;
+    expectSamePixels(three, composite(op, opaque(layer(barrier, 3)), picture), r);
+  }
+  // A constant colour under two matrices is one colour, filled and not read.
+  const CIImage flat = CIImage::imageWithColor(CIColor::colorWithRed(0.3, 0.6, 0.2, 0.7)).imageByCroppingToRect(CGRectMake(0, 0, 25, 17));
+  auto colour = [&](auto b) {
+    return ColorMatrixNode::imageByApplyingMatrix(b(ColorMatrixNode::imageByApplyingMatrix(b(flat), biasedMatrix())), fade);
+  };
+  const CIImage overColour = composite("CIOverlayBlendMode", colour(none), picture);
+  EXPECT_EQ(overColour.node()->inputs().size(), 1u);
+  expectSamePixels(overColour, composite("CIOverlayBlendMode", opaque(colour(barrier)), picture), r);
+}
+
 TEST(Folds, CompositeReadsTheSourceOfASourceOverOntoNothing) {
   // A resampled layer put on a transparent canvas larger than the layer and smaller in part
   // (the canvas gives the layer its extent), cropped, faded by a matrix and blended over a
