@@ -196,14 +196,13 @@ TEST(StripCache, ATurnedReadDecodesEachRowAboutOnce) {
   const std::string path = writeJPEG("turned.jpg", W, H);
   const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
   ASSERT_TRUE(whole);
-  // A budget of 12 whole strips: less than the 14 strips of the band one output strip reads,
-  // more than the part of it still to be read (about half), and the runs of pieces read again
-  // by the next tiles.
+  // A budget of 12 whole strips: less than the 14 strips of the band one output strip reads
+  // (with the rows the next tiles read again). The cache grows it, within its bound, rather
+  // than evict rows still to be read.
   const StripCache cache(openerFor(path), path, W, H, 8, 12 * stripBytes);
   EXPECT_TRUE(readTurned(cache, *whole, W, H));
   const StripCache::Stats stats = cache.stats();
-  // 64 strips: each decoded once (whole strips evicted least recently used first decoded most
-  // of them two to four times over here).
+  // 64 strips: each decoded once, from one open.
   EXPECT_LE(stats.stripsDecoded, 64u + 4u);
   EXPECT_LE(stats.opens, 2u);
   EXPECT_LE(stats.budgetBytes, StripCache::kBudgetGrowth * 12 * stripBytes);
