@@ -56,6 +56,7 @@ StripCache::Stats StripCache::stats() const {
   std::lock_guard lock(cacheMutex_);
   Stats s = stats_;
   s.budgetBytes = budget_.load();
+  s.pieced = pieced_;
   return s;
 }
 
@@ -96,10 +97,9 @@ void StripCache::forEachRun(std::size_t first, std::size_t count, std::size_t x,
     const std::size_t a = std::max(first, s * kStripRows), b = std::min(first + count, (s + 1) * kStripRows);
     for (std::size_t row = a; row < b; ++row) {
       const std::size_t k = row - s * kStripRows;
-      for (std::size_t c = c0; c <= c1; ++c) {
-        const std::size_t left = c * kChunkPixels, pw = pieceWidth(c);
-        const std::size_t from = std::max(x, left), to = std::min(x + width, left + pw);
-        use(row, from, pieces[c - c0]->data() + (k * pw + (from - left)) * bytesPerPixel_, to - from);
+      for (const Held& h : pieces) {
+        const std::size_t from = std::max(x, h.left), to = std::min(x + width, h.left + h.width);
+        use(row, from, h.piece->data() + (k * h.width + (from - h.left)) * bytesPerPixel_, to - from);
       }
     }
   }
@@ -119,24 +119,28 @@ void StripCache::forEachRow(std::size_t first, std::size_t count,
 bool StripCache::lookup(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const {
   std::lock_guard lock(cacheMutex_);
   found.clear();
-  for (std::size_t c = c0; c <= c1; ++c) {
-    auto it = pieces_.find(index * piecesPerStrip_ + c);
-    if (it == pieces_.end()) return false;
-    found.push_back(it->second.piece);
-  }
   const std::uint64_t now = ++clock_;
+  if (auto whole = pieces_.find(key(index, piecesPerStrip_)); whole != pieces_.end()) {
+    Entry& e = whole->second;
+    for (std::size_t c = c0; c <= c1; ++c) e.readPieces |= std::uint64_t{1} << std::min<std::size_t>(c, 63);
+    e.lastUse = now;
+    e.read = true;
+    found.push_back(e.held);
+    return true;
+  }
   for (std::size_t c = c0; c <= c1; ++c) {
-    Entry& e = pieces_[index * piecesPerStrip_ + c];
+    auto it = pieces_.find(key(index, c));
+    if (it == pieces_.end()) return false;
+    found.push_back(it->second.held);
+  }
+  for (std::size_t c = c0; c <= c1; ++c) {
+    Entry& e = pieces_[key(index, c)];
     e.lastUse = now;
     e.read = true;
   }
   return true;
 }
 
-// Which of two pieces goes first: one already read before one nobody has read; of two read
-// ones, the one furthest behind the consumers (the highest in the file when they move down,
-// the lowest when they move up), since the rows near where they read are those the next tiles
-// read again (their margins overlap); otherwise the one used longest ago.
 bool StripCache::movingDown() const {
   // The oldest of the recent requests against the newest.
   const std::size_t newest = recent_[(recentNext_ + recent_.size() - 1) % recent_.size()];
@@ -144,12 +148,16 @@ bool StripCache::movingDown() const {
   return newest >= oldest;
 }
 
+// Which of two pieces goes first: one already read before one nobody has read yet (a turned
+// picture's later columns still read it); of two read ones, one above where every column of
+// tiles last began (the consumers have moved down past it), the highest first; otherwise the
+// one used longest ago.
 bool StripCache::goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
                             std::size_t floor) const {
   if (leastRecent_) return a.second.lastUse < b.second.lastUse;
   if (a.second.read != b.second.read) return a.second.read;
   if (a.second.read) {
-    const std::size_t sa = a.first / piecesPerStrip_, sb = b.first / piecesPerStrip_;
+    const std::size_t sa = stripOf(a.first), sb = stripOf(b.first);
     const bool deadA = sa < floor, deadB = sb < floor;
     if (deadA != deadB) return deadA;
     if (deadA && sa != sb) return sa < sb;
@@ -160,21 +168,33 @@ bool StripCache::goesBefore(const std::pair<const std::size_t, Entry>& a, const 
 // The strip's rows (whole, bytesPerRow_ apart) cut into its pieces, which replace any the
 // cache still holds of it; then pieces go until the cache is within its capacity, in the order
 // of goesBefore.
-void StripCache::insert(std::size_t index, const std::vector<std::uint8_t>& rows, std::size_t count) const {
+void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
   std::lock_guard lock(cacheMutex_);
   const std::uint64_t now = ++clock_;
-  for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
-    const std::size_t pw = pieceWidth(c), rowBytes = pw * bytesPerPixel_;
-    auto piece = std::make_shared<Piece>(count * rowBytes);
-    for (std::size_t k = 0; k < count; ++k)
-      std::memcpy(piece->data() + k * rowBytes, rows.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_,
-                  rowBytes);
-    Entry& e = pieces_[index * piecesPerStrip_ + c];
-    if (e.piece) bytes_ -= e.piece->size();
-    bytes_ += piece->size();
-    e.piece = std::move(piece);
+  auto put = [&](std::size_t k, Held held) {
+    Entry& e = pieces_[k];
+    if (e.held.piece) bytes_ -= e.held.piece->size();
+    bytes_ += held.piece->size();
+    e.held = std::move(held);
     e.lastUse = now;
     e.read = false;
+  };
+  if (auto whole = pieces_.find(key(index, piecesPerStrip_)); whole != pieces_.end()) {
+    bytes_ -= whole->second.held.piece->size();
+    pieces_.erase(whole);
+  }
+  if (!pieced_) {
+    rows.resize(count * bytesPerRow_);
+    put(key(index, piecesPerStrip_), {std::make_shared<const Piece>(std::move(rows)), 0, width_});
+  } else {
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
+      const std::size_t pw = pieceWidth(c), rowBytes = pw * bytesPerPixel_;
+      auto piece = std::make_shared<Piece>(count * rowBytes);
+      for (std::size_t k = 0; k < count; ++k)
+        std::memcpy(piece->data() + k * rowBytes, rows.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_,
+                    rowBytes);
+      put(key(index, c), {std::move(piece), c * kChunkPixels, pw});
+    }
   }
   ++stats_.stripsDecoded;
   const std::size_t limit = kBudgetGrowth * initialBudget_;
@@ -190,16 +210,49 @@ void StripCache::insert(std::size_t index, const std::vector<std::uint8_t>& rows
     // grows by a quarter instead, up to its limit; beyond it (or for consumers moving up, whose
     // windows would only grow with it) the piece goes, and a restart will decode it again.
     const bool down = movingDown();
-    const bool needed = !victim->second.read || (victim->first / piecesPerStrip_ >= floor && down);
+    const bool needed = !victim->second.read || (stripOf(victim->first) >= floor && down);
+    if (needed && !pieced_) {
+      cutIntoPieces();
+      continue;
+    }
     if (needed && down && !leastRecent_ && budget_.load() < limit) {
       budget_ = std::min(limit, budget_.load() + std::max<std::size_t>(budget_.load() / 4, 1));
       continue;
     }
     if (needed) unreadEvicted_ = true;
-    bytes_ -= victim->second.piece->size();
+    bytes_ -= victim->second.held.piece->size();
     pieces_.erase(victim);
   }
   stats_.peakBytes = std::max(stats_.peakBytes, bytes_);
+}
+
+// The strips kept whole, cut into pieces (each with the strip's last use and whether it was
+// read), from now on as every strip decoded.
+void StripCache::cutIntoPieces() const {
+  pieced_ = true;
+  std::vector<std::pair<std::size_t, Entry>> whole;
+  for (auto it = pieces_.begin(); it != pieces_.end();) {
+    if (it->first % (piecesPerStrip_ + 1) == piecesPerStrip_) {
+      whole.emplace_back(stripOf(it->first), std::move(it->second));
+      it = pieces_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (auto& [index, e] : whole) {
+    const Piece& rows = *e.held.piece;
+    const std::size_t count = rows.size() / bytesPerRow_;
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
+      const std::size_t pw = pieceWidth(c), rowBytes = pw * bytesPerPixel_;
+      auto piece = std::make_shared<Piece>(count * rowBytes);
+      for (std::size_t k = 0; k < count; ++k)
+        std::memcpy(piece->data() + k * rowBytes, rows.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_,
+                    rowBytes);
+      // Only the pieces of the columns read so far count as read.
+      const bool read = (e.readPieces >> std::min<std::size_t>(c, 63)) & 1;
+      pieces_[key(index, c)] = Entry{{std::move(piece), c * kChunkPixels, pw}, e.lastUse, read};
+    }
+  }
 }
 
 StripCache::Pieces StripCache::strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const {
@@ -277,12 +330,12 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
 void StripCache::decodeNext() const {
   const std::size_t row = reader_->nextRow();
   const std::size_t rows = std::min(kStripRows, height_ - row);
-  decoded_.resize(kStripRows * bytesPerRow_);
-  if (!reader_->readRows(decoded_.data(), rows, bytesPerRow_)) {
+  std::vector<std::uint8_t> strip(rows * bytesPerRow_);
+  if (!reader_->readRows(strip.data(), rows, bytesPerRow_)) {
     failure_ = "cannot decode " + what_ + ": " + reader_->error();
     fail();
   }
-  insert(row / kStripRows, decoded_, rows);
+  insert(row / kStripRows, std::move(strip), rows);
 }
 
 void StripCache::decodeAhead(std::size_t lastIndex, std::size_t strips) const {

@@ -11,8 +11,10 @@
 // cache of rows, not one per tile; for a worker that fell behind the others, its own rows.
 // (Keeping the whole decoded file instead would cost 4 bytes a pixel, 96 MB for 24 MP.)
 //
-// A strip is kept as pieces of kChunkPixels columns, each evicted on its own, and a request
-// names the columns it reads. The pieces that no request has read yet go last: a turned
+// A request names the columns it reads. Strips are kept whole as decoded until the cache first
+// has to evict rows its consumers will still read; from then on each strip is kept as pieces of
+// kChunkPixels columns, each evicted on its own (a copy of each decoded strip that consumers
+// whose rows fit the budget never pay). The pieces that no request has read yet go last: a turned
 // picture reads each file row across its width over many strips of its output (a 5-degree
 // rotation of a 6000-wide picture: the columns at one side read a row about 525 rows of output
 // after those at the other), and what the cache must keep to decode every row once is the part
@@ -73,7 +75,8 @@ class StripCache {
     std::size_t opens = 0;          // readers opened (1 + restarts from the top)
     std::size_t stripsDecoded = 0;  // strips decoded, counting decodes again after eviction
     std::size_t peakBytes = 0;      // the most strip bytes held at once
-    std::size_t budgetBytes = 0;    // the budget in the end (grown when pieces went unread)
+    std::size_t budgetBytes = 0;    // the budget in the end (grown for rows still to be read)
+    bool pieced = false;            // strips were cut into pieces of columns
   };
   Stats stats() const;
 
@@ -89,18 +92,28 @@ class StripCache {
   static constexpr std::size_t kBudgetGrowth = 4;
 
  private:
-  using Piece = std::vector<std::uint8_t>;  // kChunkPixels columns (fewer at the right) of a strip's rows
-  struct Entry {
+  using Piece = std::vector<std::uint8_t>;  // columns [left, left + width) of a strip's rows
+  struct Held {
     std::shared_ptr<const Piece> piece;
+    std::size_t left = 0, width = 0;
+  };
+  struct Entry {
+    Held held;
     std::uint64_t lastUse = 0;
     bool read = false;
+    std::uint64_t readPieces = 0;  // of a whole strip: bit c, piece c was read (bit 63: any from 63 on)
   };
-  using Pieces = std::vector<std::shared_ptr<const Piece>>;
+  using Pieces = std::vector<Held>;
   // Pieces c0 to c1 of strip `index`, decoded where missing.
   Pieces strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const;
   // All of them or none; found ones are marked read.
   bool lookup(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const;
-  void insert(std::size_t index, const std::vector<std::uint8_t>& rows, std::size_t count) const;
+  void insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const;
+  // Keys: piece c of strip s is s * (piecesPerStrip_ + 1) + c; the strip kept whole is
+  // s * (piecesPerStrip_ + 1) + piecesPerStrip_.
+  std::size_t key(std::size_t strip, std::size_t piece) const { return strip * (piecesPerStrip_ + 1) + piece; }
+  std::size_t stripOf(std::size_t key) const { return key / (piecesPerStrip_ + 1); }
+  void cutIntoPieces() const;  // with cacheMutex_ held
   // With cacheMutex_ held; `floor`: the highest strip every consumer has passed.
   bool movingDown() const;  // whether the recent requests move down the file
   bool goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
@@ -129,10 +142,12 @@ class StripCache {
   mutable std::size_t restartedAt_ = 0;  // the strip the reader was last positioned at on a restart
   mutable std::string failure_;
   mutable std::atomic<bool> failed_{false};
-  mutable std::vector<std::uint8_t> decoded_;  // the strip being decoded, whole rows
 
   mutable std::mutex cacheMutex_;  // guards pieces_, clock_, bytes_, unreadEvicted_ and stats_
-  mutable std::unordered_map<std::size_t, Entry> pieces_;  // strip * piecesPerStrip_ + piece
+  mutable std::unordered_map<std::size_t, Entry> pieces_;  // by key()
+  // Strips are kept whole (as decoded, no copy) until the cache first has to evict what its
+  // consumers will read; from then on they are cut into pieces.
+  mutable bool pieced_ = false;
   mutable bool unreadEvicted_ = false;  // a piece was evicted that consumers will read (again)
   mutable bool leastRecent_ = false;    // evicting by last use alone (see position)
   // The first strips of the last requests (which way the consumers move), and per 128 columns
