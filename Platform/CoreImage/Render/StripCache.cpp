@@ -252,6 +252,7 @@ void StripCache::cutIntoPieces() const {
       const bool read = (e.readPieces >> std::min<std::size_t>(c, 63)) & 1;
       pieces_[key(index, c)] = Entry{{std::move(piece), c * kChunkPixels, pw}, e.lastUse, read};
     }
+    e.held.piece.reset();  // one strip at a time: never the cache twice over
   }
 }
 
