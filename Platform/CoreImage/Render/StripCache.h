@@ -20,11 +20,12 @@
 // after those at the other), and what the cache must keep to decode every row once is the part
 // of that band still to be read, not whole rows. Of the pieces already read, those above the
 // first rows of every recent request go first (the consumers have moved down past them), then
-// the least recently used. When a restart has to decode again pieces that were evicted before
-// anyone read them (the consumers keep more rows unread than the budget holds), the budget
-// doubles, up to kBudgetGrowth times the one the cache was made with (48 MiB from the default
-// 12 MiB: what a 12000-wide picture turned by 5 degrees needs, 24 MiB for a 6000-wide one);
-// past that, pieces simply go least recently used first, as whole strips did before.
+// the least recently used. Where the next piece to go is one the consumers moving down the
+// file will still read (not read yet, or not yet behind all of them), the budget grows by a
+// quarter instead, up to kBudgetGrowth times the one the cache was made with (48 MiB from the
+// default 12 MiB: what a 12000-wide picture turned by 5 degrees needs, 23.4 MB for a 6000-wide
+// one). Past that, once a restart has to decode again what was evicted so, pieces simply go
+// least recently used first, as whole strips did before.
 //
 // Decoding overlaps the tiles' work: the worker that needs rows beyond the decoded ones decodes
 // them while the others convert and filter theirs, and after each request the worker decodes
