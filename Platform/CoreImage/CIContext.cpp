@@ -766,11 +766,10 @@ class ColumnRenderer {
     // move steadily down the file across the strip), so that the workers read a file's strips
     // close to each other and in order instead of from two far halves of the strip.
     // A turned picture's strip reads a band of the file as high as the strip plus its width
-    // times the sine of the angle (807 rows of a 6000-pixel-wide picture turned by 5 degrees);
-    // what the strip cache's budget does not hold of it is decoded again by its restart from
-    // the top (skipping in the compressed domain), not kept in a window that would grow with
-    // the picture's width and the angle: 17 opens and 476 strip decodes for the 250 strips of
-    // that picture on two threads (bench/README.md, "One-filter pipelines").
+    // times the sine of the angle (750 rows of a 6000-pixel-wide picture turned by 5 degrees);
+    // the strip cache keeps the part of it the columns to come still read, in pieces of
+    // columns, growing its budget up to a bound for it: one decode of each of the 250 strips
+    // of that picture on one or two threads (bench/README.md, "Turned reads").
     std::atomic<std::size_t> next{0};
     const std::size_t workers = std::min(columns_, std::size_t(threads_));
     arena_.execute([&] {

@@ -680,11 +680,13 @@ bool FileNode::writeStored8(const PixelRect& rect, std::uint8_t* topRow, std::pt
       !PixelRect{0, 0, std::int64_t(width_), std::int64_t(height_)}.contains(rect) || rect.empty())
     return false;
   const std::size_t first = height_ - std::size_t(rect.maxY());
-  const std::size_t offset = std::size_t(rect.x) * 4;
-  stripCache(info)->forEachRow(first, std::size_t(rect.height), [&](std::size_t row, const std::uint8_t* p) {
-    qvpixel::reencodeStraightRGBA8(p + offset, topRow + std::ptrdiff_t(row - first) * rowBytes, std::size_t(rect.width),
-                                   info.colorManaged, stored_.opaque);
-  });
+  const std::size_t x0 = std::size_t(rect.x);
+  stripCache(info)->forEachRun(
+      first, std::size_t(rect.height), x0, std::size_t(rect.width),
+      [&](std::size_t row, std::size_t x, const std::uint8_t* p, std::size_t n) {
+        qvpixel::reencodeStraightRGBA8(p, topRow + std::ptrdiff_t(row - first) * rowBytes + std::ptrdiff_t(x - x0) * 4,
+                                       n, info.colorManaged, stored_.opaque);
+      });
   return true;
 }
 
@@ -715,14 +717,17 @@ void FileNode::render(const PixelTile& out, std::span<const ConstPixelTile>, con
     const bool mirror = orientation == 2 || orientation == 3, upward = orientation == 3 || orientation == 4;
     const std::size_t first = upward ? height_ - top - std::size_t(r.height) : top;
     const std::size_t sx0 = mirror ? width_ - x0 - n : x0;
-    cache->forEachRow(first, std::size_t(r.height), [&](std::size_t row, const std::uint8_t* p) {
-      const std::size_t y = upward ? height_ - 1 - row : row;  // upright row
-      float* dst = out.at(r.x, std::int64_t(OH - 1 - y));
-      if (!mirror) return decode(p + sx0 * bpp, dst, n);
-      if (mirrored.size() < n * bpp) mirrored.resize(n * bpp);
-      reversePixels(p + sx0 * bpp, mirrored.data(), n, bpp);
-      decode(mirrored.data(), dst, n);
-    });
+    // A run of file columns [x, x + m) is upright columns x - sx0 on, or mirrored, the m
+    // columns ending at n - (x - sx0).
+    cache->forEachRun(first, std::size_t(r.height), sx0, n,
+                      [&](std::size_t row, std::size_t x, const std::uint8_t* p, std::size_t m) {
+                        const std::size_t y = upward ? height_ - 1 - row : row;  // upright row
+                        float* dst = out.at(r.x, std::int64_t(OH - 1 - y));
+                        if (!mirror) return decode(p, dst + (x - sx0) * 4, m);
+                        if (mirrored.size() < m * bpp) mirrored.resize(m * bpp);
+                        reversePixels(p, mirrored.data(), m, bpp);
+                        decode(mirrored.data(), dst + (n - (x - sx0) - m) * 4, m);
+                      });
     return;
   }
   auto make = [&] {

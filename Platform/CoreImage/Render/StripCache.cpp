@@ -24,96 +24,278 @@ StripCache::StripCache(Opener open, std::string what, std::size_t width, std::si
       height_(height),
       bits_(bitsPerComponent),
       bytesPerRow_(width * 4 * std::size_t(bitsPerComponent / 8)),
+      bytesPerPixel_(4 * std::size_t(bitsPerComponent / 8)),
       stripCount_((height + kStripRows - 1) / kStripRows),
+      piecesPerStrip_((width + kChunkPixels - 1) / kChunkPixels),
+      initialBudget_(budgetBytes),
       budget_(budgetBytes) {}
 
+namespace {
+std::mutex gListenerMutex;
+std::function<void(const StripCache::Stats&)> gListener;
+}  // namespace
+
+void StripCache::setStatsListener(std::function<void(const Stats&)> listener) {
+  std::lock_guard lock(gListenerMutex);
+  gListener = std::move(listener);
+}
+
 StripCache::~StripCache() {
-  if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
   const Stats s = stats();
-  std::fprintf(stderr, "strip cache of %s: %zu opens, %zu of %zu strips decoded, peak %.1f MB\n", what_.c_str(), s.opens,
-               s.stripsDecoded, stripCount_, double(s.peakBytes) / 1048576.0);
+  {
+    std::lock_guard lock(gListenerMutex);
+    if (gListener) gListener(s);
+  }
+  if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
+  std::fprintf(stderr, "strip cache of %s: %zu opens, %zu of %zu strips decoded, peak %.1f MB, budget %.1f MB\n",
+               what_.c_str(), s.opens, s.stripsDecoded, stripCount_, double(s.peakBytes) / 1048576.0,
+               double(s.budgetBytes) / 1048576.0);
 }
 
 StripCache::Stats StripCache::stats() const {
   std::lock_guard lock(cacheMutex_);
-  return stats_;
+  Stats s = stats_;
+  s.budgetBytes = budget_.load();
+  s.pieced = pieced_;
+  return s;
 }
 
 std::size_t StripCache::capacityStrips() const {
-  const std::size_t byBudget = budget_ / std::max<std::size_t>(bytesPerRow_ * kStripRows, 1);
-  // Whatever the budget, room for the largest request twice (the workers read the same rows at
-  // about the same time, one possibly a request behind) and what is decoded ahead.
-  return std::max<std::size_t>({byBudget, 2 * largestRequest_.load() + 4, 8});
+  return capacityBytes() / std::max<std::size_t>(bytesPerRow_ * kStripRows, 1);
 }
 
-void StripCache::forEachRow(std::size_t first, std::size_t count,
-                            const std::function<void(std::size_t, const std::uint8_t*)>& use) const {
-  if (count == 0) return;
-  if (first >= height_ || count > height_ - first) throw CIRenderError("cannot decode " + what_ + ": rows out of range");
+std::size_t StripCache::capacityBytes() const {
+  const std::size_t strip = std::max<std::size_t>(bytesPerRow_ * kStripRows, 1);
+  // Whatever the budget, room for the largest request twice (the workers read the same rows at
+  // about the same time, one possibly a request behind) and what is decoded ahead.
+  return std::max<std::size_t>({budget_.load(), (2 * largestRequest_.load() + 4) * strip, 8 * strip});
+}
+
+void StripCache::forEachRun(std::size_t first, std::size_t count, std::size_t x, std::size_t width,
+                            const RunUse& use) const {
+  if (count == 0 || width == 0) return;
+  if (first >= height_ || count > height_ - first || x >= width_ || width > width_ - x)
+    throw CIRenderError("cannot decode " + what_ + ": rows out of range");
   const std::size_t s0 = first / kStripRows, s1 = (first + count - 1) / kStripRows;
+  const std::size_t c0 = x / kChunkPixels, c1 = (x + width - 1) / kChunkPixels;
   std::size_t largest = largestRequest_.load();
   while (s1 - s0 + 1 > largest && !largestRequest_.compare_exchange_weak(largest, s1 - s0 + 1)) {
   }
+  {
+    // Where the consumers are: the first strip of the latest request that began within each
+    // 128 columns (a column of tiles, at least 256 wide, starts its reads at about the same
+    // column all the way down, moving a few pixels a strip when turned), forgotten when no
+    // request has begun there for a while.
+    std::lock_guard lock(cacheMutex_);
+    recent_[recentNext_++ % recent_.size()] = s0;
+    consumers_[x / 128] = {s0, recentNext_};
+    for (auto it = consumers_.begin(); it != consumers_.end();)
+      it = recentNext_ - it->second.second > 2 * consumers_.size() + 8 ? consumers_.erase(it) : std::next(it);
+  }
   for (std::size_t s = s0; s <= s1; ++s) {
-    const std::shared_ptr<const Strip> strip = this->strip(s, s1);
+    const Pieces pieces = strip(s, s1, c0, c1);
     const std::size_t a = std::max(first, s * kStripRows), b = std::min(first + count, (s + 1) * kStripRows);
-    for (std::size_t row = a; row < b; ++row) use(row, strip->data() + (row - s * kStripRows) * bytesPerRow_);
+    for (std::size_t row = a; row < b; ++row) {
+      const std::size_t k = row - s * kStripRows;
+      for (const Held& h : pieces) {
+        const std::size_t from = std::max(x, h.left), to = std::min(x + width, h.left + h.width);
+        use(row, from, h.piece->data() + (k * h.width + (from - h.left)) * bytesPerPixel_, to - from);
+      }
+    }
   }
   decodeAhead(s1, s1 - s0 + 1);
 }
 
-std::shared_ptr<const StripCache::Strip> StripCache::lookup(std::size_t index) const {
-  std::lock_guard lock(cacheMutex_);
-  auto it = strips_.find(index);
-  if (it == strips_.end()) return nullptr;
-  it->second.lastUse = ++clock_;
-  return it->second.strip;
+void StripCache::forEachRow(std::size_t first, std::size_t count,
+                            const std::function<void(std::size_t, const std::uint8_t*)>& use) const {
+  thread_local std::vector<std::uint8_t> row;
+  row.resize(bytesPerRow_);
+  forEachRun(first, count, 0, width_, [&](std::size_t y, std::size_t x, const std::uint8_t* p, std::size_t n) {
+    std::memcpy(row.data() + x * bytesPerPixel_, p, n * bytesPerPixel_);
+    if (x + n == width_) use(y, row.data());
+  });
 }
 
-void StripCache::insert(std::size_t index, std::shared_ptr<const Strip> strip) const {
+bool StripCache::lookup(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const {
   std::lock_guard lock(cacheMutex_);
-  Entry& e = strips_[index];
-  if (e.strip) bytes_ -= e.strip->size();
-  bytes_ += strip->size();
-  e.strip = std::move(strip);
-  e.lastUse = ++clock_;
+  found.clear();
+  const std::uint64_t now = ++clock_;
+  if (auto whole = pieces_.find(key(index, piecesPerStrip_)); whole != pieces_.end()) {
+    Entry& e = whole->second;
+    for (std::size_t c = c0; c <= c1; ++c) e.readPieces |= std::uint64_t{1} << std::min<std::size_t>(c, 63);
+    e.lastUse = now;
+    e.read = true;
+    found.push_back(e.held);
+    return true;
+  }
+  for (std::size_t c = c0; c <= c1; ++c) {
+    auto it = pieces_.find(key(index, c));
+    if (it == pieces_.end()) return false;
+    found.push_back(it->second.held);
+  }
+  for (std::size_t c = c0; c <= c1; ++c) {
+    Entry& e = pieces_[key(index, c)];
+    e.lastUse = now;
+    e.read = true;
+  }
+  return true;
+}
+
+bool StripCache::movingDown() const {
+  // The oldest of the recent requests against the newest.
+  const std::size_t newest = recent_[(recentNext_ + recent_.size() - 1) % recent_.size()];
+  const std::size_t oldest = recent_[recentNext_ % recent_.size()];
+  return newest >= oldest;
+}
+
+// Which of two pieces goes first: one already read before one nobody has read yet (a turned
+// picture's later columns still read it); of two read ones, one above where every column of
+// tiles last began (the consumers have moved down past it), the highest first; otherwise the
+// one used longest ago.
+bool StripCache::goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
+                            std::size_t floor) const {
+  if (leastRecent_) return a.second.lastUse < b.second.lastUse;
+  if (a.second.read != b.second.read) return a.second.read;
+  if (a.second.read) {
+    const std::size_t sa = stripOf(a.first), sb = stripOf(b.first);
+    const bool deadA = sa < floor, deadB = sb < floor;
+    if (deadA != deadB) return deadA;
+    if (deadA && sa != sb) return sa < sb;
+  }
+  return a.second.lastUse < b.second.lastUse;
+}
+
+// The strip's rows (whole, bytesPerRow_ apart) cut into its pieces, which replace any the
+// cache still holds of it; then pieces go until the cache is within its capacity, in the order
+// of goesBefore.
+void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
+  std::lock_guard lock(cacheMutex_);
+  const std::uint64_t now = ++clock_;
+  auto put = [&](std::size_t k, Held held) {
+    Entry& e = pieces_[k];
+    if (e.held.piece) bytes_ -= e.held.piece->size();
+    bytes_ += held.piece->size();
+    e.held = std::move(held);
+    e.lastUse = now;
+    e.read = false;
+  };
+  if (auto whole = pieces_.find(key(index, piecesPerStrip_)); whole != pieces_.end()) {
+    bytes_ -= whole->second.held.piece->size();
+    pieces_.erase(whole);
+  }
+  if (!pieced_) {
+    rows.resize(count * bytesPerRow_);
+    put(key(index, piecesPerStrip_), {std::make_shared<const Piece>(std::move(rows)), 0, width_});
+  } else {
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
+      const std::size_t pw = pieceWidth(c), rowBytes = pw * bytesPerPixel_;
+      auto piece = std::make_shared<Piece>(count * rowBytes);
+      for (std::size_t k = 0; k < count; ++k)
+        std::memcpy(piece->data() + k * rowBytes, rows.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_,
+                    rowBytes);
+      put(key(index, c), {std::move(piece), c * kChunkPixels, pw});
+    }
+  }
   ++stats_.stripsDecoded;
-  const std::size_t capacity = capacityStrips();
-  while (strips_.size() > capacity) {
-    auto oldest = strips_.begin();
-    for (auto it = strips_.begin(); it != strips_.end(); ++it)
-      if (it->second.lastUse < oldest->second.lastUse) oldest = it;
-    bytes_ -= oldest->second.strip->size();
-    strips_.erase(oldest);
+  const std::size_t limit = kBudgetGrowth * initialBudget_;
+  while (bytes_ > capacityBytes() && !pieces_.empty()) {
+    auto victim = pieces_.end();
+    std::size_t floor = stripCount_;
+    for (const auto& [piece, at] : consumers_) floor = std::min(floor, at.first);
+    for (auto it = pieces_.begin(); it != pieces_.end(); ++it) {
+      if (victim == pieces_.end() || goesBefore(*it, *victim, floor)) victim = it;
+    }
+    // Evicting what the consumers will read (again): a piece nobody has read yet, or, while
+    // they move down the file, one not yet behind all of them. While they move down, the budget
+    // grows by a quarter instead, up to its limit; beyond it (or for consumers moving up, whose
+    // windows would only grow with it) the piece goes, and a restart will decode it again.
+    const bool down = movingDown();
+    const bool needed = !victim->second.read || (stripOf(victim->first) >= floor && down);
+    if (needed && !pieced_) {
+      cutIntoPieces();
+      continue;
+    }
+    if (needed && down && !leastRecent_ && budget_.load() < limit) {
+      budget_ = std::min(limit, budget_.load() + std::max<std::size_t>(budget_.load() / 4, 1));
+      continue;
+    }
+    if (needed) unreadEvicted_ = true;
+    bytes_ -= victim->second.held.piece->size();
+    pieces_.erase(victim);
   }
   stats_.peakBytes = std::max(stats_.peakBytes, bytes_);
 }
 
-std::shared_ptr<const StripCache::Strip> StripCache::strip(std::size_t index, std::size_t lastIndex) const {
-  if (auto s = lookup(index)) return s;
+// The strips kept whole, cut into pieces (each with the strip's last use and whether it was
+// read), from now on as every strip decoded.
+void StripCache::cutIntoPieces() const {
+  pieced_ = true;
+  std::vector<std::pair<std::size_t, Entry>> whole;
+  for (auto it = pieces_.begin(); it != pieces_.end();) {
+    if (it->first % (piecesPerStrip_ + 1) == piecesPerStrip_) {
+      whole.emplace_back(stripOf(it->first), std::move(it->second));
+      it = pieces_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (auto& [index, e] : whole) {
+    const Piece& rows = *e.held.piece;
+    const std::size_t count = rows.size() / bytesPerRow_;
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
+      const std::size_t pw = pieceWidth(c), rowBytes = pw * bytesPerPixel_;
+      auto piece = std::make_shared<Piece>(count * rowBytes);
+      for (std::size_t k = 0; k < count; ++k)
+        std::memcpy(piece->data() + k * rowBytes, rows.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_,
+                    rowBytes);
+      // Only the pieces of the columns read so far count as read.
+      const bool read = (e.readPieces >> std::min<std::size_t>(c, 63)) & 1;
+      pieces_[key(index, c)] = Entry{{std::move(piece), c * kChunkPixels, pw}, e.lastUse, read};
+    }
+    e.held.piece.reset();  // one strip at a time: never the cache twice over
+  }
+}
+
+StripCache::Pieces StripCache::strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const {
+  Pieces found;
+  if (lookup(index, c0, c1, found)) return found;
   std::lock_guard lock(decodeMutex_);
-  if (auto s = lookup(index)) return s;  // decoded by another worker meanwhile
+  if (lookup(index, c0, c1, found)) return found;  // decoded by another worker meanwhile
   if (failed_) fail();
   position(index, lastIndex);
   while (reader_->nextRow() <= index * kStripRows) decodeNext();
-  if (auto s = lookup(index)) return s;
+  if (lookup(index, c0, c1, found)) return found;
   throw CIRenderError("cannot decode " + what_ + ": the strip cache is too small");  // capacity >= 8: unreachable
 }
 
 void StripCache::position(std::size_t index, std::size_t lastIndex) const {
-  // The first strip worth decoding. Where the reader must start again above the strip it
-  // started at last time, the consumer moves upwards: half the cache above the end of its
-  // request, so that it finds the rows it asks for next. Otherwise (the first request, or a
-  // worker that fell behind the others on the way down): from the request's own first strip.
-  const std::size_t half = capacityStrips() / 2;
-  const bool upwards = reader_ && index < restartedAt_;
-  std::size_t windowFirst = upwards ? std::min(index, lastIndex + 1 > half ? lastIndex + 1 - half : 0) : index;
   const std::size_t at = reader_ ? reader_->nextRow() / kStripRows : 0;
   const bool restarted = !reader_ || at > index;
-  if (!reader_ || at > index) restartedAt_ = windowFirst;
-  if (reader_ && at > index && reader_->rewind()) {
+  if (reader_ && restarted) {
+    // Decoding again what was evicted unread: the consumers keep more rows unread than the
+    // budget holds. Half as much again, up to twice the default.
+    std::lock_guard lock(cacheMutex_);
+    if (unreadEvicted_) {
+      // At the limit of the budget what the consumers leave to read does not fit whatever the
+      // cache prefers, and keeping it first would only evict the rows they read again next:
+      // from now on the least recently used pieces go, read or not.
+      leastRecent_ = true;
+      unreadEvicted_ = false;
+    }
+  }
+  // The first strip worth decoding. Where the reader must start again above the strip it
+  // started at last time, the consumer moves upwards: most of the cache above the end of its
+  // request (room left for the other workers' requests), so that it finds the rows it asks for
+  // next. Otherwise (the first request, or a worker that fell behind the others on the way
+  // down): from the request's own first strip.
+  const std::size_t capacity = capacityStrips();
+  const std::size_t window = std::max(capacity / 2, capacity - std::min(capacity, 2 * largestRequest_.load() + 4));
+  const bool upwards = reader_ && index < restartedAt_;
+  std::size_t windowFirst = upwards ? std::min(index, lastIndex + 1 > window ? lastIndex + 1 - window : 0) : index;
+  if (restarted) restartedAt_ = windowFirst;
+  if (reader_ && restarted && reader_->rewind()) {
     // A reader holding the whole image starts again for free.
-  } else if (!reader_ || at > index) {
+  } else if (restarted) {
     std::string error;
     reader_ = open_(error);
     {
@@ -134,8 +316,12 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
   // A reader that goes on down to a request not far below it decodes the rows in between
   // instead of skipping them, when they fit in the cache with the request: two consumers that
   // read the file some rows apart (a picture under its scaled copy) find the upper one's rows
-  // kept, rather than restarting the reader from the top for each of its requests.
-  if (!restarted && from < windowFirst && lastIndex + 1 - from + 4 <= capacityStrips()) windowFirst = from;
+  // kept, rather than restarting the reader from the top for each of its requests. So does a
+  // reader just opened at the top for a first request within half the cache (the workers of a
+  // turned picture ask for rows some way down the file while others will ask for the rows above).
+  if (from < windowFirst && (!restarted || !upwards) &&
+      lastIndex + 1 - from + 4 <= (restarted ? capacity / 2 : capacity))
+    windowFirst = from;
   if (from < windowFirst && !reader_->skipRows((windowFirst - from) * kStripRows)) {
     failure_ = "cannot decode " + what_ + ": " + reader_->error();
     fail();
@@ -145,12 +331,12 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
 void StripCache::decodeNext() const {
   const std::size_t row = reader_->nextRow();
   const std::size_t rows = std::min(kStripRows, height_ - row);
-  auto strip = std::make_shared<Strip>(rows * bytesPerRow_);
-  if (!reader_->readRows(strip->data(), rows, bytesPerRow_)) {
+  std::vector<std::uint8_t> strip(rows * bytesPerRow_);
+  if (!reader_->readRows(strip.data(), rows, bytesPerRow_)) {
     failure_ = "cannot decode " + what_ + ": " + reader_->error();
     fail();
   }
-  insert(row / kStripRows, std::move(strip));
+  insert(row / kStripRows, std::move(strip), rows);
 }
 
 void StripCache::decodeAhead(std::size_t lastIndex, std::size_t strips) const {

@@ -5,13 +5,27 @@
 // skipping the rows in between without decoding their pixels. A request for
 // rows above its position that the cache no longer holds restarts the reader from the top of
 // the file and skips in the compressed domain (which costs only the entropy decoding) to the
-// rows worth decoding: for a restart above the previous one, a window of half the cache that
+// rows worth decoding: for a restart above the previous one, a window of most of the cache that
 // ends at the last row of the request, so that a consumer walking the file upwards (a vertical
 // flip, a reflection, a half-turn) finds the rows above in the cache and pays one restart per
-// half cache of rows, not one per tile; for a worker that fell behind the others, its own rows.
-// (Keeping the whole decoded file instead would cost 4 bytes a pixel, 96 MB for 24 MP.) The cache is bounded by its byte
-// budget (least recently used strips go first), grown only as far as the largest request
-// needs.
+// cache of rows, not one per tile; for a worker that fell behind the others, its own rows.
+// (Keeping the whole decoded file instead would cost 4 bytes a pixel, 96 MB for 24 MP.)
+//
+// A request names the columns it reads. Strips are kept whole as decoded until the cache first
+// has to evict rows its consumers will still read; from then on each strip is kept as pieces of
+// kChunkPixels columns, each evicted on its own (a copy of each decoded strip that consumers
+// whose rows fit the budget never pay). The pieces that no request has read yet go last: a turned
+// picture reads each file row across its width over many strips of its output (a 5-degree
+// rotation of a 6000-wide picture: the columns at one side read a row about 525 rows of output
+// after those at the other), and what the cache must keep to decode every row once is the part
+// of that band still to be read, not whole rows. Of the pieces already read, those above the
+// first rows of every recent request go first (the consumers have moved down past them), then
+// the least recently used. Where the next piece to go is one the consumers moving down the
+// file will still read (not read yet, or not yet behind all of them), the budget grows by a
+// quarter instead, up to kBudgetGrowth times the one the cache was made with (48 MiB from the
+// default 12 MiB: what a 12000-wide picture turned by 5 degrees needs, 23.4 MB for a 6000-wide
+// one). Past that, once a restart has to decode again what was evicted so, pieces simply go
+// least recently used first, as whole strips did before.
 //
 // Decoding overlaps the tiles' work: the worker that needs rows beyond the decoded ones decodes
 // them while the others convert and filter theirs, and after each request the worker decodes
@@ -19,6 +33,7 @@
 // workers finds its rows ready.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -36,6 +51,7 @@ class StripCache {
   // Opens a reader at row 0; null with the reason in `error` on failure.
   using Opener = std::function<std::unique_ptr<CGImageSourceRowReader>(std::string& error)>;
   static constexpr std::size_t kStripRows = 16;
+  static constexpr std::size_t kChunkPixels = 512;  // the columns of one piece of a strip
 
   // `what` names the image in error messages ("cannot decode <what>: ...").
   StripCache(Opener open, std::string what, std::size_t width, std::size_t height, int bitsPerComponent,
@@ -43,8 +59,13 @@ class StripCache {
   // With QV_STRIP_CACHE_STATS set in the environment, prints its Stats on stderr (benchmarks).
   ~StripCache();
 
-  // Hands rows [first, first + count) to `use` top-down: use(row, its pixels). Throws
-  // CIImageDecodeError when the file cannot be decoded, naming the rows where it breaks.
+  // Hands columns [x, x + width) of rows [first, first + count) to `use` top-down, each row in
+  // one or more runs from left to right: use(row, first column of the run, its pixels, its
+  // length). Throws CIImageDecodeError when the file cannot be decoded, naming the rows where it
+  // breaks.
+  using RunUse = std::function<void(std::size_t row, std::size_t x, const std::uint8_t* pixels, std::size_t count)>;
+  void forEachRun(std::size_t first, std::size_t count, std::size_t x, std::size_t width, const RunUse& use) const;
+  // Whole rows, each gathered into one buffer: use(row, its pixels).
   void forEachRow(std::size_t first, std::size_t count,
                   const std::function<void(std::size_t row, const std::uint8_t* pixels)>& use) const;
 
@@ -55,35 +76,64 @@ class StripCache {
     std::size_t opens = 0;          // readers opened (1 + restarts from the top)
     std::size_t stripsDecoded = 0;  // strips decoded, counting decodes again after eviction
     std::size_t peakBytes = 0;      // the most strip bytes held at once
+    std::size_t budgetBytes = 0;    // the budget in the end (grown for rows still to be read)
+    bool pieced = false;            // strips were cut into pieces of columns
   };
   Stats stats() const;
+
+  // Called with a cache's Stats when it is destroyed (at the end of a render), while set; tests
+  // count decodes with it. Null clears it.
+  static void setStatsListener(std::function<void(const Stats&)> listener);
 
   // The byte budget of caches made from now on (12 MiB unless set); tests shrink it to make
   // evictions and restarts happen on small images.
   static std::size_t defaultBudget();
   static void setDefaultBudget(std::size_t bytes);
+  // How far a cache's budget may grow: this many times the budget it was made with.
+  static constexpr std::size_t kBudgetGrowth = 4;
 
  private:
-  using Strip = std::vector<std::uint8_t>;  // a strip's rows, bytesPerRow_ apart
-  struct Entry {
-    std::shared_ptr<const Strip> strip;
-    std::uint64_t lastUse = 0;
+  using Piece = std::vector<std::uint8_t>;  // columns [left, left + width) of a strip's rows
+  struct Held {
+    std::shared_ptr<const Piece> piece;
+    std::size_t left = 0, width = 0;
   };
-  std::shared_ptr<const Strip> strip(std::size_t index, std::size_t lastIndex) const;
-  std::shared_ptr<const Strip> lookup(std::size_t index) const;
-  void insert(std::size_t index, std::shared_ptr<const Strip> strip) const;
+  struct Entry {
+    Held held;
+    std::uint64_t lastUse = 0;
+    bool read = false;
+    std::uint64_t readPieces = 0;  // of a whole strip: bit c, piece c was read (bit 63: any from 63 on)
+  };
+  using Pieces = std::vector<Held>;
+  // Pieces c0 to c1 of strip `index`, decoded where missing.
+  Pieces strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const;
+  // All of them or none; found ones are marked read.
+  bool lookup(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const;
+  void insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const;
+  // Keys: piece c of strip s is s * (piecesPerStrip_ + 1) + c; the strip kept whole is
+  // s * (piecesPerStrip_ + 1) + piecesPerStrip_.
+  std::size_t key(std::size_t strip, std::size_t piece) const { return strip * (piecesPerStrip_ + 1) + piece; }
+  std::size_t stripOf(std::size_t key) const { return key / (piecesPerStrip_ + 1); }
+  void cutIntoPieces() const;  // with cacheMutex_ held
+  // With cacheMutex_ held; `floor`: the highest strip every consumer has passed.
+  bool movingDown() const;  // whether the recent requests move down the file
+  bool goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
+                  std::size_t floor) const;
+  std::size_t pieceWidth(std::size_t c) const { return std::min(kChunkPixels, width_ - c * kChunkPixels); }
   // With decodeMutex_ held.
   void position(std::size_t index, std::size_t lastIndex) const;
   void decodeNext() const;
   void decodeAhead(std::size_t lastIndex, std::size_t strips) const;
   [[noreturn]] void fail() const;
   std::size_t capacityStrips() const;
+  std::size_t capacityBytes() const;
 
   Opener open_;
   std::string what_;
   std::size_t width_, height_;
   int bits_;
-  std::size_t bytesPerRow_, stripCount_, budget_;
+  std::size_t bytesPerRow_, bytesPerPixel_, stripCount_, piecesPerStrip_, initialBudget_;
+  mutable std::atomic<std::size_t> budget_;
   // The cache is shared by the tiles of a render, which hold it as const: what follows is its
   // decoding state, guarded by its mutexes.
   mutable std::atomic<std::size_t> largestRequest_{1};  // in strips
@@ -94,8 +144,19 @@ class StripCache {
   mutable std::string failure_;
   mutable std::atomic<bool> failed_{false};
 
-  mutable std::mutex cacheMutex_;  // guards strips_, clock_, bytes_ and stats_
-  mutable std::unordered_map<std::size_t, Entry> strips_;
+  mutable std::mutex cacheMutex_;  // guards pieces_, clock_, bytes_, unreadEvicted_ and stats_
+  mutable std::unordered_map<std::size_t, Entry> pieces_;  // by key()
+  // Strips are kept whole (as decoded, no copy) until the cache first has to evict what its
+  // consumers will read; from then on they are cut into pieces.
+  mutable bool pieced_ = false;
+  mutable bool unreadEvicted_ = false;  // a piece was evicted that consumers will read (again)
+  mutable bool leastRecent_ = false;    // evicting by last use alone (see position)
+  // The first strips of the last requests (which way the consumers move), and per 128 columns
+  // the first strip of the latest request that began there and when: read pieces above all of
+  // those are behind every consumer moving down the file.
+  mutable std::array<std::size_t, 32> recent_{};
+  mutable std::size_t recentNext_ = 0;
+  mutable std::unordered_map<std::size_t, std::pair<std::size_t, std::size_t>> consumers_;
   mutable std::uint64_t clock_ = 0;
   mutable std::size_t bytes_ = 0;
   mutable Stats stats_;
