@@ -740,6 +740,12 @@ class ColumnRenderer {
   std::size_t tilesIn(std::int64_t rows) const {
     return columns_ * std::size_t((rows + tiling_.height - 1) / tiling_.height);
   }
+  // The tiles of `rows` rendered as strips of `stripRows` rows from the top (the last one shorter).
+  std::size_t tilesInStrips(std::int64_t rows, std::int64_t stripRows) const {
+    std::size_t n = 0;
+    for (std::int64_t top = 0; top < rows; top += stripRows) n += tilesIn(std::min(stripRows, rows - top));
+    return n;
+  }
 
   // Renders `rows` (the full width of the bounds) into `buffer`, row 0 = the top row of `rows`.
   void render(const PixelRect& rows, void* buffer, std::ptrdiff_t rowBytes, CIRenderFormat format) {
@@ -876,50 +882,55 @@ std::int64_t CIContext::workingMemory(const CIImage& image, const CGRect& bounds
   return renderBytes(tiling, b, toFile);
 }
 
+namespace {
+
+// Runs `draw(renderer)` with a column renderer over the bounds `b` of `image` (none for empty
+// bounds), then reports the render done.
+template <class Draw>
+void renderInColumns(const CIImage& image, const PixelRect& b, const CIContextOptions& options, std::int64_t budget,
+                     double maxWork, Draw&& draw) {
+  Progress progress;
+  progress.fn = options.progress;
+  if (!b.empty()) {
+    const Plan plan = makePlan(image.node().get(), options);
+    ColumnRenderer renderer(plan, b, options, budget, maxWork, false, progress);
+    draw(renderer, progress);
+  }
+  progress.finish();
+}
+
+}  // namespace
+
 void CIContext::render(const CIImage& image, void* buffer, std::ptrdiff_t rowBytes, const CGRect& bounds,
                        CIRenderFormat format) const {
   const PixelRect b = renderBounds(image, bounds);
-  Progress progress;
-  progress.fn = options_.progress;
-  if (b.empty()) {
-    progress.finish();
-    return;
-  }
-  if (!buffer) throw CIRenderError("cannot render into a null buffer");
-  if (rowBytes < b.width * bytesPerPixel(format)) throw CIRenderError("the buffer's rows are too short for the bounds");
-  const Plan plan = makePlan(image.node().get(), options_);
-  ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
-  progress.total = renderer.tilesIn(b.height);
-  renderer.render(b, buffer, rowBytes, format);
-  progress.finish();
+  if (!b.empty() && !buffer) throw CIRenderError("cannot render into a null buffer");
+  if (!b.empty() && rowBytes < b.width * bytesPerPixel(format))
+    throw CIRenderError("the buffer's rows are too short for the bounds");
+  renderInColumns(image, b, options_, maxMemory(), maxPixelWork(), [&](ColumnRenderer& renderer, Progress& progress) {
+    progress.total = renderer.tilesIn(b.height);
+    renderer.render(b, buffer, rowBytes, format);
+  });
 }
 
 void CIContext::renderStrips(const CIImage& image, const CGRect& bounds, CIRenderFormat format,
                              std::int64_t minStripRows, const StripConsumer& consume) const {
   const PixelRect b = renderBounds(image, bounds);
-  Progress progress;
-  progress.fn = options_.progress;
-  if (b.empty()) {
-    progress.finish();
-    return;
-  }
-  const Plan plan = makePlan(image.node().get(), options_);
-  ColumnRenderer renderer(plan, b, options_, maxMemory(), maxPixelWork(), false, progress);
-  const std::int64_t th = std::max<std::int64_t>(1, renderer.tiling().height);
-  const std::int64_t wanted = std::max<std::int64_t>(1, minStripRows);
-  const std::int64_t stripRows = std::min(b.height, th * ((wanted + th - 1) / th));
-  const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
-  progress.total = 0;
-  for (std::int64_t s = 0; s < strips; ++s) progress.total += renderer.tilesIn(std::min(stripRows, b.height - s * stripRows));
-  const std::ptrdiff_t rowBytes = b.width * bytesPerPixel(format);
-  std::vector<std::uint8_t> strip(std::size_t(rowBytes) * std::size_t(stripRows));
-  for (std::int64_t s = 0; s < strips; ++s) {
-    const std::int64_t top = b.maxY() - s * stripRows;
-    const std::int64_t h = std::min(stripRows, top - b.y);
-    renderer.render(PixelRect{b.x, top - h, b.width, h}, strip.data(), rowBytes, format);
-    consume(strip.data(), rowBytes, s * stripRows, h);
-  }
-  progress.finish();
+  renderInColumns(image, b, options_, maxMemory(), maxPixelWork(), [&](ColumnRenderer& renderer, Progress& progress) {
+    const std::int64_t th = std::max<std::int64_t>(1, renderer.tiling().height);
+    const std::int64_t wanted = std::max<std::int64_t>(1, minStripRows);
+    const std::int64_t stripRows = std::min(b.height, th * ((wanted + th - 1) / th));
+    const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
+    progress.total = renderer.tilesInStrips(b.height, stripRows);
+    const std::ptrdiff_t rowBytes = b.width * bytesPerPixel(format);
+    std::vector<std::uint8_t> strip(std::size_t(rowBytes) * std::size_t(stripRows));
+    for (std::int64_t s = 0; s < strips; ++s) {
+      const std::int64_t top = b.maxY() - s * stripRows;
+      const std::int64_t h = std::min(stripRows, top - b.y);
+      renderer.render(PixelRect{b.x, top - h, b.width, h}, strip.data(), rowBytes, format);
+      consume(strip.data(), rowBytes, s * stripRows, h);
+    }
+  });
 }
 
 std::string CIContext::writeErrorMessage(const std::string& path, const std::string& detail) {
@@ -948,8 +959,7 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   // image at once.
   const std::int64_t stripRows = stripRowsFor(b, renderer.tiling().height);
   const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
-  progress.total = 0;
-  for (std::int64_t s = 0; s < strips; ++s) progress.total += renderer.tilesIn(std::min(stripRows, b.height - s * stripRows));
+  progress.total = renderer.tilesInStrips(b.height, stripRows);
   // The encoder writes one strip while the workers render the next: two strip buffers, and
   // the encoder never more than one strip behind. A context of one thread encodes on that
   // thread, after each strip: a caller that renders several files at once (a batch) asked for
