@@ -50,15 +50,29 @@ bench_sample_jpeg() {
   fi
 }
 
+# bench_run_timed TIMEFILE COMMAND...
+# Runs COMMAND once under GNU time ($TIME) with its output discarded (stderr to $WORK/stderr.txt)
+# and writes "seconds kilobytes" to TIMEFILE: the wall time to the millisecond, taken around the
+# run (GNU time's own %e has 10 ms steps, as coarse as a tenth of the shortest cases), and the
+# peak resident memory GNU time reports. Fails as COMMAND does.
+bench_run_timed() {
+  local file=$1 start end
+  shift
+  start=$(date +%s%N)
+  "$TIME" -f "%M" -o "$file.kb" "$@" >/dev/null 2>"$WORK/stderr.txt" || return 1
+  end=$(date +%s%N)
+  awk -v s="$start" -v e="$end" -v kb="$(tail -n 1 "$file.kb")" 'BEGIN{printf "%.3f %d\n", (e - s) / 1e9, kb}' >"$file"
+}
+
 # bench_measure COMMAND...
-# Runs COMMAND $runs times under GNU time ($TIME, set by bench_sample_jpeg) and prints "seconds
-# megabytes" of the fastest run (wall time, peak resident memory), or "- -" if it failed.
+# Runs COMMAND $runs times (bench_run_timed) and prints "seconds megabytes" of the fastest run
+# (wall time, peak resident memory), or "- -" if it failed.
 bench_measure() {
   local best_t="" best_m="" t m
   for _ in $(seq "$runs"); do
-    "$TIME" -f "%e %M" -o "$WORK/time.txt" "$@" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+    bench_run_timed "$WORK/time.txt" "$@" || { echo "- -"; return; }
     read -r t m <"$WORK/time.txt"
     if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
   done
-  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
+  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.3f %.0f\n", t, m / 1024}'
 }

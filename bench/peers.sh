@@ -63,18 +63,18 @@ measure() {
   [ -n "$cmd" ] || { echo "- -"; return; }
   for _ in $(seq "$runs"); do
     if [ "$kind" = pillow ]; then
-      "$TIME" -f "%e %M" -o "$WORK/time.txt" "$PY" -c "from PIL import Image
+      bench_run_timed "$WORK/time.txt" "$PY" -c "from PIL import Image
 import os
 IN, OUT = os.environ['IN'], os.environ['OUT']
-$cmd" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+$cmd" || { echo "- -"; return; }
     else
-      "$TIME" -f "%e %M" -o "$WORK/time.txt" bash -c "$cmd" >/dev/null 2>"$WORK/stderr.txt" || { echo "- -"; return; }
+      bench_run_timed "$WORK/time.txt" bash -c "$cmd" || { echo "- -"; return; }
     fi
     read -r t m <"$WORK/time.txt"
     if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best_t=$t; best_m=$m; fi
     awk "BEGIN{exit !($t > 10)}" && break
   done
-  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.2f %.0f\n", t, m / 1024}'
+  awk -v t="$best_t" -v m="$best_m" 'BEGIN{printf "%.3f %.0f\n", t, m / 1024}'
 }
 
 rows=()

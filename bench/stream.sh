@@ -30,6 +30,6 @@ for f in $("$QVFILTER" list | grep '^QVFilter'); do
   awk -v f="$f" -v t1="$t1" -v t2="$t2" -v m1="$m1" -v m2="$m2" -v ct="$ct" 'BEGIN{
     if (t1 == "-" || t2 == "-") { printf "| %s | failed | | | | |\n", f; exit }
     m = m1 > m2 ? m1 : m2
-    printf "| %s | %.2f s | %.2f s | %.2fx | %d | %.2fx |\n", f, t1, t2, t1 / t2, m, t2 / ct }'
+    printf "| %s | %.3f s | %.3f s | %.2fx | %d | %.2fx |\n", f, t1, t2, t1 / t2, m, t2 / ct }'
 done
 echo "load: $(uptime | sed 's/.*load average: //')"
