@@ -187,14 +187,8 @@ void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std
     rows.resize(count * bytesPerRow_);
     put(key(index, piecesPerStrip_), {std::make_shared<const Piece>(std::move(rows)), 0, width_});
   } else {
-    for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
-      const std::size_t pw = pieceWidth(c), rowBytes = pw * bytesPerPixel_;
-      auto piece = std::make_shared<Piece>(count * rowBytes);
-      for (std::size_t k = 0; k < count; ++k)
-        std::memcpy(piece->data() + k * rowBytes, rows.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_,
-                    rowBytes);
-      put(key(index, c), {std::move(piece), c * kChunkPixels, pw});
-    }
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c)
+      put(key(index, c), {cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)});
   }
   ++stats_.stripsDecoded;
   const std::size_t limit = kBudgetGrowth * initialBudget_;
@@ -226,6 +220,15 @@ void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std
   stats_.peakBytes = std::max(stats_.peakBytes, bytes_);
 }
 
+std::shared_ptr<const StripCache::Piece> StripCache::cutPiece(const std::uint8_t* rows, std::size_t count,
+                                                               std::size_t c) const {
+  const std::size_t rowBytes = pieceWidth(c) * bytesPerPixel_;
+  auto piece = std::make_shared<Piece>(count * rowBytes);
+  for (std::size_t k = 0; k < count; ++k)
+    std::memcpy(piece->data() + k * rowBytes, rows + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_, rowBytes);
+  return piece;
+}
+
 // The strips kept whole, cut into pieces (each with the strip's last use and whether it was
 // read), from now on as every strip decoded.
 void StripCache::cutIntoPieces() const {
@@ -243,14 +246,9 @@ void StripCache::cutIntoPieces() const {
     const Piece& rows = *e.held.piece;
     const std::size_t count = rows.size() / bytesPerRow_;
     for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
-      const std::size_t pw = pieceWidth(c), rowBytes = pw * bytesPerPixel_;
-      auto piece = std::make_shared<Piece>(count * rowBytes);
-      for (std::size_t k = 0; k < count; ++k)
-        std::memcpy(piece->data() + k * rowBytes, rows.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_,
-                    rowBytes);
       // Only the pieces of the columns read so far count as read.
       const bool read = (e.readPieces >> std::min<std::size_t>(c, 63)) & 1;
-      pieces_[key(index, c)] = Entry{{std::move(piece), c * kChunkPixels, pw}, e.lastUse, read};
+      pieces_[key(index, c)] = Entry{{cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)}, e.lastUse, read};
     }
     e.held.piece.reset();  // one strip at a time: never the cache twice over
   }

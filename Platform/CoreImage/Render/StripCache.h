@@ -120,6 +120,8 @@ class StripCache {
   bool goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
                   std::size_t floor) const;
   std::size_t pieceWidth(std::size_t c) const { return std::min(kChunkPixels, width_ - c * kChunkPixels); }
+  // Piece c of a strip's `count` rows (bytesPerRow_ apart in `rows`): its columns' bytes, copied.
+  std::shared_ptr<const Piece> cutPiece(const std::uint8_t* rows, std::size_t count, std::size_t c) const;
   // With decodeMutex_ held.
   void position(std::size_t index, std::size_t lastIndex) const;
   void decodeNext() const;

@@ -11,23 +11,14 @@
 #include <vector>
 
 #include "CoreImage/Builtins/BlurKernels.h"
+#include "HighwayTargets.h"
 
 namespace {
 
 using qv::blur::gridValue;
 using qv::blur::kGridQuantum;
 
-template <class Body>
-void forEachTarget(Body&& body) {
-  const std::vector<std::int64_t> targets = hwy::SupportedAndGeneratedTargets();
-  ASSERT_FALSE(targets.empty());
-  for (std::int64_t target : targets) {
-    hwy::SetSupportedTargetsForTest(target);
-    SCOPED_TRACE(hwy::TargetName(target));
-    body();
-  }
-  hwy::SetSupportedTargetsForTest(0);
-}
+using qvtest::forEachTarget;
 
 std::uint32_t bits(float v) { return std::bit_cast<std::uint32_t>(v); }
 std::uint64_t bits(double v) { return std::bit_cast<std::uint64_t>(v); }

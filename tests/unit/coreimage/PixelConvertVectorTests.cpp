@@ -13,22 +13,11 @@
 
 #include "CoreImage/ColorSpace.h"
 #include "CoreImage/Render/PixelConvert.h"
+#include "HighwayTargets.h"
 
 namespace {
 
-// Runs `body` once per instruction set Highway can dispatch to here, restoring the normal
-// choice afterwards.
-template <class Body>
-void forEachTarget(Body&& body) {
-  const std::vector<std::int64_t> targets = hwy::SupportedAndGeneratedTargets();
-  ASSERT_FALSE(targets.empty());
-  for (std::int64_t target : targets) {
-    hwy::SetSupportedTargetsForTest(target);
-    SCOPED_TRACE(hwy::TargetName(target));
-    body();
-  }
-  hwy::SetSupportedTargetsForTest(0);
-}
+using qvtest::forEachTarget;
 
 // Both conversions over whole buffers, then again over short runs at every offset (runs that
 // end inside a vector, so that the scalar tail takes over at every position).
