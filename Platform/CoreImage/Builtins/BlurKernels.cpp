@@ -1,6 +1,7 @@
 #include "CoreImage/Builtins/BlurKernels.h"
 
 #include "CoreImage/Builtins/BlurNode.h"
+#include "CoreImage/TargetClones.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,12 +10,10 @@
 // The hot loops are compiled twice on x86-64, for AVX2 and for the baseline, and the loader
 // picks one per process; every tile of a render therefore runs the same code. They are built
 // without floating-point trap semantics (no result changes) so that the compiler may turn the
-// clamps and selects into vector blends. Sanitizer builds keep one version: the loader runs the
-// version resolvers before a sanitizer's runtime is ready for instrumented code.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__)
+// clamps and selects into vector blends (one version where TargetClones.h says so).
+#if QV_TARGET_CLONES
 #define QV_BLUR_CLONES __attribute__((target_clones("avx2", "default"), optimize("no-trapping-math")))
-#elif defined(__GNUC__) && !defined(__clang__)
+#elif QV_GCC
 #define QV_BLUR_CLONES __attribute__((optimize("no-trapping-math")))
 #else
 #define QV_BLUR_CLONES

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+
+#include "CoreImage/TargetClones.h"
 #if defined(__SSE__)
 #include <immintrin.h>
 #endif
@@ -17,10 +19,8 @@
 // Row loops over Float8 groups are compiled twice on x86-64, for AVX2 and for the baseline, and
 // the loader picks one per process, so every tile of a render runs the same code. The AVX2
 // target has no fused multiply-add: both versions run the same IEEE operations one by one and
-// give the same bits. Sanitizer builds keep one version: the loader runs the version resolvers
-// before a sanitizer's runtime is ready for instrumented code.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__)
+// give the same bits (one version where TargetClones.h says so).
+#if QV_TARGET_CLONES
 #define QV_LANE_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define QV_LANE_CLONES

@@ -10,6 +10,7 @@
 #include "CoreImage/Builtins/ColorNodeSupport.h"
 #include "CoreImage/Builtins/Float4.h"
 #include "CoreImage/ColorSpace.h"
+#include "CoreImage/TargetClones.h"
 
 using namespace qv::builtins;
 
@@ -38,11 +39,10 @@ inline void mixInto(float* o, const RGBA& c0, const RGBA& c1, float t) {
 // division bounded the whole loop) may move t by one unit in the last place of a double, which
 // rounding t to float hides nearly always: at most 1e-7 of the colour span.
 // Compiled for AVX2 too (four doubles a step instead of two; no fused multiply-add, so the same
-// bits), except in sanitizer builds, whose runtime is not ready when the loader picks a version.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__)
+// bits), where TargetClones.h allows.
+#if QV_TARGET_CLONES
 __attribute__((target_clones("avx2", "default"), optimize("no-trapping-math")))
-#elif defined(__GNUC__) && !defined(__clang__)
+#elif QV_GCC
 __attribute__((optimize("no-trapping-math")))
 #endif
 void gradientPositions(float* t, std::size_t n, double x0, double p0x, double dx, double py, double invLen2) {
@@ -58,13 +58,11 @@ void gradientPositions(float* t, std::size_t n, double x0, double p0x, double dx
 // pixels at once), and the loader picks one per process. Neither AVX2 clone has fused
 // multiply-adds, the random generator is integer hashing and exact conversions of 24-bit
 // integers, and the square roots never see a negative number (so errno, which the loops do not
-// set, changes nothing): every version gives the same bits. Sanitizer builds keep one version
-// (the loader runs the resolvers before their runtime is ready).
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__)
+// set, changes nothing): every version gives the same bits (one version where TargetClones.h says so).
+#if QV_TARGET_CLONES
 #define QV_RANDOM_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
 #define QV_GRADIENT_CLONES __attribute__((target_clones("avx2", "default"), optimize("no-math-errno")))
-#elif defined(__GNUC__) && !defined(__clang__)
+#elif QV_GCC
 #define QV_RANDOM_CLONES
 #define QV_GRADIENT_CLONES __attribute__((optimize("no-math-errno")))
 #else

@@ -6,17 +6,17 @@
 #include <cstring>
 
 #include "CoreImage/Builtins/BlurKernels.h"
+#include "CoreImage/TargetClones.h"
 
 // Compiled twice on x86-64, for AVX2 and for the baseline, the loader picking one per process
 // (so every tile of a render runs the same code), without floating-point trap semantics or
 // errno for the square root (so that the lines' set-up loop vectorises; no result changes); one
-// version in sanitizer builds, whose runtime is not ready when the loader runs the resolvers.
+// version where TargetClones.h says so.
 // The same rule as the blur kernels' loops (BlurKernels.cpp).
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__)
+#if QV_TARGET_CLONES
 #define QV_ZOOM_CLONES \
   __attribute__((target_clones("avx2", "default"), optimize("no-trapping-math", "no-math-errno")))
-#elif defined(__GNUC__) && !defined(__clang__)
+#elif QV_GCC
 #define QV_ZOOM_CLONES __attribute__((optimize("no-trapping-math", "no-math-errno")))
 #else
 #define QV_ZOOM_CLONES

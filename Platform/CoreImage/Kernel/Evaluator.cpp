@@ -8,12 +8,11 @@
 #include <cstring>
 #include <vector>
 
+#include "CoreImage/TargetClones.h"
+
 // The lane loops are compiled for AVX2 and for the baseline, the loader picking one per
-// process. Sanitizer builds keep one version: the loader runs the version resolvers before a
-// sanitizer's runtime is ready for instrumented code (a thread-sanitized program crashed while
-// being loaded).
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__)
+// process (one version where TargetClones.h says so).
+#if QV_TARGET_CLONES
 #define QV_KERNEL_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define QV_KERNEL_CLONES
