@@ -11,6 +11,7 @@
 #include "Dialog.h"
 #include "Foundation/NSException.h"
 #include "Pixels.h"
+#include "PlugIns.h"
 #include "Procedures.h"
 #include "Recipe.h"
 #include "TextureCatalogue.h"
@@ -259,9 +260,15 @@ void run(const gchar* name, gint nparams, const GimpParam* params, gint* nreturn
   // Loading babl's cache of conversion paths makes babl time its lookup tables first, about
   // half a second at every call. A call whose pixels cross unconverted needs no conversion
   // path, so it starts babl without the cache (and leaves the cache as it is).
+  // Such a call also needs none of babl's extensions: it gives babl the folder of one beside the
+  // plug-in (babl-0.1/, made by the build), whose start then skips timing the conversion paths
+  // between all of them (about 35 ms). Without that folder babl loads its own.
   if (nparams >= 3 && static_cast<GimpRunMode>(params[0].data.d_int32) != GIMP_RUN_INTERACTIVE &&
-      qvgimp::crossesUnconverted(params[1].data.d_image, params[2].data.d_drawable))
+      qvgimp::crossesUnconverted(params[1].data.d_image, params[2].data.d_drawable)) {
     g_setenv("BABL_INHIBIT_CACHE", "1", TRUE);
+    const std::string extensions = qvExecutableDirectory() + "/babl-0.1";
+    if (g_file_test(extensions.c_str(), G_FILE_TEST_IS_DIR)) g_setenv("BABL_PATH", extensions.c_str(), TRUE);
+  }
   gegl_init(nullptr, nullptr);
   // GEGL keeps the tiles a buffer read or wrote in its cache until the buffer goes, up to the
   // cache's size: the layer's tiles behind the rows the engine already holds in bands, and the

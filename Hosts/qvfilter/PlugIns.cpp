@@ -15,23 +15,22 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The directory of the running executable (empty when it cannot be found).
-fs::path executableDirectory() {
-  std::error_code ec;
-  fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-  if (ec) return {};
-  return exe.parent_path();
-}
-
 // Beside the executable (a plug-in host such as GIMP's keeps the bundle next to itself), then
 // lib/qvfilter/ of the tree the executable is installed in.
 std::vector<std::string> executableLocations() {
-  const fs::path bin = executableDirectory();
+  const fs::path bin = qvExecutableDirectory();
   if (bin.empty()) return {};
   return {bin.string(), (bin / ".." / "lib" / "qvfilter").lexically_normal().string()};
 }
 
 }  // namespace
+
+std::string qvExecutableDirectory() {
+  std::error_code ec;
+  const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+  if (ec) return {};
+  return exe.parent_path().string();
+}
 
 std::vector<std::string> qvPlugInSearchPath(const std::vector<std::string>& installedLocations) {
   std::vector<std::string> path;

@@ -26,6 +26,9 @@ std::vector<std::string> qvPlugInSearchPath(const std::vector<std::string>& inst
 // cannot be found.
 std::string qvDirectoryOfLoadedObject(const void* address);
 
+// The directory of the running executable; "" when it cannot be found.
+std::string qvExecutableDirectory();
+
 // The filters the loaded bundles offer: the registered classes their filter descriptions name,
 // sorted.
 std::vector<std::string> qvPlugInFilterNames();
