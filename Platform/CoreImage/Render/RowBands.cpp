@@ -82,6 +82,11 @@ std::shared_ptr<const RowBands::Band> RowBands::band(std::size_t index) const {
     waited = true;
     changed_.wait(lock);  // another thread fetches it; if that fails, the entry goes and this one fetches
   }
+  return fetchAndStore(lock, index, true);
+}
+
+std::shared_ptr<const RowBands::Band> RowBands::fetchAndStore(std::unique_lock<std::mutex>& lock, std::size_t index,
+                                                             bool read) const {
   bands_[index];  // in flight
   lock.unlock();
   std::shared_ptr<const Band> rows;
@@ -94,7 +99,7 @@ std::shared_ptr<const RowBands::Band> RowBands::band(std::size_t index) const {
     throw;
   }
   lock.lock();
-  store(index, rows, true);
+  store(index, rows, read);
   changed_.notify_all();
   return rows;
 }
@@ -156,22 +161,12 @@ void RowBands::readAhead() const {
       changed_.wait(lock);
       continue;
     }
-    bands_[next];  // in flight
-    lock.unlock();
-    std::shared_ptr<const Band> rows;
     try {
-      rows = fetch(next);
+      fetchAndStore(lock, next, false);
+      ++stats_.fetchedAhead;
     } catch (...) {
       // The tile that needs the band fetches it again and fails with the provider's own error.
-      lock.lock();
-      bands_.erase(next);
-      changed_.notify_all();
       requested_ = false;  // no more reading ahead until the next request
-      continue;
     }
-    lock.lock();
-    ++stats_.fetchedAhead;
-    store(next, std::move(rows), false);
-    changed_.notify_all();
   }
 }

@@ -60,6 +60,10 @@ class RowBands {
   };
   std::shared_ptr<const Band> band(std::size_t index) const;
   std::shared_ptr<const Band> fetch(std::size_t index) const;
+  // With `lock` (on mutex_) held: fetches band `index` with the lock released, marked in flight
+  // meanwhile, and stores it. If the fetch fails, the mark goes (the waiting threads fetch it
+  // themselves) and the error goes on to the caller, the lock held again.
+  std::shared_ptr<const Band> fetchAndStore(std::unique_lock<std::mutex>& lock, std::size_t index, bool read) const;
   // With mutex_ held: stores a fetched band, then evicts down to the budget.
   void store(std::size_t index, std::shared_ptr<const Band> rows, bool read) const;
   void evict() const;
