@@ -297,8 +297,11 @@ DrawableInput rowsImage(std::int32_t drawable, std::size_t budgetBytes) {
   return DrawableInput{CIImage::imageWithRowProvider(rows, width, height, options), rows};
 }
 
+// Bytes of one of the drawable's pixels as the engine reads them: 8-bit RGBA or four floats.
+std::size_t bytesPerPixel(std::int32_t drawable) { return srgb8Format(drawable) ? 4u : 16u; }
+
 std::size_t rowBytes(const DrawableRows& rows, std::int32_t drawable) {
-  return static_cast<std::size_t>(rows.width()) * (srgb8Format(drawable) ? 4u : 16u);
+  return static_cast<std::size_t>(rows.width()) * bytesPerPixel(drawable);
 }
 
 }  // namespace
@@ -307,9 +310,8 @@ DrawableInput drawableInput(std::int32_t drawable) {
   // Room for four of the output's strips (the read-ahead gets half): the two workers read rows
   // of the strip they render and of the next, with a blur's margins.
   const int width = gimp_drawable_width(drawable);
-  const std::size_t bytesPerPixel = srgb8Format(drawable) ? 4u : 16u;
-  const std::size_t budget =
-      4u * static_cast<std::size_t>(stripRows(width)) * static_cast<std::size_t>(std::max(width, 1)) * bytesPerPixel;
+  const std::size_t budget = 4u * static_cast<std::size_t>(stripRows(width)) *
+                             static_cast<std::size_t>(std::max(width, 1)) * bytesPerPixel(drawable);
   return rowsImage(drawable, budget);
 }
 
