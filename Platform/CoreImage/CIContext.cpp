@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <future>
 #include <mutex>
 #include <unordered_map>
@@ -57,6 +58,10 @@ constexpr std::int64_t kMaxColumnPixels = 4096;
 constexpr std::int64_t kEncoderStripBytes = std::int64_t{3} << 20;
 // Bytes of one working pixel: four floats.
 constexpr std::int64_t kWorkingPixelBytes = 16;
+// The most working bytes of one band of rows that a node reading its input in bands
+// (ImageNode::readsInputInBands) is handed at once: in bytes, not rows, so that a wider picture
+// gets lower bands rather than twice the memory.
+constexpr std::int64_t kInputBandBytes = std::int64_t{1} << 20;
 // The largest image the renderer accepts in one call (pixels).
 constexpr std::int64_t kMaxRenderPixels = std::int64_t{1} << 34;
 
@@ -69,6 +74,9 @@ struct Plan {
   std::vector<int> edges;                // per node, how many input slots refer to it
   std::vector<PixelRect> extent;         // per node, the pixels its extent touches
   std::vector<std::shared_ptr<const ImageNode>> owned;  // nodes the plan put in place of the graph's
+  // Per node that is handed its input in bands (ImageNode::readsInputInBands), the nodes of its
+  // input's subgraph, the input first; empty for every other node.
+  std::vector<std::vector<int>> bandedSubgraph;
 };
 
 Plan makeGraphPlan(const ImageNode* root) {
@@ -161,9 +169,39 @@ void shrinkOnLoad(Plan& plan) {
   }
 }
 
+// Marks the nodes that read their input in bands (ImageNode::readsInputInBands) where that is
+// possible: their one input and everything below it are read by nothing outside that subgraph,
+// so that rendering the subgraph a band at a time changes nothing any other node sees.
+void markBandedReads(Plan& plan) {
+  const std::size_t n = plan.nodes.size();
+  plan.bandedSubgraph.assign(n, {});
+  for (std::size_t b = 0; b < n; ++b) {
+    if (!plan.nodes[b]->readsInputInBands() || plan.inputs[b].size() != 1 || plan.inputs[b][0] < 0) continue;
+    const int top = plan.inputs[b][0];
+    if (plan.edges[std::size_t(top)] != 1) continue;
+    std::vector<char> inside(n, 0);
+    std::vector<int> nodes{top}, slots(n, 0);
+    inside[std::size_t(top)] = 1;
+    for (std::size_t k = 0; k < nodes.size(); ++k)
+      for (int in : plan.inputs[std::size_t(nodes[k])]) {
+        if (in < 0) continue;
+        ++slots[std::size_t(in)];
+        if (!inside[std::size_t(in)]) {
+          inside[std::size_t(in)] = 1;
+          nodes.push_back(in);
+        }
+      }
+    bool exclusive = true;
+    for (std::size_t k = 1; k < nodes.size(); ++k)
+      exclusive = exclusive && slots[std::size_t(nodes[k])] == plan.edges[std::size_t(nodes[k])];
+    if (exclusive) plan.bandedSubgraph[b] = std::move(nodes);
+  }
+}
+
 Plan makePlan(const ImageNode* root, const CIContextOptions& options) {
   Plan plan = makeGraphPlan(root);
   if (options.fastShrink) shrinkOnLoad(plan);
+  markBandedReads(plan);
   return plan;
 }
 
@@ -178,6 +216,9 @@ struct Regions {
                                   // within the node's extent: what the node renders
   std::vector<char> carried;      // whether part of `needed` is carried over
   std::vector<std::vector<PixelRect>> roi;
+  // Per node handed its input in bands, the whole region of its input when that is more than
+  // one band (roi then holds only the lowest band, the one render() is handed); else empty.
+  std::vector<PixelRect> banded;
 };
 
 // Whether a node that holds `held` from the tile above can keep part of it for `needed`: the
@@ -193,17 +234,26 @@ bool continues(const ImageNode& node, const PixelRect& last, const PixelRect& wo
          last.y == work.maxY();
 }
 
+// The rows of one band of `region` handed to a node that reads its input in bands.
+std::int64_t bandRows(const PixelRect& region) {
+  return std::max<std::int64_t>(1, kInputBandBytes / (std::max<std::int64_t>(1, region.width) * kWorkingPixelBytes));
+}
+
+// The regions of `rect` of node `start` and of what it reads (`start` 0, the root: of a tile).
 // `held` is what each node holds from the tile above and `last` what it rendered last (empty:
-// nothing).
-void computeRegions(const Plan& plan, const PixelRect& tile, const std::vector<PixelRect>& held,
-                    const std::vector<PixelRect>& last, Regions& r) {
+// nothing). With `bands`, a node that is handed its input in bands asks here for the lowest
+// band only (Regions::banded).
+void computeRegions(const Plan& plan, std::size_t start, const PixelRect& rect, const std::vector<PixelRect>& held,
+                    const std::vector<PixelRect>& last, Regions& r, bool bands = true) {
   const std::size_t n = plan.nodes.size();
   r.needed.assign(n, PixelRect{});
   r.work.assign(n, PixelRect{});
   r.carried.assign(n, 0);
   r.roi.resize(n);
-  r.needed[0] = tile;
-  for (std::size_t i = 0; i < n; ++i) {
+  r.banded.assign(n, PixelRect{});
+  r.needed[start] = rect;
+  for (std::size_t i = 0; i < start; ++i) r.roi[i].clear();
+  for (std::size_t i = start; i < n; ++i) {
     r.roi[i].assign(plan.inputs[i].size(), PixelRect{});
     const PixelRect& need = r.needed[i];
     if (need.empty()) continue;
@@ -219,7 +269,11 @@ void computeRegions(const Plan& plan, const PixelRect& tile, const std::vector<P
     for (std::size_t k = 0; k < plan.inputs[i].size(); ++k) {
       const int in = plan.inputs[i][k];
       if (in < 0) continue;
-      const PixelRect roi = below ? node.regionOfInterestBelow(k, r.work[i]) : node.regionOfInterest(k, r.work[i]);
+      PixelRect roi = below ? node.regionOfInterestBelow(k, r.work[i]) : node.regionOfInterest(k, r.work[i]);
+      if (bands && !plan.bandedSubgraph[i].empty() && roi.height > bandRows(roi)) {
+        r.banded[i] = roi;
+        roi.height = bandRows(roi);
+      }
       r.roi[i][k] = roi;
       r.needed[std::size_t(in)] = r.needed[std::size_t(in)].unionWith(roi);
     }
@@ -245,51 +299,7 @@ class TileEvaluator {
   // Renders `tile` of the root and returns a view of it (valid until the next call). After an
   // exception the evaluator is not used again: the render it belongs to has failed.
   ConstPixelTile evaluate(const PixelRect& tile) {
-    computeRegions(plan_, tile, held_, last_, regions_);
-    const std::size_t n = plan_.nodes.size();
-    // Buffers held from the tile above that this tile cannot use go back to the pool.
-    for (std::size_t i = 0; i < n; ++i)
-      if (buffer_[i] >= 0 && !regions_.carried[i]) drop(i);
-    std::vector<int> remaining = plan_.edges;
-    std::vector<ConstPixelTile> ins;
-    for (std::size_t ii = n; ii-- > 0;) {
-      const PixelRect& need = regions_.needed[ii];
-      if (need.empty()) continue;
-      if (need.area() > kMaxBufferPixels)
-        throw CIRenderError("the region of interest of \"" + plan_.nodes[ii]->name() + "\" is too large to render");
-      const PixelRect& work = regions_.work[ii];
-      // The rows the node renders afresh (below those carried from the tile above) need no
-      // clearing when the node writes all of them: its extent covers them and it writes every
-      // pixel it renders.
-      const std::int64_t freshArea = regions_.carried[ii] ? (held_[ii].y - need.y) * need.width : need.area();
-      const bool clear = !(plan_.nodes[ii]->writesEveryPixel() && work.area() == freshArea);
-      if (regions_.carried[ii])
-        shiftDown(ii, need, clear);
-      else
-        buffer_[ii] = acquire(std::size_t(need.area()) * 4, clear);
-      held_[ii] = need;
-      float* base = buffers_[std::size_t(buffer_[ii])].data();
-      if (!work.empty()) {
-        ins.clear();
-        for (std::size_t k = 0; k < plan_.inputs[ii].size(); ++k) {
-          const int in = plan_.inputs[ii][k];
-          const PixelRect& roi = regions_.roi[ii][k];
-          if (in < 0 || roi.empty())
-            ins.push_back(ConstPixelTile{nullptr, PixelRect{}, 0});
-          else
-            ins.push_back(view(std::size_t(in), roi));
-        }
-        PixelTile out{base + ((work.y - need.y) * need.width + (work.x - need.x)) * 4, work, need.width * 4};
-        info_.state = &state_[ii];
-        plan_.nodes[ii]->render(out, ins, info_);
-        last_[ii] = work;
-      }
-      for (int in : plan_.inputs[ii]) {
-        if (in < 0) continue;
-        const auto k = std::size_t(in);
-        if (--remaining[k] == 0 && buffer_[k] >= 0 && !keep_[k]) drop(k);
-      }
-    }
+    renderRegion(0, tile, 0);
     const ConstPixelTile result = view(0, tile);
     const int resultBuffer = buffer_[0];
     if (!keep_[0]) drop(0);  // stays intact until the next acquire
@@ -298,7 +308,7 @@ class TileEvaluator {
     // buffers together hold more than the column's share of the memory budget, so that the
     // pool never grows past what the budget was checked against.
     std::size_t largest = 0;
-    for (const PixelRect& need : regions_.needed) largest = std::max(largest, std::size_t(need.area()) * 4);
+    for (const PixelRect& need : regions_[0].needed) largest = std::max(largest, std::size_t(need.area()) * 4);
     std::size_t total = 0;
     for (const auto& buf : buffers_) total += buf.capacity();
     std::vector<int> byCapacity(free_);
@@ -322,6 +332,96 @@ class TileEvaluator {
   }
 
  private:
+  // Renders `rect` of node `start` (0: a tile of the root) and what it reads. `depth` counts the
+  // nodes handed their input in bands that this render serves (0 for a tile).
+  void renderRegion(std::size_t start, const PixelRect& rect, std::size_t depth) {
+    if (regions_.size() <= depth) regions_.resize(depth + 1);
+    Regions& r = regions_[depth];
+    const std::size_t n = plan_.nodes.size();
+    // A node handed its input in bands first reads every band but the lowest: each is rendered
+    // by the input's subgraph alone, top down, so that its nodes continue from band to band as
+    // from tile to tile. The regions are then computed again, with what the bands left behind.
+    // Consumers first: the bands of a node below another banded one are the ones it needs for
+    // its consumer's lowest band.
+    std::vector<char> read(n, 0);
+    for (;;) {
+      computeRegions(plan_, start, rect, held_, last_, r);
+      std::size_t b = start;
+      while (b < n && (r.banded[b].empty() || read[b])) ++b;
+      if (b == n) break;
+      read[b] = 1;
+      const PixelRect whole = r.banded[b], lowest = r.roi[b][0], work = r.work[b];
+      const auto input = std::size_t(plan_.inputs[b][0]);
+      const std::int64_t rows = lowest.height;
+      for (std::int64_t y1 = whole.maxY(); y1 > lowest.maxY();) {
+        const std::int64_t y0 = std::max(lowest.maxY(), y1 - rows);
+        const PixelRect band{whole.x, y0, whole.width, y1 - y0};
+        renderRegion(input, band, depth + 1);
+        info_.state = &state_[b];
+        plan_.nodes[b]->readInputBand(work, view(input, band), info_);
+        y1 = y0;
+        if (buffer_[input] >= 0 && !keep_[input]) drop(input);
+      }
+    }
+    // Buffers held from the tile above that this tile cannot use go back to the pool (for the
+    // band of a subgraph, only its own nodes' buffers).
+    if (start == 0) {
+      for (std::size_t i = 0; i < n; ++i)
+        if (buffer_[i] >= 0 && !r.carried[i]) drop(i);
+    } else {
+      for (int i : subgraphOf(start))
+        if (buffer_[std::size_t(i)] >= 0 && !r.carried[std::size_t(i)]) drop(std::size_t(i));
+    }
+    std::vector<int> remaining = plan_.edges;
+    std::vector<ConstPixelTile> ins;
+    for (std::size_t ii = n; ii-- > start;) {
+      const PixelRect& need = r.needed[ii];
+      if (need.empty()) continue;
+      if (need.area() > kMaxBufferPixels)
+        throw CIRenderError("the region of interest of \"" + plan_.nodes[ii]->name() + "\" is too large to render");
+      const PixelRect& work = r.work[ii];
+      // The rows the node renders afresh (below those carried from the tile above) need no
+      // clearing when the node writes all of them: its extent covers them and it writes every
+      // pixel it renders.
+      const std::int64_t freshArea = r.carried[ii] ? (held_[ii].y - need.y) * need.width : need.area();
+      const bool clear = !(plan_.nodes[ii]->writesEveryPixel() && work.area() == freshArea);
+      if (r.carried[ii])
+        shiftDown(ii, need, clear);
+      else
+        buffer_[ii] = acquire(std::size_t(need.area()) * 4, clear);
+      held_[ii] = need;
+      float* base = buffers_[std::size_t(buffer_[ii])].data();
+      if (!work.empty()) {
+        ins.clear();
+        for (std::size_t k = 0; k < plan_.inputs[ii].size(); ++k) {
+          const int in = plan_.inputs[ii][k];
+          const PixelRect& roi = r.roi[ii][k];
+          if (in < 0 || roi.empty())
+            ins.push_back(ConstPixelTile{nullptr, PixelRect{}, 0});
+          else
+            ins.push_back(view(std::size_t(in), roi));
+        }
+        PixelTile out{base + ((work.y - need.y) * need.width + (work.x - need.x)) * 4, work, need.width * 4};
+        info_.state = &state_[ii];
+        plan_.nodes[ii]->render(out, ins, info_);
+        last_[ii] = work;
+      }
+      for (int in : plan_.inputs[ii]) {
+        if (in < 0) continue;
+        const auto k = std::size_t(in);
+        if (--remaining[k] == 0 && buffer_[k] >= 0 && !keep_[k]) drop(k);
+      }
+    }
+  }
+
+  // The nodes of the subgraph whose top node is `top`, the input of a node handed it in bands.
+  const std::vector<int>& subgraphOf(std::size_t top) const {
+    for (const auto& nodes : plan_.bandedSubgraph)
+      if (!nodes.empty() && std::size_t(nodes[0]) == top) return nodes;
+    static const std::vector<int> none;
+    return none;
+  }
+
   ConstPixelTile view(std::size_t node, const PixelRect& rect) const {
     const PixelRect& need = held_[node];
     const float* base = buffers_[std::size_t(buffer_[node])].data();
@@ -373,7 +473,7 @@ class TileEvaluator {
   RenderInfo info_;
   std::vector<char> keep_;
   std::size_t maxFloats_;
-  Regions regions_;
+  std::deque<Regions> regions_;  // of the tile, then of the bands it reads (see renderRegion)
   std::vector<PixelRect> held_;  // per node, the region its buffer holds
   std::vector<PixelRect> last_;  // per node, the region it rendered last
   std::vector<int> buffer_;      // per node, its buffer (-1: none)
@@ -408,12 +508,22 @@ struct Tiling {
   std::int64_t bytes(const PixelRect& bounds) const { return columnBytes * liveColumns(bounds); }
 };
 
+// Bytes node i holds for one tile of regions `r`: its buffer and, for a node handed its input in
+// bands, the input rows it keeps (at most those of its whole region of interest at its own
+// width; see ImageNode::readsInputInBands).
+std::int64_t nodeBytes(const Plan& plan, const Regions& r, std::size_t i) {
+  std::int64_t bytes = r.needed[i].area() * kWorkingPixelBytes;
+  if (!plan.bandedSubgraph[i].empty() && !r.work[i].empty())
+    bytes += plan.nodes[i]->regionOfInterest(0, r.work[i]).height * r.work[i].width * kWorkingPixelBytes;
+  return bytes;
+}
+
 // Bytes of all buffers of one tile's regions; raises `perNode` (sized like the plan) to each
 // node's bytes.
-std::int64_t regionBytes(const Regions& r, std::vector<std::int64_t>& perNode) {
+std::int64_t regionBytes(const Plan& plan, const Regions& r, std::vector<std::int64_t>& perNode) {
   std::int64_t bytes = 0;
   for (std::size_t i = 0; i < r.needed.size(); ++i) {
-    const std::int64_t b = r.needed[i].area() * kWorkingPixelBytes;
+    const std::int64_t b = nodeBytes(plan, r, i);
     perNode[i] = std::max(perNode[i], b);
     bytes += b;
   }
@@ -422,14 +532,16 @@ std::int64_t regionBytes(const Regions& r, std::vector<std::int64_t>& perNode) {
 
 // The regions of a tile of `width` × `height` at the top of `bounds` and, when there is one, of
 // the tile below it with what the first left behind; returns those of the second (steady) tile.
+// With `bands` as the render has them (Regions::banded); without, each node's whole regions,
+// which count the pixels the nodes compute and read.
 const Regions& probeTiles(const Plan& plan, const PixelRect& bounds, std::int64_t width, std::int64_t height,
-                          Regions& first, Regions& steady) {
+                          Regions& first, Regions& steady, bool bands = true) {
   static const std::vector<PixelRect> none;
   const PixelRect top{bounds.x, std::max(bounds.y, bounds.maxY() - height), width, std::min(height, bounds.height)};
-  computeRegions(plan, top, none, none, first);
+  computeRegions(plan, 0, top, none, none, first, bands);
   const std::int64_t y0 = std::max(bounds.y, top.y - height);
   if (y0 >= top.y) return first;
-  computeRegions(plan, PixelRect{bounds.x, y0, width, top.y - y0}, first.needed, first.work, steady);
+  computeRegions(plan, 0, PixelRect{bounds.x, y0, width, top.y - y0}, first.needed, first.work, steady, bands);
   return steady;
 }
 
@@ -440,8 +552,8 @@ Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, s
   if (&r == &steady) t.keep = steady.carried;
   t.threads = std::max(threads, 1);
   std::vector<std::int64_t> perNode(plan.nodes.size(), 0);
-  t.columnBytes = regionBytes(first, perNode);
-  if (&r == &steady) t.columnBytes = std::max(t.columnBytes, regionBytes(steady, perNode));
+  t.columnBytes = regionBytes(plan, first, perNode);
+  if (&r == &steady) t.columnBytes = std::max(t.columnBytes, regionBytes(plan, steady, perNode));
   for (std::size_t i = 0; i < perNode.size(); ++i) {
     if (perNode[i] > t.largestBytes) {
       t.largestBytes = perNode[i];
@@ -457,7 +569,7 @@ Tiling withKeep(const Plan& plan, const PixelRect& bounds, std::int64_t width, s
 double pixelWork(const Plan& plan, const PixelRect& bounds) {
   static const std::vector<PixelRect> none;
   Regions whole;
-  computeRegions(plan, bounds, none, none, whole);
+  computeRegions(plan, 0, bounds, none, none, whole, false);
   double pixels = 0;
   for (const PixelRect& work : whole.work) pixels += double(work.area());
   return pixels;
@@ -498,7 +610,9 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
   // workers, so that they stay balanced), not wider ones.
   const std::int64_t byWidth = (bounds.width + kMaxColumnPixels - 1) / kMaxColumnPixels;
   if (byWidth > columns) columns = (byWidth + columns - 1) / columns * columns;
-  Regions first, steady;
+  Regions first, steady, wholeFirst, wholeSteady;
+  const bool banded = std::any_of(plan.bandedSubgraph.begin(), plan.bandedSubgraph.end(),
+                                  [](const std::vector<int>& nodes) { return !nodes.empty(); });
   // The best tile height for `cols` columns: of the tiles worth their overhead within the tile
   // budget (within the target where some are), the lowest whose cost is close to the best.
   struct Choice {
@@ -518,7 +632,13 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
     std::vector<Probe> probes;
     for (std::int64_t h : kHeights) {
       const Regions& r = probeTiles(plan, bounds, width, h, first, steady);
-      const PixelRect& tile = r.needed[0];
+      // Where a node is handed its input in bands: the pixels computed and read count every
+      // band; a steady tile cut short by the picture's bottom counts with the first tile (alone
+      // it looks cheap only for the rows it lacks, and would pick a tile whose first one keeps
+      // many input rows); such a node's bytes are those of the first tile where they are more.
+      const Regions& whole = banded ? probeTiles(plan, bounds, width, h, wholeFirst, wholeSteady, false) : r;
+      const bool both = banded && &whole == &wholeSteady && wholeSteady.needed[0].height < h;
+      const std::int64_t area = r.needed[0].area() + (both ? wholeFirst.needed[0].area() : 0);
       // Columns whose nodes carry nothing from tile to tile give their buffers back after each
       // run down a strip: only one per thread holds buffers at a time.
       const bool carried = std::find(r.carried.begin(), r.carried.end(), 1) != r.carried.end();
@@ -526,20 +646,29 @@ Tiling chooseTiling(const Plan& plan, const PixelRect& bounds, int requested, in
       std::int64_t bytes = 0, pixels = 0;
       bool heavy = false;
       for (std::size_t i = 0; i < r.needed.size(); ++i) {
-        bytes += r.needed[i].area() * 16 * live;
-        pixels += r.work[i].area();
-        for (const PixelRect& roi : r.roi[i]) {
-          pixels += roi.area();
-          heavy = heavy || double(roi.area()) >= kHeavyReadRatio * double(std::max<std::int64_t>(1, r.work[i].area()));
-        }
+        std::int64_t b = nodeBytes(plan, r, i);
+        if (&r == &steady && !plan.bandedSubgraph[i].empty()) b = std::max(b, nodeBytes(plan, first, i));
+        bytes += b * live;
       }
+      auto count = [&](const Regions& regions) {
+        for (std::size_t i = 0; i < regions.needed.size(); ++i) {
+          pixels += regions.work[i].area();
+          for (const PixelRect& roi : regions.roi[i]) {
+            pixels += roi.area();
+            heavy = heavy || double(roi.area()) >=
+                                 kHeavyReadRatio * double(std::max<std::int64_t>(1, regions.work[i].area()));
+          }
+        }
+      };
+      count(whole);
+      if (both) count(wholeFirst);
       if (leastBytes < 0 || bytes < leastBytes) {
         leastBytes = bytes;
         leastWidth = width;
         leastHeight = h;
       }
       if (bytes > tileBudget) break;
-      probes.push_back({h, double(pixels) / double(tile.area()), bytes, heavy});
+      probes.push_back({h, double(pixels) / double(area), bytes, heavy});
       if (h >= bounds.height) break;
     }
     Choice c{width, 0, 0.0, !probes.empty(), false};

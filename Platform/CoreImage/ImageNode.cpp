@@ -61,6 +61,8 @@ RegionAnswer ImageNode::describeRegion(const PixelRect&, bool) const { return Re
 
 bool ImageNode::writeStored8(const PixelRect&, std::uint8_t*, std::ptrdiff_t, const RenderInfo&) const { return false; }
 
+void ImageNode::readInputBand(const PixelRect&, const ConstPixelTile&, const RenderInfo&) const {}
+
 RegionAnswer RegionAnswer::cutAt(const PixelRect& rect, Cut cut, std::int64_t at) {
   RegionAnswer a;
   const bool inside = cut == Cut::x ? at > rect.x && at < rect.maxX() : cut == Cut::y && at > rect.y && at < rect.maxY();

@@ -172,6 +172,18 @@ class ImageNode : public Object {
   virtual PixelRect regionOfInterestBelow(std::size_t index, const PixelRect& rect) const {
     return regionOfInterest(index, rect);
   }
+  // A node of one input that keeps what it needs of the input's rows as it reads them, at most
+  // the rows of its regionOfInterest at its own width (a downscale keeps them filtered to its
+  // output columns), answers true: it may then be handed its
+  // region of the input in bands of rows, top down, instead of all at once, so that the input
+  // never holds more than a band across the region's width. Where the renderer does so (only
+  // where nothing else reads the input's subgraph), it calls readInputBand for every band but
+  // the lowest, and then render() with the lowest band as in[0] (in[0].rect is that band, not
+  // the whole region). False by default.
+  virtual bool readsInputInBands() const { return false; }
+  // One band of the input region of output rectangle `rect`, handed before render() of `rect`,
+  // top band first (see readsInputInBands).
+  virtual void readInputBand(const PixelRect& rect, const ConstPixelTile& band, const RenderInfo& info) const;
   // A node that can draw itself under an affine transform (a generator whose formula takes the
   // transform in) returns a node that draws it so, at the transformed image's own pixels; null
   // (the default) when the transform must resample it.

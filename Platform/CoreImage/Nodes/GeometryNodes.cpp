@@ -179,7 +179,8 @@ PixelRect LanczosScaleNode::regionOfInterestBelow(std::size_t, const PixelRect& 
 // A column's stream: the horizontal taps of its output columns and the horizontally filtered
 // input rows [bottom, top) that output rows further down still read, row `top - 1` first.
 struct LanczosScaleNode::Stream {
-  PixelRect last;  // the output rows rendered last
+  PixelRect last;     // the output rows rendered last
+  PixelRect reading;  // the output rows whose input bands are being read (before their render)
   std::vector<std::int64_t> first;  // per output column, its first tap's input column
   std::vector<std::uint32_t> offset, count;  // per output column, its weights in `weight`
   std::vector<float> weight;
@@ -189,60 +190,78 @@ struct LanczosScaleNode::Stream {
   const float* row(std::int64_t j) const { return rows[std::size_t(top - 1 - j)].data(); }
 };
 
+LanczosScaleNode::Stream& LanczosScaleNode::streamFor(const PixelRect& rect, const ConstPixelTile& src,
+                                                      const RenderInfo& info, std::shared_ptr<void>& local) const {
+  std::shared_ptr<void>& slot = info.state ? *info.state : local;
+  auto* stream = static_cast<Stream*>(slot.get());
+  const bool continuing = stream && ((!stream->last.empty() && stream->last.x == rect.x &&
+                                      stream->last.width == rect.width && stream->last.y == rect.maxY()) ||
+                                     (!stream->reading.empty() && stream->reading == rect));
+  if (continuing) return *stream;
+  auto fresh = std::make_shared<Stream>();
+  stream = fresh.get();
+  slot = std::move(fresh);
+  // Horizontal taps of the column, cut to the input columns that hold pixels (the others are
+  // transparent: leaving them out changes no sum). Every band of a region spans its columns.
+  const std::int64_t lo = src.rect.x, hi = src.rect.maxX();
+  for (std::int64_t X = rect.x; X < rect.maxX(); ++X) {
+    const Taps t = tapsFor(ax_, X);
+    const std::int64_t a = std::max(lo, t.first), b = std::min(hi, t.first + std::int64_t(t.w.size()));
+    stream->first.push_back(a);
+    stream->offset.push_back(std::uint32_t(stream->weight.size()));
+    stream->count.push_back(std::uint32_t(std::max<std::int64_t>(0, b - a)));
+    for (std::int64_t i = a; i < b; ++i) stream->weight.push_back(t.w[std::size_t(i - t.first)]);
+  }
+  stream->top = stream->bottom = src.rect.empty() ? inputPixels_.maxY() : src.rect.maxY();
+  return *stream;
+}
+
+void LanczosScaleNode::readRows(Stream& stream, const ConstPixelTile& src) const {
+  if (src.rect.empty()) return;
+  const std::size_t columns = stream.first.size();
+  for (std::int64_t j = src.rect.maxY() - 1; j >= src.rect.y; --j) {
+    if (j >= stream.bottom) continue;  // cannot happen for a tile straight below; kept safe
+    std::vector<float> filtered(columns * 4);
+    const float* base = src.row(j) - src.rect.x * 4;
+    for (std::size_t X = 0; X < columns; ++X) {
+      const float* w = stream.weight.data() + stream.offset[X];
+      const float* p = base + stream.first[X] * 4;
+      float a0 = 0, a1 = 0, a2 = 0, a3 = 0;
+      for (std::uint32_t k = 0, n = stream.count[X]; k < n; ++k, p += 4) {
+        a0 += w[k] * p[0];
+        a1 += w[k] * p[1];
+        a2 += w[k] * p[2];
+        a3 += w[k] * p[3];
+      }
+      float* o = &filtered[X * 4];
+      o[0] = a0;
+      o[1] = a1;
+      o[2] = a2;
+      o[3] = a3;
+    }
+    if (stream.rows.empty()) stream.top = j + 1;
+    stream.rows.push_back(std::move(filtered));
+    stream.bottom = j;
+  }
+}
+
+void LanczosScaleNode::readInputBand(const PixelRect& rect, const ConstPixelTile& band, const RenderInfo& info) const {
+  std::shared_ptr<void> local;
+  Stream& stream = streamFor(rect, band, info, local);
+  stream.reading = rect;
+  readRows(stream, band);
+}
+
 void LanczosScaleNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const {
   const ConstPixelTile& src = in[0];
   std::shared_ptr<void> local;
-  std::shared_ptr<void>& slot = info.state ? *info.state : local;
-  auto* stream = static_cast<Stream*>(slot.get());
-  const bool continuing = stream && !stream->last.empty() && stream->last.x == out.rect.x &&
-                          stream->last.width == out.rect.width && stream->last.y == out.rect.maxY();
-  if (!continuing) {
-    auto fresh = std::make_shared<Stream>();
-    stream = fresh.get();
-    slot = std::move(fresh);
-    // Horizontal taps of the column, cut to the input columns that hold pixels (the others are
-    // transparent: leaving them out changes no sum).
-    const std::int64_t lo = src.rect.x, hi = src.rect.maxX();
-    for (std::int64_t X = out.rect.x; X < out.rect.maxX(); ++X) {
-      const Taps t = tapsFor(ax_, X);
-      const std::int64_t a = std::max(lo, t.first), b = std::min(hi, t.first + std::int64_t(t.w.size()));
-      stream->first.push_back(a);
-      stream->offset.push_back(std::uint32_t(stream->weight.size()));
-      stream->count.push_back(std::uint32_t(std::max<std::int64_t>(0, b - a)));
-      for (std::int64_t i = a; i < b; ++i) stream->weight.push_back(t.w[std::size_t(i - t.first)]);
-    }
-    stream->top = stream->bottom = src.rect.empty() ? inputPixels_.maxY() : src.rect.maxY();
-  }
+  Stream* stream = &streamFor(out.rect, src, info, local);
   stream->last = out.rect;
+  stream->reading = PixelRect{};
 
   // The new input rows, top down, each filtered to the column's output pixels.
   const std::size_t columns = std::size_t(out.rect.width);
-  if (!src.rect.empty()) {
-    for (std::int64_t j = src.rect.maxY() - 1; j >= src.rect.y; --j) {
-      if (j >= stream->bottom) continue;  // cannot happen for a tile straight below; kept safe
-      std::vector<float> filtered(columns * 4);
-      const float* base = src.row(j) - src.rect.x * 4;
-      for (std::size_t X = 0; X < columns; ++X) {
-        const float* w = stream->weight.data() + stream->offset[X];
-        const float* p = base + stream->first[X] * 4;
-        float a0 = 0, a1 = 0, a2 = 0, a3 = 0;
-        for (std::uint32_t k = 0, n = stream->count[X]; k < n; ++k, p += 4) {
-          a0 += w[k] * p[0];
-          a1 += w[k] * p[1];
-          a2 += w[k] * p[2];
-          a3 += w[k] * p[3];
-        }
-        float* o = &filtered[X * 4];
-        o[0] = a0;
-        o[1] = a1;
-        o[2] = a2;
-        o[3] = a3;
-      }
-      if (stream->rows.empty()) stream->top = j + 1;
-      stream->rows.push_back(std::move(filtered));
-      stream->bottom = j;
-    }
-  }
+  readRows(*stream, src);
 
   // The vertical pass: every output row sums the filtered rows of its taps in tap order.
   std::vector<float> acc(columns * 4);

@@ -38,13 +38,17 @@ class TileNode final : public ImageNode {
 // one rendered last asks only for the input rows not read yet, so a downscale by s holds about
 // s input rows of the column's width per output row instead of the 6·s of its kernel, and the
 // pixels do not depend on the tiling (each output pixel sums the same filtered rows in the same
-// order).
+// order). Those rows are also all it keeps of its input, so it takes its input in bands
+// (readsInputInBands): the first tile of a column, whose kernel reaches 6·s input rows across
+// the column's whole input width at once, then never has all of them as working pixels.
 class LanczosScaleNode final : public ImageNode {
  public:
   LanczosScaleNode(CIImage input, double sx, double sy);
   PixelRect regionOfInterest(std::size_t index, const PixelRect& rect) const override;
   PixelRect regionOfInterestBelow(std::size_t index, const PixelRect& rect) const override;
   bool continuesDown() const override { return true; }
+  bool readsInputInBands() const override { return true; }
+  void readInputBand(const PixelRect& rect, const ConstPixelTile& band, const RenderInfo& info) const override;
   void render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo& info) const override;
   std::string name() const override { return "lanczosScale"; }
 
@@ -78,6 +82,12 @@ class LanczosScaleNode final : public ImageNode {
   struct Stream;
   static Setup setup(const CGRect& in, double sx, double sy);
   LanczosScaleNode(CIImage input, const Setup& s);
+  // The column's stream for output rectangle `rect` whose input rows (or their first band) are
+  // `src`: the one kept in `info`'s state when `rect` continues it, else a fresh one there.
+  Stream& streamFor(const PixelRect& rect, const ConstPixelTile& src, const RenderInfo& info,
+                    std::shared_ptr<void>& local) const;
+  // Filters the input rows of `src` the stream has not read yet into it, top down.
+  void readRows(Stream& stream, const ConstPixelTile& src) const;
   // The input rows [first, end) clipped to the input's pixels, with the columns that `rect`
   // reads; empty when none of them holds pixels.
   PixelRect inputRows(const PixelRect& rect, std::int64_t first, std::int64_t end) const;

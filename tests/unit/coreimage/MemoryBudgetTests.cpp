@@ -210,6 +210,36 @@ TEST(MemoryBudget, ARenderOfATwiceAsWidePictureAllocatesAboutAsMuch) {
   EXPECT_LE(double(wide), 1.4 * double(narrow)) << narrow << " then " << wide;
 }
 
+TEST(MemoryBudget, ALargeDownscaleOfATwiceAsLargePictureAllocatesAboutAsMuch) {
+  // A picture 3000 x 2000 and then 6000 x 4000 scaled by Lanczos to the same 100 x 67 and
+  // written as a JPEG, on one thread and on two: a downscale by 30 and then by 60, whose kernel
+  // reaches 90 and then 180 input rows each side of an output row, across the column's whole
+  // input width. The input is handed to the rescale in bands of rows, and it keeps only the
+  // rows filtered to its own width, so what the render allocates at its peak stays about the
+  // same, not four times as much.
+  auto peakOf = [](double width, int threads) {
+    auto scale = CIFilter::filterWithName("CILanczosScaleTransform");
+    scale->setDefaults();
+    scale->setValue(plain(width, width * 2 / 3), kCIInputImageKey);
+    scale->setValue(Value(100 / width), kCIInputScaleKey);
+    const CIImage image = scale->outputImage();
+    EXPECT_EQ(image.extent(), CGRectMake(0, 0, 100, 67));
+    const std::string path = ::testing::TempDir() + "/budget-downscale.jpg";
+    const std::int64_t before = gLiveBytes.load();
+    gPeakBytes = before;
+    CIContext(budget(std::int64_t{1} << 32, threads)).writeToFile(image, path, image.extent(), 0.9);
+    const std::int64_t peak = gPeakBytes.load() - before;
+    std::remove(path.c_str());
+    return peak;
+  };
+  for (int threads : {1, 2}) {
+    const std::int64_t small = peakOf(3000, threads), large = peakOf(6000, threads);
+    EXPECT_LE(double(large), 1.3 * double(small)) << threads << " threads: " << small << " then " << large;
+    RecordProperty("peak_bytes_3000_wide_" + std::to_string(threads), std::to_string(small));
+    RecordProperty("peak_bytes_6000_wide_" + std::to_string(threads), std::to_string(large));
+  }
+}
+
 TEST(MemoryBudget, AFileIsDecodedWithoutHoldingItsBytes) {
   // A JPEG of a grainy picture (about 1.7 MB) read row by row from its file: what the source and
   // its reader allocate (a read buffer, libjpeg's state aside) is a small part of the file,
