@@ -55,7 +55,7 @@ constexpr std::int64_t kMinTileRowPixels = std::int64_t{1} << 17;
 constexpr std::int64_t kMaxColumnPixels = 4096;
 // Bytes of one strip handed to the encoder (8-bit RGBA): two of them are held, one encoding
 // while the next renders. In bytes, not rows, so that a wider picture gets shorter strips.
-constexpr std::int64_t kEncoderStripBytes = std::int64_t{3} << 20;
+constexpr std::int64_t kEncoderStripBytes = std::int64_t{1} << 20;
 // Bytes of one working pixel: four floats.
 constexpr std::int64_t kWorkingPixelBytes = 16;
 // The most working bytes of one band of rows that a node reading its input in bands
