@@ -262,6 +262,42 @@ TEST(Folds, CompositeReadsThroughTwoMatricesThatDoNotFoldIntoOne) {
   expectSamePixels(overColour, composite("CIOverlayBlendMode", opaque(colour(barrier)), picture), r);
 }
 
+// A colour layer (a constant colour, cut to a rectangle and faded) over a picture: the blend
+// computes the colour's terms once per run wherever the whole run lies inside the layer, and
+// reads it as the general row does where a run crosses its edge. Both give the pixels of the
+// same layer read from tiles, bit for bit, whole and tiled, with and without colour management,
+// for colours that take each side of the blends' choices.
+TEST(Folds, CompositeOfAColourLayerEqualsTheLayerReadFromTiles) {
+  const auto picture = makeTestImageWithAlpha(45, 31, CGPointMake(0, 0), 5);
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.7;
+  auto none = [](const CIImage& i) { return i; };
+  auto barrier = [](const CIImage& i) { return opaque(i); };
+  const CGRect r = CGRectMake(-3, -2, 50, 36);
+  CIContextOptions tiles;
+  tiles.tileSize = 16;
+  for (const CIColorRef& colour : {CIColor::colorWithRed(1, 1, 1, 1), CIColor::colorWithRed(0.3, 0.6, 0.2, 1),
+                                   CIColor::colorWithRed(0.5, 0.9, 0.1, 0.4), CIColor::colorWithRed(0.2, 0.2, 0.2, 0)}) {
+    // Cut to the whole picture (every run inside it) and to a rectangle inside (runs across it).
+    for (const CGRect& cut : {picture.extent(), CGRectMake(6.5, 3, 20.25, 17)}) {
+      auto layer = [&](auto b) {
+        return ColorMatrixNode::imageByApplyingMatrix(b(CIImage::imageWithColor(colour).imageByCroppingToRect(cut)), fade);
+      };
+      for (const char* op : {"CISoftLightBlendMode", "CIHardLightBlendMode", "CIPinLightBlendMode",
+                             "CIVividLightBlendMode", "CIScreenBlendMode", "CIOverlayBlendMode"}) {
+        const CIImage folded = composite(op, layer(none), picture);
+        const CIImage unfolded = composite(op, opaque(layer(barrier)), picture);
+        // The colour is not read from a tile: the picture is the only input.
+        EXPECT_EQ(folded.node()->inputs().size(), 1u) << op;
+        expectSamePixels(folded, unfolded, r);
+        EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, tiles), renderRGBAf(unfolded, r))) << op;
+        EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, unmanagedTiles()), renderRGBAf(unfolded, r, unmanagedTiles())))
+            << op;
+      }
+    }
+  }
+}
+
 TEST(Folds, CompositeReadsTheSourceOfASourceOverOntoNothing) {
   // A resampled layer put on a transparent canvas larger than the layer and smaller in part
   // (the canvas gives the layer its extent), cropped, faded by a matrix and blended over a
