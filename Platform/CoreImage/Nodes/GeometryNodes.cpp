@@ -71,7 +71,12 @@ PixelRect TileNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
 
 void TileNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
   const ConstPixelTile& src = in[0];
-  if (src.rect.empty() || cell_.empty()) return;
+  if (cell_.empty()) return;
+  if (src.rect.empty()) {  // not asked of a cell with pixels; cleared, as writesEveryPixel says
+    for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
+      std::memset(out.at(out.rect.x, y), 0, std::size_t(out.rect.width) * 4 * sizeof(float));
+    return;
+  }
   // Each row as runs of the cell's row: from the first pixel's place in the cell to the cell's
   // right edge, then whole cell rows from its left edge, one copy each.
   const std::int64_t firstX = cell_.x + floorMod(out.rect.x - cell_.x, cell_.width);
