@@ -520,6 +520,12 @@ struct CompositeInput {
   CIColorRef constant;  // the colour of a constant input (null: transparent, or not a constant)
   bool isConstant = false;
   int slot = -1;  // the index of `image` among the node's inputs
+  // The slot of an earlier input that reads the same image on the same rows (only its columns
+  // moved), or -1. Where the two reads together cover less than apart, that input's region
+  // holds this one's as well and this slot asks for nothing (see sharedRead): one render of
+  // the image (one decode of a file) serves both, as for a picture composited over itself
+  // moved sideways.
+  int partner = -1;
   CGRect extent;  // the extent of the image as given to the composite
   std::int64_t dx = 0, dy = 0;
   std::shared_ptr<const ColorMatrixNode> matrix;  // may be null
@@ -633,6 +639,15 @@ struct CompositeInput {
     if (windowed) r = r.intersection(window);
     return r.offset(-dx, -dy);
   }
+  // The tile this input reads: its own, or its partner's when its own region went to the
+  // partner's (an empty tile of its own then). Both hold the same image's pixels wherever they
+  // have them, and this input's reads outside its own region are outside the image or cut by
+  // its window, transparent either way.
+  const ConstPixelTile& tileOf(std::span<const ConstPixelTile> tiles) const {
+    const ConstPixelTile& own = tiles[std::size_t(slot)];
+    return partner >= 0 && own.rect.empty() ? tiles[std::size_t(partner)] : own;
+  }
+
   // What `rect` of the composite needs of the mask's image.
   PixelRect maskRegionOfInterest(const PixelRect& rect) const {
     if (!mask || isConstant) return {};
@@ -647,7 +662,7 @@ struct CompositeInput {
                    std::int64_t y, std::size_t n, RowBuffers& buffers) const {
     std::vector<float>& scratch = buffers.scratch;
     std::vector<float>& kept = buffers.kept;
-    const float* p = isConstant ? nullptr : inputRow(tiles[std::size_t(slot)], x0 - dx, y - dy, n, scratch);
+    const float* p = isConstant ? nullptr : inputRow(tileOf(tiles), x0 - dx, y - dy, n, scratch);
     if (mask && p) {
       // out = s·k + b·(1 − k) with s = nothing and b = the layer, as the blend with mask
       // computes it; k is the clamped Rec. 709 luminance of the mask's premultiplied colour.
@@ -724,6 +739,12 @@ struct CompositeInput {
     for (const CIImage& g : given) {
       folded.push_back(fold(g));
       if (!folded.back().isConstant) {
+        CompositeInput& f = folded.back();
+        for (std::size_t k = 0; k + 1 < folded.size() && f.partner < 0; ++k) {
+          const CompositeInput& other = folded[k];
+          if (!other.isConstant && other.partner < 0 && other.image.node() == f.image.node() && other.dy == f.dy)
+            f.partner = other.slot;
+        }
         folded.back().slot = int(images.size());
         images.push_back(folded.back().image);
         if (CompositeInput* m = folded.back().mask.get()) {
@@ -737,9 +758,32 @@ struct CompositeInput {
 };
 
 // The region of the node's input `index` that the folded inputs need for `rect`.
+// Whether the regions `a` and `b` need of one image are asked for as one: when they overlap,
+// so that the rectangle around both is smaller than the two apart.
+bool sharedRead(const PixelRect& a, const PixelRect& b) {
+  return !a.empty() && !b.empty() && a.unionWith(b).area() < a.area() + b.area();
+}
+
 PixelRect foldedRegionOfInterest(const std::vector<CompositeInput>& folded, std::size_t index, const PixelRect& rect) {
   for (const CompositeInput& f : folded) {
-    if (f.slot == int(index)) return f.regionOfInterest(rect);
+    if (f.slot == int(index)) {
+      const PixelRect own = f.regionOfInterest(rect);
+      PixelRect r = own;
+      for (const CompositeInput& g : folded) {
+        if (g.partner == f.slot) {
+          // This slot reads for its partner too where the two reads overlap (decided on this
+          // slot's own region, as the partner decides it).
+          const PixelRect other = g.regionOfInterest(rect);
+          if (sharedRead(own, other)) r = r.unionWith(other);
+        }
+      }
+      if (f.partner >= 0) {
+        for (const CompositeInput& g : folded) {
+          if (g.slot == f.partner && sharedRead(g.regionOfInterest(rect), r)) return {};
+        }
+      }
+      return r;
+    }
     if (f.mask && f.mask->slot == int(index)) return f.maskRegionOfInterest(rect);
   }
   return {};

@@ -298,6 +298,55 @@ TEST(Folds, CompositeOfAColourLayerEqualsTheLayerReadFromTiles) {
   }
 }
 
+// A picture composited over itself moved sideways (a faded copy shifted along its rows) reads
+// the picture twice on the same rows: where the two reads overlap, one region around both is
+// asked for once and both reads take their pixels from it; where they do not (a narrow tile of
+// a copy moved further than its width) or the rows differ, each asks for its own. The pixels
+// are those of the copy behind a node the folds cannot see through, whole, tiled and threaded.
+TEST(Folds, AnImageReadTwiceOnTheSameRowsIsAskedForOnceWhereTheReadsOverlap) {
+  const auto picture = makeTestImageWithAlpha(60, 40, CGPointMake(0, 0), 11);
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.35;
+  auto none = [](const CIImage& i) { return i; };
+  auto barrier = [](const CIImage& i) { return opaque(i); };
+  CIContextOptions tiles;
+  tiles.tileSize = 16;
+  const CGRect r = CGRectMake(-4, -3, 70, 48);
+  for (const auto& [dx, dy] : {std::pair{7, 0}, std::pair{-5, 0}, std::pair{55, 0}, std::pair{6, 3}}) {
+    auto layer = [&](auto b) {
+      return ColorMatrixNode::imageByApplyingMatrix(
+          b(picture.imageByApplyingTransform(CGAffineTransformMakeTranslation(dx, dy))), fade);
+    };
+    for (const char* op : {"CIScreenBlendMode", "CISourceOverCompositing"}) {
+      const CIImage folded = composite(op, layer(none), picture);
+      const CIImage unfolded = composite(op, opaque(layer(barrier)), picture);
+      const auto& inputs = folded.node()->inputs();
+      ASSERT_EQ(inputs.size(), 2u) << op;
+      EXPECT_EQ(inputs[0], picture) << op;
+      EXPECT_EQ(inputs[1], picture) << op;
+      // A rectangle both reads reach: 40 columns, or for the copy moved by 55 a narrow one
+      // whose two reads lie 55 columns apart.
+      const PixelRect wide = dx == 55 ? PixelRect{55, 8, 4, 16} : PixelRect{0, 8, 40, 16};
+      const PixelRect source = folded.node()->regionOfInterest(0, wide),
+                      background = folded.node()->regionOfInterest(1, wide);
+      if (dy == 0 && dx != 55) {
+        // One region around both reads, asked for by the first: the background asks nothing.
+        EXPECT_TRUE(background.empty()) << op << " dx " << dx;
+        EXPECT_EQ(source, wide.offset(-dx, 0).intersection(PixelRect::covering(picture.extent())).unionWith(wide))
+            << op << " dx " << dx;
+      } else {
+        // Apart: rows moved, or reads 55 columns apart that a rectangle around both would span.
+        EXPECT_FALSE(background.empty()) << op << " dx " << dx << " dy " << dy;
+        EXPECT_FALSE(source.empty()) << op << " dx " << dx << " dy " << dy;
+      }
+      expectSamePixels(folded, unfolded, r);
+      EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, tiles), renderRGBAf(unfolded, r, tiles))) << op;
+      EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, unmanagedTiles()), renderRGBAf(unfolded, r, unmanagedTiles())))
+          << op;
+    }
+  }
+}
+
 TEST(Folds, CompositeReadsTheSourceOfASourceOverOntoNothing) {
   // A resampled layer put on a transparent canvas larger than the layer and smaller in part
   // (the canvas gives the layer its extent), cropped, faded by a matrix and blended over a
