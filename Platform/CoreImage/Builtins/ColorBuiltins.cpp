@@ -177,17 +177,19 @@ template <bool kLinear, SecondMatrix kSecond, class V>
 // Eight pixels at a time, then four; a last group of fewer than four is padded with transparent
 // pixels. `out` may be `in`.
 template <bool kLinear, SecondMatrix kSecond>
-[[gnu::always_inline]] inline void applyMatricesRowOf(const float* c, const float* second, bool secondLinear,
-                                                       const float* s, float* o, std::size_t n) {
+[[gnu::always_inline]] inline void applyMatricesRowOf(const float* c, const float* second, const float* s, float* o,
+                                                       std::size_t n) {
+  // Without a second matrix, m2 holds the first's coefficients and is not used.
+  constexpr bool kSecondLinear = kSecond == SecondMatrix::linear;
   std::size_t i = 0;
   if (n >= 8) {
     const MatrixLanes<Float8> m1(c, kLinear);
-    const MatrixLanes<Float8> m2(second ? second : c, second ? secondLinear : kLinear);
+    const MatrixLanes<Float8> m2(second ? second : c, kSecondLinear);
     for (; i + 8 <= n; i += 8) applyMatricesToGroup<kLinear, kSecond>(m1, &m2, s + 4 * i, o + 4 * i);
   }
   if (i == n) return;
   const MatrixLanes<Float4> m1(c, kLinear);
-  const MatrixLanes<Float4> m2(second ? second : c, second ? secondLinear : kLinear);
+  const MatrixLanes<Float4> m2(second ? second : c, kSecondLinear);
   for (; i + 4 <= n; i += 4) applyMatricesToGroup<kLinear, kSecond>(m1, &m2, s + 4 * i, o + 4 * i);
   if (i < n) {
     float padded[16] = {}, result[16];
@@ -203,15 +205,15 @@ QV_LANE_CLONES void applyMatricesRow(const float* c, bool linear, const float* s
   // Every combination spelled out here, not in a helper lambda: a lambda's body would be
   // compiled for the baseline only, outside this function's clones.
   if (!second) {
-    if (linear) return applyMatricesRowOf<true, SecondMatrix::none>(c, second, secondLinear, s, o, n);
-    return applyMatricesRowOf<false, SecondMatrix::none>(c, second, secondLinear, s, o, n);
+    if (linear) return applyMatricesRowOf<true, SecondMatrix::none>(c, second, s, o, n);
+    return applyMatricesRowOf<false, SecondMatrix::none>(c, second, s, o, n);
   }
   if (secondLinear) {
-    if (linear) return applyMatricesRowOf<true, SecondMatrix::linear>(c, second, secondLinear, s, o, n);
-    return applyMatricesRowOf<false, SecondMatrix::linear>(c, second, secondLinear, s, o, n);
+    if (linear) return applyMatricesRowOf<true, SecondMatrix::linear>(c, second, s, o, n);
+    return applyMatricesRowOf<false, SecondMatrix::linear>(c, second, s, o, n);
   }
-  if (linear) return applyMatricesRowOf<true, SecondMatrix::general>(c, second, secondLinear, s, o, n);
-  return applyMatricesRowOf<false, SecondMatrix::general>(c, second, secondLinear, s, o, n);
+  if (linear) return applyMatricesRowOf<true, SecondMatrix::general>(c, second, s, o, n);
+  return applyMatricesRowOf<false, SecondMatrix::general>(c, second, s, o, n);
 }
 
 }  // namespace
