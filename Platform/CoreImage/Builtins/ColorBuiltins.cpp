@@ -104,33 +104,50 @@ CIImage ColorMatrixNode::imageByApplyingMatrix(const CIImage& input, const Color
 
 namespace {
 
+// One matrix's coefficients in every lane of V, splatted once per row (not once per group,
+// where the output's stores, which may alias the coefficients, keep them from staying in
+// registers). `c` holds the 20 coefficients of the one-pixel formula.
+template <class V>
+struct MatrixLanes {
+  // Linear in premultiplied space: c' = k·M3·c, a' = k·a (the products c[i]·k as one pixel
+  // computes them).
+  V linear[9];
+  V k;
+  // Otherwise the four rows of five.
+  V rows[20];
+  MatrixLanes(const float* c, bool premultipliedLinear) {
+    if (premultipliedLinear) {
+      const float kk = c[18];
+      for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) linear[3 * i + j] = splat<V>(c[5 * i + j] * kk);
+      k = splat<V>(kk);
+    } else {
+      for (int i = 0; i < 20; ++i) rows[i] = splat<V>(c[i]);
+    }
+  }
+};
+
 // The matrix on one group of pixels (V = Float4: four, Float8: eight) as component vectors, with
 // the operations of the one-pixel formula in the same order, so the bits are those of one pixel
-// at a time. `c` holds the 20 coefficients. `O` may be `P`.
-template <class V>
-[[gnu::always_inline]] inline void applyMatrixToComponents(const float* c, bool premultipliedLinear, const V P[4],
-                                                            V O[4]) {
+// at a time. `O` may be `P`.
+template <bool kLinear, class V>
+[[gnu::always_inline]] inline void applyMatrixToComponents(const MatrixLanes<V>& m, const V P[4], V O[4]) {
   const V zero = splat<V>(0), one = splat<V>(1);
-  if (premultipliedLinear) {
-    // c' = k·M3·c, a' = k·a: no division needed.
-    const float k = c[18];
-    const V m00 = splat<V>(c[0] * k), m01 = splat<V>(c[1] * k), m02 = splat<V>(c[2] * k);
-    const V m10 = splat<V>(c[5] * k), m11 = splat<V>(c[6] * k), m12 = splat<V>(c[7] * k);
-    const V m20 = splat<V>(c[10] * k), m21 = splat<V>(c[11] * k), m22 = splat<V>(c[12] * k);
+  if constexpr (kLinear) {
+    const V* l = m.linear;
     const V r = P[0], g = P[1], b = P[2], a = P[3];
-    O[0] = m00 * r + m01 * g + m02 * b;
-    O[1] = m10 * r + m11 * g + m12 * b;
-    O[2] = m20 * r + m21 * g + m22 * b;
-    O[3] = clamp01(splat<V>(k) * a);
+    O[0] = l[0] * r + l[1] * g + l[2] * b;
+    O[1] = l[3] * r + l[4] * g + l[5] * b;
+    O[2] = l[6] * r + l[7] * g + l[8] * b;
+    O[3] = clamp01(m.k * a);
   } else {
     const V a = P[3];
     const V inv = a > zero ? one / a : zero;
     const V r = P[0] * inv, g = P[1] * inv, b = P[2] * inv, ua = a > zero ? a : zero;
     V rows[4];
     for (int k = 0; k < 4; ++k) {
-      const int i = 5 * k;
-      rows[k] = splat<V>(c[i]) * r + splat<V>(c[i + 1]) * g + splat<V>(c[i + 2]) * b + splat<V>(c[i + 3]) * ua +
-                splat<V>(c[i + 4]);
+      const V* c = m.rows + 5 * k;
+      rows[k] = c[0] * r + c[1] * g + c[2] * b + c[3] * ua + c[4];
     }
     const V ao = clamp01(rows[3]);
     O[0] = rows[0] * ao;
@@ -140,31 +157,63 @@ template <class V>
   }
 }
 
-// One or two matrices (`second` may be null: then `c` alone) on one group of pixels: loaded
-// once, the first matrix then the second in registers, stored once.
-template <class V>
-[[gnu::always_inline]] inline void applyMatricesToGroup(const float* c, bool linear, const float* second,
-                                                         bool secondLinear, const float* in, float* out) {
+// How many matrices a row runs and of which kind: the first's, then the second's (none, linear
+// in premultiplied space, or general).
+enum class SecondMatrix { none, linear, general };
+
+// One or two matrices on one group of pixels: loaded once, the first matrix then the second in
+// registers, stored once.
+template <bool kLinear, SecondMatrix kSecond, class V>
+[[gnu::always_inline]] inline void applyMatricesToGroup(const MatrixLanes<V>& first, const MatrixLanes<V>* second,
+                                                         const float* in, float* out) {
   V P[4];
   loadPixels(in, P);
-  applyMatrixToComponents(c, linear, P, P);
-  if (second) applyMatrixToComponents(second, secondLinear, P, P);
+  applyMatrixToComponents<kLinear>(first, P, P);
+  if constexpr (kSecond == SecondMatrix::linear) applyMatrixToComponents<true>(*second, P, P);
+  if constexpr (kSecond == SecondMatrix::general) applyMatrixToComponents<false>(*second, P, P);
   storePixels(P, out);
 }
 
 // Eight pixels at a time, then four; a last group of fewer than four is padded with transparent
 // pixels. `out` may be `in`.
-QV_LANE_CLONES void applyMatricesRow(const float* c, bool linear, const float* second, bool secondLinear,
-                                     const float* s, float* o, std::size_t n) {
+template <bool kLinear, SecondMatrix kSecond>
+[[gnu::always_inline]] inline void applyMatricesRowOf(const float* c, const float* second, const float* s, float* o,
+                                                       std::size_t n) {
+  // Without a second matrix, m2 holds the first's coefficients and is not used.
+  constexpr bool kSecondLinear = kSecond == SecondMatrix::linear;
   std::size_t i = 0;
-  for (; i + 8 <= n; i += 8) applyMatricesToGroup<Float8>(c, linear, second, secondLinear, s + 4 * i, o + 4 * i);
-  for (; i + 4 <= n; i += 4) applyMatricesToGroup<Float4>(c, linear, second, secondLinear, s + 4 * i, o + 4 * i);
+  if (n >= 8) {
+    const MatrixLanes<Float8> m1(c, kLinear);
+    const MatrixLanes<Float8> m2(second ? second : c, kSecondLinear);
+    for (; i + 8 <= n; i += 8) applyMatricesToGroup<kLinear, kSecond>(m1, &m2, s + 4 * i, o + 4 * i);
+  }
+  if (i == n) return;
+  const MatrixLanes<Float4> m1(c, kLinear);
+  const MatrixLanes<Float4> m2(second ? second : c, kSecondLinear);
+  for (; i + 4 <= n; i += 4) applyMatricesToGroup<kLinear, kSecond>(m1, &m2, s + 4 * i, o + 4 * i);
   if (i < n) {
     float padded[16] = {}, result[16];
     std::copy(s + 4 * i, s + 4 * n, padded);
-    applyMatricesToGroup<Float4>(c, linear, second, secondLinear, padded, result);
+    applyMatricesToGroup<kLinear, kSecond>(m1, &m2, padded, result);
     std::copy(result, result + 4 * (n - i), o + 4 * i);
   }
+}
+
+// `c` is the first matrix's 20 coefficients, `second` the second's or null.
+QV_LANE_CLONES void applyMatricesRow(const float* c, bool linear, const float* second, bool secondLinear,
+                                     const float* s, float* o, std::size_t n) {
+  // Every combination spelled out here, not in a helper lambda: a lambda's body would be
+  // compiled for the baseline only, outside this function's clones.
+  if (!second) {
+    if (linear) return applyMatricesRowOf<true, SecondMatrix::none>(c, second, s, o, n);
+    return applyMatricesRowOf<false, SecondMatrix::none>(c, second, s, o, n);
+  }
+  if (secondLinear) {
+    if (linear) return applyMatricesRowOf<true, SecondMatrix::linear>(c, second, s, o, n);
+    return applyMatricesRowOf<false, SecondMatrix::linear>(c, second, s, o, n);
+  }
+  if (linear) return applyMatricesRowOf<true, SecondMatrix::general>(c, second, s, o, n);
+  return applyMatricesRowOf<false, SecondMatrix::general>(c, second, s, o, n);
 }
 
 }  // namespace

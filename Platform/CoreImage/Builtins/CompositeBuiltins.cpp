@@ -112,7 +112,18 @@ struct Screen { template <class T> static T blend(T cb, T cs) { return screen(cb
 struct Overlay { template <class T> static T blend(T cb, T cs) { return hardLight(cs, cb); } };
 struct ColorDodge { template <class T> static T blend(T cb, T cs) { return colorDodge(cb, cs); } };
 struct ColorBurn { template <class T> static T blend(T cb, T cs) { return colorBurn(cb, cs); } };
-struct HardLight { template <class T> static T blend(T cb, T cs) { return hardLight(cb, cs); } };
+struct HardLight {
+  template <class T> static T blend(T cb, T cs) { return hardLight(cb, cs); }
+  // B(cb, cs) for one source value in every lane: only the side of the choice it takes, with
+  // the terms of cs alone computed once (the same operations in the same order: the same bits).
+  template <class T>
+  struct Constant {
+    bool low;
+    T k;
+    explicit Constant(float cs) : low(cs <= 0.5f), k(splat<T>(low ? cs : 2.0f * cs - 1.0f)) {}
+    T operator()(T cb) const { return low ? cb * splat<T>(2) * k : screen(cb, k); }
+  };
+};
 struct SoftLight {
   template <class T>
   static T blend(T cb, T cs) {
@@ -120,6 +131,18 @@ struct SoftLight {
     const T d = cb <= splat<T>(0.25f) ? ((splat<T>(16) * cb - splat<T>(12)) * cb + splat<T>(4)) * cb : sqrtOf(cb);
     return cs <= splat<T>(0.5f) ? cb - (one - two * cs) * cb * (one - cb) : cb + (two * cs - one) * (d - cb);
   }
+  // A source at or below one half needs neither the square root nor the polynomial.
+  template <class T>
+  struct Constant {
+    bool low;
+    T k;
+    explicit Constant(float cs) : low(cs <= 0.5f), k(splat<T>(low ? 1.0f - 2.0f * cs : 2.0f * cs - 1.0f)) {}
+    T operator()(T cb) const {
+      if (low) return cb - k * cb * (splat<T>(1) - cb);
+      const T d = cb <= splat<T>(0.25f) ? ((splat<T>(16) * cb - splat<T>(12)) * cb + splat<T>(4)) * cb : sqrtOf(cb);
+      return cb + k * (d - cb);
+    }
+  };
 };
 struct Difference { template <class T> static T blend(T cb, T cs) { return absOf(cb - cs); } };
 struct Exclusion {
@@ -144,6 +167,13 @@ struct PinLight {
     const T twice = splat<T>(2) * cs;
     return cs < splat<T>(0.5f) ? minOf(cb, twice) : maxOf(cb, twice - splat<T>(1));
   }
+  template <class T>
+  struct Constant {
+    bool low;
+    T k;
+    explicit Constant(float cs) : low(cs < 0.5f), k(splat<T>(low ? 2.0f * cs : 2.0f * cs - 1.0f)) {}
+    T operator()(T cb) const { return low ? minOf(cb, k) : maxOf(cb, k); }
+  };
 };
 struct VividLight {
   template <class T>
@@ -151,6 +181,13 @@ struct VividLight {
     const T twice = splat<T>(2) * cs;
     return cs <= splat<T>(0.5f) ? colorBurn(cb, twice) : colorDodge(cb, twice - splat<T>(1));
   }
+  template <class T>
+  struct Constant {
+    bool low;
+    T k;
+    explicit Constant(float cs) : low(cs <= 0.5f), k(splat<T>(low ? 2.0f * cs : 2.0f * cs - 1.0f)) {}
+    T operator()(T cb) const { return low ? colorBurn(cb, k) : colorDodge(cb, k); }
+  };
 };
 
 // Non-separable helpers on [0, 1] colours.
@@ -239,6 +276,78 @@ QV_LANE_CLONES void separableBlendRow(const float* s, const float* b, float* o, 
   }
 }
 
+// B(cb, cs) for a source value shared by every lane, prepared once per row: the blend's own
+// constant form where it has one (a choice on cs decided once), else the blend of the value in
+// every lane.
+template <class B, class T>
+struct ConstantBlend {
+  T cs;
+  explicit ConstantBlend(float c) : cs(splat<T>(c)) {}
+  T operator()(T cb) const { return B::template blend<T>(cb, cs); }
+};
+template <class B, class T>
+  requires requires { typename B::template Constant<T>; }
+struct ConstantBlend<B, T> : B::template Constant<T> {
+  using B::template Constant<T>::Constant;
+};
+
+// The terms of the general formula that depend on a constant source alone, in every lane of V,
+// computed as the group form computes them lane by lane.
+template <class B, class V>
+struct ConstantSource {
+  V s[3];          // the premultiplied colour
+  V as, restB;     // α_s, 1 − α_s
+  ConstantBlend<B, V> blend[3];  // B(·, Cs) for the un-premultiplied colour, clamped
+  explicit ConstantSource(const float* colour)
+      : ConstantSource(colour, colour[3] > 0.0f ? 1.0f / colour[3] : 0.0f) {}
+  ConstantSource(const float* colour, float is)
+      : s{splat<V>(colour[0]), splat<V>(colour[1]), splat<V>(colour[2])},
+        as(splat<V>(colour[3])),
+        restB(splat<V>(1.0f - colour[3])),
+        blend{ConstantBlend<B, V>(clamp01(colour[0] * is)), ConstantBlend<B, V>(clamp01(colour[1] * is)),
+              ConstantBlend<B, V>(clamp01(colour[2] * is))} {}
+};
+
+// separableBlendGroup with every source pixel the constant's: the background is the only
+// per-pixel input.
+template <class B, class V>
+[[gnu::always_inline]] inline void separableBlendConstantGroup(const ConstantSource<B, V>& k, const float* bp,
+                                                               float* op) {
+  V Bk[4];
+  loadPixels(bp, Bk);
+  const V zero = splat<V>(0), one = splat<V>(1);
+  const V ab = Bk[3];
+  const V ib = ab > zero ? one / ab : zero;
+  const V both = k.as * ab, restS = one - ab;
+  V O[4];
+#pragma GCC unroll 3
+  for (int c = 0; c < 3; ++c) {
+    const V m = clamp01(k.blend[c](clamp01(Bk[c] * ib)));
+    O[c] = k.s[c] * restS + Bk[c] * k.restB + both * m;
+  }
+  O[3] = k.as + ab - both;
+  storePixels(O, op);
+}
+
+// separableBlendRow over a source of one colour, in the same groups.
+template <class B>
+QV_LANE_CLONES void separableBlendConstantRow(const float* colour, const float* b, float* o, std::size_t n) {
+  std::size_t i = 0;
+  if (n >= 8) {
+    const ConstantSource<B, Float8> k8(colour);
+    for (; i + 8 <= n; i += 8) separableBlendConstantGroup(k8, b + 4 * i, o + 4 * i);
+  }
+  if (i == n) return;
+  const ConstantSource<B, Float4> k4(colour);
+  for (; i + 4 <= n; i += 4) separableBlendConstantGroup(k4, b + 4 * i, o + 4 * i);
+  if (i < n) {
+    float pb[16] = {}, po[16];
+    std::copy(b + 4 * i, b + 4 * n, pb);
+    separableBlendConstantGroup(k4, pb, po);
+    std::copy(po, po + 4 * (n - i), o + 4 * i);
+  }
+}
+
 // The general formula around a non-separable B.
 template <class B>
 struct NonSeparableBlend {
@@ -284,37 +393,43 @@ void compositeRow(const float* s, const float* b, float* o, std::size_t n) {
 
 constexpr bool kHDR = true;
 
+// A separable blend mode: its rows for any source and for a source of one colour.
+template <class B>
+constexpr CompositeOperation separable(const char* name, const char* displayName) {
+  return {name, displayName, !kHDR, separableBlendRow<B>, separableBlendConstantRow<B>};
+}
+
 const CompositeOperation kOperations[] = {
     {"CIAdditionCompositing", "Addition", kHDR, compositeRow<Addition>},
     {"CIColorBlendMode", "Color Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Color>>},
-    {"CIColorBurnBlendMode", "Color Burn Blend Mode", !kHDR, separableBlendRow<ColorBurn>},
-    {"CIColorDodgeBlendMode", "Color Dodge Blend Mode", !kHDR, separableBlendRow<ColorDodge>},
+    separable<ColorBurn>("CIColorBurnBlendMode", "Color Burn Blend Mode"),
+    separable<ColorDodge>("CIColorDodgeBlendMode", "Color Dodge Blend Mode"),
     {"CIDarkenBlendMode", "Darken Blend Mode", !kHDR, extremumRow<false>},
-    {"CIDifferenceBlendMode", "Difference Blend Mode", !kHDR, separableBlendRow<Difference>},
-    {"CIDivideBlendMode", "Divide Blend Mode", !kHDR, separableBlendRow<Divide>},
-    {"CIExclusionBlendMode", "Exclusion Blend Mode", !kHDR, separableBlendRow<Exclusion>},
-    {"CIHardLightBlendMode", "Hard Light Blend Mode", !kHDR, separableBlendRow<HardLight>},
+    separable<Difference>("CIDifferenceBlendMode", "Difference Blend Mode"),
+    separable<Divide>("CIDivideBlendMode", "Divide Blend Mode"),
+    separable<Exclusion>("CIExclusionBlendMode", "Exclusion Blend Mode"),
+    separable<HardLight>("CIHardLightBlendMode", "Hard Light Blend Mode"),
     {"CIHueBlendMode", "Hue Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Hue>>},
     {"CILightenBlendMode", "Lighten Blend Mode", !kHDR, extremumRow<true>},
-    {"CILinearBurnBlendMode", "Linear Burn Blend Mode", !kHDR, separableBlendRow<LinearBurn>},
-    {"CILinearDodgeBlendMode", "Linear Dodge Blend Mode", !kHDR, separableBlendRow<LinearDodge>},
-    {"CILinearLightBlendMode", "Linear Light Blend Mode", !kHDR, separableBlendRow<LinearLight>},
+    separable<LinearBurn>("CILinearBurnBlendMode", "Linear Burn Blend Mode"),
+    separable<LinearDodge>("CILinearDodgeBlendMode", "Linear Dodge Blend Mode"),
+    separable<LinearLight>("CILinearLightBlendMode", "Linear Light Blend Mode"),
     {"CILuminosityBlendMode", "Luminosity Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Luminosity>>},
     {"CIMaximumCompositing", "Maximum", kHDR, compositeRow<Maximum>},
     {"CIMinimumCompositing", "Minimum", kHDR, compositeRow<Minimum>},
-    {"CIMultiplyBlendMode", "Multiply Blend Mode", !kHDR, separableBlendRow<Multiply>},
+    separable<Multiply>("CIMultiplyBlendMode", "Multiply Blend Mode"),
     {"CIMultiplyCompositing", "Multiply", kHDR, compositeRow<MultiplyCompositing>},
-    {"CIOverlayBlendMode", "Overlay Blend Mode", !kHDR, separableBlendRow<Overlay>},
-    {"CIPinLightBlendMode", "Pin Light Blend Mode", !kHDR, separableBlendRow<PinLight>},
+    separable<Overlay>("CIOverlayBlendMode", "Overlay Blend Mode"),
+    separable<PinLight>("CIPinLightBlendMode", "Pin Light Blend Mode"),
     {"CISaturationBlendMode", "Saturation Blend Mode", !kHDR, compositeRow<NonSeparableBlend<Saturation>>},
-    {"CIScreenBlendMode", "Screen Blend Mode", !kHDR, separableBlendRow<Screen>},
-    {"CISoftLightBlendMode", "Soft Light Blend Mode", !kHDR, separableBlendRow<SoftLight>},
+    separable<Screen>("CIScreenBlendMode", "Screen Blend Mode"),
+    separable<SoftLight>("CISoftLightBlendMode", "Soft Light Blend Mode"),
     {"CISourceAtopCompositing", "Source Atop", kHDR, compositeRow<SourceAtop>},
     {"CISourceInCompositing", "Source In", kHDR, compositeRow<SourceIn>},
     {"CISourceOutCompositing", "Source Out", kHDR, compositeRow<SourceOut>},
     {"CISourceOverCompositing", "Source Over", kHDR, compositeRow<SourceOver>},
-    {"CISubtractBlendMode", "Subtract Blend Mode", !kHDR, separableBlendRow<Subtract>},
-    {"CIVividLightBlendMode", "Vivid Light Blend Mode", !kHDR, separableBlendRow<VividLight>},
+    separable<Subtract>("CISubtractBlendMode", "Subtract Blend Mode"),
+    separable<VividLight>("CIVividLightBlendMode", "Vivid Light Blend Mode"),
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -405,6 +520,12 @@ struct CompositeInput {
   CIColorRef constant;  // the colour of a constant input (null: transparent, or not a constant)
   bool isConstant = false;
   int slot = -1;  // the index of `image` among the node's inputs
+  // The slot of an earlier input that reads the same image on the same rows (only its columns
+  // moved), or -1. Where the two reads together cover less than apart, that input's region
+  // holds this one's as well and this slot asks for nothing (see sharedRead): one render of
+  // the image (one decode of a file) serves both, as for a picture composited over itself
+  // moved sideways.
+  int partner = -1;
   CGRect extent;  // the extent of the image as given to the composite
   std::int64_t dx = 0, dy = 0;
   std::shared_ptr<const ColorMatrixNode> matrix;  // may be null
@@ -494,6 +615,14 @@ struct CompositeInput {
     return c;
   }
 
+  // Whether row() gives the constant's colour at each of the n pixels from (x0, y): a constant
+  // whose window holds the whole run.
+  bool constantOver(std::int64_t x0, std::int64_t y, std::size_t n) const {
+    if (!isConstant) return false;
+    if (!windowed) return true;
+    return y >= window.y && y < window.maxY() && x0 >= window.x && x0 + std::int64_t(n) <= window.maxX();
+  }
+
   // Keeps only `kept` (in the coordinates below the offsets found so far).
   void cut(const PixelRect& kept) {
     window = window.intersection(kept.offset(dx, dy));
@@ -510,6 +639,15 @@ struct CompositeInput {
     if (windowed) r = r.intersection(window);
     return r.offset(-dx, -dy);
   }
+  // The tile this input reads: its own, or its partner's when its own region went to the
+  // partner's (an empty tile of its own then). Both hold the same image's pixels wherever they
+  // have them, and this input's reads outside its own region are outside the image or cut by
+  // its window, transparent either way.
+  const ConstPixelTile& tileOf(std::span<const ConstPixelTile> tiles) const {
+    const ConstPixelTile& own = tiles[std::size_t(slot)];
+    return partner >= 0 && own.rect.empty() ? tiles[std::size_t(partner)] : own;
+  }
+
   // What `rect` of the composite needs of the mask's image.
   PixelRect maskRegionOfInterest(const PixelRect& rect) const {
     if (!mask || isConstant) return {};
@@ -524,7 +662,7 @@ struct CompositeInput {
                    std::int64_t y, std::size_t n, RowBuffers& buffers) const {
     std::vector<float>& scratch = buffers.scratch;
     std::vector<float>& kept = buffers.kept;
-    const float* p = isConstant ? nullptr : inputRow(tiles[std::size_t(slot)], x0 - dx, y - dy, n, scratch);
+    const float* p = isConstant ? nullptr : inputRow(tileOf(tiles), x0 - dx, y - dy, n, scratch);
     if (mask && p) {
       // out = s·k + b·(1 − k) with s = nothing and b = the layer, as the blend with mask
       // computes it; k is the clamped Rec. 709 luminance of the mask's premultiplied colour.
@@ -601,6 +739,12 @@ struct CompositeInput {
     for (const CIImage& g : given) {
       folded.push_back(fold(g));
       if (!folded.back().isConstant) {
+        CompositeInput& f = folded.back();
+        for (std::size_t k = 0; k + 1 < folded.size() && f.partner < 0; ++k) {
+          const CompositeInput& other = folded[k];
+          if (!other.isConstant && other.partner < 0 && other.image.node() == f.image.node() && other.dy == f.dy)
+            f.partner = other.slot;
+        }
         folded.back().slot = int(images.size());
         images.push_back(folded.back().image);
         if (CompositeInput* m = folded.back().mask.get()) {
@@ -614,9 +758,32 @@ struct CompositeInput {
 };
 
 // The region of the node's input `index` that the folded inputs need for `rect`.
+// Whether the regions `a` and `b` need of one image are asked for as one: when they overlap,
+// so that the rectangle around both is smaller than the two apart.
+bool sharedRead(const PixelRect& a, const PixelRect& b) {
+  return !a.empty() && !b.empty() && a.unionWith(b).area() < a.area() + b.area();
+}
+
 PixelRect foldedRegionOfInterest(const std::vector<CompositeInput>& folded, std::size_t index, const PixelRect& rect) {
   for (const CompositeInput& f : folded) {
-    if (f.slot == int(index)) return f.regionOfInterest(rect);
+    if (f.slot == int(index)) {
+      const PixelRect own = f.regionOfInterest(rect);
+      PixelRect r = own;
+      for (const CompositeInput& g : folded) {
+        if (g.partner == f.slot) {
+          // This slot reads for its partner too where the two reads overlap (decided on this
+          // slot's own region, as the partner decides it).
+          const PixelRect other = g.regionOfInterest(rect);
+          if (sharedRead(own, other)) r = r.unionWith(other);
+        }
+      }
+      if (f.partner >= 0) {
+        for (const CompositeInput& g : folded) {
+          if (g.slot == f.partner && sharedRead(g.regionOfInterest(rect), r)) return {};
+        }
+      }
+      return r;
+    }
     if (f.mask && f.mask->slot == int(index)) return f.maskRegionOfInterest(rect);
   }
   return {};
@@ -669,7 +836,13 @@ class CompositeNode final : public ImageNode {
       for (std::size_t j = 0; j < n; j += kRun) {
         const std::size_t m = std::min(kRun, n - j);
         const std::int64_t x = x0 + std::int64_t(j);
-        op_.row(s.row(in, colourS, x, y, m, buffersS), b.row(in, colourB, x, y, m, buffersB), o + j * 4, m);
+        const float* background = b.row(in, colourB, x, y, m, buffersB);
+        // A source of one colour over the whole run (a colour layer): its terms once.
+        if (op_.constantSourceRow && s.constantOver(x, y, m)) {
+          op_.constantSourceRow(colourS.data(), background, o + j * 4, m);
+        } else {
+          op_.row(s.row(in, colourS, x, y, m, buffersS), background, o + j * 4, m);
+        }
       }
     });
   }

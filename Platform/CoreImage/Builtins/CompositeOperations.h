@@ -12,11 +12,16 @@
 struct CompositeOperation {
   // Produces n output pixels from n source and n background pixels (premultiplied RGBA float).
   using RowFunction = void (*)(const float* source, const float* background, float* out, std::size_t n);
+  // The same n pixels when every source pixel is `colour` (four floats): the terms of the
+  // formula that depend on the source alone are computed once, and the result is bit for bit
+  // that of `row` over a run filled with the colour.
+  using ConstantSourceRowFunction = void (*)(const float* colour, const float* background, float* out, std::size_t n);
 
   const char* name;         // the built-in's name, "CISourceOverCompositing"
   const char* displayName;  // "Source Over"
   bool highDynamicRange;    // in kCICategoryHighDynamicRange: colour is not clamped
   RowFunction row;
+  ConstantSourceRowFunction constantSourceRow = nullptr;  // null: `row` over a filled run
 };
 
 // All thirty, in name order.

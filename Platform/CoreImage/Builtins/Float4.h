@@ -71,8 +71,16 @@ template <class T>
   if constexpr (std::is_same_v<T, float>) {
     return std::sqrt(v);
   } else if constexpr (std::is_same_v<T, Float8>) {
+#if defined(__NO_MATH_ERRNO__)
+    // Without errno to set, the lanes' square roots are one instruction on the whole vector in
+    // an AVX clone (two halves in the baseline): the same IEEE square root of each lane.
+    T r;
+    for (int i = 0; i < 8; ++i) r[i] = __builtin_sqrtf(v[i]);
+    return r;
+#else
     const Float4 lo = sqrtOf(Float4{v[0], v[1], v[2], v[3]}), hi = sqrtOf(Float4{v[4], v[5], v[6], v[7]});
     return __builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7);
+#endif
   } else {
 #if defined(__SSE__)
     return T(_mm_sqrt_ps(__m128(v)));

@@ -71,13 +71,25 @@ PixelRect TileNode::regionOfInterest(std::size_t, const PixelRect& rect) const {
 
 void TileNode::render(const PixelTile& out, std::span<const ConstPixelTile> in, const RenderInfo&) const {
   const ConstPixelTile& src = in[0];
-  if (src.rect.empty() || cell_.empty()) return;
+  if (cell_.empty()) return;
+  if (src.rect.empty()) {  // not asked of a cell with pixels; cleared, as writesEveryPixel says
+    for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y)
+      std::memset(out.at(out.rect.x, y), 0, std::size_t(out.rect.width) * 4 * sizeof(float));
+    return;
+  }
+  // Each row as runs of the cell's row: from the first pixel's place in the cell to the cell's
+  // right edge, then whole cell rows from its left edge, one copy each.
+  const std::int64_t firstX = cell_.x + floorMod(out.rect.x - cell_.x, cell_.width);
   for (std::int64_t y = out.rect.y; y < out.rect.maxY(); ++y) {
     const std::int64_t sy = cell_.y + floorMod(y - cell_.y, cell_.height);
     float* o = out.at(out.rect.x, y);
-    for (std::int64_t x = out.rect.x; x < out.rect.maxX(); ++x, o += 4) {
-      const std::int64_t sx = cell_.x + floorMod(x - cell_.x, cell_.width);
-      std::memcpy(o, src.at(sx, sy), 4 * sizeof(float));
+    std::int64_t sx = firstX;
+    for (std::int64_t left = out.rect.width; left > 0;) {
+      const std::int64_t run = std::min(left, cell_.maxX() - sx);
+      std::memcpy(o, src.at(sx, sy), std::size_t(run) * 4 * sizeof(float));
+      o += run * 4;
+      left -= run;
+      sx = cell_.x;
     }
   }
 }

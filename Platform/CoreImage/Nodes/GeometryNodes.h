@@ -22,6 +22,8 @@ class TileNode final : public ImageNode {
   // the cell's rows each side needs.
   RegionAnswer describeRegion(const PixelRect& rect, bool colorManaged) const override;
   std::string name() const override { return "tile"; }
+  // Every pixel is a copy of the cell's (when it has pixels): the buffer needs no clearing.
+  bool writesEveryPixel() const override { return !cell_.empty(); }
 
  private:
   PixelRect cell_;

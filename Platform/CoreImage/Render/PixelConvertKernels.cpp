@@ -133,6 +133,8 @@ std::size_t EncodeStraightRGBA8Managed(const float* HWY_RESTRICT src, std::uint8
                                        std::size_t count, const EncodeTable& table) {
   const hn::ScalableTag<float> d;
   const hn::RebindToSigned<decltype(d)> di;
+  const hn::RebindToUnsigned<decltype(d)> du;
+  // Every code is in [0, 255]: its low byte is the code (one shuffle fewer than saturating).
   const hn::Rebind<std::uint8_t, decltype(d)> d8;
   using V = hn::Vec<decltype(d)>;
   using VI = hn::Vec<decltype(di)>;
@@ -162,11 +164,16 @@ std::size_t EncodeStraightRGBA8Managed(const float* HWY_RESTRICT src, std::uint8
   for (; i + pixels <= count; i += pixels) {
     const V s = hn::LoadU(d, src + 4 * i);
     const V alpha = clamp01(hn::Broadcast<3>(s));
-    // Opaque (most pixels of a photo): the colour is already straight (s / 1 is s).
-    const V straight = hn::AllTrue(d, hn::Eq(alpha, one)) ? s : hn::Div(s, alpha);  // cleared where alpha is 0
+    if (hn::AllTrue(d, hn::Eq(alpha, one))) {
+      // Opaque (most pixels of a photo): the colour is already straight (s / 1 is s), the
+      // alpha code is 255 (floor(1 · 255 + 0.5)) and no pixel is cleared.
+      hn::StoreU(hn::TruncateTo(d8, hn::BitCast(du, hn::IfThenElse(isAlpha, i255, code(s)))), d8, dst + 4 * i);
+      continue;
+    }
+    const V straight = hn::Div(s, alpha);  // cleared where alpha is 0
     const auto out = hn::IfThenElseZero(hn::RebindMask(di, hn::Gt(alpha, zero)),
                                         hn::IfThenElse(isAlpha, rawCode(alpha), code(straight)));
-    hn::StoreU(hn::DemoteTo(d8, out), d8, dst + 4 * i);
+    hn::StoreU(hn::TruncateTo(d8, hn::BitCast(du, out)), d8, dst + 4 * i);
   }
   return i;
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
 
 #include "ColorTestHelpers.h"
@@ -441,6 +442,37 @@ TEST(ColorMatrixRows, GroupsOfPixelsEqualThePerPixelFormulaBitForBit) {
         }
         for (int k = 0; k < 4; ++k)
           EXPECT_EQ(out[4 * i + std::size_t(k)], expected[k]) << (linear ? "linear" : "general") << " pixel " << i << " of " << n << " component " << k;
+      }
+    }
+  }
+}
+
+// Two matrices in one pass (each of them general or linear in premultiplied values, in either
+// order) give, bit for bit, the first matrix's row followed by the second's, for every row
+// length, transparent pixels and colour beyond alpha among them.
+TEST(ColorMatrixRows, TwoMatricesInOnePassEqualOneAfterTheOtherBitForBit) {
+  std::vector<float> pixels{0, 0, 0, 0, 0.3f, 0.2f, 0.1f, 0, 1, 1, 1, 1, 1.5f, -0.25f, 0.5f, 1, 0.2f, 0.1f, 0.05f, 0.4f};
+  std::uint32_t state = 4242;
+  for (int i = 0; i < 60; ++i) {
+    state = state * 1664525u + 1013904223u;
+    pixels.push_back(float(state >> 8) / float(1u << 24) * 1.2f - 0.1f);
+  }
+  const std::size_t count = pixels.size() / 4;
+  const ColorMatrix general = ColorMatrix::fromRows({0.9, 0.1, 0.05, 0.2}, {0.3, 0.6, 0.1, -0.1}, {0.0, 0.2, 1.1, 0.0},
+                                                    {0.1, 0.0, 0.0, 0.8}, {0.05, -0.02, 0.1, 0.1});
+  const ColorMatrix fade = ColorMatrix::fromRows({0.8, 0.1, 0, 0}, {0, 1, 0, 0}, {0.1, 0, 0.9, 0}, {0, 0, 0, 0.7}, {0, 0, 0, 0});
+  const ColorMatrixNode g(CIImage::emptyImage(), general), f(CIImage::emptyImage(), fade);
+  for (const ColorMatrixNode* first : {&g, &f}) {
+    for (const ColorMatrixNode* second : {&g, &f}) {
+      for (std::size_t n : {std::size_t(1), std::size_t(3), std::size_t(4), std::size_t(7), std::size_t(8),
+                            std::size_t(13), std::size_t(16), count}) {
+        std::vector<float> between(4 * n), apart(4 * n, -5.0f), together(4 * n, -6.0f);
+        first->applyRow(pixels.data(), between.data(), n);
+        second->applyRow(between.data(), apart.data(), n);
+        first->applyRowThen(*second, pixels.data(), together.data(), n);
+        EXPECT_EQ(std::memcmp(apart.data(), together.data(), apart.size() * sizeof(float)), 0)
+            << (first == &g ? "general" : "linear") << " then " << (second == &g ? "general" : "linear") << ", length "
+            << n;
       }
     }
   }

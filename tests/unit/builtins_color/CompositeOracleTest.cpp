@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <set>
@@ -376,6 +377,50 @@ TEST(CompositeBehaviour, SeparableBlendRowsEqualThePerPixelFormulaBitForBit) {
       }
     }
   }
+}
+
+// A source of one colour (a colour layer) runs the blend's own row for it: bit for bit the
+// general row over a run filled with that colour, for every row length, for colours whose
+// un-premultiplied value lies below, at and above one half (where soft, hard, pin and vivid
+// light choose their formula), transparent colours, colour beyond alpha and negative colour,
+// over backgrounds that are transparent, opaque and translucent.
+TEST(CompositeBehaviour, SeparableBlendRowsOfOneSourceColourEqualTheGeneralRowBitForBit) {
+  const std::vector<std::array<float, 4>> colours{
+      {0, 0, 0, 0},          {0.7f, 0.7f, 0.7f, 0.7f}, {1, 1, 1, 1},           {0.5f, 0.25f, 0.125f, 1},
+      {0.2f, 0.3f, 0.4f, 0}, {0.9f, 1.4f, -0.2f, 1},   {0.25f, 0.4f, 0.1f, 0.5f}, {0.3f, 0.05f, 0.6f, 0.6f}};
+  std::vector<float> b{0, 0, 0, 0, 1, 1, 1, 1, 0, 0, 0, 1, 0.2f, 0.3f, 0.4f, 0, 0.9f, 1.4f, -0.2f, 1};
+  std::uint32_t state = 777;
+  for (int i = 0; i < 40; ++i) {
+    std::array<float, 4> p{};
+    for (float& v : p) {
+      state = state * 1664525u + 1013904223u;
+      v = float(state >> 8) / float(1u << 24);
+    }
+    if (i % 3 == 0) p[3] = 1;
+    for (int k = 0; k < 3; ++k) p[k] *= p[3];
+    b.insert(b.end(), p.begin(), p.end());
+  }
+  const std::size_t count = b.size() / 4;
+  std::size_t tested = 0;
+  for (const CompositeOperation& op : compositeOperations()) {
+    if (!op.constantSourceRow) continue;
+    ++tested;
+    for (const auto& colour : colours) {
+      for (std::size_t n : {std::size_t(1), std::size_t(3), std::size_t(4), std::size_t(7), std::size_t(8),
+                            std::size_t(11), std::size_t(17), count}) {
+        std::vector<float> filled;
+        for (std::size_t i = 0; i < n; ++i) filled.insert(filled.end(), colour.begin(), colour.end());
+        std::vector<float> general(4 * n, -9.0f), constant(4 * n, -7.0f);
+        op.row(filled.data(), b.data(), general.data(), n);
+        op.constantSourceRow(colour.data(), b.data(), constant.data(), n);
+        EXPECT_EQ(std::memcmp(general.data(), constant.data(), general.size() * sizeof(float)), 0)
+            << op.name << " colour (" << colour[0] << ", " << colour[1] << ", " << colour[2] << ", " << colour[3]
+            << ") length " << n;
+      }
+    }
+  }
+  // Every separable blend mode has the form.
+  EXPECT_EQ(tested, single::blends().size());
 }
 
 TEST(CompositeBehaviour, TiledRenderEqualsWholeRender) {

@@ -262,6 +262,91 @@ TEST(Folds, CompositeReadsThroughTwoMatricesThatDoNotFoldIntoOne) {
   expectSamePixels(overColour, composite("CIOverlayBlendMode", opaque(colour(barrier)), picture), r);
 }
 
+// A colour layer (a constant colour, cut to a rectangle and faded) over a picture: the blend
+// computes the colour's terms once per run wherever the whole run lies inside the layer, and
+// reads it as the general row does where a run crosses its edge. Both give the pixels of the
+// same layer read from tiles, bit for bit, whole and tiled, with and without colour management,
+// for colours that take each side of the blends' choices.
+TEST(Folds, CompositeOfAColourLayerEqualsTheLayerReadFromTiles) {
+  const auto picture = makeTestImageWithAlpha(45, 31, CGPointMake(0, 0), 5);
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.7;
+  auto none = [](const CIImage& i) { return i; };
+  auto barrier = [](const CIImage& i) { return opaque(i); };
+  const CGRect r = CGRectMake(-3, -2, 50, 36);
+  CIContextOptions tiles;
+  tiles.tileSize = 16;
+  for (const CIColorRef& colour : {CIColor::colorWithRed(1, 1, 1, 1), CIColor::colorWithRed(0.3, 0.6, 0.2, 1),
+                                   CIColor::colorWithRed(0.5, 0.9, 0.1, 0.4), CIColor::colorWithRed(0.2, 0.2, 0.2, 0)}) {
+    // Cut to the whole picture (every run inside it) and to a rectangle inside (runs across it).
+    for (const CGRect& cut : {picture.extent(), CGRectMake(6.5, 3, 20.25, 17)}) {
+      auto layer = [&](auto b) {
+        return ColorMatrixNode::imageByApplyingMatrix(b(CIImage::imageWithColor(colour).imageByCroppingToRect(cut)), fade);
+      };
+      for (const char* op : {"CISoftLightBlendMode", "CIHardLightBlendMode", "CIPinLightBlendMode",
+                             "CIVividLightBlendMode", "CIScreenBlendMode", "CIOverlayBlendMode"}) {
+        const CIImage folded = composite(op, layer(none), picture);
+        const CIImage unfolded = composite(op, opaque(layer(barrier)), picture);
+        // The colour is not read from a tile: the picture is the only input.
+        EXPECT_EQ(folded.node()->inputs().size(), 1u) << op;
+        expectSamePixels(folded, unfolded, r);
+        EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, tiles), renderRGBAf(unfolded, r))) << op;
+        EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, unmanagedTiles()), renderRGBAf(unfolded, r, unmanagedTiles())))
+            << op;
+      }
+    }
+  }
+}
+
+// A picture composited over itself moved sideways (a faded copy shifted along its rows) reads
+// the picture twice on the same rows: where the two reads overlap, one region around both is
+// asked for once and both reads take their pixels from it; where they do not (a narrow tile of
+// a copy moved further than its width) or the rows differ, each asks for its own. The pixels
+// are those of the copy behind a node the folds cannot see through, whole, tiled and threaded.
+TEST(Folds, AnImageReadTwiceOnTheSameRowsIsAskedForOnceWhereTheReadsOverlap) {
+  const auto picture = makeTestImageWithAlpha(60, 40, CGPointMake(0, 0), 11);
+  ColorMatrix fade = ColorMatrix::identity();
+  fade.m[3][3] = 0.35;
+  auto none = [](const CIImage& i) { return i; };
+  auto barrier = [](const CIImage& i) { return opaque(i); };
+  CIContextOptions tiles;
+  tiles.tileSize = 16;
+  const CGRect r = CGRectMake(-4, -3, 70, 48);
+  for (const auto& [dx, dy] : {std::pair{7, 0}, std::pair{-5, 0}, std::pair{55, 0}, std::pair{6, 3}}) {
+    auto layer = [&](auto b) {
+      return ColorMatrixNode::imageByApplyingMatrix(
+          b(picture.imageByApplyingTransform(CGAffineTransformMakeTranslation(dx, dy))), fade);
+    };
+    for (const char* op : {"CIScreenBlendMode", "CISourceOverCompositing"}) {
+      const CIImage folded = composite(op, layer(none), picture);
+      const CIImage unfolded = composite(op, opaque(layer(barrier)), picture);
+      const auto& inputs = folded.node()->inputs();
+      ASSERT_EQ(inputs.size(), 2u) << op;
+      EXPECT_EQ(inputs[0], picture) << op;
+      EXPECT_EQ(inputs[1], picture) << op;
+      // A rectangle both reads reach: 40 columns, or for the copy moved by 55 a narrow one
+      // whose two reads lie 55 columns apart.
+      const PixelRect wide = dx == 55 ? PixelRect{55, 8, 4, 16} : PixelRect{0, 8, 40, 16};
+      const PixelRect source = folded.node()->regionOfInterest(0, wide),
+                      background = folded.node()->regionOfInterest(1, wide);
+      if (dy == 0 && dx != 55) {
+        // One region around both reads, asked for by the first: the background asks nothing.
+        EXPECT_TRUE(background.empty()) << op << " dx " << dx;
+        EXPECT_EQ(source, wide.offset(-dx, 0).intersection(PixelRect::covering(picture.extent())).unionWith(wide))
+            << op << " dx " << dx;
+      } else {
+        // Apart: rows moved, or reads 55 columns apart that a rectangle around both would span.
+        EXPECT_FALSE(background.empty()) << op << " dx " << dx << " dy " << dy;
+        EXPECT_FALSE(source.empty()) << op << " dx " << dx << " dy " << dy;
+      }
+      expectSamePixels(folded, unfolded, r);
+      EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, tiles), renderRGBAf(unfolded, r, tiles))) << op;
+      EXPECT_TRUE(bitwiseEqual(renderRGBAf(folded, r, unmanagedTiles()), renderRGBAf(unfolded, r, unmanagedTiles())))
+          << op;
+    }
+  }
+}
+
 TEST(Folds, CompositeReadsTheSourceOfASourceOverOntoNothing) {
   // A resampled layer put on a transparent canvas larger than the layer and smaller in part
   // (the canvas gives the layer its extent), cropped, faded by a matrix and blended over a

@@ -98,6 +98,37 @@ TEST(GeometryBuiltins, AffineTileRepeatsTheTransformedCell) {
   }
 }
 
+// Every pixel of a repeated cell is the cell's pixel at the wrapped place: over rectangles that
+// start before, inside, at and across the cell's seams, on both sides of the origin, narrower
+// and much wider than the cell, rendered whole and in tiles smaller than the cell.
+TEST(GeometryBuiltins, AffineTileCopiesTheCellsRowsAcrossEverySeam) {
+  const auto img = makeTestImageWithAlpha(10, 6, CGPointMake(1, 2), 9);
+  const auto out = make("CIAffineTile", img)->outputImage();
+  const std::vector<float> cell = renderRGBAf(img, CGRectMake(1, 2, 10, 6));
+  auto wrap = [](std::int64_t v, std::int64_t from, std::int64_t size) { return from + ((v - from) % size + size) % size; };
+  CIContextOptions small;
+  small.tileSize = 4;
+  for (const CGRect& r : {CGRectMake(-23, -9, 47, 20), CGRectMake(3, 4, 5, 2), CGRectMake(1, 2, 10, 6),
+                          CGRectMake(11, 8, 30, 3), CGRectMake(-7, 5, 3, 1), CGRectMake(10, -3, 2, 9)}) {
+    for (const CIContextOptions& options : {CIContextOptions{}, small}) {
+      const std::vector<float> got = renderRGBAf(out, r, options);
+      const auto w = std::int64_t(r.size.width), h = std::int64_t(r.size.height);
+      for (std::int64_t j = 0; j < h; ++j) {
+        const std::int64_t y = std::int64_t(r.origin.y) + h - 1 - j;  // row 0 is the top row
+        const std::int64_t cy = 2 + 6 - 1 - wrap(y, 2, 6);
+        for (std::int64_t i = 0; i < w; ++i) {
+          const std::int64_t cx = wrap(std::int64_t(r.origin.x) + i, 1, 10) - 1;
+          for (int k = 0; k < 4; ++k) {
+            ASSERT_EQ(got[std::size_t((j * w + i) * 4 + k)], cell[std::size_t((cy * 10 + cx) * 4 + k)])
+                << "pixel (" << r.origin.x + double(i) << ", " << y << ") of " << r.origin.x << ", " << r.origin.y
+                << " " << w << " x " << h << " tile size " << options.tileSize;
+          }
+        }
+      }
+    }
+  }
+}
+
 TEST(GeometryBuiltins, AffineTileWithAShearRepeatsTheShearedLattice) {
   // x' = x + 0.5·y: the edges (10, 0) and (0, 6) become (10, 0) and (3, 6).
   const auto img = makeTestImageWithAlpha(10, 6, CGPointMake(1, 2));

@@ -176,7 +176,7 @@ TEST_F(WritesEveryPixel, NodesThatSaySoRenderTheSameIntoGarbageAsIntoACleanBuffe
   // Every kind of node that says so was among them.
   for (const char* name : {"bitmap", "bitmap8", "file", "offset", "constantColor", "colorMatrix", "CIBlendWithMask",
                            "CISourceOverCompositing", "CIMultiplyBlendMode", "CIMaskToAlpha", "CIWhitePointAdjust",
-                           "transform"})
+                           "transform", "tile"})
     EXPECT_TRUE(checked.count(name)) << name << " was not checked";
 }
 
