@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/uio.h>
+
 #include "CoreImage/CIContext.h"
 #include "ImageIO/CGImageSource.h"
 
@@ -28,7 +30,9 @@ StripCache::StripCache(Opener open, std::string what, std::size_t width, std::si
       stripCount_((height + kStripRows - 1) / kStripRows),
       piecesPerStrip_((width + kChunkPixels - 1) / kChunkPixels),
       initialBudget_(budgetBytes),
-      budget_(budgetBytes) {}
+      budget_(budgetBytes),
+      decodes_(stripCount_, 0),
+      spilled_(stripCount_ * piecesPerStrip_, false) {}
 
 namespace {
 std::mutex gListenerMutex;
@@ -47,9 +51,12 @@ StripCache::~StripCache() {
     if (gListener) gListener(s);
   }
   if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
-  std::fprintf(stderr, "strip cache of %s: %zu opens, %zu of %zu strips decoded, peak %.1f MB, budget %.1f MB\n",
+  std::fprintf(stderr,
+               "strip cache of %s: %zu opens, %zu of %zu strips decoded, peak %.1f MB, budget %.1f MB, "
+               "%zu pieces spilled (%.1f MB), %zu read back\n",
                what_.c_str(), s.opens, s.stripsDecoded, stripCount_, double(s.peakBytes) / 1048576.0,
-               double(s.budgetBytes) / 1048576.0);
+               double(s.budgetBytes) / 1048576.0, s.piecesSpilled, double(s.spilledBytes) / 1048576.0,
+               s.piecesReadBack);
 }
 
 StripCache::Stats StripCache::stats() const {
@@ -57,6 +64,8 @@ StripCache::Stats StripCache::stats() const {
   Stats s = stats_;
   s.budgetBytes = budget_.load();
   s.pieced = pieced_;
+  s.spilledBytes = spill_.bytesWritten();
+  s.spillError = spill_.error();
   return s;
 }
 
@@ -168,29 +177,36 @@ bool StripCache::goesBefore(const std::pair<const std::size_t, Entry>& a, const 
 // The strip's rows (whole, bytesPerRow_ apart) cut into its pieces, which replace any the
 // cache still holds of it; then pieces go until the cache is within its capacity, in the order
 // of goesBefore.
+void StripCache::put(std::size_t k, Held held, std::uint64_t now, bool read) const {
+  Entry& e = pieces_[k];
+  if (e.held.piece) bytes_ -= e.held.piece->size();
+  bytes_ += held.piece->size();
+  e.held = std::move(held);
+  e.lastUse = now;
+  e.read = read;
+}
+
 void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
   std::lock_guard lock(cacheMutex_);
   const std::uint64_t now = ++clock_;
-  auto put = [&](std::size_t k, Held held) {
-    Entry& e = pieces_[k];
-    if (e.held.piece) bytes_ -= e.held.piece->size();
-    bytes_ += held.piece->size();
-    e.held = std::move(held);
-    e.lastUse = now;
-    e.read = false;
-  };
   if (auto whole = pieces_.find(key(index, piecesPerStrip_)); whole != pieces_.end()) {
     bytes_ -= whole->second.held.piece->size();
     pieces_.erase(whole);
   }
   if (!pieced_) {
     rows.resize(count * bytesPerRow_);
-    put(key(index, piecesPerStrip_), {std::make_shared<const Piece>(std::move(rows)), 0, width_});
+    put(key(index, piecesPerStrip_), {std::make_shared<const Piece>(std::move(rows)), 0, width_}, now, false);
   } else {
     for (std::size_t c = 0; c < piecesPerStrip_; ++c)
-      put(key(index, c), {cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)});
+      put(key(index, c), {cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)}, now, false);
   }
   ++stats_.stripsDecoded;
+  if (decodes_[index] < 0xffff) ++decodes_[index];
+  stats_.mostDecodesOfAStrip = std::max<std::size_t>(stats_.mostDecodesOfAStrip, decodes_[index]);
+  evictToCapacity();
+}
+
+void StripCache::evictToCapacity() const {
   const std::size_t limit = kBudgetGrowth * initialBudget_;
   while (bytes_ > capacityBytes() && !pieces_.empty()) {
     auto victim = pieces_.end();
@@ -200,11 +216,22 @@ void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std
       if (victim == pieces_.end() || goesBefore(*it, *victim, floor)) victim = it;
     }
     // Evicting what the consumers will read (again): a piece nobody has read yet, or, while
-    // they move down the file, one not yet behind all of them. While they move down, the budget
-    // grows by a quarter instead, up to its limit; beyond it (or for consumers moving up, whose
-    // windows would only grow with it) the piece goes, and a restart will decode it again.
+    // they move down the file, one not yet behind all of them. It goes to the spill file (once:
+    // a strip read back from there is there already) and is read back from there when asked
+    // for, so the budget stays as the cache was made. Without a spill file (it cannot be
+    // written), while the consumers move down, the budget grows by a quarter instead, up to
+    // its limit; beyond it (or for consumers moving up, whose windows would only grow with it)
+    // the piece goes, and a restart will decode it again.
     const bool down = movingDown();
     const bool needed = !victim->second.read || (stripOf(victim->first) >= floor && down);
+    // A strip kept whole counts as read once a request read it, but the turned consumer's
+    // later columns may not have read all of it yet: it is spilled too then.
+    const bool partlyUnread = victim->first % (piecesPerStrip_ + 1) == piecesPerStrip_ && !allRead(victim->second);
+    if ((needed || partlyUnread) && spill_.usable() && spillOut(*victim)) {
+      bytes_ -= victim->second.held.piece->size();
+      pieces_.erase(victim);
+      continue;
+    }
     if (needed && !pieced_) {
       cutIntoPieces();
       continue;
@@ -218,6 +245,77 @@ void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std
     pieces_.erase(victim);
   }
   stats_.peakBytes = std::max(stats_.peakBytes, bytes_);
+}
+
+// A whole strip is written as its pieces one after another (each row of a piece from its row of
+// the strip), a piece as it is held.
+bool StripCache::spillOut(const std::pair<const std::size_t, Entry>& entry) const {
+  const std::size_t s = stripOf(entry.first), p = entry.first % (piecesPerStrip_ + 1);
+  const std::size_t rows = rowsOf(s);
+  const Piece& bytes = *entry.second.held.piece;
+  std::vector<iovec> buffers;
+  std::size_t c0 = p, c1 = p;
+  if (p == piecesPerStrip_) {
+    c0 = 0;
+    c1 = piecesPerStrip_ - 1;
+    bool all = true;
+    for (std::size_t c = c0; c <= c1; ++c) all = all && spilled_[s * piecesPerStrip_ + c];
+    if (all) return true;
+    buffers.reserve(rows * piecesPerStrip_);
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c)
+      for (std::size_t k = 0; k < rows; ++k)
+        buffers.push_back({const_cast<std::uint8_t*>(bytes.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_),
+                           pieceWidth(c) * bytesPerPixel_});
+  } else {
+    if (spilled_[s * piecesPerStrip_ + p]) return true;
+    buffers.push_back({const_cast<std::uint8_t*>(bytes.data()), bytes.size()});
+  }
+  if (!spill_.write(buffers, spillOffset(s, c0))) return false;
+  for (std::size_t c = c0; c <= c1; ++c) spilled_[s * piecesPerStrip_ + c] = true;
+  stats_.piecesSpilled += c1 - c0 + 1;
+  return true;
+}
+
+bool StripCache::readBack(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const {
+  {
+    std::lock_guard lock(cacheMutex_);
+    for (std::size_t c = c0; c <= c1; ++c)
+      if (!spilled_[index * piecesPerStrip_ + c]) return false;
+  }
+  // Read outside the lock (what was written there never changes), each piece into its own
+  // buffer, the pieces being one after another in the file.
+  const std::size_t rows = rowsOf(index);
+  std::vector<std::shared_ptr<Piece>> read;
+  std::vector<iovec> buffers;
+  for (std::size_t c = c0; c <= c1; ++c) {
+    read.push_back(std::make_shared<Piece>(rows * pieceWidth(c) * bytesPerPixel_));
+    buffers.push_back({read.back()->data(), read.back()->size()});
+  }
+  if (!spill_.read(buffers, spillOffset(index, c0))) return false;
+  std::lock_guard lock(cacheMutex_);
+  const std::uint64_t now = ++clock_;
+  found.clear();
+  for (std::size_t c = c0; c <= c1; ++c) {
+    Held held{std::move(read[c - c0]), c * kChunkPixels, pieceWidth(c)};
+    found.push_back(held);
+    put(key(index, c), std::move(held), now, true);
+  }
+  stats_.piecesReadBack += c1 - c0 + 1;
+  evictToCapacity();
+  return true;
+}
+
+bool StripCache::allRead(const Entry& whole) const {
+  const std::size_t pieces = std::min<std::size_t>(piecesPerStrip_, 64);
+  const std::uint64_t all = pieces == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << pieces) - 1;
+  return (whole.readPieces & all) == all;
+}
+
+bool StripCache::heldAnywhere(std::size_t index) const {
+  if (pieces_.count(key(index, piecesPerStrip_))) return true;
+  for (std::size_t c = 0; c < piecesPerStrip_; ++c)
+    if (!spilled_[index * piecesPerStrip_ + c] && !pieces_.count(key(index, c))) return false;
+  return true;
 }
 
 std::shared_ptr<const StripCache::Piece> StripCache::cutPiece(const std::uint8_t* rows, std::size_t count,
@@ -244,7 +342,7 @@ void StripCache::cutIntoPieces() const {
   }
   for (auto& [index, e] : whole) {
     const Piece& rows = *e.held.piece;
-    const std::size_t count = rows.size() / bytesPerRow_;
+    const std::size_t count = rowsOf(index);
     for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
       // Only the pieces of the columns read so far count as read.
       const bool read = (e.readPieces >> std::min<std::size_t>(c, 63)) & 1;
@@ -256,9 +354,10 @@ void StripCache::cutIntoPieces() const {
 
 StripCache::Pieces StripCache::strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const {
   Pieces found;
-  if (lookup(index, c0, c1, found)) return found;
+  if (lookup(index, c0, c1, found) || readBack(index, c0, c1, found)) return found;
   std::lock_guard lock(decodeMutex_);
-  if (lookup(index, c0, c1, found)) return found;  // decoded by another worker meanwhile
+  // Decoded (or spilled) by another worker meanwhile.
+  if (lookup(index, c0, c1, found) || readBack(index, c0, c1, found)) return found;
   if (failed_) fail();
   position(index, lastIndex);
   while (reader_->nextRow() <= index * kStripRows) decodeNext();
@@ -287,9 +386,24 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
   // next. Otherwise (the first request, or a worker that fell behind the others on the way
   // down): from the request's own first strip.
   const std::size_t capacity = capacityStrips();
-  const std::size_t window = std::max(capacity / 2, capacity - std::min(capacity, 2 * largestRequest_.load() + 4));
+  std::size_t window = std::max(capacity / 2, capacity - std::min(capacity, 2 * largestRequest_.load() + 4));
   const bool upwards = reader_ && index < restartedAt_;
+  // With a spill file the window need not fit in memory: what the cache cannot hold of it is
+  // spilled as it is decoded (nobody has read it yet) and read back as the consumer moves up.
+  // Each such restart doubles the window, so that a consumer walking up the whole file (the
+  // mirrored half of a reflection) costs a few restarts, each skipping less than the file, and
+  // every row is decoded at most once more, rather than one restart per half cache, each
+  // skipping in the compressed domain everything above.
+  const bool spilling = upwards && restarted && spill_.usable();
+  if (spilling) window = std::max(window, (capacity / 2) << std::min<std::size_t>(upwardRestarts_++, 20));
   std::size_t windowFirst = upwards ? std::min(index, lastIndex + 1 > window ? lastIndex + 1 - window : 0) : index;
+  if (spilling) {
+    // Not above rows held already, in memory or in the spill file.
+    std::lock_guard lock(cacheMutex_);
+    std::size_t s = index;
+    while (s > windowFirst && !heldAnywhere(s - 1)) --s;
+    windowFirst = s;
+  }
   if (restarted) restartedAt_ = windowFirst;
   if (reader_ && restarted && reader_->rewind()) {
     // A reader holding the whole image starts again for free.
@@ -345,8 +459,20 @@ void StripCache::decodeAhead(std::size_t lastIndex, std::size_t strips) const {
   const std::size_t at = reader_->nextRow() / kStripRows;
   if (at <= lastIndex || at > lastIndex + 1 + strips) return;
   const std::size_t until = std::min({stripCount_, lastIndex + 1 + strips, lastIndex + 1 + capacityStrips() / 4});
+  {
+    // Not for consumers moving up (the rows below are behind them), nor over rows the cache
+    // or its spill file holds already.
+    std::lock_guard cacheLock(cacheMutex_);
+    if (!movingDown()) return;
+  }
+  auto held = [&](std::size_t index) {
+    std::lock_guard cacheLock(cacheMutex_);
+    return heldAnywhere(index);
+  };
   try {
-    while (reader_->nextRow() < height_ && reader_->nextRow() / kStripRows < until) decodeNext();
+    while (reader_->nextRow() < height_ && reader_->nextRow() / kStripRows < until &&
+           !held(reader_->nextRow() / kStripRows))
+      decodeNext();
   } catch (const CIRenderError&) {
     // Reported to whoever asks for those rows.
   }

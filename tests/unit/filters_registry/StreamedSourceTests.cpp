@@ -7,6 +7,7 @@
 // order.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <thread>
@@ -83,7 +84,9 @@ class StreamedSourceConcurrently : public StreamedSource {};
 
 }  // namespace
 
-TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
+namespace {
+
+void expectStreamedRenderEqualsWhole(const std::string& filter) {
   for (const Picture& picture : pictures()) {
     ASSERT_TRUE(picture.whole) << picture.file;
     const CIImage streamed = CIImage::imageWithContentsOfFile(picture.file);
@@ -91,7 +94,7 @@ TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
                                                   picture.whole->height, picture.whole->bytesPerRow);
     ASSERT_TRUE(streamed) << picture.file;
     ASSERT_TRUE(CGRectEqualToRect(streamed.extent(), whole.extent()));
-    const CIImage a = apply(GetParam(), streamed), b = apply(GetParam(), whole);
+    const CIImage a = apply(filter, streamed), b = apply(filter, whole);
     ASSERT_TRUE(a) << picture.file;
     ASSERT_TRUE(b) << picture.file;
     const CGRect rect = comparedRect(a, whole);
@@ -100,11 +103,52 @@ TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
     ASSERT_EQ(tiled.size(), single.size());
     std::size_t differing = 0;
     for (std::size_t i = 0; i < tiled.size(); ++i) differing += std::memcmp(&tiled[i], &single[i], sizeof(float)) != 0;
-    EXPECT_EQ(differing, 0u) << GetParam() << " on " << picture.file;
+    EXPECT_EQ(differing, 0u) << filter << " on " << picture.file;
   }
 }
 
+}  // namespace
+
+TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) { expectStreamedRenderEqualsWhole(GetParam()); }
+
 INSTANTIATE_TEST_SUITE_P(EveryBundleFilter, StreamedSource, ::testing::ValuesIn(bundleFilterNames()),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+// The filters that read rows far apart (a rotation, a reflection's mirrored half, a picture over
+// its scaled copy, two shifted copies), where the strip cache spills what it cannot hold, render
+// the same where no spill file can be made (TMPDIR names a missing directory): the cache
+// decodes those rows again instead.
+class StreamedSourceWithoutSpillFile : public StreamedSource {
+ protected:
+  void SetUp() override {
+    StreamedSource::SetUp();
+    pictures();  // written to the test directory first
+    if (const char* old = std::getenv("TMPDIR")) old_ = old;
+    had_ = std::getenv("TMPDIR") != nullptr;
+    ::setenv("TMPDIR", (streamTestDir() / "no-such-directory").c_str(), 1);
+  }
+  void TearDown() override {
+    if (had_)
+      ::setenv("TMPDIR", old_.c_str(), 1);
+    else
+      ::unsetenv("TMPDIR");
+    StreamedSource::TearDown();
+  }
+  std::string old_;
+  bool had_ = false;
+};
+
+TEST_P(StreamedSourceWithoutSpillFile, RendersTheWholeDecodeBitForBit) {
+  std::vector<StripCache::Stats> caches;
+  StripCache::setStatsListener([&](const StripCache::Stats& s) { caches.push_back(s); });
+  expectStreamedRenderEqualsWhole(GetParam());
+  StripCache::setStatsListener(nullptr);
+  for (const StripCache::Stats& s : caches) EXPECT_EQ(s.piecesSpilled, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(FarApartReads, StreamedSourceWithoutSpillFile,
+                         ::testing::Values("QVFilterRotate", "QVFilterReflection", "QVFilterScaleComposite",
+                                           "QVFilterStereoscopic"),
                          [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
 
 // Two renders of one streamed JPEG through the same filter graph at the same time, each on two
