@@ -346,6 +346,8 @@ void StripCache::cutIntoPieces() const {
     for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
       // Only the pieces of the columns read so far count as read.
       const bool read = (e.readPieces >> std::min<std::size_t>(c, 63)) & 1;
+      // A piece read back from the spill file before it became unusable gives way to the cut one.
+      if (auto old = pieces_.find(key(index, c)); old != pieces_.end()) bytes_ -= old->second.held.piece->size();
       pieces_[key(index, c)] = Entry{{cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)}, e.lastUse, read};
     }
     e.held.piece.reset();  // one strip at a time: never the cache twice over

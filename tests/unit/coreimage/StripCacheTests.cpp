@@ -326,10 +326,11 @@ TEST(StripCache, ReadingBackUpTheFileDecodesEachStripAtMostTwice) {
 }
 
 TEST(StripCache, ASpillFileThatCannotBeWrittenFurtherFallsBackToDecodingAgain) {
-  // A full disc, made by a file size limit of 3 strips: the writes fail (the spill file keeps
-  // each strip at its rows' place, beyond the limit but for the first three), and the cache
-  // decodes again instead; every row read still matches.
-  const std::size_t W = 64, H = 2048, stripBytes = StripCache::kStripRows * W * 4;
+  // A full disc part way, made by a file size limit of half the decoded picture: a turned read
+  // spills the strips near the top (each at its rows' place in the spill file), then a write
+  // fails, and from then on the cache keeps what it read back and decodes again what it must;
+  // every run still equals the whole decode.
+  const std::size_t W = 2048, H = 512, stripBytes = StripCache::kStripRows * W * 4;
   const std::string path = writeJPEG("full-disc.jpg", W, H);
   const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
   ASSERT_TRUE(whole);
@@ -339,16 +340,18 @@ TEST(StripCache, ASpillFileThatCannotBeWrittenFurtherFallsBackToDecodingAgain) {
   StripCache::Stats stats;
   bool ok = false;
   {
-    const StripCache cache(openerFor(path), path, W, H, 8, 8 * stripBytes);
+    const StripCache cache(openerFor(path), path, W, H, 8, 2 * stripBytes);
     rlimit small = old;
-    small.rlim_cur = 3 * stripBytes;
+    small.rlim_cur = 16 * stripBytes;
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    ok = readDownThenUp(cache, *whole, H);
+    ok = readTurned(cache, *whole, W, H);
     ::setrlimit(RLIMIT_FSIZE, &old);
     stats = cache.stats();
   }
   ::signal(SIGXFSZ, previous);
   EXPECT_TRUE(ok);
+  EXPECT_GT(stats.piecesSpilled, 0u);
+  EXPECT_LT(stats.spilledBytes, 16 * stripBytes + 1);
   EXPECT_NE(stats.spillError.find("cannot write the spill file in "), std::string::npos) << stats.spillError;
   EXPECT_NE(stats.spillError.find("File too large"), std::string::npos) << stats.spillError;
 }
