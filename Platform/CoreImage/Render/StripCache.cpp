@@ -174,9 +174,6 @@ bool StripCache::goesBefore(const std::pair<const std::size_t, Entry>& a, const 
   return a.second.lastUse < b.second.lastUse;
 }
 
-// The strip's rows (whole, bytesPerRow_ apart) cut into its pieces, which replace any the
-// cache still holds of it; then pieces go until the cache is within its capacity, in the order
-// of goesBefore.
 void StripCache::put(std::size_t k, Held held, std::uint64_t now, bool read) const {
   Entry& e = pieces_[k];
   if (e.held.piece) bytes_ -= e.held.piece->size();
@@ -186,6 +183,8 @@ void StripCache::put(std::size_t k, Held held, std::uint64_t now, bool read) con
   e.read = read;
 }
 
+// The strip's rows (whole, bytesPerRow_ apart) kept whole or cut into its pieces, which replace
+// any the cache still holds of it; then pieces go until the cache is within its capacity.
 void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
   std::lock_guard lock(cacheMutex_);
   const std::uint64_t now = ++clock_;
@@ -206,6 +205,7 @@ void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std
   evictToCapacity();
 }
 
+// Pieces go, in the order of goesBefore, until the cache is within its capacity.
 void StripCache::evictToCapacity() const {
   const std::size_t limit = kBudgetGrowth * initialBudget_;
   while (bytes_ > capacityBytes() && !pieces_.empty()) {
