@@ -503,13 +503,50 @@ ColumnBands::ColumnBands(StripCache::Opener open, std::string what, std::size_t 
 
 ColumnBands::~ColumnBands() {
   if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
-  std::fprintf(stderr, "column bands of %s: %zu passes over the file, %zu columns a band\n", what_.c_str(), passes(),
-               bandColumns_);
+  std::fprintf(stderr, "column bands of %s: %zu passes over the file, %zu bands read back, %zu columns a band\n",
+               what_.c_str(), passes(), bandsReadBack(), bandColumns_);
 }
 
 std::size_t ColumnBands::passes() const {
   std::lock_guard lock(mutex_);
   return passes_;
+}
+
+std::size_t ColumnBands::bandsReadBack() const {
+  std::lock_guard lock(mutex_);
+  return readBacks_;
+}
+
+// Each band's part of the rows, one after another within the band's region of the file.
+void ColumnBands::spillRows(const std::uint8_t* rows, std::size_t rowBytes, std::size_t first,
+                            std::size_t count) const {
+  std::vector<iovec> buffers(count);
+  for (std::size_t b = 0; b * bandColumns_ < width_ && spill_.usable(); ++b) {
+    const std::size_t columns = std::min(bandColumns_, width_ - b * bandColumns_);
+    for (std::size_t k = 0; k < count; ++k)
+      buffers[k] = {const_cast<std::uint8_t*>(rows + k * rowBytes + b * bandColumns_ * bytesPerPixel_),
+                    columns * bytesPerPixel_};
+    spill_.write(buffers, spillOffset(b, first));
+  }
+}
+
+bool ColumnBands::readBack(Band& band, std::size_t index) const {
+  // In runs of rows, each scattered into the band's columns: never the band twice over.
+  const std::size_t runRows = std::max<std::size_t>(1, (std::size_t{1} << 20) / (band.columns * bytesPerPixel_));
+  std::vector<std::uint8_t> rows(std::min(runRows, height_) * band.columns * bytesPerPixel_);
+  for (std::size_t y = 0; y < height_; y += runRows) {
+    const std::size_t n = std::min(runRows, height_ - y);
+    const iovec buffer{rows.data(), n * band.columns * bytesPerPixel_};
+    if (!spill_.read({&buffer, 1}, spillOffset(index, y))) return false;
+    for (std::size_t k = 0; k < n; ++k) {
+      const std::uint8_t* src = rows.data() + k * band.columns * bytesPerPixel_;
+      std::uint8_t* dst = band.pixels.data() + (y + k) * bytesPerPixel_;
+      for (std::size_t c = 0; c < band.columns; ++c)
+        std::memcpy(dst + c * height_ * bytesPerPixel_, src + c * bytesPerPixel_, bytesPerPixel_);
+    }
+  }
+  ++readBacks_;
+  return true;
 }
 
 void ColumnBands::withColumn(std::size_t column, const std::function<void(const std::uint8_t*)>& use) const {
@@ -538,6 +575,13 @@ std::shared_ptr<const ColumnBands::Band> ColumnBands::band(std::size_t index) co
   band->first = index * bandColumns_;
   band->columns = std::min(bandColumns_, width_ - band->first);
   band->pixels.resize(band->columns * height_ * bytesPerPixel_);
+  if (spillWhole_ && readBack(*band, index)) {
+    bands_.emplace_back(index, band);
+    return band;
+  }
+  spillWhole_ = false;  // not there, or it cannot be read: decoded again from now on
+  // The first pass of a file of several bands writes them all to the spill file.
+  const bool spilling = !spillWhole_ && passes_ == 0 && bandColumns_ < width_ && spill_.usable();
   std::string error;
   std::unique_ptr<CGImageSourceRowReader> reader = open_(error);
   ++passes_;
@@ -556,7 +600,9 @@ std::shared_ptr<const ColumnBands::Band> ColumnBands::band(std::size_t index) co
       for (std::size_t c = 0; c < band->columns; ++c)
         std::memcpy(dst + c * height_ * bytesPerPixel_, src + c * bytesPerPixel_, bytesPerPixel_);
     }
+    if (spilling) spillRows(rows.data(), rowBytes, y, n);
   }
+  spillWhole_ = spilling && spill_.usable();
   bands_.emplace_back(index, band);
   return band;
 }

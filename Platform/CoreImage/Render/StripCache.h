@@ -215,7 +215,10 @@ class StripCache {
 // render read about the same rows of the upright picture; one may be a band behind at the
 // boundary), each of half the byte budget: a file of W columns costs ceil(W / band columns)
 // decodes in all, e.g. six for a 6000x4000 JPEG within 32 MiB, rather than holding the whole
-// decoded picture (96 MB for 24 MP).
+// decoded picture (96 MB for 24 MP). With a spill file (see SpillFile), the first pass also
+// writes every band's part of each row there, band after band, and later bands are read back
+// from it instead of decoded again: one decode of the file in all. Where the spill file cannot
+// be made or written, each band decodes the file again.
 class ColumnBands {
  public:
   static constexpr std::size_t kKept = 2;
@@ -233,6 +236,7 @@ class ColumnBands {
   // The file columns one band holds.
   std::size_t bandColumns() const { return bandColumns_; }
   std::size_t passes() const;  // the decodes of the whole file so far
+  std::size_t bandsReadBack() const;  // bands read back from the spill file
 
   // The byte budget of the bands made from now on (32 MiB unless set); tests shrink it.
   static std::size_t defaultBudget();
@@ -244,6 +248,15 @@ class ColumnBands {
     std::vector<std::uint8_t> pixels;  // column by column, height pixels each
   };
   std::shared_ptr<const Band> band(std::size_t index) const;
+  // With mutex_ held: band `b`'s columns of `count` rows from `first` on (a strip of the file,
+  // rowBytes apart) written to the spill file; the band's columns gathered from it (false when
+  // it cannot be read).
+  void spillRows(const std::uint8_t* rows, std::size_t rowBytes, std::size_t first, std::size_t count) const;
+  bool readBack(Band& band, std::size_t index) const;
+  std::uint64_t spillOffset(std::size_t band, std::size_t row) const {
+    return (std::uint64_t(band) * bandColumns_ * height_ + row * std::min(bandColumns_, width_ - band * bandColumns_)) *
+           bytesPerPixel_;
+  }
 
   StripCache::Opener open_;
   std::string what_;
@@ -253,6 +266,9 @@ class ColumnBands {
   mutable std::mutex mutex_;  // guards what follows; a band is gathered with it held
   mutable std::vector<std::pair<std::size_t, std::shared_ptr<const Band>>> bands_;  // most recent last
   mutable std::size_t passes_ = 0;
+  mutable std::size_t readBacks_ = 0;
   mutable std::string failure_;
+  mutable SpillFile spill_;
+  mutable bool spillWhole_ = false;  // the spill file holds every band
 };
 

@@ -257,28 +257,78 @@ TEST_P(OrientedSource, RendersTheEagerlyTurnedPictureBitForBit) {
   }
 }
 
-TEST(OrientedSourceBands, AQuarterTurnGathersEachBandOnceWhenReadTopDown) {
-  // 260 file columns in bands of 60: five passes over the file for a render top down on one
-  // thread, each band gathered once.
-  const std::string path = (streamTestDir() / "bands-6.jpg").string();
-  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
-  const CIImage lazy = CIImage::imageWithContentsOfFile(path, {{kCIImageApplyOrientationProperty, Value::boolean(true)}});
-  ASSERT_TRUE(lazy);
-  ColumnBands bands(
-      [&](std::string& error) {
+namespace {
+
+// Whether every file column the bands hand out equals the whole decode's.
+bool columnsMatch(const ColumnBands& bands, const CGImage& whole, std::size_t column) {
+  bool ok = true;
+  bands.withColumn(column, [&](const std::uint8_t* pixels) {
+    for (std::size_t y = 0; y < whole.height; ++y) ok = ok && std::memcmp(pixels + y * 4, whole.row(y) + column * 4, 4) == 0;
+  });
+  return ok;
+}
+
+ColumnBands bandsOf(const std::string& path) {
+  return ColumnBands(
+      [path](std::string& error) {
         auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(path), 0);
         if (!reader) error = "cannot open";
         return reader;
       },
       path, 260, 190, 8, 2 * 60 * 190 * 4);
+}
+
+}  // namespace
+
+TEST(OrientedSourceBands, AQuarterTurnDecodesTheFileOnceAndReadsTheOtherBandsBack) {
+  // 260 file columns in bands of 60: the first pass writes every band to the spill file, the
+  // other four are read back from it, each band gathered once for a render top down, and every
+  // column is the whole decode's.
+  const std::string path = (streamTestDir() / "bands-6.jpg").string();
+  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  const CIImage lazy = CIImage::imageWithContentsOfFile(path, {{kCIImageApplyOrientationProperty, Value::boolean(true)}});
+  ASSERT_TRUE(lazy);
+  const ColumnBands bands = bandsOf(path);
   EXPECT_EQ(bands.bandColumns(), 60u);
-  for (std::size_t column = 0; column < 260; ++column) bands.withColumn(column, [](const std::uint8_t*) {});
-  EXPECT_EQ(bands.passes(), 5u);
-  // Going back to a band still kept costs nothing; one evicted costs a pass.
-  bands.withColumn(200, [](const std::uint8_t*) {});
-  EXPECT_EQ(bands.passes(), 5u);
-  bands.withColumn(0, [](const std::uint8_t*) {});
-  EXPECT_EQ(bands.passes(), 6u);
+  for (std::size_t column = 0; column < 260; ++column) EXPECT_TRUE(columnsMatch(bands, *whole, column)) << column;
+  EXPECT_EQ(bands.passes(), 1u);
+  EXPECT_EQ(bands.bandsReadBack(), 4u);
+  // Going back to a band still kept costs nothing; one evicted is read back again.
+  EXPECT_TRUE(columnsMatch(bands, *whole, 200));
+  EXPECT_EQ(bands.bandsReadBack(), 4u);
+  EXPECT_TRUE(columnsMatch(bands, *whole, 0));
+  EXPECT_EQ(bands.passes(), 1u);
+  EXPECT_EQ(bands.bandsReadBack(), 5u);
+}
+
+TEST(OrientedSourceBands, WithoutASpillFileEachBandDecodesTheFileAgain) {
+  // TMPDIR names a missing directory: five passes over the file for a render top down, each
+  // band gathered once, the same columns.
+  const std::string path = (streamTestDir() / "bands-6-again.jpg").string();
+  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  const std::string missing = (streamTestDir() / "no-such-directory").string();
+  std::string old;
+  const bool had = std::getenv("TMPDIR") != nullptr;
+  if (had) old = std::getenv("TMPDIR");
+  ::setenv("TMPDIR", missing.c_str(), 1);
+  {
+    const ColumnBands bands = bandsOf(path);
+    for (std::size_t column = 0; column < 260; ++column) EXPECT_TRUE(columnsMatch(bands, *whole, column)) << column;
+    EXPECT_EQ(bands.passes(), 5u);
+    EXPECT_EQ(bands.bandsReadBack(), 0u);
+    bands.withColumn(200, [](const std::uint8_t*) {});
+    EXPECT_EQ(bands.passes(), 5u);
+    bands.withColumn(0, [](const std::uint8_t*) {});
+    EXPECT_EQ(bands.passes(), 6u);
+  }
+  if (had)
+    ::setenv("TMPDIR", old.c_str(), 1);
+  else
+    ::unsetenv("TMPDIR");
 }
 
 TEST(OrientedSourceBands, WithoutTheOptionTheStoredPixelsAreRead) {
