@@ -158,18 +158,19 @@ bool StripCache::movingDown() const {
 }
 
 // Which of two pieces goes first: one already read before one nobody has read yet (a turned
-// picture's later columns still read it); of two read ones, one above where every column of
-// tiles last began (the consumers have moved down past it), the highest first; otherwise the
-// one used longest ago.
+// picture's later columns still read it); of two read ones, one that every column of tiles has
+// passed (above where each last began, for consumers moving down; below the end of the lowest
+// latest request, for consumers moving up), the farthest behind them first; otherwise the one
+// used longest ago.
 bool StripCache::goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
-                            std::size_t floor) const {
+                            std::size_t floor, std::size_t ceiling, bool down) const {
   if (leastRecent_) return a.second.lastUse < b.second.lastUse;
   if (a.second.read != b.second.read) return a.second.read;
   if (a.second.read) {
     const std::size_t sa = stripOf(a.first), sb = stripOf(b.first);
-    const bool deadA = sa < floor, deadB = sb < floor;
+    const bool deadA = down ? sa < floor : sa > ceiling, deadB = down ? sb < floor : sb > ceiling;
     if (deadA != deadB) return deadA;
-    if (deadA && sa != sb) return sa < sb;
+    if (deadA && sa != sb) return down ? sa < sb : sa > sb;
   }
   return a.second.lastUse < b.second.lastUse;
 }
@@ -210,10 +211,14 @@ void StripCache::evictToCapacity() const {
   const std::size_t limit = kBudgetGrowth * initialBudget_;
   while (bytes_ > capacityBytes() && !pieces_.empty()) {
     auto victim = pieces_.end();
-    std::size_t floor = stripCount_;
-    for (const auto& [piece, at] : consumers_) floor = std::min(floor, at.first);
+    std::size_t floor = stripCount_, ceiling = 0;
+    for (const auto& [piece, at] : consumers_) {
+      floor = std::min(floor, at.first);
+      ceiling = std::max(ceiling, at.first + largestRequest_.load() - 1);
+    }
+    const bool down = movingDown();
     for (auto it = pieces_.begin(); it != pieces_.end(); ++it) {
-      if (victim == pieces_.end() || goesBefore(*it, *victim, floor)) victim = it;
+      if (victim == pieces_.end() || goesBefore(*it, *victim, floor, ceiling, down)) victim = it;
     }
     // Evicting what the consumers will read (again): a piece nobody has read yet, or, while
     // they move down the file, one not yet behind all of them. It goes to the spill file (once:
@@ -222,12 +227,13 @@ void StripCache::evictToCapacity() const {
     // written), while the consumers move down, the budget grows by a quarter instead, up to
     // its limit; beyond it (or for consumers moving up, whose windows would only grow with it)
     // the piece goes, and a restart will decode it again.
-    const bool down = movingDown();
     const bool needed = !victim->second.read || (stripOf(victim->first) >= floor && down);
     // A strip kept whole counts as read once a request read it, but the turned consumer's
-    // later columns may not have read all of it yet: it is spilled too then.
+    // later columns may not have read all of it yet; and consumers moving up read a strip
+    // again in each column of tiles until all have passed it: it is spilled too then.
     const bool partlyUnread = victim->first % (piecesPerStrip_ + 1) == piecesPerStrip_ && !allRead(victim->second);
-    if ((needed || partlyUnread) && spill_.usable() && spillOut(*victim)) {
+    const bool neededAbove = !down && stripOf(victim->first) <= ceiling;
+    if ((needed || partlyUnread || neededAbove) && spill_.usable() && spillOut(*victim)) {
       bytes_ -= victim->second.held.piece->size();
       pieces_.erase(victim);
       continue;

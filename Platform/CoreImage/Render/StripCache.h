@@ -154,10 +154,13 @@ class StripCache {
   std::uint64_t spillOffset(std::size_t strip, std::size_t c) const {
     return std::uint64_t(strip) * kStripRows * bytesPerRow_ + rowsOf(strip) * c * kChunkPixels * bytesPerPixel_;
   }
-  // With cacheMutex_ held; `floor`: the highest strip every consumer has passed.
+  // With cacheMutex_ held. Consumers moving down have passed the strips above `floor` (the
+  // first strip of the latest request of every column of tiles); consumers moving up
+  // (`down` false) have passed the strips below `ceiling` (the last strip of the lowest of
+  // those requests).
   bool movingDown() const;  // whether the recent requests move down the file
   bool goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
-                  std::size_t floor) const;
+                  std::size_t floor, std::size_t ceiling, bool down) const;
   std::size_t pieceWidth(std::size_t c) const { return std::min(kChunkPixels, width_ - c * kChunkPixels); }
   // Piece c of a strip's `count` rows (bytesPerRow_ apart in `rows`): its columns' bytes, copied.
   std::shared_ptr<const Piece> cutPiece(const std::uint8_t* rows, std::size_t count, std::size_t c) const;

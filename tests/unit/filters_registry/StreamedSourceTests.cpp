@@ -114,6 +114,46 @@ TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) { expectStreamedRenderEqu
 INSTANTIATE_TEST_SUITE_P(EveryBundleFilter, StreamedSource, ::testing::ValuesIn(bundleFilterNames()),
                          [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
 
+// Decodes per strip of file rows, counted, for a render in strips of output rows as a file is
+// written: a rotation decodes each strip once (what its band needs again comes back from the
+// spill file), a reflection at most twice (its mirrored half reads the rows again from the
+// bottom up after they went); both equal the whole decode.
+TEST_F(StreamedSource, FarApartReadsDecodeEachStripAtMostTwice) {
+  struct Case {
+    std::string filter;
+    std::size_t most;
+  };
+  for (const Case& c : {Case{"QVFilterRotate", 1}, Case{"QVFilterReflection", 2}}) {
+    const std::string& filter = c.filter;
+    const std::size_t most = c.most;
+    std::vector<StripCache::Stats> caches;
+    StripCache::setStatsListener([&](const StripCache::Stats& s) { caches.push_back(s); });
+    // 75 strips of file rows, in a cache of 8.
+    const std::string path = (streamTestDir() / "far-apart.jpg").string();
+    ASSERT_TRUE(writePicture(grainyPicture(260, 1200, false), path));
+    const CIImage file = CIImage::imageWithContentsOfFile(path);
+    const CIImage a = apply(filter, file);
+    ASSERT_TRUE(a);
+    // In strips from the top, as a render to a file runs (a render into memory runs each
+    // column of tiles down the whole picture, reading the file once per column).
+    CIContext(renderOptions(2, 48))
+        .renderStrips(a, CGRectIntegral(a.extent()), CIRenderFormat::RGBAf, 32,
+                      [](const void*, std::ptrdiff_t, std::int64_t, std::int64_t) {});
+    StripCache::setStatsListener(nullptr);
+    ASSERT_EQ(caches.size(), 1u) << filter;
+    EXPECT_EQ(caches[0].spillError, "") << filter;
+    EXPECT_LE(caches[0].mostDecodesOfAStrip, most) << filter;
+    EXPECT_GE(caches[0].mostDecodesOfAStrip, 1u) << filter;
+    // And the pixels, tiled from the file, equal the whole decode's rendered whole.
+    const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+    ASSERT_TRUE(whole);
+    const CIImage bitmap = CIImage::imageWithRGBA8(whole->pixels.data(), whole->width, whole->height, whole->bytesPerRow);
+    const CIImage b = apply(filter, bitmap);
+    const CGRect rect = CGRectIntegral(a.extent());
+    EXPECT_TRUE(bitwiseEqual(render(a, rect, renderOptions(2, 48)), render(b, rect, renderOptions(1, 8192)))) << filter;
+  }
+}
+
 // The filters that read rows far apart (a rotation, a reflection's mirrored half, a picture over
 // its scaled copy, two shifted copies), where the strip cache spills what it cannot hold, render
 // the same where no spill file can be made (TMPDIR names a missing directory): the cache
