@@ -25,7 +25,8 @@
 //
 // Rows far apart: a bounded cache and a spill file. Where the next piece to go is one the
 // consumers will still read (not read yet, or, while they move down the file, not yet behind
-// all of them), it is written once, as the decoder's 8-bit rows, to an unlinked temporary file
+// all of them, or, while they move up, not yet below every column of tiles' latest request),
+// it is written once, as the decoder's 8-bit rows, to an unlinked temporary file
 // (SpillFile) and read back from there with a positioned read when asked for, rather than
 // decoded again by a restart from the top; the budget stays what the cache was made with (12
 // MiB: a turned 12000-wide picture's band is 47 MB, a reflection's mirrored half the whole
