@@ -186,24 +186,29 @@ void StripCache::put(std::size_t k, Held held, std::uint64_t now, bool read) con
 
 // The strip's rows (whole, bytesPerRow_ apart) kept whole or cut into its pieces, which replace
 // any the cache still holds of it; then pieces go until the cache is within its capacity.
-void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
+StripCache::Pieces StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
   std::lock_guard lock(cacheMutex_);
   const std::uint64_t now = ++clock_;
   if (auto whole = pieces_.find(key(index, piecesPerStrip_)); whole != pieces_.end()) {
     bytes_ -= whole->second.held.piece->size();
     pieces_.erase(whole);
   }
+  Pieces kept;
   if (!pieced_) {
     rows.resize(count * bytesPerRow_);
-    put(key(index, piecesPerStrip_), {std::make_shared<const Piece>(std::move(rows)), 0, width_}, now, false);
+    kept.push_back({std::make_shared<const Piece>(std::move(rows)), 0, width_});
+    put(key(index, piecesPerStrip_), kept.back(), now, false);
   } else {
-    for (std::size_t c = 0; c < piecesPerStrip_; ++c)
-      put(key(index, c), {cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)}, now, false);
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
+      kept.push_back({cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)});
+      put(key(index, c), kept.back(), now, false);
+    }
   }
   ++stats_.stripsDecoded;
   if (decodes_[index] < 0xffff) ++decodes_[index];
   stats_.mostDecodesOfAStrip = std::max<std::size_t>(stats_.mostDecodesOfAStrip, decodes_[index]);
   evictToCapacity();
+  return kept;
 }
 
 // Pieces go, in the order of goesBefore, until the cache is within its capacity.
@@ -368,13 +373,26 @@ StripCache::Pieces StripCache::strip(std::size_t index, std::size_t lastIndex, s
   if (lookup(index, c0, c1, found) || readBack(index, c0, c1, found)) return found;
   if (failed_) fail();
   position(index, lastIndex);
-  while (reader_->nextRow() <= index * kStripRows) decodeNext();
-  if (lookup(index, c0, c1, found)) return found;
-  throw CIRenderError("cannot decode " + what_ + ": the strip cache is too small");  // capacity >= 8: unreachable
+  Pieces decoded;
+  while (reader_->nextRow() <= index * kStripRows) {
+    const bool wanted = reader_->nextRow() / kStripRows == index;
+    Pieces strip = decodeNext();
+    if (wanted) decoded = std::move(strip);
+  }
+  if (lookup(index, c0, c1, found) || readBack(index, c0, c1, found)) return found;
+  // Evicted again at once (every other piece in the cache is one its consumers still read, and
+  // it could not be spilled): the decoded strip itself, which this request holds.
+  found.clear();
+  for (const Held& h : decoded)
+    if (h.width == width_ || (h.left / kChunkPixels >= c0 && h.left / kChunkPixels <= c1)) found.push_back(h);
+  if (!found.empty()) return found;
+  throw CIRenderError("cannot decode " + what_ + ": the strip cache lost a strip it decoded");  // unreachable
 }
 
 void StripCache::position(std::size_t index, std::size_t lastIndex) const {
-  const std::size_t at = reader_ ? reader_->nextRow() / kStripRows : 0;
+  // A reader at the end has read the last strip, a short one where the height is not a whole
+  // number of strips.
+  const std::size_t at = !reader_ ? 0 : reader_->nextRow() >= height_ ? stripCount_ : reader_->nextRow() / kStripRows;
   const bool restarted = !reader_ || at > index;
   if (reader_ && restarted) {
     // Decoding again what was evicted unread: the consumers keep more rows unread than the
@@ -448,7 +466,7 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
   }
 }
 
-void StripCache::decodeNext() const {
+StripCache::Pieces StripCache::decodeNext() const {
   const std::size_t row = reader_->nextRow();
   const std::size_t rows = std::min(kStripRows, height_ - row);
   std::vector<std::uint8_t> strip(rows * bytesPerRow_);
@@ -456,7 +474,7 @@ void StripCache::decodeNext() const {
     failure_ = "cannot decode " + what_ + ": " + reader_->error();
     fail();
   }
-  insert(row / kStripRows, std::move(strip), rows);
+  return insert(row / kStripRows, std::move(strip), rows);
 }
 
 void StripCache::decodeAhead(std::size_t lastIndex, std::size_t strips) const {

@@ -132,7 +132,9 @@ class StripCache {
   Pieces strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const;
   // All of them or none; found ones are marked read.
   bool lookup(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const;
-  void insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const;
+  // Returns what it put in the cache (the whole strip, or its pieces), which the cache may
+  // already have evicted again.
+  Pieces insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const;
   // Keys: piece c of strip s is s * (piecesPerStrip_ + 1) + c; the strip kept whole is
   // s * (piecesPerStrip_ + 1) + piecesPerStrip_.
   std::size_t key(std::size_t strip, std::size_t piece) const { return strip * (piecesPerStrip_ + 1) + piece; }
@@ -167,7 +169,7 @@ class StripCache {
   std::shared_ptr<const Piece> cutPiece(const std::uint8_t* rows, std::size_t count, std::size_t c) const;
   // With decodeMutex_ held.
   void position(std::size_t index, std::size_t lastIndex) const;
-  void decodeNext() const;
+  Pieces decodeNext() const;  // the strip decoded, as insert returns it
   void decodeAhead(std::size_t lastIndex, std::size_t strips) const;
   [[noreturn]] void fail() const;
   std::size_t capacityStrips() const;
