@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/uio.h>
+
 #include "CoreImage/CIContext.h"
 #include "ImageIO/CGImageSource.h"
 
@@ -28,7 +30,9 @@ StripCache::StripCache(Opener open, std::string what, std::size_t width, std::si
       stripCount_((height + kStripRows - 1) / kStripRows),
       piecesPerStrip_((width + kChunkPixels - 1) / kChunkPixels),
       initialBudget_(budgetBytes),
-      budget_(budgetBytes) {}
+      budget_(budgetBytes),
+      decodes_(stripCount_, 0),
+      spilled_(stripCount_ * piecesPerStrip_, false) {}
 
 namespace {
 std::mutex gListenerMutex;
@@ -47,9 +51,12 @@ StripCache::~StripCache() {
     if (gListener) gListener(s);
   }
   if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
-  std::fprintf(stderr, "strip cache of %s: %zu opens, %zu of %zu strips decoded, peak %.1f MB, budget %.1f MB\n",
+  std::fprintf(stderr,
+               "strip cache of %s: %zu opens, %zu of %zu strips decoded, peak %.1f MB, budget %.1f MB, "
+               "%zu pieces spilled (%.1f MB), %zu read back\n",
                what_.c_str(), s.opens, s.stripsDecoded, stripCount_, double(s.peakBytes) / 1048576.0,
-               double(s.budgetBytes) / 1048576.0);
+               double(s.budgetBytes) / 1048576.0, s.piecesSpilled, double(s.spilledBytes) / 1048576.0,
+               s.piecesReadBack);
 }
 
 StripCache::Stats StripCache::stats() const {
@@ -57,6 +64,8 @@ StripCache::Stats StripCache::stats() const {
   Stats s = stats_;
   s.budgetBytes = budget_.load();
   s.pieced = pieced_;
+  s.spilledBytes = spill_.bytesWritten();
+  s.spillError = spill_.error();
   return s;
 }
 
@@ -149,62 +158,91 @@ bool StripCache::movingDown() const {
 }
 
 // Which of two pieces goes first: one already read before one nobody has read yet (a turned
-// picture's later columns still read it); of two read ones, one above where every column of
-// tiles last began (the consumers have moved down past it), the highest first; otherwise the
-// one used longest ago.
+// picture's later columns still read it); of two read ones, one that every column of tiles has
+// passed (above where each last began, for consumers moving down; below the end of the lowest
+// latest request, for consumers moving up), the farthest behind them first; otherwise the one
+// used longest ago.
 bool StripCache::goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
-                            std::size_t floor) const {
+                            std::size_t floor, std::size_t ceiling, bool down) const {
   if (leastRecent_) return a.second.lastUse < b.second.lastUse;
   if (a.second.read != b.second.read) return a.second.read;
   if (a.second.read) {
     const std::size_t sa = stripOf(a.first), sb = stripOf(b.first);
-    const bool deadA = sa < floor, deadB = sb < floor;
+    const bool deadA = down ? sa < floor : sa > ceiling, deadB = down ? sb < floor : sb > ceiling;
     if (deadA != deadB) return deadA;
-    if (deadA && sa != sb) return sa < sb;
+    if (deadA && sa != sb) return down ? sa < sb : sa > sb;
   }
   return a.second.lastUse < b.second.lastUse;
 }
 
-// The strip's rows (whole, bytesPerRow_ apart) cut into its pieces, which replace any the
-// cache still holds of it; then pieces go until the cache is within its capacity, in the order
-// of goesBefore.
-void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
+void StripCache::put(std::size_t k, Held held, std::uint64_t now, bool read) const {
+  Entry& e = pieces_[k];
+  if (e.held.piece) bytes_ -= e.held.piece->size();
+  bytes_ += held.piece->size();
+  e.held = std::move(held);
+  e.lastUse = now;
+  e.read = read;
+}
+
+// The strip's rows (whole, bytesPerRow_ apart) kept whole or cut into its pieces, which replace
+// any the cache still holds of it; then pieces go until the cache is within its capacity.
+StripCache::Pieces StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const {
   std::lock_guard lock(cacheMutex_);
   const std::uint64_t now = ++clock_;
-  auto put = [&](std::size_t k, Held held) {
-    Entry& e = pieces_[k];
-    if (e.held.piece) bytes_ -= e.held.piece->size();
-    bytes_ += held.piece->size();
-    e.held = std::move(held);
-    e.lastUse = now;
-    e.read = false;
-  };
   if (auto whole = pieces_.find(key(index, piecesPerStrip_)); whole != pieces_.end()) {
     bytes_ -= whole->second.held.piece->size();
     pieces_.erase(whole);
   }
+  Pieces kept;
   if (!pieced_) {
     rows.resize(count * bytesPerRow_);
-    put(key(index, piecesPerStrip_), {std::make_shared<const Piece>(std::move(rows)), 0, width_});
+    kept.push_back({std::make_shared<const Piece>(std::move(rows)), 0, width_});
+    put(key(index, piecesPerStrip_), kept.back(), now, false);
   } else {
-    for (std::size_t c = 0; c < piecesPerStrip_; ++c)
-      put(key(index, c), {cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)});
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
+      kept.push_back({cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)});
+      put(key(index, c), kept.back(), now, false);
+    }
   }
   ++stats_.stripsDecoded;
+  if (decodes_[index] < 0xffff) ++decodes_[index];
+  stats_.mostDecodesOfAStrip = std::max<std::size_t>(stats_.mostDecodesOfAStrip, decodes_[index]);
+  evictToCapacity();
+  return kept;
+}
+
+// Pieces go, in the order of goesBefore, until the cache is within its capacity.
+void StripCache::evictToCapacity() const {
   const std::size_t limit = kBudgetGrowth * initialBudget_;
   while (bytes_ > capacityBytes() && !pieces_.empty()) {
     auto victim = pieces_.end();
-    std::size_t floor = stripCount_;
-    for (const auto& [piece, at] : consumers_) floor = std::min(floor, at.first);
+    std::size_t floor = stripCount_, ceiling = 0;
+    for (const auto& [piece, at] : consumers_) {
+      floor = std::min(floor, at.first);
+      ceiling = std::max(ceiling, at.first + largestRequest_.load() - 1);
+    }
+    const bool down = movingDown();
     for (auto it = pieces_.begin(); it != pieces_.end(); ++it) {
-      if (victim == pieces_.end() || goesBefore(*it, *victim, floor)) victim = it;
+      if (victim == pieces_.end() || goesBefore(*it, *victim, floor, ceiling, down)) victim = it;
     }
     // Evicting what the consumers will read (again): a piece nobody has read yet, or, while
-    // they move down the file, one not yet behind all of them. While they move down, the budget
-    // grows by a quarter instead, up to its limit; beyond it (or for consumers moving up, whose
-    // windows would only grow with it) the piece goes, and a restart will decode it again.
-    const bool down = movingDown();
+    // they move down the file, one not yet behind all of them. It goes to the spill file (once:
+    // a strip read back from there is there already) and is read back from there when asked
+    // for, so the budget stays as the cache was made. Without a spill file (it cannot be
+    // written), while the consumers move down, the budget grows by a quarter instead, up to
+    // its limit; beyond it (or for consumers moving up, whose windows would only grow with it)
+    // the piece goes, and a restart will decode it again.
     const bool needed = !victim->second.read || (stripOf(victim->first) >= floor && down);
+    // A strip kept whole counts as read once a request read it, but the turned consumer's
+    // later columns may not have read all of it yet; and consumers moving up read a strip
+    // again in each column of tiles until all have passed it: it is spilled too then.
+    const bool partlyUnread = victim->first % (piecesPerStrip_ + 1) == piecesPerStrip_ && !allRead(victim->second);
+    const bool neededAbove = !down && stripOf(victim->first) <= ceiling;
+    if ((needed || partlyUnread || neededAbove) && spill_.usable() && spillOut(*victim)) {
+      bytes_ -= victim->second.held.piece->size();
+      pieces_.erase(victim);
+      continue;
+    }
     if (needed && !pieced_) {
       cutIntoPieces();
       continue;
@@ -218,6 +256,77 @@ void StripCache::insert(std::size_t index, std::vector<std::uint8_t>&& rows, std
     pieces_.erase(victim);
   }
   stats_.peakBytes = std::max(stats_.peakBytes, bytes_);
+}
+
+// A whole strip is written as its pieces one after another (each row of a piece from its row of
+// the strip), a piece as it is held.
+bool StripCache::spillOut(const std::pair<const std::size_t, Entry>& entry) const {
+  const std::size_t s = stripOf(entry.first), p = entry.first % (piecesPerStrip_ + 1);
+  const std::size_t rows = rowsOf(s);
+  const Piece& bytes = *entry.second.held.piece;
+  std::vector<iovec> buffers;
+  std::size_t c0 = p, c1 = p;
+  if (p == piecesPerStrip_) {
+    c0 = 0;
+    c1 = piecesPerStrip_ - 1;
+    bool all = true;
+    for (std::size_t c = c0; c <= c1; ++c) all = all && spilled_[s * piecesPerStrip_ + c];
+    if (all) return true;
+    buffers.reserve(rows * piecesPerStrip_);
+    for (std::size_t c = 0; c < piecesPerStrip_; ++c)
+      for (std::size_t k = 0; k < rows; ++k)
+        buffers.push_back({const_cast<std::uint8_t*>(bytes.data() + k * bytesPerRow_ + c * kChunkPixels * bytesPerPixel_),
+                           pieceWidth(c) * bytesPerPixel_});
+  } else {
+    if (spilled_[s * piecesPerStrip_ + p]) return true;
+    buffers.push_back({const_cast<std::uint8_t*>(bytes.data()), bytes.size()});
+  }
+  if (!spill_.write(buffers, spillOffset(s, c0))) return false;
+  for (std::size_t c = c0; c <= c1; ++c) spilled_[s * piecesPerStrip_ + c] = true;
+  stats_.piecesSpilled += c1 - c0 + 1;
+  return true;
+}
+
+bool StripCache::readBack(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const {
+  {
+    std::lock_guard lock(cacheMutex_);
+    for (std::size_t c = c0; c <= c1; ++c)
+      if (!spilled_[index * piecesPerStrip_ + c]) return false;
+  }
+  // Read outside the lock (what was written there never changes), each piece into its own
+  // buffer, the pieces being one after another in the file.
+  const std::size_t rows = rowsOf(index);
+  std::vector<std::shared_ptr<Piece>> read;
+  std::vector<iovec> buffers;
+  for (std::size_t c = c0; c <= c1; ++c) {
+    read.push_back(std::make_shared<Piece>(rows * pieceWidth(c) * bytesPerPixel_));
+    buffers.push_back({read.back()->data(), read.back()->size()});
+  }
+  if (!spill_.read(buffers, spillOffset(index, c0))) return false;
+  std::lock_guard lock(cacheMutex_);
+  const std::uint64_t now = ++clock_;
+  found.clear();
+  for (std::size_t c = c0; c <= c1; ++c) {
+    Held held{std::move(read[c - c0]), c * kChunkPixels, pieceWidth(c)};
+    found.push_back(held);
+    put(key(index, c), std::move(held), now, true);
+  }
+  stats_.piecesReadBack += c1 - c0 + 1;
+  evictToCapacity();
+  return true;
+}
+
+bool StripCache::allRead(const Entry& whole) const {
+  const std::size_t pieces = std::min<std::size_t>(piecesPerStrip_, 64);
+  const std::uint64_t all = pieces == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << pieces) - 1;
+  return (whole.readPieces & all) == all;
+}
+
+bool StripCache::heldAnywhere(std::size_t index) const {
+  if (pieces_.count(key(index, piecesPerStrip_))) return true;
+  for (std::size_t c = 0; c < piecesPerStrip_; ++c)
+    if (!spilled_[index * piecesPerStrip_ + c] && !pieces_.count(key(index, c))) return false;
+  return true;
 }
 
 std::shared_ptr<const StripCache::Piece> StripCache::cutPiece(const std::uint8_t* rows, std::size_t count,
@@ -244,10 +353,12 @@ void StripCache::cutIntoPieces() const {
   }
   for (auto& [index, e] : whole) {
     const Piece& rows = *e.held.piece;
-    const std::size_t count = rows.size() / bytesPerRow_;
+    const std::size_t count = rowsOf(index);
     for (std::size_t c = 0; c < piecesPerStrip_; ++c) {
       // Only the pieces of the columns read so far count as read.
       const bool read = (e.readPieces >> std::min<std::size_t>(c, 63)) & 1;
+      // A piece read back from the spill file before it became unusable gives way to the cut one.
+      if (auto old = pieces_.find(key(index, c)); old != pieces_.end()) bytes_ -= old->second.held.piece->size();
       pieces_[key(index, c)] = Entry{{cutPiece(rows.data(), count, c), c * kChunkPixels, pieceWidth(c)}, e.lastUse, read};
     }
     e.held.piece.reset();  // one strip at a time: never the cache twice over
@@ -256,18 +367,32 @@ void StripCache::cutIntoPieces() const {
 
 StripCache::Pieces StripCache::strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const {
   Pieces found;
-  if (lookup(index, c0, c1, found)) return found;
+  if (lookup(index, c0, c1, found) || readBack(index, c0, c1, found)) return found;
   std::lock_guard lock(decodeMutex_);
-  if (lookup(index, c0, c1, found)) return found;  // decoded by another worker meanwhile
+  // Decoded (or spilled) by another worker meanwhile.
+  if (lookup(index, c0, c1, found) || readBack(index, c0, c1, found)) return found;
   if (failed_) fail();
   position(index, lastIndex);
-  while (reader_->nextRow() <= index * kStripRows) decodeNext();
-  if (lookup(index, c0, c1, found)) return found;
-  throw CIRenderError("cannot decode " + what_ + ": the strip cache is too small");  // capacity >= 8: unreachable
+  Pieces decoded;
+  while (reader_->nextRow() <= index * kStripRows) {
+    const bool wanted = reader_->nextRow() / kStripRows == index;
+    Pieces strip = decodeNext();
+    if (wanted) decoded = std::move(strip);
+  }
+  if (lookup(index, c0, c1, found) || readBack(index, c0, c1, found)) return found;
+  // Evicted again at once (every other piece in the cache is one its consumers still read, and
+  // it could not be spilled): the decoded strip itself, which this request holds.
+  found.clear();
+  for (const Held& h : decoded)
+    if (h.width == width_ || (h.left / kChunkPixels >= c0 && h.left / kChunkPixels <= c1)) found.push_back(h);
+  if (!found.empty()) return found;
+  throw CIRenderError("cannot decode " + what_ + ": the strip cache lost a strip it decoded");  // unreachable
 }
 
 void StripCache::position(std::size_t index, std::size_t lastIndex) const {
-  const std::size_t at = reader_ ? reader_->nextRow() / kStripRows : 0;
+  // A reader at the end has read the last strip, a short one where the height is not a whole
+  // number of strips.
+  const std::size_t at = !reader_ ? 0 : reader_->nextRow() >= height_ ? stripCount_ : reader_->nextRow() / kStripRows;
   const bool restarted = !reader_ || at > index;
   if (reader_ && restarted) {
     // Decoding again what was evicted unread: the consumers keep more rows unread than the
@@ -287,9 +412,24 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
   // next. Otherwise (the first request, or a worker that fell behind the others on the way
   // down): from the request's own first strip.
   const std::size_t capacity = capacityStrips();
-  const std::size_t window = std::max(capacity / 2, capacity - std::min(capacity, 2 * largestRequest_.load() + 4));
+  std::size_t window = std::max(capacity / 2, capacity - std::min(capacity, 2 * largestRequest_.load() + 4));
   const bool upwards = reader_ && index < restartedAt_;
+  // With a spill file the window need not fit in memory: what the cache cannot hold of it is
+  // spilled as it is decoded (nobody has read it yet) and read back as the consumer moves up.
+  // Each such restart doubles the window, so that a consumer walking up the whole file (the
+  // mirrored half of a reflection) costs a few restarts, each skipping less than the file, and
+  // every row is decoded at most once more, rather than one restart per half cache, each
+  // skipping in the compressed domain everything above.
+  const bool spilling = upwards && restarted && spill_.usable();
+  if (spilling) window = std::max(window, (capacity / 2) << std::min<std::size_t>(upwardRestarts_++, 20));
   std::size_t windowFirst = upwards ? std::min(index, lastIndex + 1 > window ? lastIndex + 1 - window : 0) : index;
+  if (spilling) {
+    // Not above rows held already, in memory or in the spill file.
+    std::lock_guard lock(cacheMutex_);
+    std::size_t s = index;
+    while (s > windowFirst && !heldAnywhere(s - 1)) --s;
+    windowFirst = s;
+  }
   if (restarted) restartedAt_ = windowFirst;
   if (reader_ && restarted && reader_->rewind()) {
     // A reader holding the whole image starts again for free.
@@ -326,7 +466,7 @@ void StripCache::position(std::size_t index, std::size_t lastIndex) const {
   }
 }
 
-void StripCache::decodeNext() const {
+StripCache::Pieces StripCache::decodeNext() const {
   const std::size_t row = reader_->nextRow();
   const std::size_t rows = std::min(kStripRows, height_ - row);
   std::vector<std::uint8_t> strip(rows * bytesPerRow_);
@@ -334,7 +474,7 @@ void StripCache::decodeNext() const {
     failure_ = "cannot decode " + what_ + ": " + reader_->error();
     fail();
   }
-  insert(row / kStripRows, std::move(strip), rows);
+  return insert(row / kStripRows, std::move(strip), rows);
 }
 
 void StripCache::decodeAhead(std::size_t lastIndex, std::size_t strips) const {
@@ -345,8 +485,20 @@ void StripCache::decodeAhead(std::size_t lastIndex, std::size_t strips) const {
   const std::size_t at = reader_->nextRow() / kStripRows;
   if (at <= lastIndex || at > lastIndex + 1 + strips) return;
   const std::size_t until = std::min({stripCount_, lastIndex + 1 + strips, lastIndex + 1 + capacityStrips() / 4});
+  {
+    // Not for consumers moving up (the rows below are behind them), nor over rows the cache
+    // or its spill file holds already.
+    std::lock_guard cacheLock(cacheMutex_);
+    if (!movingDown()) return;
+  }
+  auto held = [&](std::size_t index) {
+    std::lock_guard cacheLock(cacheMutex_);
+    return heldAnywhere(index);
+  };
   try {
-    while (reader_->nextRow() < height_ && reader_->nextRow() / kStripRows < until) decodeNext();
+    while (reader_->nextRow() < height_ && reader_->nextRow() / kStripRows < until &&
+           !held(reader_->nextRow() / kStripRows))
+      decodeNext();
   } catch (const CIRenderError&) {
     // Reported to whoever asks for those rows.
   }
@@ -375,13 +527,50 @@ ColumnBands::ColumnBands(StripCache::Opener open, std::string what, std::size_t 
 
 ColumnBands::~ColumnBands() {
   if (!std::getenv("QV_STRIP_CACHE_STATS")) return;
-  std::fprintf(stderr, "column bands of %s: %zu passes over the file, %zu columns a band\n", what_.c_str(), passes(),
-               bandColumns_);
+  std::fprintf(stderr, "column bands of %s: %zu passes over the file, %zu bands read back, %zu columns a band\n",
+               what_.c_str(), passes(), bandsReadBack(), bandColumns_);
 }
 
 std::size_t ColumnBands::passes() const {
   std::lock_guard lock(mutex_);
   return passes_;
+}
+
+std::size_t ColumnBands::bandsReadBack() const {
+  std::lock_guard lock(mutex_);
+  return readBacks_;
+}
+
+// Each band's part of the rows, one after another within the band's region of the file.
+void ColumnBands::spillRows(const std::uint8_t* rows, std::size_t rowBytes, std::size_t first,
+                            std::size_t count) const {
+  std::vector<iovec> buffers(count);
+  for (std::size_t b = 0; b * bandColumns_ < width_ && spill_.usable(); ++b) {
+    const std::size_t columns = std::min(bandColumns_, width_ - b * bandColumns_);
+    for (std::size_t k = 0; k < count; ++k)
+      buffers[k] = {const_cast<std::uint8_t*>(rows + k * rowBytes + b * bandColumns_ * bytesPerPixel_),
+                    columns * bytesPerPixel_};
+    spill_.write(buffers, spillOffset(b, first));
+  }
+}
+
+bool ColumnBands::readBack(Band& band, std::size_t index) const {
+  // In runs of rows, each scattered into the band's columns: never the band twice over.
+  const std::size_t runRows = std::max<std::size_t>(1, (std::size_t{1} << 20) / (band.columns * bytesPerPixel_));
+  std::vector<std::uint8_t> rows(std::min(runRows, height_) * band.columns * bytesPerPixel_);
+  for (std::size_t y = 0; y < height_; y += runRows) {
+    const std::size_t n = std::min(runRows, height_ - y);
+    const iovec buffer{rows.data(), n * band.columns * bytesPerPixel_};
+    if (!spill_.read({&buffer, 1}, spillOffset(index, y))) return false;
+    for (std::size_t k = 0; k < n; ++k) {
+      const std::uint8_t* src = rows.data() + k * band.columns * bytesPerPixel_;
+      std::uint8_t* dst = band.pixels.data() + (y + k) * bytesPerPixel_;
+      for (std::size_t c = 0; c < band.columns; ++c)
+        std::memcpy(dst + c * height_ * bytesPerPixel_, src + c * bytesPerPixel_, bytesPerPixel_);
+    }
+  }
+  ++readBacks_;
+  return true;
 }
 
 void ColumnBands::withColumn(std::size_t column, const std::function<void(const std::uint8_t*)>& use) const {
@@ -410,6 +599,13 @@ std::shared_ptr<const ColumnBands::Band> ColumnBands::band(std::size_t index) co
   band->first = index * bandColumns_;
   band->columns = std::min(bandColumns_, width_ - band->first);
   band->pixels.resize(band->columns * height_ * bytesPerPixel_);
+  if (spillWhole_ && readBack(*band, index)) {
+    bands_.emplace_back(index, band);
+    return band;
+  }
+  spillWhole_ = false;  // not there, or it cannot be read: decoded again from now on
+  // The first pass of a file of several bands writes them all to the spill file.
+  const bool spilling = !spillWhole_ && passes_ == 0 && bandColumns_ < width_ && spill_.usable();
   std::string error;
   std::unique_ptr<CGImageSourceRowReader> reader = open_(error);
   ++passes_;
@@ -428,7 +624,9 @@ std::shared_ptr<const ColumnBands::Band> ColumnBands::band(std::size_t index) co
       for (std::size_t c = 0; c < band->columns; ++c)
         std::memcpy(dst + c * height_ * bytesPerPixel_, src + c * bytesPerPixel_, bytesPerPixel_);
     }
+    if (spilling) spillRows(rows.data(), rowBytes, y, n);
   }
+  spillWhole_ = spilling && spill_.usable();
   bands_.emplace_back(index, band);
   return band;
 }

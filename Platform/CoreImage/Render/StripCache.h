@@ -12,7 +12,8 @@
 // (Keeping the whole decoded file instead would cost 4 bytes a pixel, 96 MB for 24 MP.)
 //
 // A request names the columns it reads. Strips are kept whole as decoded until the cache first
-// has to evict rows its consumers will still read; from then on each strip is kept as pieces of
+// has to evict rows its consumers will still read without a spill file to put them in (see
+// below; pieces read back from one are kept as pieces); from then on each strip is kept as pieces of
 // kChunkPixels columns, each evicted on its own (a copy of each decoded strip that consumers
 // whose rows fit the budget never pay). The pieces that no request has read yet go last: a turned
 // picture reads each file row across its width over many strips of its output (a 5-degree
@@ -20,12 +21,27 @@
 // after those at the other), and what the cache must keep to decode every row once is the part
 // of that band still to be read, not whole rows. Of the pieces already read, those above the
 // first rows of every recent request go first (the consumers have moved down past them), then
-// the least recently used. Where the next piece to go is one the consumers moving down the
-// file will still read (not read yet, or not yet behind all of them), the budget grows by a
-// quarter instead, up to kBudgetGrowth times the one the cache was made with (48 MiB from the
-// default 12 MiB: what a 12000-wide picture turned by 5 degrees needs, 23.4 MB for a 6000-wide
-// one). Past that, once a restart has to decode again what was evicted so, pieces simply go
-// least recently used first, as whole strips did before.
+// the least recently used.
+//
+// Rows far apart: a bounded cache and a spill file. Where the next piece to go is one the
+// consumers will still read (not read yet, or, while they move down the file, not yet behind
+// all of them, or, while they move up, not yet below every column of tiles' latest request),
+// it is written once, as the decoder's 8-bit rows, to an unlinked temporary file
+// (SpillFile) and read back from there with a positioned read when asked for, rather than
+// decoded again by a restart from the top; the budget stays what the cache was made with (12
+// MiB: a turned 12000-wide picture's band is 47 MB, a reflection's mirrored half the whole
+// picture). What is spilled sits in the kernel's page cache, not in the process's resident
+// memory, so the peak stays bounded by the budget at any picture size. The read pattern
+// decides which costs less: a restart costs the entropy decoding of every row above its window,
+// a spill a write and a read of 4 bytes a pixel (bench/README.md, "Rows far apart"). Rows
+// already read and behind every consumer are not spilled, so a top-down render writes nothing.
+// A consumer that walks up the file after reading it down (a reflection's mirrored half) still
+// costs restarts, as the rows it reads again went long ago, but each restart doubles its window
+// and spills what does not fit: each row is decoded at most twice, from a few restarts.
+// Where the spill file cannot be made or written, the cache decodes again instead, as it did
+// without one: the budget grows by a quarter instead of evicting rows still to be read, up to
+// kBudgetGrowth times the one the cache was made with, and past that, once a restart has to
+// decode again what was evicted so, pieces simply go least recently used first.
 //
 // Decoding overlaps the tiles' work: the worker that needs rows beyond the decoded ones decodes
 // them while the others convert and filter theirs, and after each request the worker decodes
@@ -43,6 +59,8 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "CoreImage/Render/SpillFile.h"
 
 class CGImageSourceRowReader;
 
@@ -78,6 +96,11 @@ class StripCache {
     std::size_t peakBytes = 0;      // the most strip bytes held at once
     std::size_t budgetBytes = 0;    // the budget in the end (grown for rows still to be read)
     bool pieced = false;            // strips were cut into pieces of columns
+    std::size_t mostDecodesOfAStrip = 0;  // the most times any one strip was decoded
+    std::size_t piecesSpilled = 0;  // pieces of strips written to the spill file (each once)
+    std::size_t piecesReadBack = 0; // pieces read back from it instead of decoded again
+    std::uint64_t spilledBytes = 0;
+    std::string spillError;         // why the spill file could not be used, if it could not
   };
   Stats stats() const;
 
@@ -109,22 +132,44 @@ class StripCache {
   Pieces strip(std::size_t index, std::size_t lastIndex, std::size_t c0, std::size_t c1) const;
   // All of them or none; found ones are marked read.
   bool lookup(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const;
-  void insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const;
+  // Returns what it put in the cache (the whole strip, or its pieces), which the cache may
+  // already have evicted again.
+  Pieces insert(std::size_t index, std::vector<std::uint8_t>&& rows, std::size_t count) const;
   // Keys: piece c of strip s is s * (piecesPerStrip_ + 1) + c; the strip kept whole is
   // s * (piecesPerStrip_ + 1) + piecesPerStrip_.
   std::size_t key(std::size_t strip, std::size_t piece) const { return strip * (piecesPerStrip_ + 1) + piece; }
   std::size_t stripOf(std::size_t key) const { return key / (piecesPerStrip_ + 1); }
   void cutIntoPieces() const;  // with cacheMutex_ held
-  // With cacheMutex_ held; `floor`: the highest strip every consumer has passed.
+  // With cacheMutex_ held: the cache's entry put or replaced; then pieces go down to capacity.
+  void put(std::size_t key, Held held, std::uint64_t now, bool read) const;
+  void evictToCapacity() const;
+  // The spill file (see above). With cacheMutex_ held: the entry written to it unless it is
+  // there already; false when it cannot be written.
+  bool spillOut(const std::pair<const std::size_t, Entry>& entry) const;
+  // Pieces c0 to c1 of strip `index` read back from the spill file, if it holds them all.
+  bool readBack(std::size_t index, std::size_t c0, std::size_t c1, Pieces& found) const;
+  // With cacheMutex_ held: whether every piece of the strip is in the cache or the spill file.
+  bool heldAnywhere(std::size_t index) const;
+  bool allRead(const Entry& whole) const;  // every piece of a strip kept whole was read
+  std::size_t rowsOf(std::size_t strip) const { return std::min(kStripRows, height_ - strip * kStripRows); }
+  // Where piece c of a strip starts in the spill file: strips at kStripRows rows apart, each
+  // strip's pieces one after another (a piece is one read).
+  std::uint64_t spillOffset(std::size_t strip, std::size_t c) const {
+    return std::uint64_t(strip) * kStripRows * bytesPerRow_ + rowsOf(strip) * c * kChunkPixels * bytesPerPixel_;
+  }
+  // With cacheMutex_ held. Consumers moving down have passed the strips above `floor` (the
+  // first strip of the latest request of every column of tiles); consumers moving up
+  // (`down` false) have passed the strips below `ceiling` (the last strip of the lowest of
+  // those requests).
   bool movingDown() const;  // whether the recent requests move down the file
   bool goesBefore(const std::pair<const std::size_t, Entry>& a, const std::pair<const std::size_t, Entry>& b,
-                  std::size_t floor) const;
+                  std::size_t floor, std::size_t ceiling, bool down) const;
   std::size_t pieceWidth(std::size_t c) const { return std::min(kChunkPixels, width_ - c * kChunkPixels); }
   // Piece c of a strip's `count` rows (bytesPerRow_ apart in `rows`): its columns' bytes, copied.
   std::shared_ptr<const Piece> cutPiece(const std::uint8_t* rows, std::size_t count, std::size_t c) const;
   // With decodeMutex_ held.
   void position(std::size_t index, std::size_t lastIndex) const;
-  void decodeNext() const;
+  Pieces decodeNext() const;  // the strip decoded, as insert returns it
   void decodeAhead(std::size_t lastIndex, std::size_t strips) const;
   [[noreturn]] void fail() const;
   std::size_t capacityStrips() const;
@@ -143,6 +188,7 @@ class StripCache {
   mutable std::mutex decodeMutex_;  // guards reader_ and failure_
   mutable std::unique_ptr<CGImageSourceRowReader> reader_;
   mutable std::size_t restartedAt_ = 0;  // the strip the reader was last positioned at on a restart
+  mutable std::size_t upwardRestarts_ = 0;  // restarts of a consumer moving up, with a spill file
   mutable std::string failure_;
   mutable std::atomic<bool> failed_{false};
 
@@ -162,6 +208,9 @@ class StripCache {
   mutable std::uint64_t clock_ = 0;
   mutable std::size_t bytes_ = 0;
   mutable Stats stats_;
+  mutable SpillFile spill_;
+  mutable std::vector<std::uint16_t> decodes_;  // by strip, saturating; guarded by cacheMutex_
+  mutable std::vector<bool> spilled_;  // by strip * piecesPerStrip_ + piece; guarded by cacheMutex_
 };
 
 // ColumnBands: the columns of an image file, for a picture turned a quarter (an EXIF
@@ -172,7 +221,10 @@ class StripCache {
 // render read about the same rows of the upright picture; one may be a band behind at the
 // boundary), each of half the byte budget: a file of W columns costs ceil(W / band columns)
 // decodes in all, e.g. six for a 6000x4000 JPEG within 32 MiB, rather than holding the whole
-// decoded picture (96 MB for 24 MP).
+// decoded picture (96 MB for 24 MP). With a spill file (see SpillFile), the first pass also
+// writes every band's part of each row there, band after band, and later bands are read back
+// from it instead of decoded again: one decode of the file in all. Where the spill file cannot
+// be made or written, each band decodes the file again.
 class ColumnBands {
  public:
   static constexpr std::size_t kKept = 2;
@@ -190,6 +242,7 @@ class ColumnBands {
   // The file columns one band holds.
   std::size_t bandColumns() const { return bandColumns_; }
   std::size_t passes() const;  // the decodes of the whole file so far
+  std::size_t bandsReadBack() const;  // bands read back from the spill file
 
   // The byte budget of the bands made from now on (32 MiB unless set); tests shrink it.
   static std::size_t defaultBudget();
@@ -201,6 +254,15 @@ class ColumnBands {
     std::vector<std::uint8_t> pixels;  // column by column, height pixels each
   };
   std::shared_ptr<const Band> band(std::size_t index) const;
+  // With mutex_ held: band `b`'s columns of `count` rows from `first` on (a strip of the file,
+  // rowBytes apart) written to the spill file; the band's columns gathered from it (false when
+  // it cannot be read).
+  void spillRows(const std::uint8_t* rows, std::size_t rowBytes, std::size_t first, std::size_t count) const;
+  bool readBack(Band& band, std::size_t index) const;
+  std::uint64_t spillOffset(std::size_t band, std::size_t row) const {
+    return (std::uint64_t(band) * bandColumns_ * height_ + row * std::min(bandColumns_, width_ - band * bandColumns_)) *
+           bytesPerPixel_;
+  }
 
   StripCache::Opener open_;
   std::string what_;
@@ -210,6 +272,9 @@ class ColumnBands {
   mutable std::mutex mutex_;  // guards what follows; a band is gathered with it held
   mutable std::vector<std::pair<std::size_t, std::shared_ptr<const Band>>> bands_;  // most recent last
   mutable std::size_t passes_ = 0;
+  mutable std::size_t readBacks_ = 0;
   mutable std::string failure_;
+  mutable SpillFile spill_;
+  mutable bool spillWhole_ = false;  // the spill file holds every band
 };
 

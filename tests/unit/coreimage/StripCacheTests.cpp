@@ -1,8 +1,13 @@
 // The strip cache behind file images: rows asked in any order, from several threads at once,
 // are the rows of the whole decode; a cache smaller than the image restarts its reader at most
-// once per half cache when read upwards; a damaged file fails naming the rows.
+// once per half cache when read upwards; rows it cannot keep in memory go to a spill file and
+// come back as decoded, or are decoded again where no spill file can be written; a damaged file
+// fails naming the rows.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <random>
@@ -32,6 +37,28 @@ std::string writeJPEG(const std::string& name, std::size_t w, std::size_t h) {
   EXPECT_TRUE(writePicture(grainyPicture(w, h, false), path));
   return path;
 }
+
+// TMPDIR set to `dir` while it lives (spill files are made there), as it was afterwards.
+class ScopedTmpDir {
+ public:
+  explicit ScopedTmpDir(const std::string& dir) {
+    if (const char* old = std::getenv("TMPDIR")) old_ = old;
+    had_ = std::getenv("TMPDIR") != nullptr;
+    ::setenv("TMPDIR", dir.c_str(), 1);
+  }
+  ~ScopedTmpDir() {
+    if (had_)
+      ::setenv("TMPDIR", old_.c_str(), 1);
+    else
+      ::unsetenv("TMPDIR");
+  }
+
+ private:
+  std::string old_;
+  bool had_ = false;
+};
+
+std::string missingDirectory() { return (streamTestDir() / "no-such-directory").string(); }
 
 // Whether rows [first, first + count) of the cache equal the whole decode.
 bool rowsMatch(const StripCache& cache, const CGImage& whole, std::size_t first, std::size_t count) {
@@ -210,18 +237,123 @@ TEST(StripCache, ATurnedReadDecodesEachRowAboutOnce) {
 }
 
 TEST(StripCache, ATurnedReadTooWideForTheGrownBudgetStillSeesTheWholeDecode) {
-  // A budget of 2 strips grows to 8, still less than what the turned consumer keeps unread:
-  // the cache falls back to evicting by last use alone and decodes again what it must.
+  // Without a spill file, a budget of 2 strips grows to 8, still less than what the turned
+  // consumer keeps unread: the cache falls back to evicting by last use alone and decodes again
+  // what it must.
   const std::size_t W = 2048, H = 512, stripBytes = StripCache::kStripRows * W * 4;
   const std::string path = writeJPEG("turned-small.jpg", W, H);
   const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
   ASSERT_TRUE(whole);
+  const std::string missing = missingDirectory();
+  const ScopedTmpDir unwritable(missing);
   const StripCache cache(openerFor(path), path, W, H, 8, 2 * stripBytes);
   EXPECT_TRUE(readTurned(cache, *whole, W, H));
   const StripCache::Stats stats = cache.stats();
   EXPECT_LE(stats.budgetBytes, StripCache::kBudgetGrowth * 2 * stripBytes);
   EXPECT_LE(stats.peakBytes, std::max<std::size_t>(stats.budgetBytes, 12 * stripBytes));  // 2 x the largest request + 4
   EXPECT_GE(stats.opens, 2u);
+  EXPECT_EQ(stats.piecesSpilled, 0u);
+  EXPECT_NE(stats.spillError.find("cannot create a spill file in " + missing), std::string::npos)
+      << stats.spillError;
+}
+
+TEST(StripCache, ATurnedReadSpillsWhatItCannotHoldAndReadsItBackAsDecoded) {
+  // The same read with a spill file: the budget of 2 strips does not grow, what the consumer
+  // will read again is written once to the spill file and read back, and every strip is
+  // decoded once from one open.
+  const std::size_t W = 2048, H = 512, stripBytes = StripCache::kStripRows * W * 4;
+  const std::string path = writeJPEG("turned-spilled.jpg", W, H);
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  const StripCache cache(openerFor(path), path, W, H, 8, 2 * stripBytes);
+  EXPECT_TRUE(readTurned(cache, *whole, W, H));  // every run read back equals the whole decode
+  const StripCache::Stats stats = cache.stats();
+  EXPECT_EQ(stats.spillError, "");
+  EXPECT_EQ(stats.opens, 1u);
+  EXPECT_EQ(stats.stripsDecoded, 32u);
+  EXPECT_EQ(stats.mostDecodesOfAStrip, 1u);
+  EXPECT_GT(stats.piecesSpilled, 0u);
+  EXPECT_GT(stats.piecesReadBack, 0u);
+  // Each piece is written at most once: 32 strips of 4 pieces.
+  EXPECT_LE(stats.piecesSpilled, 32u * 4u);
+  EXPECT_EQ(stats.budgetBytes, 2 * stripBytes);
+  EXPECT_LE(stats.peakBytes, 12 * stripBytes);  // the floor of twice the largest request + 4
+}
+
+namespace {
+
+// Rows read top-down, then bottom-up, in requests of 32 rows, as a picture above its mirrored
+// copy reads its file. Returns whether every row matched.
+bool readDownThenUp(const StripCache& cache, const CGImage& whole, std::size_t height) {
+  bool ok = true;
+  for (std::size_t first = 0; first < height; first += 32) ok = rowsMatch(cache, whole, first, 32) && ok;
+  for (std::size_t end = height; end > 0; end -= 32) ok = rowsMatch(cache, whole, end - 32, 32) && ok;
+  return ok;
+}
+
+}  // namespace
+
+TEST(StripCache, ReadingBackUpTheFileDecodesEachStripAtMostTwice) {
+  // 128 strips in a cache of 8: on the way up, each restart doubles its window and spills what
+  // the cache cannot hold of it, so each strip is decoded at most once more, from a few opens.
+  const std::size_t W = 64, H = 2048, stripBytes = StripCache::kStripRows * W * 4;
+  const std::string path = writeJPEG("down-up.jpg", W, H);
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  const StripCache cache(openerFor(path), path, W, H, 8, 8 * stripBytes);
+  EXPECT_TRUE(readDownThenUp(cache, *whole, H));
+  const StripCache::Stats stats = cache.stats();
+  EXPECT_EQ(stats.spillError, "");
+  EXPECT_LE(stats.mostDecodesOfAStrip, 2u);
+  EXPECT_LE(stats.stripsDecoded, 2u * 128u);
+  EXPECT_LE(stats.opens, 8u);  // 1 + windows of 4, 8, 16, 32, 64 strips and the first restart
+  EXPECT_GT(stats.piecesReadBack, 0u);
+  EXPECT_LE(stats.peakBytes, 8 * stripBytes);
+
+  // Where no spill file can be made (a missing directory, or one where no file can be
+  // created even by root), the same reads see the same rows, decoding them again from a
+  // restart per half cache, and the reason is kept.
+  for (const std::string& dir : {missingDirectory(), std::string("/proc")}) {
+    const ScopedTmpDir unwritable(dir);
+    const StripCache again(openerFor(path), path, W, H, 8, 8 * stripBytes);
+    EXPECT_TRUE(readDownThenUp(again, *whole, H)) << dir;
+    const StripCache::Stats s = again.stats();
+    EXPECT_NE(s.spillError.find("cannot create a spill file in " + dir + ": "), std::string::npos) << s.spillError;
+    EXPECT_EQ(s.piecesSpilled, 0u);
+    EXPECT_EQ(s.piecesReadBack, 0u);
+    EXPECT_GT(s.opens, stats.opens) << dir;
+  }
+}
+
+TEST(StripCache, ASpillFileThatCannotBeWrittenFurtherFallsBackToDecodingAgain) {
+  // A full disc part way, made by a file size limit of half the decoded picture: a turned read
+  // spills the strips near the top (each at its rows' place in the spill file), then a write
+  // fails, and from then on the cache keeps what it read back and decodes again what it must;
+  // every run still equals the whole decode.
+  const std::size_t W = 2048, H = 512, stripBytes = StripCache::kStripRows * W * 4;
+  const std::string path = writeJPEG("full-disc.jpg", W, H);
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  rlimit old{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+  auto* previous = ::signal(SIGXFSZ, SIG_IGN);  // the write fails with EFBIG instead
+  StripCache::Stats stats;
+  bool ok = false;
+  {
+    const StripCache cache(openerFor(path), path, W, H, 8, 2 * stripBytes);
+    rlimit small = old;
+    small.rlim_cur = 16 * stripBytes;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    ok = readTurned(cache, *whole, W, H);
+    ::setrlimit(RLIMIT_FSIZE, &old);
+    stats = cache.stats();
+  }
+  ::signal(SIGXFSZ, previous);
+  EXPECT_TRUE(ok);
+  EXPECT_GT(stats.piecesSpilled, 0u);
+  EXPECT_LT(stats.spilledBytes, 16 * stripBytes + 1);
+  EXPECT_NE(stats.spillError.find("cannot write the spill file in "), std::string::npos) << stats.spillError;
+  EXPECT_NE(stats.spillError.find("File too large"), std::string::npos) << stats.spillError;
 }
 
 TEST(StripCache, RunsAcrossPiecesAreTheWholeDecode) {

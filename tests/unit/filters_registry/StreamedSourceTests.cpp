@@ -7,6 +7,7 @@
 // order.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <thread>
@@ -83,7 +84,9 @@ class StreamedSourceConcurrently : public StreamedSource {};
 
 }  // namespace
 
-TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
+namespace {
+
+void expectStreamedRenderEqualsWhole(const std::string& filter) {
   for (const Picture& picture : pictures()) {
     ASSERT_TRUE(picture.whole) << picture.file;
     const CIImage streamed = CIImage::imageWithContentsOfFile(picture.file);
@@ -91,7 +94,7 @@ TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
                                                   picture.whole->height, picture.whole->bytesPerRow);
     ASSERT_TRUE(streamed) << picture.file;
     ASSERT_TRUE(CGRectEqualToRect(streamed.extent(), whole.extent()));
-    const CIImage a = apply(GetParam(), streamed), b = apply(GetParam(), whole);
+    const CIImage a = apply(filter, streamed), b = apply(filter, whole);
     ASSERT_TRUE(a) << picture.file;
     ASSERT_TRUE(b) << picture.file;
     const CGRect rect = comparedRect(a, whole);
@@ -100,11 +103,92 @@ TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) {
     ASSERT_EQ(tiled.size(), single.size());
     std::size_t differing = 0;
     for (std::size_t i = 0; i < tiled.size(); ++i) differing += std::memcmp(&tiled[i], &single[i], sizeof(float)) != 0;
-    EXPECT_EQ(differing, 0u) << GetParam() << " on " << picture.file;
+    EXPECT_EQ(differing, 0u) << filter << " on " << picture.file;
   }
 }
 
+}  // namespace
+
+TEST_P(StreamedSource, RendersTheWholeDecodeBitForBit) { expectStreamedRenderEqualsWhole(GetParam()); }
+
 INSTANTIATE_TEST_SUITE_P(EveryBundleFilter, StreamedSource, ::testing::ValuesIn(bundleFilterNames()),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+// Decodes per strip of file rows, counted, for a render in strips of output rows as a file is
+// written: a rotation decodes each strip once (what its band needs again comes back from the
+// spill file), a reflection at most twice (its mirrored half reads the rows again from the
+// bottom up after they went); both equal the whole decode.
+TEST_F(StreamedSource, FarApartReadsDecodeEachStripAtMostTwice) {
+  struct Case {
+    std::string filter;
+    std::size_t most;
+  };
+  for (const Case& c : {Case{"QVFilterRotate", 1}, Case{"QVFilterReflection", 2}}) {
+    const std::string& filter = c.filter;
+    const std::size_t most = c.most;
+    std::vector<StripCache::Stats> caches;
+    StripCache::setStatsListener([&](const StripCache::Stats& s) { caches.push_back(s); });
+    // 75 strips of file rows, in a cache of 8.
+    const std::string path = (streamTestDir() / "far-apart.jpg").string();
+    ASSERT_TRUE(writePicture(grainyPicture(260, 1200, false), path));
+    const CIImage file = CIImage::imageWithContentsOfFile(path);
+    const CIImage a = apply(filter, file);
+    ASSERT_TRUE(a);
+    // In strips from the top, as a render to a file runs (a render into memory runs each
+    // column of tiles down the whole picture, reading the file once per column).
+    CIContext(renderOptions(2, 48))
+        .renderStrips(a, CGRectIntegral(a.extent()), CIRenderFormat::RGBAf, 32,
+                      [](const void*, std::ptrdiff_t, std::int64_t, std::int64_t) {});
+    StripCache::setStatsListener(nullptr);
+    ASSERT_EQ(caches.size(), 1u) << filter;
+    EXPECT_EQ(caches[0].spillError, "") << filter;
+    EXPECT_LE(caches[0].mostDecodesOfAStrip, most) << filter;
+    EXPECT_GE(caches[0].mostDecodesOfAStrip, 1u) << filter;
+    // And the pixels, tiled from the file, equal the whole decode's rendered whole.
+    const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+    ASSERT_TRUE(whole);
+    const CIImage bitmap = CIImage::imageWithRGBA8(whole->pixels.data(), whole->width, whole->height, whole->bytesPerRow);
+    const CIImage b = apply(filter, bitmap);
+    const CGRect rect = CGRectIntegral(a.extent());
+    EXPECT_TRUE(bitwiseEqual(render(a, rect, renderOptions(2, 48)), render(b, rect, renderOptions(1, 8192)))) << filter;
+  }
+}
+
+// The filters that read rows far apart (a rotation, a reflection's mirrored half, a picture over
+// its scaled copy, two shifted copies), where the strip cache spills what it cannot hold, render
+// the same where no spill file can be made (TMPDIR names a missing directory): the cache
+// decodes those rows again instead.
+class StreamedSourceWithoutSpillFile : public StreamedSource {
+ protected:
+  void SetUp() override {
+    StreamedSource::SetUp();
+    pictures();  // written to the test directory first
+    if (const char* old = std::getenv("TMPDIR")) old_ = old;
+    had_ = std::getenv("TMPDIR") != nullptr;
+    ::setenv("TMPDIR", (streamTestDir() / "no-such-directory").c_str(), 1);
+  }
+  void TearDown() override {
+    if (had_)
+      ::setenv("TMPDIR", old_.c_str(), 1);
+    else
+      ::unsetenv("TMPDIR");
+    StreamedSource::TearDown();
+  }
+  std::string old_;
+  bool had_ = false;
+};
+
+TEST_P(StreamedSourceWithoutSpillFile, RendersTheWholeDecodeBitForBit) {
+  std::vector<StripCache::Stats> caches;
+  StripCache::setStatsListener([&](const StripCache::Stats& s) { caches.push_back(s); });
+  expectStreamedRenderEqualsWhole(GetParam());
+  StripCache::setStatsListener(nullptr);
+  for (const StripCache::Stats& s : caches) EXPECT_EQ(s.piecesSpilled, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(FarApartReads, StreamedSourceWithoutSpillFile,
+                         ::testing::Values("QVFilterRotate", "QVFilterReflection", "QVFilterScaleComposite",
+                                           "QVFilterStereoscopic"),
                          [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
 
 // Two renders of one streamed JPEG through the same filter graph at the same time, each on two
@@ -213,28 +297,78 @@ TEST_P(OrientedSource, RendersTheEagerlyTurnedPictureBitForBit) {
   }
 }
 
-TEST(OrientedSourceBands, AQuarterTurnGathersEachBandOnceWhenReadTopDown) {
-  // 260 file columns in bands of 60: five passes over the file for a render top down on one
-  // thread, each band gathered once.
-  const std::string path = (streamTestDir() / "bands-6.jpg").string();
-  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
-  const CIImage lazy = CIImage::imageWithContentsOfFile(path, {{kCIImageApplyOrientationProperty, Value::boolean(true)}});
-  ASSERT_TRUE(lazy);
-  ColumnBands bands(
-      [&](std::string& error) {
+namespace {
+
+// Whether every file column the bands hand out equals the whole decode's.
+bool columnsMatch(const ColumnBands& bands, const CGImage& whole, std::size_t column) {
+  bool ok = true;
+  bands.withColumn(column, [&](const std::uint8_t* pixels) {
+    for (std::size_t y = 0; y < whole.height; ++y) ok = ok && std::memcmp(pixels + y * 4, whole.row(y) + column * 4, 4) == 0;
+  });
+  return ok;
+}
+
+ColumnBands bandsOf(const std::string& path) {
+  return ColumnBands(
+      [path](std::string& error) {
         auto reader = CGImageSourceCreateRowReaderAtIndex(CGImageSourceCreateWithURL(path), 0);
         if (!reader) error = "cannot open";
         return reader;
       },
       path, 260, 190, 8, 2 * 60 * 190 * 4);
+}
+
+}  // namespace
+
+TEST(OrientedSourceBands, AQuarterTurnDecodesTheFileOnceAndReadsTheOtherBandsBack) {
+  // 260 file columns in bands of 60: the first pass writes every band to the spill file, the
+  // other four are read back from it, each band gathered once for a render top down, and every
+  // column is the whole decode's.
+  const std::string path = (streamTestDir() / "bands-6.jpg").string();
+  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  const CIImage lazy = CIImage::imageWithContentsOfFile(path, {{kCIImageApplyOrientationProperty, Value::boolean(true)}});
+  ASSERT_TRUE(lazy);
+  const ColumnBands bands = bandsOf(path);
   EXPECT_EQ(bands.bandColumns(), 60u);
-  for (std::size_t column = 0; column < 260; ++column) bands.withColumn(column, [](const std::uint8_t*) {});
-  EXPECT_EQ(bands.passes(), 5u);
-  // Going back to a band still kept costs nothing; one evicted costs a pass.
-  bands.withColumn(200, [](const std::uint8_t*) {});
-  EXPECT_EQ(bands.passes(), 5u);
-  bands.withColumn(0, [](const std::uint8_t*) {});
-  EXPECT_EQ(bands.passes(), 6u);
+  for (std::size_t column = 0; column < 260; ++column) EXPECT_TRUE(columnsMatch(bands, *whole, column)) << column;
+  EXPECT_EQ(bands.passes(), 1u);
+  EXPECT_EQ(bands.bandsReadBack(), 4u);
+  // Going back to a band still kept costs nothing; one evicted is read back again.
+  EXPECT_TRUE(columnsMatch(bands, *whole, 200));
+  EXPECT_EQ(bands.bandsReadBack(), 4u);
+  EXPECT_TRUE(columnsMatch(bands, *whole, 0));
+  EXPECT_EQ(bands.passes(), 1u);
+  EXPECT_EQ(bands.bandsReadBack(), 5u);
+}
+
+TEST(OrientedSourceBands, WithoutASpillFileEachBandDecodesTheFileAgain) {
+  // TMPDIR names a missing directory: five passes over the file for a render top down, each
+  // band gathered once, the same columns.
+  const std::string path = (streamTestDir() / "bands-6-again.jpg").string();
+  ASSERT_TRUE(writePicture(grainyPicture(260, 190, false), path, 6));
+  const CGImageRef whole = CGImageSourceCreateImageAtIndex(CGImageSourceCreateWithURL(path), 0);
+  ASSERT_TRUE(whole);
+  const std::string missing = (streamTestDir() / "no-such-directory").string();
+  std::string old;
+  const bool had = std::getenv("TMPDIR") != nullptr;
+  if (had) old = std::getenv("TMPDIR");
+  ::setenv("TMPDIR", missing.c_str(), 1);
+  {
+    const ColumnBands bands = bandsOf(path);
+    for (std::size_t column = 0; column < 260; ++column) EXPECT_TRUE(columnsMatch(bands, *whole, column)) << column;
+    EXPECT_EQ(bands.passes(), 5u);
+    EXPECT_EQ(bands.bandsReadBack(), 0u);
+    bands.withColumn(200, [](const std::uint8_t*) {});
+    EXPECT_EQ(bands.passes(), 5u);
+    bands.withColumn(0, [](const std::uint8_t*) {});
+    EXPECT_EQ(bands.passes(), 6u);
+  }
+  if (had)
+    ::setenv("TMPDIR", old.c_str(), 1);
+  else
+    ::unsetenv("TMPDIR");
 }
 
 TEST(OrientedSourceBands, WithoutTheOptionTheStoredPixelsAreRead) {
