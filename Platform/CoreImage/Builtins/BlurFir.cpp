@@ -94,36 +94,62 @@ HWY_INLINE void foldedRows(const float* const* HWY_RESTRICT rows, float* HWY_RES
 HWY_INLINE void foldedStrip(const float* const* HWY_RESTRICT rows, float* HWY_RESTRICT out, std::ptrdiff_t outStride,
                             std::int64_t nOut, std::int64_t x0, std::int64_t x1, const float* HWY_RESTRICT taps,
                             int h) {
+  // The rows left after the whole blocks in blocks of 4, 2 and 1: a single row has only one
+  // chain of multiply-adds, each waiting for the one before.
   std::int64_t j = 0;
   for (; j + kBlockRows <= nOut; j += kBlockRows)
     foldedRows<kBlockRows>(rows + j, out + j * outStride, outStride, x0, x1, taps, h);
-  for (; j < nOut; ++j) foldedRows<1>(rows + j, out + j * outStride, outStride, x0, x1, taps, h);
+  if (kBlockRows > 4 && j + 4 <= nOut) {
+    foldedRows<4>(rows + j, out + j * outStride, outStride, x0, x1, taps, h);
+    j += 4;
+  }
+  if (j + 2 <= nOut) {
+    foldedRows<2>(rows + j, out + j * outStride, outStride, x0, x1, taps, h);
+    j += 2;
+  }
+  if (j < nOut) foldedRows<1>(rows + j, out + j * outStride, outStride, x0, x1, taps, h);
 }
 
 // Strips of kStrip floats (16 pixels), each first copied into one contiguous block: the window
-// of rows that a block of output rows reads (nTaps + 3 rows of 256 bytes) then stays in the
+// of rows that a block of output rows reads (nTaps + 7 rows of 256 bytes) then stays in the
 // first-level cache whatever the rows' stride. (Read in place, rows a power-of-two stride
 // apart fall into the same few cache sets, and rows of a wide picture each in their own page.)
-constexpr std::int64_t kStrip = 64;
+// The copies are made for kGroupStrips strips at a time, row by row, so that each input row is
+// read as one run of 2 kilobytes and the copies of the group (a tile's rows of 128 pixels) stay
+// in the second-level cache until the strips are filtered.
+constexpr std::int64_t kStrip = 64, kGroupStrips = 8;
+
+template <class D>
+HWY_INLINE void copySpan(D d, const float* HWY_RESTRICT in, float* HWY_RESTRICT out, std::int64_t& i, std::int64_t n) {
+  const std::int64_t lanes = std::int64_t(hn::Lanes(d));
+  for (; i + lanes <= n; i += lanes) hn::StoreU(hn::LoadU(d, in + i), d, out + i);
+}
 
 void FirColumns(const float* const* HWY_RESTRICT rows, float* HWY_RESTRICT out, std::ptrdiff_t outStride,
                 std::int64_t nOut, std::int64_t nf, const float* HWY_RESTRICT taps, int nTaps) {
-  const hn::CappedTag<float, 4> d4;  // a pixel, or a part of one where vectors are narrower
-  const std::int64_t n4 = std::int64_t(hn::Lanes(d4));
   const int h = nTaps / 2;
   const std::int64_t nIn = nOut + nTaps - 1;
   thread_local std::vector<float> packed;
   thread_local std::vector<const float*> packedRows;
-  if (packed.size() < std::size_t(nIn * kStrip)) packed.resize(std::size_t(nIn * kStrip));
+  if (packed.size() < std::size_t(nIn * kStrip * kGroupStrips)) packed.resize(std::size_t(nIn * kStrip * kGroupStrips));
   packedRows.resize(std::size_t(nIn));
-  for (std::int64_t x0 = 0; x0 < nf; x0 += kStrip) {
-    const std::int64_t w = std::min(kStrip, nf - x0);
-    for (std::int64_t t = 0; t < nIn; ++t) {
-      float* dst = packed.data() + t * w;
-      for (std::int64_t i = 0; i < w; i += n4) hn::StoreU(hn::LoadU(d4, rows[t] + x0 + i), d4, dst + i);
-      packedRows[std::size_t(t)] = dst;
+  for (std::int64_t g0 = 0; g0 < nf; g0 += kStrip * kGroupStrips) {
+    const std::int64_t g1 = std::min(nf, g0 + kStrip * kGroupStrips);
+    // Strip s of the group: floats g0 + s·kStrip on, width w, rows at packed + s·nIn·kStrip.
+    for (std::int64_t t = 0; t < nIn; ++t)
+      for (std::int64_t x0 = g0; x0 < g1; x0 += kStrip) {
+        const std::int64_t w = std::min(kStrip, g1 - x0);
+        float* dst = packed.data() + (x0 - g0) * nIn + t * w;
+        std::int64_t i = 0;
+        copySpan(hn::ScalableTag<float>(), rows[t] + x0, dst, i, w);
+        copySpan(hn::CappedTag<float, 4>(), rows[t] + x0, dst, i, w);
+        copySpan(hn::CappedTag<float, 1>(), rows[t] + x0, dst, i, w);
+      }
+    for (std::int64_t x0 = g0; x0 < g1; x0 += kStrip) {
+      const std::int64_t w = std::min(kStrip, g1 - x0);
+      for (std::int64_t t = 0; t < nIn; ++t) packedRows[std::size_t(t)] = packed.data() + (x0 - g0) * nIn + t * w;
+      foldedStrip(packedRows.data(), out + x0, outStride, nOut, 0, w, taps, h);
     }
-    foldedStrip(packedRows.data(), out + x0, outStride, nOut, 0, w, taps, h);
   }
 }
 

@@ -63,7 +63,7 @@ TEST(FirKernels, ColumnsMatchTheExactSum) {
   for (double sigma : {0.5, 2.0, 6.0, 10.0, 20.0}) {
     const std::vector<float> taps = gaussianTaps(sigma);
     const int nTaps = int(taps.size());
-    for (std::int64_t nf : {4, 12, 20, 36, 68, 132}) {  // 1 to 33 pixels: odd widths, past a strip
+    for (std::int64_t nf : {4, 12, 20, 36, 68, 132, 580}) {  // 1 to 145 pixels: odd widths, past a strip and a group
       for (std::int64_t nOut : {1, 3, 9, 17}) {
         Values values;
         const Column column(values, nOut + nTaps - 1, nf);
@@ -93,17 +93,17 @@ TEST(FirKernels, ColumnsMatchTheExactSum) {
 }
 
 TEST(FirKernels, ColumnsGiveTheSameBitsAtEveryPosition) {
-  // One block of 23 output rows of 19 pixels, and the same values computed as parts: from any
+  // One block of 23 output rows of 153 pixels, and the same values computed as parts: from any
   // column (pixel) and any row on, in narrower and shorter pieces.
   const std::vector<float> taps = gaussianTaps(3.0);
   const int nTaps = int(taps.size());
-  constexpr std::int64_t nf = 76, nOut = 23;
+  constexpr std::int64_t nf = 612, nOut = 23;
   Values values;
   const Column column(values, nOut + nTaps - 1, nf);
   forEachTarget([&] {
     std::vector<float> whole(std::size_t(nOut * nf));
     qv::blur::firColumns(column.rows.data(), whole.data(), nf, nOut, nf, taps.data(), nTaps);
-    for (std::int64_t x0 : {0, 4, 28, 60})
+    for (std::int64_t x0 : {0, 4, 28, 60, 508, 600})
       for (std::int64_t j0 : {0, 1, 5, 14})
         for (std::int64_t w : {4, 8, 16}) {
           const std::int64_t n = std::min<std::int64_t>(nOut - j0, 9), width = std::min(w, nf - x0);
