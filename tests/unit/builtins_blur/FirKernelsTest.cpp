@@ -94,30 +94,34 @@ TEST(FirKernels, ColumnsMatchTheExactSum) {
 
 TEST(FirKernels, ColumnsGiveTheSameBitsAtEveryPosition) {
   // One block of 23 output rows of 153 pixels, and the same values computed as parts: from any
-  // column (pixel) and any row on, in narrower and shorter pieces.
-  const std::vector<float> taps = gaussianTaps(3.0);
-  const int nTaps = int(taps.size());
-  constexpr std::int64_t nf = 612, nOut = 23;
-  Values values;
-  const Column column(values, nOut + nTaps - 1, nf);
-  forEachTarget([&] {
-    std::vector<float> whole(std::size_t(nOut * nf));
-    qv::blur::firColumns(column.rows.data(), whole.data(), nf, nOut, nf, taps.data(), nTaps);
-    for (std::int64_t x0 : {0, 4, 28, 60, 508, 600})
-      for (std::int64_t j0 : {0, 1, 5, 14})
-        for (std::int64_t w : {4, 8, 16}) {
-          const std::int64_t n = std::min<std::int64_t>(nOut - j0, 9), width = std::min(w, nf - x0);
-          std::vector<const float*> rows;
-          for (std::int64_t r = 0; r < n + nTaps - 1; ++r) rows.push_back(column.rows[std::size_t(j0 + r)] + x0);
-          std::vector<float> part(std::size_t(n * width));
-          qv::blur::firColumns(rows.data(), part.data(), width, n, width, taps.data(), nTaps);
-          for (std::int64_t j = 0; j < n; ++j)
-            for (std::int64_t i = 0; i < width; ++i)
-              ASSERT_EQ(std::bit_cast<std::uint32_t>(part[std::size_t(j * width + i)]),
-                        std::bit_cast<std::uint32_t>(whole[std::size_t((j0 + j) * nf + x0 + i)]))
-                  << "from pixel " << x0 / 4 << ", row " << j0 << ": row " << j << " float " << i;
-        }
-  });
+  // column (pixel) and any row on, in narrower and shorter pieces; with a short kernel (rows
+  // read in place) and a longer one (rows copied first).
+  for (double sigma : {1.0, 3.0}) {
+    const std::vector<float> taps = gaussianTaps(sigma);
+    const int nTaps = int(taps.size());
+    constexpr std::int64_t nf = 612, nOut = 23;
+    Values values;
+    const Column column(values, nOut + nTaps - 1, nf);
+    forEachTarget([&] {
+      std::vector<float> whole(std::size_t(nOut * nf));
+      qv::blur::firColumns(column.rows.data(), whole.data(), nf, nOut, nf, taps.data(), nTaps);
+      for (std::int64_t x0 : {0, 4, 28, 60, 508, 600})
+        for (std::int64_t j0 : {0, 1, 5, 14})
+          for (std::int64_t w : {4, 8, 16}) {
+            const std::int64_t n = std::min<std::int64_t>(nOut - j0, 9), width = std::min(w, nf - x0);
+            std::vector<const float*> rows;
+            for (std::int64_t r = 0; r < n + nTaps - 1; ++r) rows.push_back(column.rows[std::size_t(j0 + r)] + x0);
+            std::vector<float> part(std::size_t(n * width));
+            qv::blur::firColumns(rows.data(), part.data(), width, n, width, taps.data(), nTaps);
+            for (std::int64_t j = 0; j < n; ++j)
+              for (std::int64_t i = 0; i < width; ++i)
+                ASSERT_EQ(std::bit_cast<std::uint32_t>(part[std::size_t(j * width + i)]),
+                          std::bit_cast<std::uint32_t>(whole[std::size_t((j0 + j) * nf + x0 + i)]))
+                    << "sigma " << sigma << " from pixel " << x0 / 4 << ", row " << j0 << ": row " << j
+                    << " float " << i;
+          }
+    });
+  }
 }
 
 TEST(FirKernels, RowsMatchTheExactSumOfTheClampedInput) {
