@@ -9,9 +9,13 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <memory>
+#include <span>
 #include <vector>
 
 #include "CoreImage/Builtins/BlurKernels.h"
+#include "CoreImage/Builtins/BlurNode.h"
+#include "CoreImage/CIImage.h"
 #include "HighwayTargets.h"
 
 namespace {
@@ -188,6 +192,48 @@ TEST(FirKernels, RowsGiveTheSameBitsInAnyBlockAndAsColumns) {
       }
     }
   });
+}
+
+}  // namespace
+
+namespace {
+
+TEST(FirKernels, ColumnNodeKeepsItsRowsAcrossTilesOfAnyHeight) {
+  // The vertical node's tiles down one column, of heights that shrink and grow again, 150
+  // pixels wide (strips of 16 pixels and a narrower last one), continuing from the rows the tile
+  // above left: each equals the same rows rendered as one tile.
+  for (double sigma : {1.0, 4.0}) {
+    const qv::blur::Pass1D pass = qv::blur::planGaussianDirect(sigma).vertical.at(0);
+    const int support = pass.support();
+    constexpr std::int64_t w = 150, top = 200;
+    const PixelRect inRect{-3, -40, w, 260};  // covers every tile's window
+    Values values;
+    const std::vector<float> pixels = values.floats(std::size_t(inRect.area() * 4));
+    const ConstPixelTile input{pixels.data(), inRect, inRect.width * 4};
+    const CIImage source = CIImage::imageWithRGBAf(pixels.data(), std::size_t(w), std::size_t(inRect.height));
+    const auto node = qv::blur::firColumnsImage("test", source, pass).node();
+    auto renderTile = [&](const PixelRect& rect, std::shared_ptr<void>* state) {
+      std::vector<float> out(std::size_t(rect.area() * 4), -9.0f);
+      RenderInfo info;
+      info.state = state;
+      const ConstPixelTile in[1] = {input};
+      node->render(PixelTile{out.data(), rect, rect.width * 4}, std::span<const ConstPixelTile>(in, 1), info);
+      return out;
+    };
+    std::shared_ptr<void> state;
+    std::int64_t maxY = top;
+    for (std::int64_t h : {24, 24, 5, 3, 31, 1, 40, 24}) {
+      const PixelRect rect{inRect.x, maxY - h, w, h};
+      ASSERT_GE(rect.y - support, inRect.y);
+      const std::vector<float> streamed = renderTile(rect, &state);
+      std::shared_ptr<void> fresh;
+      const std::vector<float> alone = renderTile(rect, &fresh);
+      for (std::size_t i = 0; i < alone.size(); ++i)
+        ASSERT_EQ(std::bit_cast<std::uint32_t>(streamed[i]), std::bit_cast<std::uint32_t>(alone[i]))
+            << "sigma " << sigma << ", tile of " << h << " rows from row " << rect.y << ", float " << i;
+      maxY = rect.y;
+    }
+  }
 }
 
 }  // namespace
