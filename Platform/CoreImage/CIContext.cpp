@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <future>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -836,6 +839,9 @@ int renderThreads(const CIContextOptions& options) {
   return options.threads > 0 ? options.threads : tbb::this_task_arena::max_concurrency();
 }
 
+// An encoder that refused a strip (its reason is the destination's last error).
+struct StripEncodeFailed : std::exception {};
+
 // Renders rows of a plan's root column by column, each column by its own evaluator, which is
 // kept from one call to the next: a render in strips still carries every column's margins
 // down the whole image. Tiles run from the top row down, so that strips reach an encoder in
@@ -878,20 +884,7 @@ class ColumnRenderer {
 
   // Renders `rows` (the full width of the bounds) into `buffer`, row 0 = the top row of `rows`.
   void render(const PixelRect& rows, void* buffer, std::ptrdiff_t rowBytes, CIRenderFormat format) {
-    auto column = [&](std::size_t c) {
-      const std::int64_t x0 = bounds_.x + std::int64_t(c) * tiling_.width;
-      const std::int64_t w = std::min(tiling_.width, bounds_.maxX() - x0);
-      for (std::int64_t y1 = rows.maxY(); y1 > rows.y; y1 -= tiling_.height) {
-        const std::int64_t y0 = std::max(rows.y, y1 - tiling_.height);
-        const PixelRect tile{x0, y0, w, y1 - y0};
-        if (passThrough_ && format == CIRenderFormat::RGBA8)
-          writeRegion(evaluators_[c], tile, rows, static_cast<std::uint8_t*>(buffer), rowBytes, 0);
-        else
-          store(evaluators_[c].evaluate(tile), rows, buffer, rowBytes, format, options_.colorManagement);
-        progress_.tileDone();
-      }
-      if (release_) evaluators_[c].releaseBuffers();
-    };
+    auto column = [&](std::size_t c) { renderColumn(c, rows, buffer, rowBytes, format); };
     if (threads_ == 1 || columns_ == 1) {
       for (std::size_t c = 0; c < columns_; ++c) column(c);
       return;
@@ -917,7 +910,138 @@ class ColumnRenderer {
     });
   }
 
+  // Renders the bounds in strips of `stripRows` rows from the top (the last one shorter) into
+  // two buffers in turn, strip s into buffers[s % 2], RGBA8, and hands each strip, in order and
+  // once all its columns are written, to `encode` on a thread of its own, which writes one strip
+  // while the workers render the next ones. A worker that has finished its column of a strip
+  // goes on to the next strip's column (into the other buffer, once the encoder has released
+  // it) instead of waiting for the other columns of this strip: the workers meet only where the
+  // encoder is two strips behind. Stops at the first error (of a worker or of `encode`) and
+  // rethrows it; throws StripEncodeFailed when `encode` returns false.
+  void renderStripsToEncoder(std::int64_t stripRows, std::vector<std::uint8_t> (&buffers)[2], std::ptrdiff_t rowBytes,
+                             const std::function<bool(const std::uint8_t*, std::int64_t rows)>& encode) {
+    const PixelRect b = bounds_;
+    const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
+    auto stripRect = [&](std::int64_t s) {
+      const std::int64_t top = b.maxY() - s * stripRows;
+      const std::int64_t h = std::min(stripRows, top - b.y);
+      return PixelRect{b.x, top - h, b.width, h};
+    };
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::int64_t> nextStrip(columns_, 0);  // of each column
+    std::vector<char> busy(columns_, 0);
+    std::vector<std::size_t> columnsDone(std::size_t(strips), 0);
+    std::int64_t complete = 0, encoded = 0;  // strips with every column written; strips encoded
+    std::exception_ptr error;
+    std::thread encoder([&] {
+      std::unique_lock lock(mutex);
+      while (encoded < strips && !error) {
+        if (encoded == complete) {
+          changed.wait(lock);
+          continue;
+        }
+        const std::int64_t s = encoded;
+        lock.unlock();
+        bool ok = false;
+        std::exception_ptr failure;
+        try {
+          ok = encode(buffers[s % 2].data(), stripRect(s).height);
+        } catch (...) {
+          failure = std::current_exception();
+        }
+        lock.lock();
+        if (failure || !ok) {
+          if (!error) error = failure ? failure : std::make_exception_ptr(StripEncodeFailed());
+        } else {
+          ++encoded;
+        }
+        changed.notify_all();
+      }
+    });
+    // A worker: the column whose next strip comes first (the leftmost of equals), not rendered by
+    // another worker, its buffer released by the encoder; none left: done. A worker never waits
+    // for another worker, only for the encoder, so one worker alone renders every strip.
+    auto work = [&] {
+      std::unique_lock lock(mutex);
+      for (;;) {
+        if (error) return;
+        std::size_t pick = columns_;
+        bool left = false;
+        for (std::size_t c = 0; c < columns_; ++c) {
+          if (nextStrip[c] >= strips) continue;
+          left = true;
+          if (busy[c] || nextStrip[c] >= encoded + 2) continue;
+          if (pick == columns_ || nextStrip[c] < nextStrip[pick]) pick = c;
+        }
+        if (!left) return;
+        if (pick == columns_) {
+          changed.wait(lock);
+          continue;
+        }
+        const std::int64_t s = nextStrip[pick];
+        busy[pick] = 1;
+        lock.unlock();
+        std::exception_ptr failure;
+        try {
+          renderColumn(pick, stripRect(s), buffers[s % 2].data(), rowBytes, CIRenderFormat::RGBA8);
+        } catch (...) {
+          failure = std::current_exception();
+        }
+        lock.lock();
+        busy[pick] = 0;
+        if (failure) {
+          if (!error) error = failure;
+        } else {
+          ++nextStrip[pick];
+          if (++columnsDone[std::size_t(s)] == columns_) {
+            while (complete < strips && columnsDone[std::size_t(complete)] == columns_) ++complete;
+          }
+        }
+        changed.notify_all();
+      }
+    };
+    const std::size_t workers = std::min(columns_, std::size_t(std::max(threads_, 1)));
+    try {
+      if (workers == 1) {
+        work();
+      } else {
+        arena_.execute([&] {
+          tbb::parallel_for(
+              tbb::blocked_range<std::size_t>(0, workers, 1), [&](const tbb::blocked_range<std::size_t>&) { work(); },
+              tbb::simple_partitioner());
+        });
+      }
+    } catch (...) {
+      std::lock_guard lock(mutex);
+      if (!error) error = std::current_exception();
+    }
+    {
+      std::lock_guard lock(mutex);
+      changed.notify_all();
+    }
+    encoder.join();
+    if (error) std::rethrow_exception(error);
+  }
+
  private:
+  // Renders column c of `rows` (its tiles from the top down) into `buffer`, row 0 = the top row
+  // of `rows`.
+  void renderColumn(std::size_t c, const PixelRect& rows, void* buffer, std::ptrdiff_t rowBytes, CIRenderFormat format) {
+    const std::int64_t x0 = bounds_.x + std::int64_t(c) * tiling_.width;
+    const std::int64_t w = std::min(tiling_.width, bounds_.maxX() - x0);
+    for (std::int64_t y1 = rows.maxY(); y1 > rows.y; y1 -= tiling_.height) {
+      const std::int64_t y0 = std::max(rows.y, y1 - tiling_.height);
+      const PixelRect tile{x0, y0, w, y1 - y0};
+      if (passThrough_ && format == CIRenderFormat::RGBA8)
+        writeRegion(evaluators_[c], tile, rows, static_cast<std::uint8_t*>(buffer), rowBytes, 0);
+      else
+        store(evaluators_[c].evaluate(tile), rows, buffer, rowBytes, format, options_.colorManagement);
+      progress_.tileDone();
+    }
+    if (release_) evaluators_[c].releaseBuffers();
+  }
+
   // Writes `rect` of an RGBA8 render (within `rows`, whose top row is row 0 of `buffer`): where
   // the root's answer is a colour or a source's stored pixels (resolveRegion), those bytes
   // directly; where the answer cuts the rectangle, each part in turn (top part first, so that
@@ -1090,13 +1214,27 @@ void CIContext::writeToFile(const CIImage& image, const std::string& path, const
   const std::int64_t strips = (b.height + stripRows - 1) / stripRows;
   progress.total = renderer.tilesInStrips(b.height, stripRows);
   // The encoder writes one strip while the workers render the next: two strip buffers, and
-  // the encoder never more than one strip behind. A context of one thread encodes on that
-  // thread, after each strip: a caller that renders several files at once (a batch) asked for
-  // exactly one thread per file.
+  // the encoder never more than one strip behind; the workers do not wait for each other at the
+  // end of a strip (ColumnRenderer::renderStripsToEncoder). A context of one thread encodes on
+  // that thread, after each strip: a caller that renders several files at once (a batch) asked
+  // for exactly one thread per file.
   const bool encodeAlongside = options_.threads != 1;
   const std::ptrdiff_t rowBytes = b.width * 4;
   std::vector<std::uint8_t> stripBuffers[2];
   for (auto& buffer : stripBuffers) buffer.resize(std::size_t(rowBytes) * std::size_t(stripRows));
+  if (encodeAlongside) {
+    try {
+      renderer.renderStripsToEncoder(stripRows, stripBuffers, rowBytes, [&](const std::uint8_t* strip, std::int64_t h) {
+        return CGImageDestinationWriteRows(dest, strip, std::size_t(rowBytes), std::size_t(h));
+      });
+    } catch (const StripEncodeFailed&) {
+      throw CIRenderError(writeErrorMessage(path, CGImageDestinationGetLastError(dest)));
+    }
+    if (!CGImageDestinationFinalize(dest))
+      throw CIRenderError(writeErrorMessage(path, CGImageDestinationGetLastError(dest)));
+    progress.finish();
+    return;
+  }
   std::future<bool> written;
   auto finishWriting = [&] {
     if (written.valid() && !written.get())

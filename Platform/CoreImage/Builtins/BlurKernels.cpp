@@ -78,13 +78,6 @@ QV_BLUR_CLONES void boxColumns(const float* in, std::ptrdiff_t inStride, float* 
   }
 }
 
-void runRowPass(const Pass1D& p, const float* in, float* out, std::int64_t nOut) {
-  if (p.fir)
-    firRow(in, out, nOut, p.taps.data(), int(p.taps.size()));
-  else
-    boxRow(in, out, nOut, p.l, p.weight, p.inner, p.innerWeight);
-}
-
 void runColumnPass(const Pass1D& p, const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride,
                    std::int64_t nOut, std::int64_t nf, double* sums, std::vector<const float*>& rows) {
   if (p.fir) {
@@ -202,6 +195,13 @@ void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const Separ
   const std::int64_t W = out.rect.width;
   if (W <= 0 || out.rect.height <= 0) return;
   const int sx = plan.supportX();
+  if (plan.horizontal.size() == 1 && plan.horizontal.front().fir) {
+    // A direct pass filters blocks of rows at once and applies the input rule itself.
+    const Pass1D& p = plan.horizontal.front();
+    firRows(in.at(out.rect.x - sx, out.rect.y), in.stride, out.row(out.rect.y), out.stride, out.rect.height, W,
+            p.taps.data(), int(p.taps.size()));
+    return;
+  }
   const std::int64_t nIn = W + 2 * sx;
   float* rowA = sized(scratch.rowA, std::size_t(nIn * 4));
   float* rowB = sized(scratch.rowB, std::size_t(nIn * 4));
@@ -212,19 +212,15 @@ void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const Separ
       gridCopy(src, dstRow, W * 4);
       continue;
     }
-    // Box passes sum exactly on the grid; direct passes only need the input rule (NaN as 0,
-    // clamped), which the grid rounding also applies.
-    if (plan.horizontal.front().fir)
-      copyClamped(src, rowA, nIn * 4);
-    else
-      gridCopy(src, rowA, nIn * 4);
+    // Box passes sum exactly on the grid.
+    gridCopy(src, rowA, nIn * 4);
     const float* cur = rowA;
     std::int64_t n = nIn;
     for (std::size_t i = 0; i < plan.horizontal.size(); ++i) {
       const Pass1D& p = plan.horizontal[i];
       const std::int64_t nOut = n - 2 * p.support();
       float* dst = i + 1 == plan.horizontal.size() ? dstRow : (cur == rowA ? rowB : rowA);
-      runRowPass(p, cur, dst, nOut);
+      boxRow(cur, dst, nOut, p.l, p.weight, p.inner, p.innerWeight);
       cur = dst;
       n = nOut;
     }

@@ -75,12 +75,13 @@ struct SeparablePlan {
 //     (bench/README.md) it is the one that agrees with the direct kernel within the golden
 //     tolerance: its kernel differs from the truncated sampled Gaussian by about 1 % of the
 //     peak, where three extended boxes (one width each) differ by 6 %.
-// The switch is at kDirectSigma, where the direct passes stopped being faster (measured:
-// bench/blur_bench.cpp, BM_GaussianPlan_RGBAf, see bench/README.md). The vector box passes now
-// cost as much as the direct ones near sigma 10, but the switch stays: at sigma 8, 10 and 12.5
-// the boxes fall outside the golden tolerance of the direct kernel on the nearly transparent
-// colour edges of the photo with alpha (they agree from 16 up). Sigma is capped at kMaxSigma to
-// bound the region a tile reads.
+// The switch is at kDirectSigma, where the direct passes stop being faster (measured:
+// bench/blur_bench.cpp, BM_GaussianPlan_RGBAf, see bench/README.md): with the symmetric taps
+// folded, the direct passes take 107 ms at sigma 18, 112 at 20 and 122 at 22 where the boxes
+// take 116, 113 and 111. Were the direct kernel slower, the switch could not go below about 16:
+// at sigma 8, 10 and 12.5 the boxes fall outside the golden tolerance of the direct kernel on
+// the nearly transparent colour edges of the photo with alpha (they agree from 14 up). Sigma is
+// capped at kMaxSigma to bound the region a tile reads.
 inline constexpr double kIdentitySigma = 0.16;
 inline constexpr double kDirectSigma = 20.0;
 inline constexpr double kMaxSigma = 500.0;
@@ -101,18 +102,20 @@ void applySeparable(const ConstPixelTile& in, const PixelTile& out, const Separa
 void applyHorizontal(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
 void applyVertical(const ConstPixelTile& in, const PixelTile& out, const SeparablePlan& plan);
 
-// Direct convolution kernels (BlurFir.cpp), on interleaved RGBA floats. Each output value is
-// the same sum of products in the same order wherever it lies in a row or a tile.
-//   firRow: out pixel j = sum over k of taps[k] * in pixel j + k, for j < nOut; `in` holds
-//     nOut + nTaps - 1 pixels.
+// Direct convolution kernels (BlurFir.cpp), on interleaved RGBA floats, with symmetric taps
+// (taps[k] == taps[nTaps - 1 - k], nTaps odd). Each output value is the same sum of products in
+// the same order wherever it lies in a row, a block of rows or a tile: the outermost pair of
+// inputs added and multiplied by its tap, each pair inwards added and multiplied-added, the
+// centre last.
+//   firRows: out row r pixel j = sum over k of taps[k] * in row r pixel j + k, for r < nRows
+//     and j < nOut; each `in` row holds nOut + nTaps - 1 pixels and is read with the input rule
+//     of every separable pass (NaN as 0, clamped to ±kGridLimit).
 //   firColumns: out row j = sum over k of taps[k] * rows[j + k], nf floats per row (a multiple
 //     of 4), for j < nOut; `rows` holds nOut + nTaps - 1 row pointers.
-//   copyClamped: out = in with NaN read as 0 and values clamped to ±kGridLimit, the input
-//     rule of every separable pass.
-void firRow(const float* in, float* out, std::int64_t nOut, const float* taps, int nTaps);
+void firRows(const float* in, std::ptrdiff_t inStride, float* out, std::ptrdiff_t outStride, std::int64_t nRows,
+             std::int64_t nOut, const float* taps, int nTaps);
 void firColumns(const float* const* rows, float* out, std::ptrdiff_t outStride, std::int64_t nOut, std::int64_t nf,
                 const float* taps, int nTaps);
-void copyClamped(const float* in, float* out, std::int64_t n);
 
 // Running-sum kernels of the box passes (BlurBoxes.cpp), the same bits on every instruction set
 // and at every position:

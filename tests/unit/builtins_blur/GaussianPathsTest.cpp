@@ -119,28 +119,37 @@ TEST(GaussianPaths, PlanSwitchesAtTheMeasuredRadius) {
 }
 
 TEST(GaussianPaths, DirectIsTheTwoDimensionalSampledGaussian) {
-  // Oracle: the 2-D convolution with the product of the normalised 1-D weights, in double.
-  const CIImage image = makeTestImageWithAlpha(23, 17, {3, 4});
-  const Floats in = Floats::render(image, image.extent());
-  for (double sigma : {0.7, 2.5, 4.0}) {
-    const CIImage out = applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(sigma)}});
-    const int r = int(std::ceil(3 * sigma));
-    std::vector<double> g(std::size_t(2 * r + 1));
-    double sum = 0;
-    for (int k = -r; k <= r; ++k) sum += g[std::size_t(k + r)] = std::exp(-0.5 * k * k / (sigma * sigma));
-    for (double& v : g) v /= sum;
-    const CGRect e = out.extent();
-    EXPECT_EQ(e.origin.x, 3 - r);
-    const Floats f = Floats::render(out, e);
-    for (std::int64_t y = std::int64_t(e.origin.y); y < std::int64_t(CGRectGetMaxY(e)); ++y)
-      for (std::int64_t x = std::int64_t(e.origin.x); x < std::int64_t(CGRectGetMaxX(e)); ++x)
-        for (int c = 0; c < 4; ++c) {
-          double expected = 0;
-          for (int dy = -r; dy <= r; ++dy)
-            for (int dx = -r; dx <= r; ++dx)
-              expected += g[std::size_t(dx + r)] * g[std::size_t(dy + r)] * in.at(x + dx, y + dy, c);
-          ASSERT_NEAR(f.at(x, y, c), expected, 2e-6) << sigma << " at " << x << "," << y;
-        }
+  // Oracle: the 2-D convolution with the product of the normalised 1-D weights, in double. On
+  // a picture with alpha, and on one far narrower and lower than the kernels of sigma 6 and 10
+  // (37 and 61 taps on 5 x 3 pixels).
+  struct Case {
+    CIImage image;
+    std::vector<double> sigmas;
+  };
+  const Case cases[] = {{makeTestImageWithAlpha(23, 17, {3, 4}), {0.7, 2.5, 4.0}},
+                        {makeTestImageWithAlpha(5, 3, {3, 4}, 7), {6.0, 10.0}}};
+  for (const auto& [image, sigmas] : cases) {
+    const Floats in = Floats::render(image, image.extent());
+    for (double sigma : sigmas) {
+      const CIImage out = applyFilter("CIGaussianBlur", image, {{"inputRadius", Value(sigma)}});
+      const int r = int(std::ceil(3 * sigma));
+      std::vector<double> g(std::size_t(2 * r + 1));
+      double sum = 0;
+      for (int k = -r; k <= r; ++k) sum += g[std::size_t(k + r)] = std::exp(-0.5 * k * k / (sigma * sigma));
+      for (double& v : g) v /= sum;
+      const CGRect e = out.extent();
+      EXPECT_EQ(e.origin.x, 3 - r);
+      const Floats f = Floats::render(out, e);
+      for (std::int64_t y = std::int64_t(e.origin.y); y < std::int64_t(CGRectGetMaxY(e)); ++y)
+        for (std::int64_t x = std::int64_t(e.origin.x); x < std::int64_t(CGRectGetMaxX(e)); ++x)
+          for (int c = 0; c < 4; ++c) {
+            double expected = 0;
+            for (int dy = -r; dy <= r; ++dy)
+              for (int dx = -r; dx <= r; ++dx)
+                expected += g[std::size_t(dx + r)] * g[std::size_t(dy + r)] * in.at(x + dx, y + dy, c);
+            ASSERT_NEAR(f.at(x, y, c), expected, 2e-6) << sigma << " at " << x << "," << y;
+          }
+    }
   }
 }
 

@@ -115,3 +115,38 @@ TEST(ColumnCarry, StripsOfOneRendererEqualOneRender) {
     EXPECT_TRUE(bitwiseEqual(whole, strips)) << "max difference " << maxAbsDifference(whole, strips);
   }
 }
+
+TEST(ColumnCarry, FileOfManyStripsAndColumnsOnTwoThreadsEqualsOneRender) {
+  // Three strips of the file writer (3 MB of 8-bit rows each: 768 rows of 1024 pixels) and
+  // sixteen columns of 64 pixels on two workers, which go on to their next strip without
+  // waiting for each other: the file holds the one-tile render's pixels.
+  const auto dir = std::filesystem::temp_directory_path() / "qv_engine_tests";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "carry_many_strips.png").string();
+  const CIImage img = makeTestImageWithAlpha(1024, 2000, CGPointMake(0, 0), 5);
+  const CIImage blurred =
+      filtered("CIGaussianBlur", clamped(img), kCIInputRadiusKey, Value(6.0)).imageByCroppingToRect(img.extent());
+  CIContext(renderOptions(2, 64)).writeToFile(blurred, path, CGRectNull);
+  const CIImage back = CIImage::imageWithContentsOfFile(path);
+  ASSERT_FALSE(back.isNil());
+  EXPECT_EQ(renderRGBA8(back, back.extent()), renderRGBA8(blurred, img.extent(), renderOptions(1, 8192)));
+  std::filesystem::remove(path);
+}
+
+TEST(ColumnCarry, FileRenderOnTwoThreadsStopsAtADecodeError) {
+  // A JPEG cut short, blurred and written on two workers: the render stops with the decode
+  // error (no hang of the worker or the encoder waiting for the other).
+  const auto dir = std::filesystem::temp_directory_path() / "qv_engine_tests";
+  std::filesystem::create_directories(dir);
+  const std::string source = (dir / "carry_cut.jpg").string(), path = (dir / "carry_cut_out.jpg").string();
+  const CIImage img = makeTestImageWithAlpha(1024, 2000, CGPointMake(0, 0), 3);
+  CIContext(renderOptions(2, 0)).writeToFile(img, source, CGRectNull, 0.9);
+  std::filesystem::resize_file(source, std::filesystem::file_size(source) * 2 / 5);
+  const CIImage cut = CIImage::imageWithContentsOfFile(source);
+  ASSERT_FALSE(cut.isNil());
+  const CIImage blurred =
+      filtered("CIGaussianBlur", clamped(cut), kCIInputRadiusKey, Value(4.0)).imageByCroppingToRect(cut.extent());
+  EXPECT_THROW(CIContext(renderOptions(2, 64)).writeToFile(blurred, path, CGRectNull, 0.9), CIImageDecodeError);
+  std::filesystem::remove(source);
+  std::filesystem::remove(path);
+}
