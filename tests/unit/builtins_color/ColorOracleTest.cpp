@@ -397,6 +397,29 @@ TEST(ColourRegistry, CategoriesAndRanges) {
   EXPECT_EQ(contrast[kCIAttributeIdentity].doubleValue(), 1.0);
 }
 
+// Pixels for the matrix rows' tests: transparent, colour beyond alpha, opaque white, values
+// out of range, then 60 pseudo-random components from `seed`.
+std::vector<float> matrixRowPixels(std::uint32_t seed) {
+  std::vector<float> pixels{0, 0, 0, 0, 0.3f, 0.2f, 0.1f, 0, 1, 1, 1, 1, 1.5f, -0.25f, 0.5f, 1, 0.2f, 0.1f, 0.05f, 0.4f};
+  std::uint32_t state = seed;
+  for (int i = 0; i < 60; ++i) {
+    state = state * 1664525u + 1013904223u;
+    pixels.push_back(float(state >> 8) / float(1u << 24) * 1.2f - 0.1f);
+  }
+  return pixels;
+}
+
+// A matrix that mixes every component with alpha and a bias: the general form.
+ColorMatrix generalMatrix() {
+  return ColorMatrix::fromRows({0.9, 0.1, 0.05, 0.2}, {0.3, 0.6, 0.1, -0.1}, {0.0, 0.2, 1.1, 0.0},
+                               {0.1, 0.0, 0.0, 0.8}, {0.05, -0.02, 0.1, 0.1});
+}
+
+// A fade, linear in premultiplied values.
+ColorMatrix fadeMatrix() {
+  return ColorMatrix::fromRows({0.8, 0.1, 0, 0}, {0, 1, 0, 0}, {0.1, 0, 0.9, 0}, {0, 0, 0, 0.7}, {0, 0, 0, 0});
+}
+
 }  // namespace
 
 // The matrix runs eight pixels at a time, then four; each row must give, bit for bit, the
@@ -404,16 +427,9 @@ TEST(ColourRegistry, CategoriesAndRanges) {
 // of eight and of four, and a last group of fewer than four), in both of its forms (general, and
 // linear in premultiplied values).
 TEST(ColorMatrixRows, GroupsOfPixelsEqualThePerPixelFormulaBitForBit) {
-  std::vector<float> pixels{0, 0, 0, 0, 0.3f, 0.2f, 0.1f, 0, 1, 1, 1, 1, 1.5f, -0.25f, 0.5f, 1, 0.2f, 0.1f, 0.05f, 0.4f};
-  std::uint32_t state = 99;
-  for (int i = 0; i < 60; ++i) {
-    state = state * 1664525u + 1013904223u;
-    pixels.push_back(float(state >> 8) / float(1u << 24) * 1.2f - 0.1f);
-  }
+  const std::vector<float> pixels = matrixRowPixels(99);
   const std::size_t count = pixels.size() / 4;
-  const ColorMatrix general = ColorMatrix::fromRows({0.9, 0.1, 0.05, 0.2}, {0.3, 0.6, 0.1, -0.1}, {0.0, 0.2, 1.1, 0.0},
-                                                    {0.1, 0.0, 0.0, 0.8}, {0.05, -0.02, 0.1, 0.1});
-  const ColorMatrix fade = ColorMatrix::fromRows({0.8, 0.1, 0, 0}, {0, 1, 0, 0}, {0.1, 0, 0.9, 0}, {0, 0, 0, 0.7}, {0, 0, 0, 0});
+  const ColorMatrix general = generalMatrix(), fade = fadeMatrix();
   for (const ColorMatrix& m : {general, fade}) {
     const ColorMatrixNode node(CIImage::emptyImage(), m);
     float c[20];
@@ -451,16 +467,9 @@ TEST(ColorMatrixRows, GroupsOfPixelsEqualThePerPixelFormulaBitForBit) {
 // order) give, bit for bit, the first matrix's row followed by the second's, for every row
 // length, transparent pixels and colour beyond alpha among them.
 TEST(ColorMatrixRows, TwoMatricesInOnePassEqualOneAfterTheOtherBitForBit) {
-  std::vector<float> pixels{0, 0, 0, 0, 0.3f, 0.2f, 0.1f, 0, 1, 1, 1, 1, 1.5f, -0.25f, 0.5f, 1, 0.2f, 0.1f, 0.05f, 0.4f};
-  std::uint32_t state = 4242;
-  for (int i = 0; i < 60; ++i) {
-    state = state * 1664525u + 1013904223u;
-    pixels.push_back(float(state >> 8) / float(1u << 24) * 1.2f - 0.1f);
-  }
+  const std::vector<float> pixels = matrixRowPixels(4242);
   const std::size_t count = pixels.size() / 4;
-  const ColorMatrix general = ColorMatrix::fromRows({0.9, 0.1, 0.05, 0.2}, {0.3, 0.6, 0.1, -0.1}, {0.0, 0.2, 1.1, 0.0},
-                                                    {0.1, 0.0, 0.0, 0.8}, {0.05, -0.02, 0.1, 0.1});
-  const ColorMatrix fade = ColorMatrix::fromRows({0.8, 0.1, 0, 0}, {0, 1, 0, 0}, {0.1, 0, 0.9, 0}, {0, 0, 0, 0.7}, {0, 0, 0, 0});
+  const ColorMatrix general = generalMatrix(), fade = fadeMatrix();
   const ColorMatrixNode g(CIImage::emptyImage(), general), f(CIImage::emptyImage(), fade);
   for (const ColorMatrixNode* first : {&g, &f}) {
     for (const ColorMatrixNode* second : {&g, &f}) {

@@ -4,8 +4,10 @@
 // render in little memory, split between the threads.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "CoreImage/CIColor.h"
@@ -26,6 +28,29 @@ CIContextOptions tiles(int tileSize, int threads) {
 
 CIImage scaled(const CIImage& input, double sx, double sy) {
   return CIImage(std::make_shared<LanczosScaleNode>(input, sx, sy));
+}
+
+// Renders `roi` of `img` as a node's input tile: rows stored bottom row first, as nodes read them.
+ConstPixelTile inputTile(const CIImage& img, const PixelRect& roi, std::vector<float>& store) {
+  const auto top = renderRGBAf(img, roi.cgRect());
+  store.resize(top.size());
+  const std::size_t row = std::size_t(roi.width) * 4;
+  for (std::int64_t r = 0; r < roi.height; ++r)
+    std::copy_n(top.data() + std::size_t(roi.height - 1 - r) * row, row, store.data() + std::size_t(r) * row);
+  return ConstPixelTile{store.data(), roi, roi.width * 4};
+}
+
+// Renders the tile `rect` of `node` directly, handed its input region `roi` of `img` at once;
+// `state` carries the column's state from the tile above.
+std::vector<float> renderNodeTile(const LanczosScaleNode& node, const CIImage& img, const PixelRect& rect,
+                                  const PixelRect& roi, std::shared_ptr<void>& state) {
+  std::vector<float> in;
+  const ConstPixelTile tile = inputTile(img, roi, in);
+  std::vector<float> out(std::size_t(rect.area()) * 4, 0.0f);
+  RenderInfo info;
+  info.state = &state;
+  node.render(PixelTile{out.data(), rect, rect.width * 4}, std::span<const ConstPixelTile>(&tile, 1), info);
+  return out;
 }
 
 // Renders the image's extent in one tile, in square tiles of 16 and 17 on one and two threads,
@@ -138,23 +163,8 @@ TEST(LanczosStream, ContinuedColumnEqualsAFreshStart) {
   const CIImage img = makeTestImageWithAlpha(120, 90, {}, 18);
   const LanczosScaleNode node(img, 0.23, 0.31);
   const PixelRect above{3, 14, 21, 9}, below{3, 6, 21, 8};
-  auto inputFor = [&](const PixelRect& roi, std::vector<float>& store) {
-    // Rendered top row first; the node wants row 0 at the bottom.
-    const auto top = renderRGBAf(img, roi.cgRect());
-    store.resize(top.size());
-    const std::size_t row = std::size_t(roi.width) * 4;
-    for (std::int64_t r = 0; r < roi.height; ++r)
-      std::copy_n(top.data() + std::size_t(roi.height - 1 - r) * row, row, store.data() + std::size_t(r) * row);
-    return ConstPixelTile{store.data(), roi, roi.width * 4};
-  };
   auto renderTile = [&](const PixelRect& rect, const PixelRect& roi, std::shared_ptr<void>& state) {
-    std::vector<float> in;
-    const ConstPixelTile tile = inputFor(roi, in);
-    std::vector<float> out(std::size_t(rect.area()) * 4, 0.0f);
-    RenderInfo info;
-    info.state = &state;
-    node.render(PixelTile{out.data(), rect, rect.width * 4}, std::span<const ConstPixelTile>(&tile, 1), info);
-    return out;
+    return renderNodeTile(node, img, rect, roi, state);
   };
   std::shared_ptr<void> column, fresh;
   renderTile(above, node.regionOfInterest(0, above), column);
@@ -175,22 +185,8 @@ TEST(LanczosStream, InputReadInBandsEqualsTheWholeRegionAtOnce) {
   const LanczosScaleNode node(img, 0.2, 0.17);
   ASSERT_TRUE(node.readsInputInBands());
   const PixelRect above{2, 12, 25, 8}, below{2, 5, 25, 7};
-  auto inputFor = [&](const PixelRect& roi, std::vector<float>& store) {
-    const auto top = renderRGBAf(img, roi.cgRect());
-    store.resize(top.size());
-    const std::size_t row = std::size_t(roi.width) * 4;
-    for (std::int64_t r = 0; r < roi.height; ++r)
-      std::copy_n(top.data() + std::size_t(roi.height - 1 - r) * row, row, store.data() + std::size_t(r) * row);
-    return ConstPixelTile{store.data(), roi, roi.width * 4};
-  };
   auto renderWhole = [&](const PixelRect& rect, const PixelRect& roi, std::shared_ptr<void>& state) {
-    std::vector<float> in;
-    const ConstPixelTile tile = inputFor(roi, in);
-    std::vector<float> out(std::size_t(rect.area()) * 4, 0.0f);
-    RenderInfo info;
-    info.state = &state;
-    node.render(PixelTile{out.data(), rect, rect.width * 4}, std::span<const ConstPixelTile>(&tile, 1), info);
-    return out;
+    return renderNodeTile(node, img, rect, roi, state);
   };
   auto renderInBands = [&](const PixelRect& rect, const PixelRect& roi, std::shared_ptr<void>& state) {
     RenderInfo info;
@@ -200,11 +196,11 @@ TEST(LanczosStream, InputReadInBandsEqualsTheWholeRegionAtOnce) {
     int bands = 0;
     for (; y1 - roi.y > kRows; y1 -= kRows, ++bands) {
       std::vector<float> in;
-      node.readInputBand(rect, inputFor(PixelRect{roi.x, y1 - kRows, roi.width, kRows}, in), info);
+      node.readInputBand(rect, inputTile(img, PixelRect{roi.x, y1 - kRows, roi.width, kRows}, in), info);
     }
     EXPECT_GE(bands, 2);
     std::vector<float> in;
-    const ConstPixelTile lowest = inputFor(PixelRect{roi.x, roi.y, roi.width, y1 - roi.y}, in);
+    const ConstPixelTile lowest = inputTile(img, PixelRect{roi.x, roi.y, roi.width, y1 - roi.y}, in);
     std::vector<float> out(std::size_t(rect.area()) * 4, 0.0f);
     node.render(PixelTile{out.data(), rect, rect.width * 4}, std::span<const ConstPixelTile>(&lowest, 1), info);
     return out;
